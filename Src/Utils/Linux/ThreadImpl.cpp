@@ -1,0 +1,49 @@
+#include "Src/Utils/Linux/ThreadImpl.h"
+
+#include <glib.h>
+
+#include "Src/Utils/VokThrow.h"
+#include "vok/Thread.h"
+
+namespace vok {
+
+ThreadImpl::ThreadImpl(const std::string& name, const std::function<void()>& entry)
+    : name_(name), pThread_(nullptr), entry_(entry) {}
+
+void* ThreadImpl::ThreadEntry(void* data) {
+    // An empty callable raises std::bad_function_call here, on the new thread.
+    static_cast<ThreadImpl*>(data)->entry_();
+    return nullptr;
+}
+
+void ThreadImpl::Start() {
+    GError* error = nullptr;
+    // Joinable, default stack size, normal priority; no name, so the OS thread keeps the
+    // process's name.
+    GThread* thread = g_thread_try_new(nullptr, &ThreadImpl::ThreadEntry, this, &error);
+    if (thread == nullptr) {
+        if (error != nullptr) {
+            g_error_free(error);
+        }
+        VOK_THROW_RESOURCE_ERROR(kVokErrFailed, nullptr);
+    }
+    pThread_ = thread;
+}
+
+void ThreadImpl::Join() {
+    if (pThread_ == nullptr) {
+        VOK_THROW_PROGRAM_ERROR(kVokErrFailed, nullptr);
+    }
+    GThread* thread = pThread_;
+    pThread_ = nullptr;
+    (void)g_thread_join(thread);
+}
+
+ThreadBase::ThreadBase(const std::string& name, const std::function<void()>& entry)
+    : pImpl_(new ThreadImpl(name, entry)) {}
+ThreadBase::~ThreadBase() { delete pImpl_; }
+void ThreadBase::Start() { pImpl_->Start(); }
+void ThreadBase::Join() { pImpl_->Join(); }
+const std::string& ThreadBase::GetName() const { return pImpl_->GetName(); }
+
+}  // namespace vok

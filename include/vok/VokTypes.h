@@ -1,0 +1,37 @@
+// Basic types shared by every part of the framework.
+#ifndef VOK_VOKTYPES_H
+#define VOK_VOKTYPES_H
+
+#include <cstdint>
+
+namespace vok {
+
+// The framework's one-byte truth type: 1 true, 0 false.
+typedef uint8_t Boolean;
+
+// Base of the framework's fronts: copying and assignment are forbidden.
+class Uncopyable {
+protected:
+    Uncopyable() = default;
+    ~Uncopyable() = default;
+
+private:
+    Uncopyable(const Uncopyable&);
+    Uncopyable& operator=(const Uncopyable&);
+};
+
+// Base of shared implementation objects. The count starts at 1 (the reference of the object's
+// creator). Taking and dropping are done by the derived classes on their owning thread; the
+// count is not atomic.
+class RefCounted {
+public:
+    RefCounted() : m_refCount(1) {}
+    virtual ~RefCounted() = default;
+
+protected:
+    uint32_t m_refCount;
+};
+
+}  // namespace vok
+
+#endif  // VOK_VOKTYPES_H

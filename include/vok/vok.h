@@ -1,0 +1,14 @@
+// Umbrella header of the vok framework library.
+#ifndef VOK_VOK_H
+#define VOK_VOK_H
+
+#include <vok/ArgvMaker.h>
+#include <vok/DiagnosticRegister.h>
+#include <vok/Event.h>
+#include <vok/Logger.h>
+#include <vok/Mutex.h>
+#include <vok/Thread.h>
+#include <vok/VokError.h>
+#include <vok/VokTypes.h>
+
+#endif  // VOK_VOK_H

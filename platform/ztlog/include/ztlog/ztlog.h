@@ -1,0 +1,83 @@
+/*
+ * ztlog: the platform logging library.
+ *
+ * Log contexts are looked up by name and live for the whole process. A context's first member is
+ * its current threshold: a message is written when its level is at or below the threshold. Levels
+ * have syslog's meanings: 0 emergency, 1 alert, 2 critical, 3 error, 4 warning, 5 notice, 6 info,
+ * 7 debug.
+ *
+ * Thresholds come from the environment on first use: ZTLOG_LEVELS is a comma list of
+ * "context=level" entries (level by number or by syslog name). A context takes the setting of its
+ * longest dotted prefix ("VOK=4,VOK.MessageMover.Msg.Write=7"); "*=level" sets the default for
+ * unmatched contexts, which is otherwise warning (4). ZTLOG_OUTPUT=syslog sends lines to syslog
+ * instead of standard error.
+ *
+ * Every function is thread-safe. Each line is written whole, with one write, as
+ * "TIMESTAMP LEVEL [CONTEXT] (tid N) MESSAGE".
+ */
+#ifndef ZTLOG_ZTLOG_H
+#define ZTLOG_ZTLOG_H
+
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum {
+    kZtLogEmergency = 0,
+    kZtLogAlert = 1,
+    kZtLogCritical = 2,
+    kZtLogError = 3,
+    kZtLogWarning = 4,
+    kZtLogNotice = 5,
+    kZtLogInfo = 6,
+    kZtLogDebug = 7
+};
+
+/* A named log context. Only the first member is part of the interface: the current threshold,
+ * which callers may read (atomically, relaxed) to skip formatting of messages that would be
+ * dropped. Contexts are never freed. */
+typedef struct ZtLogContext {
+    int32_t threshold;
+} ZtLogContext;
+
+/* Finds or creates the context called name and stores it in *ctx. Returns 0 on success, -1 when
+ * name or ctx is NULL or memory runs out (then *ctx, if ctx is given, is the default context). */
+int ZtLogGetContext(const char* name, ZtLogContext** ctx);
+
+/* Writes one message at level when level <= the context's threshold. A NULL context logs through
+ * the default context "default". A trailing newline in the formatted text is dropped; the text is
+ * written as one line. */
+void ZtLogVPrint(ZtLogContext* ctx, int level, const char* format, va_list args);
+void ZtLogPrint(ZtLogContext* ctx, int level, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+/* Writes len bytes of data as a hex dump, one line per 16 bytes: offset, hex bytes and their
+ * printable characters. format is reserved and must be 0. */
+void ZtLogDumpData(ZtLogContext* ctx, int level, const void* data, size_t len, int format);
+
+/* Sets the threshold of the context called name (creating it if needed). Returns 0, or -1 for a
+ * NULL name or a level outside 0..7. */
+int ZtLogSetLevel(const char* name, int level);
+
+/* Receives every line instead of the normal output: the level, the context name and the message
+ * text without timestamp or trailing newline. */
+typedef void (*ZtLogOutputHook)(void* user, int level, const char* contextName,
+                                const char* message);
+
+/* Installs hook (NULL restores the normal output). When this returns, no call of the previous
+ * hook is still running. A hook may log (it is then called again) but must not call
+ * ZtLogSetOutputHook. */
+void ZtLogSetOutputHook(ZtLogOutputHook hook, void* user);
+
+/* Returns the syslog name of a level ("crit", "debug", ...) or "?" outside 0..7. */
+const char* ZtLogLevelName(int level);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ZTLOG_ZTLOG_H */

@@ -1,0 +1,37 @@
+#!/bin/bash
+# Installs the Debian packages a target needs, only when some are missing.
+# Usage: deps.sh [base] [armhf] [tools]
+set -euo pipefail
+
+declare -A groups=(
+    [base]="build-essential cmake pkg-config libglib2.0-dev libjson-c-dev libgtest-dev libgmock-dev libbenchmark-dev dbus-daemon"
+    [armhf]="g++-arm-linux-gnueabihf qemu-user debootstrap"
+    [tools]="valgrind clang-format"
+)
+
+wanted=()
+for group in "${@:-base}"; do
+    if [ -z "${groups[$group]+x}" ]; then
+        echo "deps.sh: unknown group $group" >&2
+        exit 2
+    fi
+    read -r -a pkgs <<<"${groups[$group]}"
+    wanted+=("${pkgs[@]}")
+done
+
+missing=()
+for pkg in "${wanted[@]}"; do
+    if ! dpkg -s "$pkg" 2>/dev/null | grep -q '^Status: install ok installed'; then
+        missing+=("$pkg")
+    fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "deps.sh: installing ${missing[*]}" >&2
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then
+    sudo="sudo"
+fi
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -q
+$sudo apt-get install -y -q --no-install-recommends "${missing[@]}"

@@ -1,0 +1,179 @@
+// The checked linked list: behaviour, fatal checks and invariant assertions.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "Src/LinkedList/linked_list.h"
+
+namespace vok {
+namespace {
+
+struct Item {
+    LinkedListLinkType node;
+    int value;
+};
+
+class LinkedListTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        LinkedListHeadInit(&head_);
+        for (int i = 0; i < 4; ++i) {
+            items_[i].value = i;
+            LinkedListNodeInit(&items_[i].node, &items_[i]);
+        }
+    }
+
+    std::vector<int> Values() {
+        std::vector<int> values;
+        for (LinkedListLinkType* n = LinkedListGetFirst(&head_); n != nullptr;
+             n = LinkedListGetNext(&head_, n)) {
+            values.push_back(static_cast<Item*>(LinkedListNodeParentObjGet(n))->value);
+        }
+        return values;
+    }
+
+    LinkedListHeadType head_;
+    Item items_[4];
+};
+
+TEST_F(LinkedListTest, EnqueueAtBothEndsAndDequeueKeepTailAndCount) {
+    LinkedListEnqueueTail(&head_, &items_[1].node);
+    LinkedListEnqueueTail(&head_, &items_[2].node);
+    LinkedListEnqueueHead(&head_, &items_[0].node);
+    EXPECT_EQ((std::vector<int>{0, 1, 2}), Values());
+    EXPECT_EQ(3, LinkedListGetCount(&head_));
+    EXPECT_EQ(1, LinkedListNodeIsLinked(&items_[2].node));
+
+    // Removing the tail makes its predecessor the tail; a later tail enqueue follows it.
+    EXPECT_EQ(&items_[2].node, LinkedListDequeue(&head_, &items_[2].node));
+    EXPECT_EQ(&items_[1].node, head_.tailP);
+    EXPECT_EQ(0, LinkedListNodeIsLinked(&items_[2].node));
+    LinkedListEnqueueTail(&head_, &items_[3].node);
+    EXPECT_EQ((std::vector<int>{0, 1, 3}), Values());
+
+    // Removing from the middle.
+    LinkedListDequeue(&head_, &items_[1].node);
+    EXPECT_EQ((std::vector<int>{0, 3}), Values());
+    EXPECT_EQ(&items_[0].node, LinkedListDequeueHead(&head_));
+    EXPECT_EQ(&items_[3].node, LinkedListDequeueHead(&head_));
+
+    // Empty again: first and tail NULL, count 0, and DequeueHead changes nothing.
+    EXPECT_EQ(nullptr, head_.firstP);
+    EXPECT_EQ(nullptr, head_.tailP);
+    EXPECT_EQ(0, LinkedListGetCount(&head_));
+    EXPECT_EQ(nullptr, LinkedListDequeueHead(&head_));
+    EXPECT_EQ(0, LinkedListGetCount(&head_));
+}
+
+TEST_F(LinkedListTest, EnqueueHeadOnEmptyListSetsTail) {
+    LinkedListEnqueueHead(&head_, &items_[0].node);
+    EXPECT_EQ(&items_[0].node, head_.tailP);
+    LinkedListEnqueueHead(&head_, &items_[1].node);
+    EXPECT_EQ(&items_[0].node, head_.tailP);
+    EXPECT_EQ((std::vector<int>{1, 0}), Values());
+}
+
+struct LockRecorder {
+    int depth = 0;
+    int maxDepth = 0;
+    int calls = 0;
+};
+
+void RecordLock(void* context, Boolean lock) {
+    LockRecorder* r = static_cast<LockRecorder*>(context);
+    r->depth += lock ? 1 : -1;
+    r->maxDepth = std::max(r->maxDepth, r->depth);
+    ++r->calls;
+}
+
+TEST_F(LinkedListTest, LockCallbackIsBalancedAndReentered) {
+    LockRecorder recorder;
+    head_.lockFn = &RecordLock;
+    head_.lockContextP = &recorder;
+    LinkedListEnqueueTail(&head_, &items_[0].node);
+    LinkedListEnqueueTail(&head_, &items_[1].node);
+    LinkedListDequeue(&head_, &items_[1].node);
+    EXPECT_EQ(0, recorder.depth);
+    EXPECT_GE(recorder.maxDepth, 2);  // public operation, then private step
+    EXPECT_GT(recorder.calls, 0);
+}
+
+const char kFatal[] = "FATAL ERROR: Condition test <";
+
+std::string FatalLine(const char* condition, const char* function, const char* info) {
+    // The line number is the check's own; the rest is exact.
+    return std::string("FATAL ERROR: Condition test <") + condition + "> failed in function " +
+           function + ", file Src/LinkedList/linked_list, line [0-9]+; additional info: <" +
+           info + ">\\.";
+}
+
+using LinkedListDeathTest = LinkedListTest;
+
+TEST_F(LinkedListDeathTest, NullArgumentsPrintTheFatalLineAndAbort) {
+    const auto abrt = ::testing::KilledBySignal(SIGABRT);
+    EXPECT_EXIT(LinkedListHeadInit(nullptr), abrt,
+                FatalLine("newHeadP", "LinkedListHeadInit", "NULL arg"));
+    EXPECT_EXIT(LinkedListNodeInit(nullptr, nullptr), abrt,
+                FatalLine("newNodeP", "LinkedListNodeInit", "NULL arg"));
+    EXPECT_EXIT(LinkedListNodeParentObjGet(nullptr), abrt,
+                FatalLine("nodeP", "LinkedListNodeParentObjGet", "NULL arg"));
+    EXPECT_EXIT(LinkedListNodeIsLinked(nullptr), abrt,
+                FatalLine("nodeP", "LinkedListNodeIsLinked", "NULL arg"));
+    EXPECT_EXIT(LinkedListEnqueueHead(&head_, nullptr), abrt,
+                FatalLine("listHeadP && newNodeP", "LinkedListEnqueueHead", "NULL arg"));
+    EXPECT_EXIT(LinkedListEnqueueTail(nullptr, &items_[0].node), abrt,
+                FatalLine("listHeadP && newNodeP", "LinkedListEnqueueTail", "NULL arg"));
+    EXPECT_EXIT(LinkedListDequeue(&head_, nullptr), abrt,
+                FatalLine("listHeadP && listNodeP", "LinkedListDequeue", "NULL arg"));
+    EXPECT_EXIT(LinkedListDequeueHead(nullptr), abrt,
+                FatalLine("listHeadP", "LinkedListDequeueHead", "NULL arg"));
+    EXPECT_EXIT(LinkedListGetFirst(nullptr), abrt,
+                FatalLine("listHeadP", "LinkedListGetFirst", "NULL arg"));
+    EXPECT_EXIT(LinkedListGetNext(&head_, nullptr), abrt,
+                FatalLine("listHeadP && listNodeP", "LinkedListGetNext", "NULL arg"));
+    EXPECT_EXIT(LinkedListGetCount(nullptr), abrt,
+                FatalLine("listHeadP", "LinkedListGetCount", "NULL arg"));
+    (void)kFatal;
+}
+
+TEST_F(LinkedListDeathTest, EnqueueOfLinkedNodeStopsTheProcess) {
+    LinkedListHeadType other;
+    LinkedListHeadInit(&other);
+    LinkedListEnqueueTail(&head_, &items_[0].node);
+    const std::string line =
+        FatalLine("!newNodeP->isLinked", "PrvLinkedListEnqueueAt", "list node already linked");
+    EXPECT_EXIT(LinkedListEnqueueTail(&head_, &items_[0].node),
+                ::testing::KilledBySignal(SIGABRT), line);
+    EXPECT_EXIT(LinkedListEnqueueHead(&other, &items_[0].node),
+                ::testing::KilledBySignal(SIGABRT), line);
+}
+
+TEST_F(LinkedListDeathTest, InvariantAssertionsCarryTheirExplanation) {
+    // A freed or never-initialised node has no signature.
+    Item garbage;
+    std::memset(&garbage, 0, sizeof garbage);
+    EXPECT_DEATH(LinkedListNodeIsLinked(&garbage.node),
+                 "\\(\\(listNodeP->signature == 0xEDFEADDEUL\\)\\) && \\(1 \\|\\| "
+                 "\\(\\(\"bad list node signature\"\\)\\)\\)");
+    // An unlinked node where a linked one is required.
+    EXPECT_DEATH(LinkedListGetNext(&head_, &items_[1].node),
+                 "\\(\\(listNodeP->isLinked\\)\\) && \\(1 \\|\\| \\(\\(\"list node not "
+                 "linked\"\\)\\)\\)");
+    EXPECT_DEATH(LinkedListDequeue(&head_, &items_[1].node), "list node not linked");
+    // A node linked into another list.
+    LinkedListHeadType other;
+    LinkedListHeadInit(&other);
+    LinkedListEnqueueTail(&other, &items_[2].node);
+    LinkedListEnqueueTail(&head_, &items_[3].node);
+    EXPECT_DEATH(LinkedListDequeue(&head_, &items_[2].node),
+                 "0 && \\(\\(\"list node not found\"\\)\\)");
+    // A corrupted head: a tail with no nodes counted.
+    head_.numNodes = 0;
+    EXPECT_DEATH(LinkedListEnqueueTail(&head_, &items_[0].node),
+                 "\\(\\(listHeadP->numNodes > 0\\)\\) && \\(1 \\|\\| \\(\\(\"non-NULL tail -- "
+                 ">= 1 nodes expected\"\\)\\)\\)");
+}
+
+}  // namespace
+}  // namespace vok

@@ -1,0 +1,160 @@
+// Logger thresholds, FuncLogger tracing, the exception family and the two throw forms.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <ztlog/ztlog.h>
+
+#include "Src/Core/MessageMover/MmfDiag.h"
+#include "Src/Utils/VokThrow.h"
+#include "support/LogCapture.h"
+#include "vok/Logger.h"
+#include "vok/VokError.h"
+
+namespace vok {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using test::LogCapture;
+using test::ScopedLogLevel;
+
+TEST(LoggerTest, ThresholdFourPassesWarningAndDropsDebugAndTracing) {
+    ScopedLogLevel level("Test.Four", 4);
+    LogCapture capture;
+    Logger logger("Test.Four");
+    logger.Critical("c%d", 1);
+    logger.Error("e");
+    logger.Warning("w");
+    logger.Debug("d");
+    { FuncLogger trace(logger, "Fn", &logger); }
+    auto lines = capture.Lines();
+    ASSERT_EQ(3u, lines.size());
+    EXPECT_EQ(kLogLevelCritical, lines[0].level);
+    EXPECT_EQ("c1", lines[0].message);
+    EXPECT_EQ(kLogLevelError, lines[1].level);
+    EXPECT_EQ(kLogLevelWarning, lines[2].level);
+}
+
+TEST(LoggerTest, ThresholdChangeTakesEffectAtNextCall) {
+    ScopedLogLevel level("Test.Change", 4);
+    LogCapture capture;
+    Logger logger("Test.Change");
+    logger.Debug("before");
+    ZtLogSetLevel("Test.Change", 7);
+    logger.Debug("after");
+    auto lines = capture.Lines();
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ("after", lines[0].message);
+}
+
+TEST(LoggerTest, DebugBinDumpsAtMost1024Bytes) {
+    ScopedLogLevel level("Test.Bin", 7);
+    LogCapture capture;
+    Logger logger("Test.Bin");
+    std::vector<unsigned char> data(5000, 0x5a);
+    logger.DebugBin(data.data(), data.size());
+    auto lines = capture.Lines();
+    ASSERT_EQ(1024u / 16, lines.size());
+    EXPECT_THAT(lines.back().message, HasSubstr("000003f0:"));
+}
+
+void TracedThrowingFunction(const Logger& logger, const void* object) {
+    FuncLogger trace(logger, __func__, object);
+    throw std::runtime_error("boom");
+}
+
+TEST(FuncLoggerTest, WritesEnteringAndLeavingEvenWhenThrowing) {
+    ScopedLogLevel level("Test.Trace", 7);
+    LogCapture capture;
+    Logger logger("Test.Trace");
+    int object = 0;
+    EXPECT_THROW(TracedThrowingFunction(logger, &object), std::runtime_error);
+    EXPECT_THROW(TracedThrowingFunction(logger, nullptr), std::runtime_error);
+    auto lines = capture.Lines();
+    ASSERT_EQ(4u, lines.size());
+    char expected[64];
+    snprintf(expected, sizeof expected, "TracedThrowingFunction: %p: Entering",
+             static_cast<void*>(&object));
+    EXPECT_EQ(expected, lines[0].message);
+    snprintf(expected, sizeof expected, "TracedThrowingFunction: %p: Leaving",
+             static_cast<void*>(&object));
+    EXPECT_EQ(expected, lines[1].message);
+    EXPECT_EQ("TracedThrowingFunction: Entering", lines[2].message);
+    EXPECT_EQ("TracedThrowingFunction: Leaving", lines[3].message);
+    EXPECT_EQ(kLogLevelDebug, lines[3].level);
+}
+
+TEST(MmfDiagTest, LoggersUseTheirFixedContexts) {
+    LogCapture capture;
+    MmfDiag::GetLogger().Critical("a");
+    MmfDiag::GetMsgReadLogger().Critical("b");
+    MmfDiag::GetMsgDeliveryLogger().Critical("c");
+    MmfDiag::GetMsgWriteLogger().Critical("d");
+    MmfDiag::GetLeakLogger().Critical("e");
+    auto lines = capture.Lines();
+    ASSERT_EQ(5u, lines.size());
+    EXPECT_EQ("VOK.MessageMover", lines[0].context);
+    EXPECT_EQ("VOK.MessageMover.Msg.Read", lines[1].context);
+    EXPECT_EQ("VOK.MessageMover.Msg.Deliver", lines[2].context);
+    EXPECT_EQ("VOK.MessageMover.Msg.Write", lines[3].context);
+    EXPECT_EQ("VOK.MessageMover.Leak", lines[4].context);
+    EXPECT_EQ(&MmfDiag::GetLogger(), &MmfDiag::GetLogger());
+}
+
+void ThrowsLogged(const Logger& logger) {
+    FuncLogger trace(logger, __func__, nullptr);
+    VOK_THROW_LOGGED_PROGRAM_ERROR(logger, "MmfMessageMgr is not ready for access");
+}
+
+TEST(ThrowFormTest, LoggedThrowWritesOneCriticalLineBeforeTheException) {
+    ScopedLogLevel level("VOK.MessageMover", 4);
+    LogCapture capture;
+    try {
+        ThrowsLogged(MmfDiag::GetLogger());
+        FAIL() << "no exception";
+    } catch (const VokProgramErrorException& e) {
+        EXPECT_EQ(kVokErrUnspecified, e.GetErr());
+        EXPECT_THAT(e.what(), MatchesRegex("ThrowsLogged:tests/Foundation/LoggingTest:[0-9]+:"
+                                           "MmfMessageMgr is not ready for access"));
+    }
+    auto lines = capture.Lines();
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ(kLogLevelCritical, lines[0].level);
+    EXPECT_THAT(lines[0].message,
+                MatchesRegex("THROWING EXCEPTION VokProgramErrorExceptionmsg<MmfMessageMgr is not "
+                             "ready for access> err<0XFFFFFFFF> : .*ThrowsLogged.* : "
+                             "tests/Foundation/LoggingTest : line [0-9]+"));
+}
+
+TEST(ThrowFormTest, UnloggedThrowsCarryCodeAndOptionalText) {
+    LogCapture capture;
+    try {
+        VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "Blade is not in the Running state.");
+    } catch (const VokException& e) {
+        EXPECT_NE(nullptr, dynamic_cast<const VokProgramErrorException*>(&e));
+        EXPECT_EQ(kVokErrFailed, e.GetErr());
+        EXPECT_THAT(e.what(), MatchesRegex("TestBody:tests/Foundation/LoggingTest:[0-9]+:Blade "
+                                           "is not in the Running state\\."));
+    }
+    try {
+        VOK_THROW_RESOURCE_ERROR(22, nullptr);
+    } catch (const VokResourceException& e) {
+        EXPECT_EQ(22, e.GetErr());
+        EXPECT_THAT(e.what(), MatchesRegex("TestBody:tests/Foundation/LoggingTest:[0-9]+"));
+    }
+    EXPECT_TRUE(capture.Lines().empty());
+}
+
+TEST(ThrowFormTest, MessageHasFunctionPathLineAndText) {
+    EXPECT_EQ("F:Src/A/B:12:t", detail::BuildExceptionMessage("F", "Src/A/B.cpp", 12, "t"));
+    EXPECT_EQ("F:Src/A.b/C:7", detail::BuildExceptionMessage("F", "Src/A.b/C", 7, nullptr));
+}
+
+TEST(FatalCheckDeathTest, PrintsTheFatalLineAndAborts) {
+    auto check = [](const char* p) { VOK_FATAL_CHECK(p, "NULL arg"); };
+    EXPECT_EXIT(check(nullptr), ::testing::KilledBySignal(SIGABRT),
+                "FATAL ERROR: Condition test <p> failed in function operator\\(\\), file "
+                "tests/Foundation/LoggingTest, line [0-9]+; additional info: <NULL arg>\\.");
+}
+
+}  // namespace
+}  // namespace vok

@@ -1,0 +1,111 @@
+// The logging library: configuration from the environment, output hook, dumps, threads.
+#include <gtest/gtest.h>
+#include <ztlog/ztlog.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "support/LogCapture.h"
+
+namespace {
+
+int32_t ThresholdOf(const char* name) {
+    ZtLogContext* ctx = nullptr;
+    EXPECT_EQ(0, ZtLogGetContext(name, &ctx));
+    return ctx->threshold;
+}
+
+TEST(ZtLogTest, ThresholdComesFromLongestDottedPrefix) {
+    // ZTLOG_LEVELS is set by the test definition: Zt=3, Zt.Sub=debug, Zt.Sub.Quiet=crit, *=6.
+    EXPECT_EQ(3, ThresholdOf("Zt"));
+    EXPECT_EQ(3, ThresholdOf("Zt.Other.Deep"));
+    EXPECT_EQ(7, ThresholdOf("Zt.Sub"));
+    EXPECT_EQ(7, ThresholdOf("Zt.Sub.Loud"));
+    EXPECT_EQ(2, ThresholdOf("Zt.Sub.Quiet.X"));
+    // A prefix must end at a dot: "Zt.Subway" is not under "Zt.Sub".
+    EXPECT_EQ(3, ThresholdOf("Zt.Subway"));
+    // Unmatched contexts take the "*" default; the bad level 11 was ignored.
+    EXPECT_EQ(6, ThresholdOf("Elsewhere"));
+    EXPECT_EQ(3, ThresholdOf("Zt.Bad"));
+}
+
+TEST(ZtLogTest, SameNameGivesSameContextAndSetLevelAppliesAtOnce) {
+    ZtLogContext* a = nullptr;
+    ZtLogContext* b = nullptr;
+    ZtLogGetContext("Zt.Same", &a);
+    ZtLogGetContext("Zt.Same", &b);
+    EXPECT_EQ(a, b);
+    EXPECT_EQ(0, ZtLogSetLevel("Zt.Same", 7));
+    EXPECT_EQ(7, a->threshold);
+    EXPECT_EQ(-1, ZtLogSetLevel("Zt.Same", 8));
+    EXPECT_EQ(-1, ZtLogSetLevel(nullptr, 1));
+    EXPECT_EQ(-1, ZtLogGetContext("x", nullptr));
+}
+
+TEST(ZtLogTest, HookReceivesFilteredLinesWithoutTrailingNewline) {
+    vok::test::LogCapture capture;
+    ZtLogContext* ctx = nullptr;
+    ZtLogGetContext("Zt", &ctx);  // threshold 3
+    ZtLogPrint(ctx, 2, "crit %d\n", 1);
+    ZtLogPrint(ctx, 3, "err %s", "two");
+    ZtLogPrint(ctx, 4, "dropped");
+    ZtLogPrint(nullptr, 6, "default context");
+    auto lines = capture.Lines();
+    ASSERT_EQ(3u, lines.size());
+    EXPECT_EQ("crit 1", lines[0].message);
+    EXPECT_EQ("Zt", lines[0].context);
+    EXPECT_EQ(2, lines[0].level);
+    EXPECT_EQ("err two", lines[1].message);
+    EXPECT_EQ("default", lines[2].context);
+}
+
+TEST(ZtLogTest, LongMessagesAreWrittenWhole) {
+    vok::test::LogCapture capture;
+    ZtLogContext* ctx = nullptr;
+    ZtLogGetContext("Zt", &ctx);
+    std::string big(5000, 'x');
+    ZtLogPrint(ctx, 2, "%s|", big.c_str());
+    auto lines = capture.Lines();
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ(big + "|", lines[0].message);
+}
+
+TEST(ZtLogTest, DumpWritesOffsetHexAndAscii) {
+    vok::test::LogCapture capture;
+    ZtLogContext* ctx = nullptr;
+    ZtLogGetContext("Zt", &ctx);
+    const char data[] = "ABCDEFGHIJKLMNOPqr\n";
+    ZtLogDumpData(ctx, 2, data, 19, 0);
+    auto lines = capture.Lines();
+    ASSERT_EQ(2u, lines.size());
+    EXPECT_EQ(
+        "00000000: 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50  |ABCDEFGHIJKLMNOP|",
+        lines[0].message);
+    EXPECT_EQ(
+        "00000010: 71 72 0a                                         |qr.|",
+        lines[1].message);
+}
+
+TEST(ZtLogTest, ConcurrentLoggingLosesNothing) {
+    vok::test::Watchdog watchdog;
+    vok::test::LogCapture capture;
+    const int kThreads = 4;
+    const int kLines = 2000;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t]() {
+            ZtLogContext* ctx = nullptr;
+            ZtLogGetContext(t % 2 ? "Zt.Sub.T" : "Zt.Sub.U", &ctx);
+            for (int i = 0; i < kLines; ++i) {
+                ZtLogPrint(ctx, 7, "t%d line %d", t, i);
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(static_cast<size_t>(kThreads * kLines), capture.Lines().size());
+}
+
+}  // namespace

@@ -1,0 +1,72 @@
+#include "support/LogCapture.h"
+
+#include <ztlog/ztlog.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace vok {
+namespace test {
+
+LogCapture::LogCapture() { ZtLogSetOutputHook(&LogCapture::Hook, this); }
+
+LogCapture::~LogCapture() { ZtLogSetOutputHook(nullptr, nullptr); }
+
+void LogCapture::Hook(void* user, int level, const char* context, const char* message) {
+    LogCapture* self = static_cast<LogCapture*>(user);
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    self->lines_.push_back(LogLine{level, context, message});
+}
+
+std::vector<LogLine> LogCapture::Lines() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+}
+
+std::vector<LogLine> LogCapture::Matching(const std::string& text) const {
+    std::vector<LogLine> result;
+    for (const LogLine& line : Lines()) {
+        if (line.message.find(text) != std::string::npos) {
+            result.push_back(line);
+        }
+    }
+    return result;
+}
+
+void LogCapture::Clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.clear();
+}
+
+ScopedLogLevel::ScopedLogLevel(const char* context, int level) : context_(context) {
+    ZtLogContext* ctx = nullptr;
+    ZtLogGetContext(context, &ctx);
+    previous_ = __atomic_load_n(&ctx->threshold, __ATOMIC_RELAXED);
+    ZtLogSetLevel(context, level);
+}
+
+ScopedLogLevel::~ScopedLogLevel() { ZtLogSetLevel(context_.c_str(), previous_); }
+
+Watchdog::Watchdog(std::chrono::seconds limit) {
+    thread_ = std::thread([this, limit]() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (!cond_.wait_for(lock, limit, [this]() { return done_; })) {
+            std::fprintf(stderr, "WATCHDOG: test did not finish within %ld s\n",
+                         static_cast<long>(limit.count()));
+            std::fflush(stderr);
+            std::abort();
+        }
+    });
+}
+
+Watchdog::~Watchdog() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        done_ = true;
+    }
+    cond_.notify_all();
+    thread_.join();
+}
+
+}  // namespace test
+}  // namespace vok
