@@ -11,7 +11,7 @@ namespace vok {
 // failure flag and an error text instead of throwing. Owns the vector and the text, which live
 // as long as the object. Use on one thread; not copyable.
 class ArgvMaker {
-public:
+  public:
     // commandLine must not be NULL.
     explicit ArgvMaker(const char* commandLine);
     ~ArgvMaker();
@@ -26,7 +26,7 @@ public:
     char** Argv() const { return ppArgv_; }
     int32_t Argc() const { return argc_; }
 
-private:
+  private:
     uint32_t parseFailed_ = 0;
     char* pErrorText_ = nullptr;
     char** ppArgv_ = nullptr;

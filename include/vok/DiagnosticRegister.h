@@ -23,7 +23,7 @@ class DiagnosticRegisterStringMaster;
 // register outlives its handles until a prune at or above its longevity. A handle may be used
 // from any thread (each operation takes the table's value lock once); copying takes a reference.
 class DiagnosticRegisterCounter {
-public:
+  public:
     // Value and watermarks of a counter.
     struct CounterInfo {
         int32_t value;
@@ -56,13 +56,13 @@ public:
     // caller deletes the result.
     static Group* QueryGroup(const std::string& prefix);
 
-private:
+  private:
     DiagnosticRegisterCounterMaster* pMaster_;
 };
 
 // Handle to a named string register; same sharing, lifetime and threading as the counter.
 class DiagnosticRegisterString {
-public:
+  public:
     typedef std::vector<std::pair<std::string, std::string>> Group;
 
     DiagnosticRegisterString(const std::string& path, const std::string& initialValue);
@@ -80,7 +80,7 @@ public:
     static bool Query(const std::string& path, std::string* value);
     static Group* QueryGroup(const std::string& prefix);
 
-private:
+  private:
     DiagnosticRegisterStringMaster* pMaster_;
 };
 

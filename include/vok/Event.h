@@ -10,7 +10,7 @@ class EventImpl;
 // return at once until Reset. A signal given before anyone waits is not lost. Any thread may use
 // it; not copyable. Destroy it only when no thread waits on it.
 class Event {
-public:
+  public:
     Event();
     ~Event();
     Event(const Event&) = delete;
@@ -20,7 +20,7 @@ public:
     void Wait();
     void Reset();
 
-private:
+  private:
     EventImpl* pImpl_;
 };
 

@@ -21,7 +21,7 @@ enum LogLevel : int32_t {
 // copyable, and destroying it does nothing (the context belongs to the logging library).
 // A disabled level costs one load and one comparison: nothing is formatted.
 class Logger {
-public:
+  public:
     // Identity table of the platform's eight levels.
     static const int32_t aZtLogLevels_[8];
 
@@ -30,9 +30,8 @@ public:
     // True when a message at level would be written; the threshold is read at every call, so
     // changes at run time take effect at once.
     bool IsEnabled(int32_t level) const {
-        return pContext_ == nullptr ||
-               __atomic_load_n(reinterpret_cast<const int32_t*>(pContext_), __ATOMIC_RELAXED) >=
-                   level;
+        return pContext_ == nullptr || __atomic_load_n(reinterpret_cast<const int32_t*>(pContext_),
+                                                       __ATOMIC_RELAXED) >= level;
     }
 
     void Critical(const char* format, ...) const __attribute__((format(printf, 2, 3)));
@@ -45,7 +44,7 @@ public:
     void DebugBin(const void* data, size_t length) const;
     void WarningBin(const void* data, size_t length) const;
 
-private:
+  private:
     void Dump(int32_t level, const void* data, size_t length) const;
 
     ZtLogContext* pContext_;
@@ -55,7 +54,7 @@ private:
 // destroyed (without "OBJ: " when the object is null), so the leaving line appears on every exit
 // path, exceptions included. Lives on one thread's stack; the logger must outlive it.
 class FuncLogger {
-public:
+  public:
     FuncLogger(const Logger& logger, const char* functionName, const void* object)
         : pLogger_(&logger), pFunctionName_(functionName), pObject_(object) {
         if (pLogger_->IsEnabled(kLogLevelDebug)) {
@@ -70,7 +69,7 @@ public:
     FuncLogger(const FuncLogger&) = delete;
     FuncLogger& operator=(const FuncLogger&) = delete;
 
-private:
+  private:
     void LogEntering() const;
     void LogLeaving() const;
 

@@ -10,7 +10,7 @@ class MutexImpl;
 // Any thread may use it; not copyable. Failures of the underlying calls throw
 // VokResourceException carrying the call's result. Destroy it only while unlocked.
 class Mutex {
-public:
+  public:
     Mutex();
     ~Mutex();
     Mutex(const Mutex&) = delete;
@@ -19,19 +19,19 @@ public:
     void Lock();
     void Unlock();
 
-private:
+  private:
     MutexImpl* pImpl_;
 };
 
 // Holds a Mutex for the lifetime of a scope: locks on construction, unlocks on destruction.
 class MutexLocker {
-public:
+  public:
     explicit MutexLocker(Mutex& mutex) : mutex_(mutex) { mutex_.Lock(); }
     ~MutexLocker() { mutex_.Unlock(); }
     MutexLocker(const MutexLocker&) = delete;
     MutexLocker& operator=(const MutexLocker&) = delete;
 
-private:
+  private:
     Mutex& mutex_;
 };
 

@@ -13,7 +13,7 @@ class ThreadImpl;
 // from any thread but the one it runs; destroying the object neither stops nor joins the thread,
 // so the owner must have joined it. Not copyable.
 class ThreadBase {
-public:
+  public:
     ThreadBase(const std::string& name, const std::function<void()>& entry);
     virtual ~ThreadBase();
     ThreadBase(const ThreadBase&) = delete;
@@ -27,13 +27,13 @@ public:
     // The name given at construction; kept for the owner, not given to the operating system.
     const std::string& GetName() const;
 
-private:
+  private:
     ThreadImpl* pImpl_;
 };
 
 // A thread that calls object->method(argument).
 class Thread : public ThreadBase {
-public:
+  public:
     template <typename T, typename Arg>
     Thread(const std::string& name, T* object, void (T::*method)(Arg), Arg argument)
         : ThreadBase(name, [object, method, argument]() { (object->*method)(argument); }) {}

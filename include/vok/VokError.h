@@ -29,29 +29,31 @@ enum VokError_t : int32_t {
 // Base of the framework's exceptions; never thrown directly. what() returns the message
 // "function:path:line[:text]"; GetErr() the code.
 class VokException : public std::runtime_error {
-public:
-    VokException(const std::string& message, int32_t err) : std::runtime_error(message), err_(err) {}
+  public:
+    VokException(const std::string& message, int32_t err)
+        : std::runtime_error(message), err_(err) {}
     int32_t GetErr() const { return err_; }
 
-private:
+  private:
     int32_t err_;
 };
 
 // A broken precondition or an impossible state.
 class VokProgramErrorException : public VokException {
-public:
-    VokProgramErrorException(const std::string& message, int32_t err) : VokException(message, err) {}
+  public:
+    VokProgramErrorException(const std::string& message, int32_t err)
+        : VokException(message, err) {}
 };
 
 // An operating-system or platform resource could not be obtained or used.
 class VokResourceException : public VokException {
-public:
+  public:
     VokResourceException(const std::string& message, int32_t err) : VokException(message, err) {}
 };
 
 // An operation that is declared but not provided.
 class VokUnimplementedException : public VokException {
-public:
+  public:
     VokUnimplementedException(const std::string& message, int32_t err)
         : VokException(message, err) {}
 };

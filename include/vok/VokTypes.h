@@ -11,24 +11,33 @@ typedef uint8_t Boolean;
 
 // Base of the framework's fronts: copying and assignment are forbidden.
 class Uncopyable {
-protected:
+  protected:
     Uncopyable() = default;
     ~Uncopyable() = default;
 
-private:
+  private:
     Uncopyable(const Uncopyable&);
     Uncopyable& operator=(const Uncopyable&);
 };
 
 // Base of shared implementation objects. The count starts at 1 (the reference of the object's
-// creator). Taking and dropping are done by the derived classes on their owning thread; the
-// count is not atomic.
+// creator, normally its front object). Taking and dropping happen on the owning thread only;
+// the count is not atomic. A running callback holds a reference of its own, so the front may be
+// destroyed inside it and the implementation dies when the callback returns.
 class RefCounted {
-public:
+  public:
     RefCounted() : m_refCount(1) {}
     virtual ~RefCounted() = default;
 
-protected:
+  protected:
+    void TakeRef() { ++m_refCount; }
+    // Drops one reference and destroys the object when it was the last.
+    void DropRef() {
+        if (--m_refCount == 0) {
+            delete this;
+        }
+    }
+
     uint32_t m_refCount;
 };
 

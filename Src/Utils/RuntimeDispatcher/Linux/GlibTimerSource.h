@@ -1,0 +1,25 @@
+// Not public API. A GLib event source that becomes ready at a monotonic-clock time.
+#ifndef VOK_SRC_UTILS_RUNTIMEDISPATCHER_LINUX_GLIBTIMERSOURCE_H
+#define VOK_SRC_UTILS_RUNTIMEDISPATCHER_LINUX_GLIBTIMERSOURCE_H
+
+#include <glib.h>
+
+#include "vok/RdTimer.h"
+
+namespace vok {
+
+// The source: GLib's header, then the expiry.
+struct GlibTimerSource {
+    GSource source;
+    Timespec expiry;  // Monotonic time at which the source becomes ready.
+};
+
+extern GSourceFuncs glibTimerSourceFuncs;
+
+// A new, unattached timer source that expires milliseconds from now; the caller owns its one
+// reference. Dispatching calls the source's callback once; the source is then removed.
+GSource* NewGlibTimerSource(unsigned int milliseconds);
+
+}  // namespace vok
+
+#endif  // VOK_SRC_UTILS_RUNTIMEDISPATCHER_LINUX_GLIBTIMERSOURCE_H

@@ -1,0 +1,38 @@
+// Not public API. Implementation of RdTimerBase; also the alarm's fallback timer.
+#ifndef VOK_SRC_UTILS_RUNTIMEDISPATCHER_LINUX_RDTIMERIMPL_H
+#define VOK_SRC_UTILS_RUNTIMEDISPATCHER_LINUX_RDTIMERIMPL_H
+
+#include <glib.h>
+
+#include <functional>
+
+#include "vok/VokTypes.h"
+
+namespace vok {
+
+class RuntimeDispatcherImpl;
+
+// Reference-counted one-shot timer; everything runs on the dispatcher's thread.
+class RdTimerImpl : public RefCounted {
+  public:
+    RdTimerImpl(RuntimeDispatcherImpl* dispatcher, std::function<void()> callback);
+
+    void Schedule(unsigned int milliseconds);
+    void Cancel();
+    void ChangeCb(std::function<void()> callback);
+    // Disarms and drops the front's reference.
+    void Discard();
+
+    static gboolean CallbackFunc(void* data);
+
+  private:
+    ~RdTimerImpl() override;
+
+    RuntimeDispatcherImpl* dispatcher_;  // Not owned.
+    std::function<void()> callback_;
+    GSource* source_;  // The armed source, or null; the context holds its only reference.
+};
+
+}  // namespace vok
+
+#endif  // VOK_SRC_UTILS_RUNTIMEDISPATCHER_LINUX_RDTIMERIMPL_H

@@ -1,0 +1,54 @@
+// The per-thread event loop of the framework.
+#ifndef VOK_RUNTIMEDISPATCHER_H
+#define VOK_RUNTIMEDISPATCHER_H
+
+#include "vok/VokTypes.h"
+
+typedef struct _GMainContext GMainContext;
+typedef struct _GMainLoop GMainLoop;
+
+namespace vok {
+
+class RuntimeDispatcherImpl;
+
+// A GLib main loop on a main context. The thread that calls Run owns the dispatcher: every
+// callback of every object created against it (timers, bridges, monitors, bus calls, alarms)
+// runs there, from inside Run. RequestStop may be called from any thread; everything else
+// belongs to the owning thread. Objects created against a dispatcher must be destroyed before
+// it; destroying it releases its context reference and its bus registration.
+class RuntimeDispatcher : private Uncopyable {
+  public:
+    // A dispatcher on a new private main context.
+    RuntimeDispatcher();
+    virtual ~RuntimeDispatcher();
+
+    // Runs the loop on the calling thread until RequestStop; returns at once if it already runs.
+    void Run();
+    // Makes a running Run return; does nothing when the loop is not running (a stop requested
+    // before Run starts is lost).
+    void RequestStop();
+
+    // The dispatcher's GLib loop, for code that must drive GLib directly.
+    static GMainLoop* GetInternalLoop(RuntimeDispatcher& dispatcher);
+    // The implementation, for the framework's own objects.
+    static RuntimeDispatcherImpl* GetImpl(RuntimeDispatcher& dispatcher) {
+        return dispatcher.impl_;
+    }
+
+  protected:
+    explicit RuntimeDispatcher(RuntimeDispatcherImpl* impl);
+
+  private:
+    RuntimeDispatcherImpl* impl_;  // Owned.
+};
+
+// A dispatcher on a caller's main context (the dispatcher takes its own reference on it; the
+// caller keeps its reference). NULL means a new private context.
+class GlibRuntimeDispatcher : public RuntimeDispatcher {
+  public:
+    explicit GlibRuntimeDispatcher(GMainContext* context);
+};
+
+}  // namespace vok
+
+#endif  // VOK_RUNTIMEDISPATCHER_H

@@ -1,0 +1,109 @@
+// Descriptor monitors: masks, readiness and hang-up.
+#include <glib.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <memory>
+#include <vector>
+
+#include "Src/Utils/RuntimeDispatcher/Linux/RdDescriptorMonitorImpl.h"
+#include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "support/LogCapture.h"
+#include "vok/RdDescriptorMonitor.h"
+#include "vok/RuntimeDispatcher.h"
+
+namespace vok {
+namespace {
+
+struct Report {
+    bool readable, writable, exception;
+};
+
+class DescriptorMonitorTest : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_EQ(0, pipe(fds_)); }
+    void TearDown() override {
+        for (int fd : fds_) {
+            if (fd >= 0) {
+                close(fd);
+            }
+        }
+    }
+    void Step() {
+        g_main_context_iteration(RuntimeDispatcher::GetImpl(dispatcher_)->GetContext(), FALSE);
+    }
+    std::function<void(bool, bool, bool)> Recorder() {
+        return [this](bool r, bool w, bool e) { reports_.push_back(Report{r, w, e}); };
+    }
+
+    test::Watchdog watchdog_;
+    RuntimeDispatcher dispatcher_;
+    int fds_[2] = {-1, -1};
+    std::vector<Report> reports_;
+};
+
+TEST(DescriptorConditionTest, MasksMapToTheirConditions) {
+    auto c = [](bool r, bool w, bool e) {
+        return static_cast<unsigned>(RdDescriptorMonitorImpl::ConditionFor(r, w, e));
+    };
+    EXPECT_EQ(0u, c(false, false, false));
+    EXPECT_EQ(0x39u, c(true, false, false));
+    EXPECT_EQ(0x3Cu, c(false, true, false));
+    EXPECT_EQ(0x3Au, c(false, false, true));
+    EXPECT_EQ(0x3Du, c(true, true, false));
+    EXPECT_EQ(0x3Bu, c(true, false, true));
+    EXPECT_EQ(0x3Eu, c(false, true, true));
+    EXPECT_EQ(0x3Fu, c(true, true, true));
+}
+
+TEST_F(DescriptorMonitorTest, ReadableWhileDataWaitsAndNotWithEmptyMask) {
+    RdDescriptorMonitorBase monitor(fds_[0], dispatcher_, Recorder());
+    ASSERT_EQ(1, write(fds_[1], "x", 1));
+    Step();
+    EXPECT_TRUE(reports_.empty());  // no mask, no watch
+    monitor.SetEventMask(true, false, false);
+    Step();
+    ASSERT_EQ(1u, reports_.size());
+    EXPECT_TRUE(reports_[0].readable);
+    EXPECT_FALSE(reports_[0].writable);
+    Step();  // Level-triggered: still readable.
+    EXPECT_EQ(2u, reports_.size());
+    char c;
+    ASSERT_EQ(1, read(fds_[0], &c, 1));
+    Step();
+    EXPECT_EQ(2u, reports_.size());
+    monitor.SetEventMask(false, false, false);
+    ASSERT_EQ(1, write(fds_[1], "y", 1));
+    Step();
+    EXPECT_EQ(2u, reports_.size());
+}
+
+TEST_F(DescriptorMonitorTest, HangUpIsReportedAsReadable) {
+    RdDescriptorMonitorBase monitor(fds_[0], dispatcher_, Recorder());
+    monitor.SetEventMask(true, false, true);
+    close(fds_[1]);
+    fds_[1] = -1;
+    Step();
+    ASSERT_FALSE(reports_.empty());
+    EXPECT_TRUE(reports_[0].readable);
+    EXPECT_TRUE(reports_[0].exception);
+    EXPECT_FALSE(reports_[0].writable);
+}
+
+TEST_F(DescriptorMonitorTest, WritableAndDestroyInsideCallback) {
+    std::unique_ptr<RdDescriptorMonitorBase> monitor;
+    int calls = 0;
+    monitor.reset(new RdDescriptorMonitorBase(fds_[1], dispatcher_, [&](bool r, bool w, bool) {
+        EXPECT_FALSE(r);
+        EXPECT_TRUE(w);
+        ++calls;
+        monitor.reset();
+    }));
+    monitor->SetEventMask(false, true, false);
+    Step();
+    Step();
+    EXPECT_EQ(1, calls);
+}
+
+}  // namespace
+}  // namespace vok

@@ -1,0 +1,154 @@
+// The timer source and one-shot timers.
+#include <glib.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+#include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "support/LogCapture.h"
+#include "vok/RdTimer.h"
+#include "vok/RuntimeDispatcher.h"
+
+namespace vok {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long long MsSince(Clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+
+TEST(TimespecTest, ArithmeticCarriesAndNeverGoesNegative) {
+    Timespec sum = Timespec{1, 999999999} + Timespec{0, 2};
+    EXPECT_EQ(2, sum.tv_sec);
+    EXPECT_EQ(1, sum.tv_nsec);
+    Timespec diff = Timespec{5, 200000000} - Timespec{5, 900000000};
+    EXPECT_EQ(0, diff.tv_sec);
+    EXPECT_EQ(0, diff.tv_nsec);
+    diff = Timespec{6, 100000000} - Timespec{5, 900000000};
+    EXPECT_EQ(0, diff.tv_sec);
+    EXPECT_EQ(200000000, diff.tv_nsec);
+}
+
+class TimerTest : public ::testing::Test {
+  protected:
+    GMainContext* Context() { return RuntimeDispatcher::GetImpl(dispatcher_)->GetContext(); }
+    // One non-blocking loop iteration.
+    void Step() { g_main_context_iteration(Context(), FALSE); }
+    // Runs the loop until flag is set.
+    void RunUntil(const bool& flag) {
+        while (!flag) {
+            g_main_context_iteration(Context(), TRUE);
+        }
+    }
+
+    test::Watchdog watchdog_;
+    RuntimeDispatcher dispatcher_;
+};
+
+TEST_F(TimerTest, ScheduleZeroFiresOnTheNextIterationOnce) {
+    int fired = 0;
+    RdTimerBase timer(dispatcher_, [&]() { ++fired; });
+    timer.Schedule(0);
+    Step();
+    EXPECT_EQ(1, fired);
+    Step();
+    EXPECT_EQ(1, fired);
+}
+
+TEST_F(TimerTest, NeverFiresEarly) {
+    bool fired = false;
+    long long elapsed = 0;
+    const Clock::time_point start = Clock::now();
+    RdTimerBase timer(dispatcher_, [&]() {
+        elapsed = MsSince(start);
+        fired = true;
+    });
+    timer.Schedule(120);
+    RunUntil(fired);
+    EXPECT_GE(elapsed, 120);
+}
+
+TEST_F(TimerTest, SecondScheduleReplacesTheFirstAndCancelDisarms) {
+    std::vector<int> fired;
+    int which = 1;
+    RdTimerBase timer(dispatcher_, [&]() { fired.push_back(which); });
+    timer.Schedule(0);
+    which = 2;
+    timer.Schedule(30);
+    bool done = false;
+    RdTimerBase stop(dispatcher_, [&]() { done = true; });
+    stop.Schedule(100);
+    RunUntil(done);
+    EXPECT_EQ(std::vector<int>{2}, fired);
+
+    timer.Schedule(0);
+    timer.Cancel();
+    timer.Cancel();  // idle: nothing happens
+    Step();
+    EXPECT_EQ(1u, fired.size());
+}
+
+TEST_F(TimerTest, CallbackMayRearmOrDestroyItsTimer) {
+    int count = 0;
+    std::unique_ptr<RdTimerBase> timer;
+    timer.reset(new RdTimerBase(dispatcher_, [&]() {
+        if (++count < 3) {
+            timer->Schedule(0);
+        } else {
+            timer.reset();  // Destroyed inside its own callback.
+        }
+    }));
+    timer->Schedule(0);
+    for (int i = 0; i < 5; ++i) {
+        Step();
+    }
+    EXPECT_EQ(3, count);
+    EXPECT_EQ(nullptr, timer);
+}
+
+TEST_F(TimerTest, ChangeCbKeepsTheArming) {
+    int first = 0;
+    int second = 0;
+    RdTimerBase timer(dispatcher_, [&]() { ++first; });
+    timer.Schedule(0);
+    timer.ChangeCb([&]() { ++second; });
+    Step();
+    EXPECT_EQ(0, first);
+    EXPECT_EQ(1, second);
+}
+
+TEST_F(TimerTest, EmptyCallbackRaisesOutOfTheLoop) {
+    RdTimerBase timer(dispatcher_, std::function<void()>());
+    timer.Schedule(0);
+    EXPECT_THROW(dispatcher_.Run(), std::bad_function_call);
+}
+
+// Counts the loop's polls, i.e. its wake-ups.
+int gPolls = 0;
+GPollFunc gRealPoll = nullptr;
+gint CountingPoll(GPollFD* fds, guint nfds, gint timeout) {
+    ++gPolls;
+    return gRealPoll(fds, nfds, timeout);
+}
+
+TEST_F(TimerTest, PendingTimerDoesNotWakeTheLoopEveryMillisecond) {
+    gRealPoll = g_main_context_get_poll_func(Context());
+    g_main_context_set_poll_func(Context(), &CountingPoll);
+    RdTimerBase far(dispatcher_, []() {});
+    far.Schedule(10000);
+    bool done = false;
+    RdTimerBase stop(dispatcher_, [&]() { done = true; });
+    stop.Schedule(500);
+    gPolls = 0;
+    RunUntil(done);
+    // Polling every millisecond would give about 500.
+    EXPECT_LE(gPolls, 10);
+    g_main_context_set_poll_func(Context(), gRealPoll);
+}
+
+}  // namespace
+}  // namespace vok
