@@ -41,15 +41,13 @@ void LinkedListHeadInit(LinkedListHeadType* newHeadP);
 void LinkedListNodeInit(LinkedListLinkType* newNodeP, void* parentObjP);
 int32_t LinkedListGetCount(LinkedListHeadType* listHeadP);
 LinkedListLinkType* LinkedListGetFirst(LinkedListHeadType* listHeadP);
-LinkedListLinkType* LinkedListGetNext(LinkedListHeadType* listHeadP,
-                                      LinkedListLinkType* listNodeP);
+LinkedListLinkType* LinkedListGetNext(LinkedListHeadType* listHeadP, LinkedListLinkType* listNodeP);
 Boolean LinkedListNodeIsLinked(const LinkedListLinkType* nodeP);
 void* LinkedListNodeParentObjGet(const LinkedListLinkType* nodeP);
 void LinkedListEnqueueHead(LinkedListHeadType* listHeadP, LinkedListLinkType* newNodeP);
 void LinkedListEnqueueTail(LinkedListHeadType* listHeadP, LinkedListLinkType* newNodeP);
 // Unlinks the node, which must be in this list, and returns it.
-LinkedListLinkType* LinkedListDequeue(LinkedListHeadType* listHeadP,
-                                      LinkedListLinkType* listNodeP);
+LinkedListLinkType* LinkedListDequeue(LinkedListHeadType* listHeadP, LinkedListLinkType* listNodeP);
 // Unlinks and returns the first node, or returns NULL for an empty list.
 LinkedListLinkType* LinkedListDequeueHead(LinkedListHeadType* listHeadP);
 

@@ -160,8 +160,7 @@ DiagnosticRegisterCounterMaster* DiagnosticRegisterTable::FindCounterMaster(
     return it->second;
 }
 
-DiagnosticRegisterStringMaster* DiagnosticRegisterTable::FindStringMaster(
-    const std::string& path) {
+DiagnosticRegisterStringMaster* DiagnosticRegisterTable::FindStringMaster(const std::string& path) {
     MutexLocker lock(tableMutex_);
     auto it = strings_.find(path);
     if (it == strings_.end()) {
@@ -171,8 +170,8 @@ DiagnosticRegisterStringMaster* DiagnosticRegisterTable::FindStringMaster(
     return it->second;
 }
 
-DiagnosticRegisterCounterMaster* DiagnosticRegisterTable::GetCounterMaster(
-    const std::string& path, int32_t initialValue) {
+DiagnosticRegisterCounterMaster* DiagnosticRegisterTable::GetCounterMaster(const std::string& path,
+                                                                           int32_t initialValue) {
     MutexLocker lock(tableMutex_);
     DiagnosticRegisterCounterMaster* master = FindCounterMaster(path);
     if (master == nullptr) {
@@ -270,8 +269,7 @@ void DiagnosticRegisterTable::PruneAtAndBelow(DiagnosticRegisterLongevity level)
 
 // ---- Handles ----
 
-DiagnosticRegisterCounter::DiagnosticRegisterCounter(const std::string& path,
-                                                     int32_t initialValue)
+DiagnosticRegisterCounter::DiagnosticRegisterCounter(const std::string& path, int32_t initialValue)
     : pMaster_(DiagnosticRegisterTable::GetInstance().GetCounterMaster(path, initialValue)) {}
 
 DiagnosticRegisterCounter::DiagnosticRegisterCounter(const DiagnosticRegisterCounter& other)
@@ -279,18 +277,32 @@ DiagnosticRegisterCounter::DiagnosticRegisterCounter(const DiagnosticRegisterCou
     pMaster_->Ref();
 }
 
-DiagnosticRegisterCounter::~DiagnosticRegisterCounter() { pMaster_->Unref(); }
+DiagnosticRegisterCounter::~DiagnosticRegisterCounter() {
+    pMaster_->Unref();
+}
 
 void DiagnosticRegisterCounter::Swap(DiagnosticRegisterCounter* other) {
     std::swap(pMaster_, other->pMaster_);
 }
 
-int32_t DiagnosticRegisterCounter::Inc() { return pMaster_->Adjust(1); }
-int32_t DiagnosticRegisterCounter::Dec() { return pMaster_->Adjust(-1); }
-int32_t DiagnosticRegisterCounter::Adjust(int32_t delta) { return pMaster_->Adjust(delta); }
-void DiagnosticRegisterCounter::Set(int32_t value) { pMaster_->Set(value); }
-void DiagnosticRegisterCounter::Reset(int32_t value) { pMaster_->Reset(value); }
-int32_t DiagnosticRegisterCounter::Get(CounterInfo* info) const { return pMaster_->Get(info); }
+int32_t DiagnosticRegisterCounter::Inc() {
+    return pMaster_->Adjust(1);
+}
+int32_t DiagnosticRegisterCounter::Dec() {
+    return pMaster_->Adjust(-1);
+}
+int32_t DiagnosticRegisterCounter::Adjust(int32_t delta) {
+    return pMaster_->Adjust(delta);
+}
+void DiagnosticRegisterCounter::Set(int32_t value) {
+    pMaster_->Set(value);
+}
+void DiagnosticRegisterCounter::Reset(int32_t value) {
+    pMaster_->Reset(value);
+}
+int32_t DiagnosticRegisterCounter::Get(CounterInfo* info) const {
+    return pMaster_->Get(info);
+}
 void DiagnosticRegisterCounter::SetLongevity(DiagnosticRegisterLongevity longevity) {
     pMaster_->SetLongevity(longevity);
 }
@@ -312,14 +324,20 @@ DiagnosticRegisterString::DiagnosticRegisterString(const DiagnosticRegisterStrin
     pMaster_->Ref();
 }
 
-DiagnosticRegisterString::~DiagnosticRegisterString() { pMaster_->Unref(); }
+DiagnosticRegisterString::~DiagnosticRegisterString() {
+    pMaster_->Unref();
+}
 
 void DiagnosticRegisterString::Swap(DiagnosticRegisterString* other) {
     std::swap(pMaster_, other->pMaster_);
 }
 
-void DiagnosticRegisterString::Set(const std::string& value) { pMaster_->Set(value); }
-void DiagnosticRegisterString::Get(std::string* value) const { pMaster_->Get(value); }
+void DiagnosticRegisterString::Set(const std::string& value) {
+    pMaster_->Set(value);
+}
+void DiagnosticRegisterString::Get(std::string* value) const {
+    pMaster_->Get(value);
+}
 void DiagnosticRegisterString::SetLongevity(DiagnosticRegisterLongevity longevity) {
     pMaster_->SetLongevity(longevity);
 }

@@ -14,7 +14,7 @@ namespace vok {
 // Common part of the masters: a reference count (one per handle) and a longevity, both guarded
 // by the table's value mutex, which all masters share.
 class DiagnosticRegisterMasterBase {
-public:
+  public:
     DiagnosticRegisterMasterBase(Mutex* pValueMutex)
         : pValueMutex_(pValueMutex), m_refCount(1), longevity_(kDiagRegLongevityDefault) {}
     virtual ~DiagnosticRegisterMasterBase() = default;
@@ -26,16 +26,16 @@ public:
     DiagnosticRegisterLongevity GetLongevity() const;
     void SetLongevity(DiagnosticRegisterLongevity longevity);
 
-protected:
+  protected:
     Mutex* pValueMutex_;  // The table's value mutex; not owned.
 
-private:
-    int32_t m_refCount;                     // Protected by *pValueMutex_.
+  private:
+    int32_t m_refCount;                      // Protected by *pValueMutex_.
     DiagnosticRegisterLongevity longevity_;  // Protected by *pValueMutex_.
 };
 
 class DiagnosticRegisterCounterMaster : public DiagnosticRegisterMasterBase {
-public:
+  public:
     DiagnosticRegisterCounterMaster(Mutex* pValueMutex, int32_t initialValue)
         : DiagnosticRegisterMasterBase(pValueMutex),
           value_(initialValue),
@@ -47,7 +47,7 @@ public:
     void Reset(int32_t value);
     int32_t Get(DiagnosticRegisterCounter::CounterInfo* info) const;
 
-private:
+  private:
     // Stores value and moves the watermarks; the caller holds the value mutex.
     void StoreLocked(int32_t value);
 
@@ -57,21 +57,21 @@ private:
 };
 
 class DiagnosticRegisterStringMaster : public DiagnosticRegisterMasterBase {
-public:
+  public:
     DiagnosticRegisterStringMaster(Mutex* pValueMutex, const std::string& initialValue)
         : DiagnosticRegisterMasterBase(pValueMutex), value_(initialValue) {}
 
     void Set(const std::string& value);
     void Get(std::string* pStr) const;
 
-private:
+  private:
     std::string value_;  // Protected by *pValueMutex_.
 };
 
 // The singleton table of all registers, by path. Any thread may use it. Lock order: the table
 // mutex, then the value mutex.
 class DiagnosticRegisterTable {
-public:
+  public:
     static const char* const kLoggerContextName;
 
     static DiagnosticRegisterTable& GetInstance();
@@ -94,7 +94,7 @@ public:
 
     ~DiagnosticRegisterTable();
 
-private:
+  private:
     DiagnosticRegisterTable();
     DiagnosticRegisterTable(const DiagnosticRegisterTable&) = delete;
     DiagnosticRegisterTable& operator=(const DiagnosticRegisterTable&) = delete;

@@ -19,19 +19,27 @@ Logger::Logger(const char* contextName) : pContext_(nullptr) {
     (void)ZtLogGetContext(contextName, &pContext_);
 }
 
-#define VOK_LOGGER_PRINT(level)               \
-    if (!IsEnabled(aZtLogLevels_[level])) {   \
-        return;                               \
-    }                                         \
-    va_list args;                             \
-    va_start(args, format);                   \
+#define VOK_LOGGER_PRINT(level)                                 \
+    if (!IsEnabled(aZtLogLevels_[level])) {                     \
+        return;                                                 \
+    }                                                           \
+    va_list args;                                               \
+    va_start(args, format);                                     \
     ZtLogVPrint(pContext_, aZtLogLevels_[level], format, args); \
     va_end(args)
 
-void Logger::Critical(const char* format, ...) const { VOK_LOGGER_PRINT(kLogLevelCritical); }
-void Logger::Error(const char* format, ...) const { VOK_LOGGER_PRINT(kLogLevelError); }
-void Logger::Warning(const char* format, ...) const { VOK_LOGGER_PRINT(kLogLevelWarning); }
-void Logger::Debug(const char* format, ...) const { VOK_LOGGER_PRINT(kLogLevelDebug); }
+void Logger::Critical(const char* format, ...) const {
+    VOK_LOGGER_PRINT(kLogLevelCritical);
+}
+void Logger::Error(const char* format, ...) const {
+    VOK_LOGGER_PRINT(kLogLevelError);
+}
+void Logger::Warning(const char* format, ...) const {
+    VOK_LOGGER_PRINT(kLogLevelWarning);
+}
+void Logger::Debug(const char* format, ...) const {
+    VOK_LOGGER_PRINT(kLogLevelDebug);
+}
 
 #undef VOK_LOGGER_PRINT
 
@@ -45,7 +53,9 @@ void Logger::Dump(int32_t level, const void* data, size_t length) const {
 void Logger::CriticalBin(const void* data, size_t length) const {
     Dump(kLogLevelCritical, data, length);
 }
-void Logger::DebugBin(const void* data, size_t length) const { Dump(kLogLevelDebug, data, length); }
+void Logger::DebugBin(const void* data, size_t length) const {
+    Dump(kLogLevelDebug, data, length);
+}
 void Logger::WarningBin(const void* data, size_t length) const {
     Dump(kLogLevelWarning, data, length);
 }

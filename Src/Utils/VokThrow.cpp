@@ -45,9 +45,8 @@ void ThrowResourceError(const char* function, const char* file, long line, int32
     throw VokResourceException(BuildExceptionMessage(function, file, line, text), err);
 }
 
-void ThrowLoggedProgramError(const Logger& logger, const char* function,
-                             const char* prettyFunction, const char* file, long line,
-                             const char* text) {
+void ThrowLoggedProgramError(const Logger& logger, const char* function, const char* prettyFunction,
+                             const char* file, long line, const char* text) {
     const std::string path = SourcePath(file);
     logger.Critical(
         "THROWING EXCEPTION VokProgramErrorExceptionmsg<%s> err<%#X> : %s : %s : line %ld\n",
@@ -57,8 +56,8 @@ void ThrowLoggedProgramError(const Logger& logger, const char* function,
                                    kVokErrUnspecified);
 }
 
-void FatalConditionFailed(const char* condition, const char* function, const char* file,
-                          long line, const char* info) {
+void FatalConditionFailed(const char* condition, const char* function, const char* file, long line,
+                          const char* info) {
     char path[256];
     const char* dot = std::strrchr(file, '.');
     const char* slash = std::strrchr(file, '/');

@@ -17,10 +17,10 @@ namespace detail {
 std::string BuildExceptionMessage(const char* function, const char* file, long line,
                                   const char* text);
 
-[[noreturn]] void ThrowProgramError(const char* function, const char* file, long line,
-                                    int32_t err, const char* text);
-[[noreturn]] void ThrowResourceError(const char* function, const char* file, long line,
-                                     int32_t err, const char* text);
+[[noreturn]] void ThrowProgramError(const char* function, const char* file, long line, int32_t err,
+                                    const char* text);
+[[noreturn]] void ThrowResourceError(const char* function, const char* file, long line, int32_t err,
+                                     const char* text);
 // Logs "THROWING EXCEPTION VokProgramErrorExceptionmsg<...> err<0XFFFFFFFF> : ..." at critical
 // level on logger, then throws VokProgramErrorException with kVokErrUnspecified.
 [[noreturn]] void ThrowLoggedProgramError(const Logger& logger, const char* function,
@@ -42,16 +42,16 @@ std::string BuildExceptionMessage(const char* function, const char* file, long l
     ::vok::detail::ThrowResourceError(__func__, __FILE__, __LINE__, (err), (text))
 
 // Logged program error of the message-passing subsystem, through the given Logger.
-#define VOK_THROW_LOGGED_PROGRAM_ERROR(logger, text)                                         \
+#define VOK_THROW_LOGGED_PROGRAM_ERROR(logger, text)                                          \
     ::vok::detail::ThrowLoggedProgramError((logger), __func__, __PRETTY_FUNCTION__, __FILE__, \
                                            __LINE__, (text))
 
 // Fatal condition check of C-linkage code that must not throw.
-#define VOK_FATAL_CHECK(condition, info)                                                      \
-    do {                                                                                      \
-        if (!(condition)) {                                                                   \
+#define VOK_FATAL_CHECK(condition, info)                                                         \
+    do {                                                                                         \
+        if (!(condition)) {                                                                      \
             ::vok::detail::FatalConditionFailed(#condition, __func__, __FILE__, __LINE__, info); \
-        }                                                                                     \
+        }                                                                                        \
     } while (0)
 
 #endif  // VOK_SRC_UTILS_VOKTHROW_H

@@ -18,7 +18,7 @@ std::vector<Ratio>& Ratios() {
 
 // Console output plus a record of each run's time per iteration.
 class RecordingReporter : public benchmark::ConsoleReporter {
-public:
+  public:
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
             if (run.run_type == Run::RT_Iteration && run.error_occurred == false) {
@@ -29,7 +29,7 @@ public:
     }
     const std::map<std::string, double>& Times() const { return times_; }
 
-private:
+  private:
     std::map<std::string, double> times_;
 };
 

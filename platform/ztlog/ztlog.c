@@ -39,7 +39,7 @@ static pthread_rwlock_t gHookLock = PTHREAD_RWLOCK_INITIALIZER;
 static ZtLogOutputHook gHook; /* Protected by gHookLock. */
 static void* gHookUser;       /* Protected by gHookLock. */
 
-static const char* const kLevelNames[8] = {"emerg", "alert", "crit",   "err",
+static const char* const kLevelNames[8] = {"emerg",   "alert",  "crit", "err",
                                            "warning", "notice", "info", "debug"};
 
 const char* ZtLogLevelName(int level) {

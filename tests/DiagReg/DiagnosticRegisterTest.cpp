@@ -23,7 +23,7 @@ Info QueryOrFail(const std::string& path) {
 }
 
 class DiagnosticRegisterTest : public ::testing::Test {
-protected:
+  protected:
     // Every test starts from a table without unreferenced registers.
     void TearDown() override { DiagRegPruneAtAndBelow(100); }
 };

@@ -15,7 +15,7 @@ struct Item {
 };
 
 class LinkedListTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         LinkedListHeadInit(&head_);
         for (int i = 0; i < 4; ++i) {
@@ -104,8 +104,8 @@ const char kFatal[] = "FATAL ERROR: Condition test <";
 std::string FatalLine(const char* condition, const char* function, const char* info) {
     // The line number is the check's own; the rest is exact.
     return std::string("FATAL ERROR: Condition test <") + condition + "> failed in function " +
-           function + ", file Src/LinkedList/linked_list, line [0-9]+; additional info: <" +
-           info + ">\\.";
+           function + ", file Src/LinkedList/linked_list, line [0-9]+; additional info: <" + info +
+           ">\\.";
 }
 
 using LinkedListDeathTest = LinkedListTest;
@@ -143,10 +143,10 @@ TEST_F(LinkedListDeathTest, EnqueueOfLinkedNodeStopsTheProcess) {
     LinkedListEnqueueTail(&head_, &items_[0].node);
     const std::string line =
         FatalLine("!newNodeP->isLinked", "PrvLinkedListEnqueueAt", "list node already linked");
-    EXPECT_EXIT(LinkedListEnqueueTail(&head_, &items_[0].node),
-                ::testing::KilledBySignal(SIGABRT), line);
-    EXPECT_EXIT(LinkedListEnqueueHead(&other, &items_[0].node),
-                ::testing::KilledBySignal(SIGABRT), line);
+    EXPECT_EXIT(LinkedListEnqueueTail(&head_, &items_[0].node), ::testing::KilledBySignal(SIGABRT),
+                line);
+    EXPECT_EXIT(LinkedListEnqueueHead(&other, &items_[0].node), ::testing::KilledBySignal(SIGABRT),
+                line);
 }
 
 TEST_F(LinkedListDeathTest, InvariantAssertionsCarryTheirExplanation) {

@@ -12,10 +12,10 @@
 namespace vok {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::MatchesRegex;
 using test::LogCapture;
 using test::ScopedLogLevel;
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
 
 TEST(LoggerTest, ThresholdFourPassesWarningAndDropsDebugAndTracing) {
     ScopedLogLevel level("Test.Four", 4);

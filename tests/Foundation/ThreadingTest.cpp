@@ -19,13 +19,14 @@ using test::Watchdog;
 
 // Runs a lambda on a vok::Thread.
 class LambdaRunner {
-public:
+  public:
     explicit LambdaRunner(std::function<void()> fn)
-        : fn_(std::move(fn)), thread_("runner", this, &LambdaRunner::Run, static_cast<void*>(nullptr)) {}
+        : fn_(std::move(fn)),
+          thread_("runner", this, &LambdaRunner::Run, static_cast<void*>(nullptr)) {}
     void Start() { thread_.Start(); }
     void Join() { thread_.Join(); }
 
-private:
+  private:
     void Run(void*) { fn_(); }
     std::function<void()> fn_;
     Thread thread_;

@@ -79,12 +79,9 @@ TEST(ZtLogTest, DumpWritesOffsetHexAndAscii) {
     ZtLogDumpData(ctx, 2, data, 19, 0);
     auto lines = capture.Lines();
     ASSERT_EQ(2u, lines.size());
-    EXPECT_EQ(
-        "00000000: 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50  |ABCDEFGHIJKLMNOP|",
-        lines[0].message);
-    EXPECT_EQ(
-        "00000010: 71 72 0a                                         |qr.|",
-        lines[1].message);
+    EXPECT_EQ("00000000: 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50  |ABCDEFGHIJKLMNOP|",
+              lines[0].message);
+    EXPECT_EQ("00000010: 71 72 0a                                         |qr.|", lines[1].message);
 }
 
 TEST(ZtLogTest, ConcurrentLoggingLosesNothing) {

@@ -8,9 +8,13 @@
 namespace vok {
 namespace test {
 
-LogCapture::LogCapture() { ZtLogSetOutputHook(&LogCapture::Hook, this); }
+LogCapture::LogCapture() {
+    ZtLogSetOutputHook(&LogCapture::Hook, this);
+}
 
-LogCapture::~LogCapture() { ZtLogSetOutputHook(nullptr, nullptr); }
+LogCapture::~LogCapture() {
+    ZtLogSetOutputHook(nullptr, nullptr);
+}
 
 void LogCapture::Hook(void* user, int level, const char* context, const char* message) {
     LogCapture* self = static_cast<LogCapture*>(user);
@@ -45,7 +49,9 @@ ScopedLogLevel::ScopedLogLevel(const char* context, int level) : context_(contex
     ZtLogSetLevel(context, level);
 }
 
-ScopedLogLevel::~ScopedLogLevel() { ZtLogSetLevel(context_.c_str(), previous_); }
+ScopedLogLevel::~ScopedLogLevel() {
+    ZtLogSetLevel(context_.c_str(), previous_);
+}
 
 Watchdog::Watchdog(std::chrono::seconds limit) {
     thread_ = std::thread([this, limit]() {

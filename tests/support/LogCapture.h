@@ -22,7 +22,7 @@ struct LogLine {
 
 // Sends every log line to this object while it lives (and not to stderr). One at a time.
 class LogCapture {
-public:
+  public:
     LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
@@ -33,7 +33,7 @@ public:
     std::vector<LogLine> Matching(const std::string& text) const;
     void Clear();
 
-private:
+  private:
     static void Hook(void* user, int level, const char* context, const char* message);
 
     mutable std::mutex mutex_;  // Protects lines_.
@@ -42,11 +42,11 @@ private:
 
 // Sets a log context's threshold for the lifetime of a scope, then restores it.
 class ScopedLogLevel {
-public:
+  public:
     ScopedLogLevel(const char* context, int level);
     ~ScopedLogLevel();
 
-private:
+  private:
     std::string context_;
     int previous_;
 };
@@ -54,13 +54,13 @@ private:
 // Aborts the test program with a message if not destroyed within the limit, so a hung threaded
 // test fails loudly instead of hanging the suite.
 class Watchdog {
-public:
+  public:
     explicit Watchdog(std::chrono::seconds limit = std::chrono::seconds(120));
     ~Watchdog();
     Watchdog(const Watchdog&) = delete;
     Watchdog& operator=(const Watchdog&) = delete;
 
-private:
+  private:
     std::mutex mutex_;  // Protects done_.
     std::condition_variable cond_;
     bool done_ = false;

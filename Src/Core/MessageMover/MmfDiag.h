@@ -9,7 +9,7 @@ namespace vok {
 // Accessors of the MessageMover's loggers. Each returns a function-local static Logger created
 // on first use (thread-safe) and destroyed at library unload.
 class MmfDiag {
-public:
+  public:
     // "VOK.MessageMover": tracing, errors and the "THROWING EXCEPTION" lines.
     static const Logger& GetLogger();
     // "VOK.MessageMover.Msg.Read": per-message read tracing.

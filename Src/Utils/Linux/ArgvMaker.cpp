@@ -59,8 +59,8 @@ ArgvMaker::ArgvMaker(const char* pCommandLine) {
     if (holder.error != nullptr && holder.error->message != nullptr) {
         pErrorText_ = PrvStrDup(holder.error->message);
     } else {
-        const std::string text = std::string("Unknown command-line parse error. (The text was: '") +
-                                 pCommandLine + "')";
+        const std::string text =
+            std::string("Unknown command-line parse error. (The text was: '") + pCommandLine + "')";
         pErrorText_ = PrvStrDup(text.c_str());
     }
     parseFailed_ = 1;

@@ -66,9 +66,17 @@ void EventImpl::Reset() {
 }
 
 Event::Event() : pImpl_(new EventImpl) {}
-Event::~Event() { delete pImpl_; }
-void Event::Signal() { pImpl_->Signal(); }
-void Event::Wait() { pImpl_->Wait(); }
-void Event::Reset() { pImpl_->Reset(); }
+Event::~Event() {
+    delete pImpl_;
+}
+void Event::Signal() {
+    pImpl_->Signal();
+}
+void Event::Wait() {
+    pImpl_->Wait();
+}
+void Event::Reset() {
+    pImpl_->Reset();
+}
 
 }  // namespace vok

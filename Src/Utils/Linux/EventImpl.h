@@ -10,7 +10,7 @@ namespace vok {
 
 // Manual-reset event: a flag under a plain mutex, waiters on a condition variable.
 class EventImpl {
-public:
+  public:
     EventImpl();
     ~EventImpl();
     EventImpl(const EventImpl&) = delete;
@@ -20,7 +20,7 @@ public:
     void Wait();
     void Reset();
 
-private:
+  private:
     uint32_t signalled_;     // 0 or 1; protected by mutex_.
     pthread_cond_t cond_;    // Waiters for signalled_ to become 1.
     pthread_mutex_t mutex_;  // Protects signalled_.

@@ -22,7 +22,9 @@ MutexImpl::MutexImpl() {
     }
 }
 
-MutexImpl::~MutexImpl() { (void)pthread_mutex_destroy(&mutex_); }
+MutexImpl::~MutexImpl() {
+    (void)pthread_mutex_destroy(&mutex_);
+}
 
 void MutexImpl::Lock() {
     const int result = pthread_mutex_lock(&mutex_);
@@ -39,8 +41,14 @@ void MutexImpl::Unlock() {
 }
 
 Mutex::Mutex() : pImpl_(new MutexImpl) {}
-Mutex::~Mutex() { delete pImpl_; }
-void Mutex::Lock() { pImpl_->Lock(); }
-void Mutex::Unlock() { pImpl_->Unlock(); }
+Mutex::~Mutex() {
+    delete pImpl_;
+}
+void Mutex::Lock() {
+    pImpl_->Lock();
+}
+void Mutex::Unlock() {
+    pImpl_->Unlock();
+}
 
 }  // namespace vok

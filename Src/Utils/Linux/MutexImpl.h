@@ -8,7 +8,7 @@ namespace vok {
 
 // A POSIX mutex of the recursive type.
 class MutexImpl {
-public:
+  public:
     MutexImpl();
     ~MutexImpl();
     MutexImpl(const MutexImpl&) = delete;
@@ -17,7 +17,7 @@ public:
     void Lock();
     void Unlock();
 
-private:
+  private:
     pthread_mutex_t mutex_;
 };
 

@@ -41,9 +41,17 @@ void ThreadImpl::Join() {
 
 ThreadBase::ThreadBase(const std::string& name, const std::function<void()>& entry)
     : pImpl_(new ThreadImpl(name, entry)) {}
-ThreadBase::~ThreadBase() { delete pImpl_; }
-void ThreadBase::Start() { pImpl_->Start(); }
-void ThreadBase::Join() { pImpl_->Join(); }
-const std::string& ThreadBase::GetName() const { return pImpl_->GetName(); }
+ThreadBase::~ThreadBase() {
+    delete pImpl_;
+}
+void ThreadBase::Start() {
+    pImpl_->Start();
+}
+void ThreadBase::Join() {
+    pImpl_->Join();
+}
+const std::string& ThreadBase::GetName() const {
+    return pImpl_->GetName();
+}
 
 }  // namespace vok

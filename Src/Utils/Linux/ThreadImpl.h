@@ -11,7 +11,7 @@ namespace vok {
 
 // A joinable GLib thread running a stored callable. Owned by its ThreadBase.
 class ThreadImpl {
-public:
+  public:
     ThreadImpl(const std::string& name, const std::function<void()>& entry);
     ThreadImpl(const ThreadImpl&) = delete;
     ThreadImpl& operator=(const ThreadImpl&) = delete;
@@ -20,11 +20,11 @@ public:
     void Join();
     const std::string& GetName() const { return name_; }
 
-private:
+  private:
     static void* ThreadEntry(void* data);
 
-    std::string name_;              // For the owner's use; not given to the operating system.
-    GThread* pThread_;              // Null while no thread runs and after a join.
+    std::string name_;  // For the owner's use; not given to the operating system.
+    GThread* pThread_;  // Null while no thread runs and after a join.
     std::function<void()> entry_;
 };
 
