@@ -23,6 +23,7 @@ class RuntimeDispatcher : private Uncopyable {
     virtual ~RuntimeDispatcher();
 
     // Runs the loop on the calling thread until RequestStop; returns at once if it already runs.
+    // An exception that leaves any callback of the loop stops the loop and is rethrown here.
     void Run();
     // Makes a running Run return; does nothing when the loop is not running (a stop requested
     // before Run starts is lost).

@@ -30,6 +30,18 @@ class RefCounted {
     virtual ~RefCounted() = default;
 
   protected:
+    // Drops one reference when it goes out of scope (a callback's own reference).
+    class Holder {
+      public:
+        explicit Holder(RefCounted* object) : object_(object) {}
+        ~Holder() { object_->DropRef(); }
+        Holder(const Holder&) = delete;
+        Holder& operator=(const Holder&) = delete;
+
+      private:
+        RefCounted* object_;
+    };
+
     void TakeRef() { ++m_refCount; }
     // Drops one reference and destroys the object when it was the last.
     void DropRef() {

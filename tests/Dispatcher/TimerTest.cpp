@@ -121,10 +121,25 @@ TEST_F(TimerTest, ChangeCbKeepsTheArming) {
     EXPECT_EQ(1, second);
 }
 
-TEST_F(TimerTest, EmptyCallbackRaisesOutOfTheLoop) {
-    RdTimerBase timer(dispatcher_, std::function<void()>());
-    timer.Schedule(0);
+TEST_F(TimerTest, CallbackExceptionsStopTheLoopAndLeaveRun) {
+    RdTimerBase empty(dispatcher_, std::function<void()>());
+    empty.Schedule(0);
     EXPECT_THROW(dispatcher_.Run(), std::bad_function_call);
+
+    // The loop stays usable, and the timer that threw may be destroyed afterwards.
+    int later = 0;
+    auto thrower =
+        std::make_unique<RdTimerBase>(dispatcher_, []() { throw std::runtime_error("x"); });
+    RdTimerBase next(dispatcher_, [&]() {
+        ++later;
+        dispatcher_.RequestStop();
+    });
+    thrower->Schedule(0);
+    EXPECT_THROW(dispatcher_.Run(), std::runtime_error);
+    thrower.reset();
+    next.Schedule(0);
+    dispatcher_.Run();
+    EXPECT_EQ(1, later);
 }
 
 // Counts the loop's polls, i.e. its wake-ups.

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <string>
 
+#include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "Src/Utils/VokThrow.h"
 
 namespace vok {
@@ -40,9 +41,24 @@ bool Expired(const Timespec& expiry, const Timespec& now) {
            (expiry.tv_sec == now.tv_sec && expiry.tv_nsec <= now.tv_nsec);
 }
 
+// Hands an exception raised while GLib prepares or checks the source to its dispatcher.
+void KeepForOwner(GSource* source) {
+    RuntimeDispatcherImpl* owner = reinterpret_cast<GlibTimerSource*>(source)->owner;
+    if (owner == nullptr) {
+        throw;
+    }
+    owner->KeepException(std::current_exception());
+}
+
 gboolean GlibTimerSourcePrepare(GSource* source, gint* timeout) {
     Timespec now;
-    VOK_READ_MONOTONIC_CLOCK(now);
+    try {
+        VOK_READ_MONOTONIC_CLOCK(now);
+    } catch (...) {
+        KeepForOwner(source);
+        *timeout = 0;
+        return FALSE;
+    }
     const Timespec expiry = reinterpret_cast<GlibTimerSource*>(source)->expiry;
     const Timespec remaining = expiry - now;
     if (Expired(expiry, now)) {
@@ -59,7 +75,12 @@ gboolean GlibTimerSourcePrepare(GSource* source, gint* timeout) {
 
 gboolean GlibTimerSourceCheck(GSource* source) {
     Timespec now;
-    VOK_READ_MONOTONIC_CLOCK(now);
+    try {
+        VOK_READ_MONOTONIC_CLOCK(now);
+    } catch (...) {
+        KeepForOwner(source);
+        return FALSE;
+    }
     return Expired(reinterpret_cast<GlibTimerSource*>(source)->expiry, now);
 }
 
@@ -107,6 +128,7 @@ GSource* NewGlibTimerSource(unsigned int milliseconds) {
     Timespec now;
     VOK_READ_MONOTONIC_CLOCK(now);
     GSource* source = g_source_new(&glibTimerSourceFuncs, sizeof(GlibTimerSource));
+    reinterpret_cast<GlibTimerSource*>(source)->owner = nullptr;
     const Timespec interval{static_cast<int32_t>(milliseconds / 1000),
                             static_cast<int32_t>((milliseconds % 1000) * 1000000)};
     reinterpret_cast<GlibTimerSource*>(source)->expiry = now + interval;

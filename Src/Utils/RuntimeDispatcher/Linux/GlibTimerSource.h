@@ -8,10 +8,15 @@
 
 namespace vok {
 
+class RuntimeDispatcherImpl;
+
 // The source: GLib's header, then the expiry.
 struct GlibTimerSource {
     GSource source;
     Timespec expiry;  // Monotonic time at which the source becomes ready.
+    // The dispatcher that receives a clock failure in prepare or check, which cannot be thrown
+    // through GLib; null while unattached.
+    RuntimeDispatcherImpl* owner;
 };
 
 extern GSourceFuncs glibTimerSourceFuncs;

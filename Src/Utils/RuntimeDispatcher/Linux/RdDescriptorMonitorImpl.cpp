@@ -81,16 +81,15 @@ void RdDescriptorMonitorImpl::Discard() {
 
 gboolean RdDescriptorMonitorImpl::CallbackFunc(GIOChannel*, GIOCondition condition, gpointer data) {
     RdDescriptorMonitorImpl* self = static_cast<RdDescriptorMonitorImpl*>(data);
-    self->TakeRef();
-    struct Release {
-        RdDescriptorMonitorImpl* self;
-        ~Release() { self->DropRef(); }
-    } release{self};
     const unsigned c = condition;
     const bool readable = self->watchRead_ && (c & (G_IO_IN | kTroubleConditions)) != 0;
     const bool writable = self->watchWrite_ && (c & (G_IO_OUT | kTroubleConditions)) != 0;
     const bool exception = self->watchException_ && (c & (G_IO_PRI | kTroubleConditions)) != 0;
-    self->callback_(readable, writable, exception);  // std::bad_function_call when empty.
+    self->dispatcher_->RunGuarded([&]() {
+        self->TakeRef();
+        RefCounted::Holder hold(self);
+        self->callback_(readable, writable, exception);  // std::bad_function_call when empty.
+    });
     return TRUE;
 }
 

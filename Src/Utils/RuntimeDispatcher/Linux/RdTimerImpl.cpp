@@ -16,6 +16,7 @@ RdTimerImpl::~RdTimerImpl() {
 void RdTimerImpl::Schedule(unsigned int milliseconds) {
     Cancel();
     GSource* source = NewGlibTimerSource(milliseconds);
+    reinterpret_cast<GlibTimerSource*>(source)->owner = dispatcher_;
     g_source_set_can_recurse(source, FALSE);
     g_source_set_callback(source, &RdTimerImpl::CallbackFunc, this, nullptr);
     g_source_attach(source, dispatcher_->GetContext());
@@ -41,15 +42,14 @@ void RdTimerImpl::Discard() {
 
 gboolean RdTimerImpl::CallbackFunc(void* data) {
     RdTimerImpl* self = static_cast<RdTimerImpl*>(data);
-    self->TakeRef();
     // GLib removes the source after this dispatch; forgetting it now also lets the callback
     // re-arm the timer.
     self->source_ = nullptr;
-    struct Release {
-        RdTimerImpl* self;
-        ~Release() { self->DropRef(); }
-    } release{self};
-    self->callback_();  // std::bad_function_call when empty.
+    self->dispatcher_->RunGuarded([self]() {
+        self->TakeRef();
+        RefCounted::Holder hold(self);
+        self->callback_();  // std::bad_function_call when empty.
+    });
     return FALSE;
 }
 

@@ -31,7 +31,24 @@ void RuntimeDispatcherImpl::Run() {
     if (g_main_loop_is_running(loop_)) {
         return;
     }
+    RethrowPending();
     g_main_loop_run(loop_);
+    RethrowPending();
+}
+
+void RuntimeDispatcherImpl::KeepException(std::exception_ptr exception) noexcept {
+    if (!pending_) {
+        pending_ = exception;
+    }
+    g_main_loop_quit(loop_);
+}
+
+void RuntimeDispatcherImpl::RethrowPending() {
+    if (pending_) {
+        std::exception_ptr exception = pending_;
+        pending_ = nullptr;
+        std::rethrow_exception(exception);
+    }
 }
 
 void RuntimeDispatcherImpl::RequestStop() {

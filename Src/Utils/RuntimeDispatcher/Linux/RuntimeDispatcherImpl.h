@@ -4,6 +4,8 @@
 
 #include <glib.h>
 
+#include <exception>
+
 namespace vok {
 
 // Owns one reference on its main context and the loop on it. Used on the dispatcher's thread,
@@ -22,9 +24,27 @@ class RuntimeDispatcherImpl {
     GMainContext* GetContext() const { return context_; }
     GMainLoop* GetLoop() const { return loop_; }
 
+    // Runs fn, a callback given to GLib or the bus library. An exception leaving it is kept,
+    // the loop is stopped, and Run rethrows it on the dispatcher's thread. C++ exceptions must
+    // not unwind through those C libraries: on ARM their frames have no unwind tables (the
+    // process would terminate), and elsewhere GLib's dispatch state would be left half done.
+    template <typename Fn>
+    void RunGuarded(Fn&& fn) noexcept {
+        try {
+            fn();
+        } catch (...) {
+            KeepException(std::current_exception());
+        }
+    }
+    // Keeps the first exception of a loop run and stops the loop.
+    void KeepException(std::exception_ptr exception) noexcept;
+    // Rethrows and forgets a kept exception, if any (for code that steps the context itself).
+    void RethrowPending();
+
   private:
-    GMainContext* context_;  // One owned reference.
-    GMainLoop* loop_;        // Owned.
+    GMainContext* context_;       // One owned reference.
+    GMainLoop* loop_;             // Owned.
+    std::exception_ptr pending_;  // Raised by a callback, not yet rethrown by Run.
 };
 
 }  // namespace vok
