@@ -6,7 +6,14 @@
 #include <vok/DiagnosticRegister.h>
 #include <vok/Event.h>
 #include <vok/Logger.h>
+#include <vok/MessageMoverFramework.h>
+#include <vok/MessageMoverInterface.h>
+#include <vok/MmCommandPort.h>
+#include <vok/MmConnectionPort.h>
+#include <vok/MmMessageHandle.h>
 #include <vok/Mutex.h>
+#include <vok/PortEventInterface.h>
+#include <vok/SimpleAsyncInterface.h>
 #include <vok/Thread.h>
 #include <vok/VokError.h>
 #include <vok/VokTypes.h>

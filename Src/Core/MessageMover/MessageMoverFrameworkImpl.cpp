@@ -1,0 +1,87 @@
+#include "Src/Core/MessageMover/MessageMoverFrameworkImpl.h"
+
+#include "Src/Core/MessageMover/MmfMessageMoverInterfaceImpl.h"
+
+namespace vok {
+
+MessageMoverFramework* MessageMoverFramework::StartMessageMoverFramework(
+    const std::string& /*name*/) {
+    MMF_TRACE(nullptr);
+    return new MessageMoverFrameworkImpl();
+}
+
+void MessageMoverFramework::StopMessageMoverFramework(MessageMoverFramework* framework) {
+    MMF_TRACE(nullptr);
+    if (framework == nullptr) {
+        return;
+    }
+    MessageMoverFrameworkImpl* impl = static_cast<MessageMoverFrameworkImpl*>(framework);
+    impl->ShutDown();
+    delete impl;
+}
+
+MessageMoverFrameworkImpl::MessageMoverFrameworkImpl()
+    : managersReady_(false),
+      shutDown_(false),
+      messageMgr_(*this),
+      connectionMgr_(*this),
+      ifaceTracker_("VOK Daemon", "MessageMoverInterface", &GetIfaceInfoForObjectTracker) {
+    MMF_TRACE(this);
+    managersReady_ = true;
+    // Both initialisations before both deployments: the connection manager's Init fetches the
+    // message manager.
+    messageMgr_.Init();
+    connectionMgr_.Init();
+    messageMgr_.Deploy();
+    connectionMgr_.Deploy();
+}
+
+MessageMoverFrameworkImpl::~MessageMoverFrameworkImpl() {
+    MMF_TRACE(this);
+}
+
+MessageMoverInterface* MessageMoverFrameworkImpl::CreateInterface(const std::string& name) {
+    MMF_TRACE(this);
+    MmfMessageMoverInterfaceImpl* iface = new MmfMessageMoverInterfaceImpl(this, name);
+    ifaceTracker_.Track(iface);
+    return iface;
+}
+
+void MessageMoverFrameworkImpl::DiscardInterface(MessageMoverInterface* iface) {
+    MMF_TRACE(this);
+    if (iface == nullptr) {
+        MMF_THROW("Null arg.");
+    }
+    MmfMessageMoverInterfaceImpl* impl = static_cast<MmfMessageMoverInterfaceImpl*>(iface);
+    ifaceTracker_.Untrack(impl);
+    delete impl;
+}
+
+void MessageMoverFrameworkImpl::ShutDown() {
+    MMF_TRACE(this);
+    ifaceTracker_.ReportLeaks();
+    shutDown_ = true;
+}
+
+MmfMessageManager& MessageMoverFrameworkImpl::GetMessageMgr() {
+    MMF_TRACE(this);
+    if (!managersReady_) {
+        MMF_THROW("MmfMessageMgr is not ready for access");
+    }
+    return messageMgr_;
+}
+
+MmfConnectionManager& MessageMoverFrameworkImpl::GetConnectionMgr() {
+    MMF_TRACE(this);
+    if (!managersReady_) {
+        MMF_THROW("MmfConnectionMgr is not ready for access");
+    }
+    return connectionMgr_;
+}
+
+std::string MessageMoverFrameworkImpl::GetIfaceInfoForObjectTracker(
+    const MmfMessageMoverInterfaceImpl& iface) {
+    return iface.GetName();
+}
+
+}  // namespace vok

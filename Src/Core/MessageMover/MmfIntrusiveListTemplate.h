@@ -1,0 +1,88 @@
+// Not public API. Typed intrusive lists over the checked linked list.
+//
+// An object embeds an MmfIntrusiveLinkT and is queued by it, so queueing never allocates. The
+// lists do not own their objects and have no lock: their owner serialises access. Misuse the
+// checked list detects (a link already linked, a link of another list, a corrupt node) stops the
+// process.
+#ifndef VOK_SRC_CORE_MESSAGEMOVER_MMFINTRUSIVELISTTEMPLATE_H
+#define VOK_SRC_CORE_MESSAGEMOVER_MMFINTRUSIVELISTTEMPLATE_H
+
+#include <cstdint>
+
+#include "Src/Core/MessageMover/MmfTrace.h"
+#include "Src/LinkedList/linked_list.h"
+
+namespace vok {
+
+// The link an object embeds: a checked list node whose parent object is the link itself, and a
+// pointer to the embedding object.
+template <typename objectType>
+class MmfIntrusiveLinkT {
+  public:
+    // Makes the link an unlinked node owned by owner.
+    void Init(objectType* owner) {
+        LinkedListNodeInit(&node_, this);
+        pOwner_ = owner;
+    }
+    objectType* GetOwner() const { return pOwner_; }
+    // Checks the node's signature.
+    bool IsLinked() const { return LinkedListNodeIsLinked(&node_) != 0; }
+    LinkedListLinkType* GetNode() { return &node_; }
+
+    // The link of a node (NULL for NULL).
+    static MmfIntrusiveLinkT* FromNode(LinkedListLinkType* node) {
+        return node != nullptr ? static_cast<MmfIntrusiveLinkT*>(LinkedListNodeParentObjGet(node))
+                               : nullptr;
+    }
+
+  private:
+    LinkedListLinkType node_;
+    objectType* pOwner_;
+};
+
+template <typename objectType>
+class MmfIntrusiveListT {
+  public:
+    typedef MmfIntrusiveLinkT<objectType> Link;
+
+    MmfIntrusiveListT() { LinkedListHeadInit(&head_); }
+    MmfIntrusiveListT(const MmfIntrusiveListT&) = delete;
+    MmfIntrusiveListT& operator=(const MmfIntrusiveListT&) = delete;
+
+    void PushBack(Link& link) { LinkedListEnqueueTail(&head_, link.GetNode()); }
+    void PushFront(Link& link) { LinkedListEnqueueHead(&head_, link.GetNode()); }
+    // The front link, taken off the list, or NULL when the list is empty.
+    Link* PopFront() { return Link::FromNode(LinkedListDequeueHead(&head_)); }
+    Link* GetFirst() { return Link::FromNode(LinkedListGetFirst(&head_)); }
+    int32_t GetCount() { return LinkedListGetCount(&head_); }
+
+    void RemoveAt(Link& link) {
+        MMF_TRACE(this);
+        if (LinkedListDequeue(&head_, link.GetNode()) == nullptr) {
+            MMF_THROW("ERROR: link not on list or invalid link");
+        }
+    }
+
+    // The link at a 0-based position, left in place. Linear in index.
+    Link* PeekAtIndex(int32_t index) {
+        MMF_TRACE(this);
+        if (index < 0) {
+            MMF_THROW("ERROR: invalid index arg: negative");
+        }
+        Link* link = GetFirst();
+        for (int32_t i = 0; i < index && link != nullptr; ++i) {
+            link = Link::FromNode(LinkedListGetNext(&head_, link->GetNode()));
+        }
+        if (link == nullptr) {
+            MMF_THROW("ERROR: element index is out of bounds");
+        }
+        return link;
+    }
+
+  private:
+    LinkedListHeadType head_;
+};
+
+}  // namespace vok
+
+#endif  // VOK_SRC_CORE_MESSAGEMOVER_MMFINTRUSIVELISTTEMPLATE_H

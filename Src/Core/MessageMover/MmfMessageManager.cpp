@@ -1,0 +1,238 @@
+#include "Src/Core/MessageMover/MmfMessageManager.h"
+
+#include <new>
+
+namespace vok {
+
+namespace {
+
+const uint8_t kGuardBytes[kMmfPayloadGuardSize] = {0xBA, 0xBE, 0xFA, 0xCE};
+
+uint32_t DumpSize(uint32_t guardOffset) {
+    const uint32_t blockSize = guardOffset + kMmfPayloadGuardSize;
+    return blockSize < kMmfMaxMessageDumpSize ? blockSize : kMmfMaxMessageDumpSize;
+}
+
+void LogHeaderDump(const MmfBaseMessageHeader& header) {
+    MmfDiag::GetLogger().CriticalBin(&header, kMmfMessageHeaderSize);
+}
+
+}  // namespace
+
+uint32_t calcPayloadGuardOffsetFromPayloadSize(uint32_t payloadSize) {
+    MMF_TRACE(nullptr);
+    if (payloadSize > kMmfMaxPayloadSize) {
+        MMF_THROW("paylodSize out of bounds");
+    }
+    return payloadSize + kMmfMessageHeaderSize;
+}
+
+void initMessageHandleBlock(MmfMessageHandleBlock* block, uint8_t headerOffset) {
+    MMF_TRACE(nullptr);
+    if (block == nullptr) {
+        MMF_THROW("NULL arg.");
+    }
+    block->headerOffset = headerOffset;
+    block->bindingNumber = 1;
+    block->link.Init(block);
+}
+
+MmfMessageManager::MmfMessageManager(MessageMoverFrameworkImpl& framework)
+    : framework_(framework), outstandingMsgs_(kMmfOutstandingMsgsDiagRegPath, 0) {
+    MMF_TRACE(this);
+    outstandingMsgs_.Reset(0);
+}
+
+MmfMessageManager::~MmfMessageManager() {
+    MMF_TRACE(this);
+}
+
+void MmfMessageManager::Init() {
+    MMF_TRACE(this);
+}
+
+void MmfMessageManager::Deploy() {
+    MMF_TRACE(this);
+}
+
+void* MmfMessageManager::AllocateMessageMemory(uint32_t payloadSize, uint32_t* allocSize) {
+    MMF_TRACE(this);
+    const uint32_t size = calcPayloadGuardOffsetFromPayloadSize(payloadSize) + kMmfPayloadGuardSize;
+    void* block = ::operator new(size);
+    if (allocSize != nullptr) {
+        *allocSize = size;
+    }
+    outstandingMsgs_.Inc();
+    return block;
+}
+
+void MmfMessageManager::FreeMessageMemory(MmfBaseMessageHeader* header) {
+    MMF_TRACE(this);
+    ::operator delete(header);
+    outstandingMsgs_.Dec();
+}
+
+void* MmfMessageManager::CreateMessage(uint32_t payloadSize, MmBaseMessageHandle* handle) {
+    MMF_TRACE(this);
+    if (handle == nullptr) {
+        MMF_THROW("NULL arg.");
+    }
+    uint8_t* block = static_cast<uint8_t*>(AllocateMessageMemory(payloadSize, nullptr));
+    std::memcpy(block + payloadSize + kMmfMessageHeaderSize, kGuardBytes, sizeof kGuardBytes);
+    MmfBaseMessageHeader* header = reinterpret_cast<MmfBaseMessageHeader*>(block);
+    std::memset(header, 0, kMmfMessageHeaderSize);
+    header->SetSignature(kMmfMessageSignature);
+    header->packed[kMmfHdrVersion] = kMmfHeaderVersion;
+    header->packed[kMmfHdrPayloadOffset] = static_cast<uint8_t>(kMmfMessageHeaderSize);
+    header->StoreHalves(kMmfHdrPayloadSize, payloadSize);
+    initMessageHandleBlock(&header->handleBlock, kMmfHdrPackedSize);
+    *handle = MmBaseMessageHandle(&header->handleBlock, header->handleBlock.bindingNumber);
+    return GetPayloadPtrFromBinding(*handle, nullptr);
+}
+
+void MmfMessageManager::FreeMessage(const MmBaseMessageHandle& handle) {
+    MMF_TRACE(this);
+    MmfBaseMessageHeader& header = GetHeaderFromBinding(handle);
+    if (header.handleBlock.link.IsLinked()) {
+        MMF_THROW("Message being freed still in queue");
+    }
+    header.SetSignature(0);
+    FreeMessageMemory(&header);
+}
+
+void MmfMessageManager::RebindMessage(MmBaseMessageHandle* handle) {
+    MMF_TRACE(nullptr);
+    if (handle == nullptr) {
+        MMF_THROW("NULL arg.");
+    }
+    MmfBaseMessageHeader& header = GetHeaderFromBinding(*handle);
+    MmfMessageHandleBlock& block = header.handleBlock;
+    if (block.link.IsLinked()) {
+        MMF_THROW("Message being rebound is still in queue");
+    }
+    block.bindingNumber = block.bindingNumber == 0xFFFF ? 1 : block.bindingNumber + 1;
+    *handle = MmBaseMessageHandle(&block, block.bindingNumber);
+}
+
+MmBaseMessageHandle MmfMessageManager::DuplicateMessage(const MmBaseMessageHandle& source) {
+    MMF_TRACE(this);
+    const MmfBaseMessageHeader& sourceHeader = GetHeaderFromBinding(source);
+    const uint32_t payloadSize = sourceHeader.GetPayloadSize();
+    uint32_t blockSize = 0;
+    void* block = AllocateMessageMemory(payloadSize, &blockSize);
+    std::memcpy(block, &sourceHeader, blockSize);
+    MmfBaseMessageHeader* copy = static_cast<MmfBaseMessageHeader*>(block);
+    copy->SetSequenceNumber(0);
+    copy->SetSerial(0);
+    copy->SetInResponseToSerial(0);
+    copy->SetSenderAddress(0);
+    copy->SetDestAddress(0);
+    initMessageHandleBlock(&copy->handleBlock, sourceHeader.handleBlock.headerOffset);
+    // The copy's handle takes the source's binding number, not the copy's own 1.
+    return MmBaseMessageHandle(&copy->handleBlock, sourceHeader.handleBlock.bindingNumber);
+}
+
+void MmfMessageManager::ValidateMessage(const MmfBaseMessageHeader& header) {
+    MMF_TRACE(nullptr);
+    const Logger& logger = MmfDiag::GetLogger();
+    const uint32_t signature = header.GetSignature();
+    if (signature != kMmfMessageSignature) {
+        logger.Critical(
+            "%s: Invalid message header signature; expected <%#lx>, but got <%#lx>; hex dump of "
+            "the message header follows...",
+            __func__, static_cast<unsigned long>(kMmfMessageSignature),
+            static_cast<unsigned long>(signature));
+        LogHeaderDump(header);
+        MMF_THROW("invalid message header signature");
+    }
+    if (header.GetVersion() != kMmfHeaderVersion) {
+        logger.Critical(
+            "%s: Invalid message header version; expected <%ld>, but got <%ld>; hex dump of the "
+            "message header follows...",
+            __func__, static_cast<long>(kMmfHeaderVersion), static_cast<long>(header.GetVersion()));
+        LogHeaderDump(header);
+        MMF_THROW("invalid message header version");
+    }
+    if (header.GetPayloadOffset() != kMmfMessageHeaderSize) {
+        logger.Critical(
+            "%s: Invalid message payload offset; expected <%ld>, but got <%ld>; hex dump of the "
+            "message header follows...",
+            __func__, static_cast<long>(kMmfMessageHeaderSize),
+            static_cast<long>(header.GetPayloadOffset()));
+        LogHeaderDump(header);
+        MMF_THROW("invalid message payload offset");
+    }
+    const uint32_t guardOffset = calcPayloadGuardOffsetFromPayloadSize(header.GetPayloadSize());
+    uint32_t guard;
+    std::memcpy(&guard, reinterpret_cast<const uint8_t*>(&header) + guardOffset, sizeof guard);
+    if (guard != kMmfPayloadGuard) {
+        logger.Critical(
+            "%s: Corrupted payload memory guard; msg ptr=<%p>;payloadOffset=<%ld>; "
+            "payloadSize=<%ld>; msgProtocol=<%ld>; msgId=<%ld>; hex dump of the message "
+            "follows...",
+            __func__, static_cast<const void*>(&header),
+            static_cast<long>(header.GetPayloadOffset()),
+            static_cast<long>(header.GetPayloadSize()), static_cast<long>(header.GetProtocolId()),
+            static_cast<long>(header.GetMsgId()));
+        logger.CriticalBin(&header, DumpSize(guardOffset));
+        MMF_THROW("Corrupted payload memory guard");
+    }
+}
+
+MmfBaseMessageHeader& MmfMessageManager::GetHeaderFromBindingLow(
+    const MmBaseMessageHandle& handle) {
+    MMF_TRACE(nullptr);
+    MmfMessageHandleBlock* block = handle.pBlock_;
+    if (block == nullptr) {
+        MMF_THROW("NULL handle block pointer");
+    }
+    if (block->bindingNumber != handle.bindingNumber_) {
+        MMF_THROW("binding number mismatch");
+    }
+    return *reinterpret_cast<MmfBaseMessageHeader*>(reinterpret_cast<uint8_t*>(block) -
+                                                    block->headerOffset);
+}
+
+MmfBaseMessageHeader& MmfMessageManager::GetHeaderFromBinding(const MmBaseMessageHandle& handle) {
+    MMF_TRACE(nullptr);
+    MmfBaseMessageHeader& header = GetHeaderFromBindingLow(handle);
+    ValidateMessage(header);
+    return header;
+}
+
+void MmfMessageManager::ValidateMessageBinding(const MmBaseMessageHandle& handle) {
+    MMF_TRACE(nullptr);
+    (void)GetHeaderFromBinding(handle);
+}
+
+void* MmfMessageManager::GetPayloadPtrFromBinding(const MmBaseMessageHandle& handle,
+                                                  uint32_t* payloadSize) {
+    MMF_TRACE(nullptr);
+    MmfBaseMessageHeader& header = GetHeaderFromBinding(handle);
+    if (payloadSize != nullptr) {
+        *payloadSize = header.GetPayloadSize();
+    }
+    return reinterpret_cast<uint8_t*>(&header) + header.GetPayloadOffset();
+}
+
+MmfMessageLink& MmfMessageManager::GetLinkFromBinding(const MmBaseMessageHandle& handle) {
+    MMF_TRACE(nullptr);
+    return GetHeaderFromBinding(handle).handleBlock.link;
+}
+
+MmBaseMessageHandle MmfMessageManager::GetBindingFromLink(MmfMessageLink& link) {
+    MMF_TRACE(nullptr);
+    (void)link.IsLinked();  // Checks the node's signature; the answer does not matter here.
+    MmfMessageHandleBlock* block = link.GetOwner();
+    return MmBaseMessageHandle(block, block->bindingNumber);
+}
+
+void MmfMessageManager::LogMessage(const MmBaseMessageHandle& handle, const Logger& logger,
+                                   DumpFunction dump) {
+    MMF_TRACE(nullptr);
+    const MmfBaseMessageHeader& header = GetHeaderFromBinding(handle);
+    (logger.*dump)(&header,
+                   DumpSize(calcPayloadGuardOffsetFromPayloadSize(header.GetPayloadSize())));
+}
+
+}  // namespace vok

@@ -1,0 +1,195 @@
+// Not public API. Message memory: the block layout, its validation, and the manager that
+// allocates, frees, rebinds and duplicates messages.
+//
+// One heap block per message: header, payload, then a 4-byte guard (BA BE FA CE) right after the
+// last payload byte. Header bytes 0..39 are packed little-endian fields at fixed offsets on every
+// platform; the handle block at offset 40 holds native pointers, so the header is 64 bytes on
+// 32-bit targets and larger on 64-bit hosts. payloadOffset always holds the header size.
+#ifndef VOK_SRC_CORE_MESSAGEMOVER_MMFMESSAGEMANAGER_H
+#define VOK_SRC_CORE_MESSAGEMOVER_MMFMESSAGEMANAGER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "Src/Core/MessageMover/MmfIntrusiveListTemplate.h"
+#include "vok/DiagnosticRegister.h"
+#include "vok/Logger.h"
+#include "vok/MmMessageHandle.h"
+
+namespace vok {
+
+class MessageMoverFrameworkImpl;
+
+// Diagnostic register paths of the MessageMover.
+#define VOK_MMF_DIAG_REG_GROUP_PATH "root.vok.MessageMover."
+constexpr char kMmfDiagRegGroupPath[] = VOK_MMF_DIAG_REG_GROUP_PATH;
+constexpr char kMmfIfaceDiagRegGroupPath[] = VOK_MMF_DIAG_REG_GROUP_PATH "Iface.";
+constexpr char kMmfOutstandingMsgsDiagRegPath[] = VOK_MMF_DIAG_REG_GROUP_PATH "outstandingMessages";
+constexpr char kMmfIfaceMsgsHeldByUserDiagRegName[] = "msgsHeldByUser";
+constexpr char kMmfIfaceMsgsLeakedByUserDiagRegName[] = "msgsLeakedByUser";
+constexpr char kMmfIfaceMsgsHeldByPortsDiagRegName[] = "msgsHeldByPorts";
+#undef VOK_MMF_DIAG_REG_GROUP_PATH
+
+typedef MmfIntrusiveLinkT<MmfMessageHandleBlock> MmfMessageLink;
+typedef MmfIntrusiveListT<MmfMessageHandleBlock> MmfMessageList;
+
+// What a handle names, embedded in the header at offset 40. Ports queue and trackers track a
+// message by its link; a message is in at most one list at a time.
+struct MmfMessageHandleBlock {
+    uint8_t headerOffset;    // Distance from the header start to this block: 40.
+    uint8_t reserved;        // Unused.
+    uint16_t bindingNumber;  // Current binding: 1 when created, advanced on rebind, never 0.
+    MmfMessageLink link;     // Owner is this block.
+};
+
+// Byte offsets of the packed header fields.
+enum MmfHeaderFieldOffset : uint32_t {
+    kMmfHdrSignature = 0,
+    kMmfHdrVersion = 4,
+    kMmfHdrPayloadOffset = 5,
+    kMmfHdrPayloadSize = 6,
+    kMmfHdrSequenceNumber = 10,
+    kMmfHdrMsgType = 14,
+    kMmfHdrProtocolId = 15,
+    kMmfHdrMsgId = 19,
+    kMmfHdrSerial = 23,
+    kMmfHdrInResponseToSerial = 27,
+    kMmfHdrSenderAddress = 31,
+    kMmfHdrDestAddress = 35,
+    kMmfHdrReserved = 39,
+    kMmfHdrPackedSize = 40,  // Also the handle block's offset.
+};
+
+// The message header. The packed fields are read and written through memcpy at their offsets, so
+// nothing depends on alignment; a setter changes only its own field.
+struct MmfBaseMessageHeader {
+    uint8_t packed[kMmfHdrPackedSize];
+    MmfMessageHandleBlock handleBlock;
+
+    uint32_t GetSignature() const { return LoadU32(kMmfHdrSignature); }
+    void SetSignature(uint32_t value) { StoreU32(kMmfHdrSignature, value); }
+    uint8_t GetVersion() const { return packed[kMmfHdrVersion]; }
+    uint8_t GetPayloadOffset() const { return packed[kMmfHdrPayloadOffset]; }
+    uint32_t GetPayloadSize() const { return LoadHalves(kMmfHdrPayloadSize); }
+    uint32_t GetSequenceNumber() const { return LoadHalves(kMmfHdrSequenceNumber); }
+    void SetSequenceNumber(uint32_t value) { StoreHalves(kMmfHdrSequenceNumber, value); }
+    uint8_t GetMsgType() const { return packed[kMmfHdrMsgType]; }
+    void SetMsgType(uint8_t value) { packed[kMmfHdrMsgType] = value; }
+    uint32_t GetProtocolId() const { return LoadU32(kMmfHdrProtocolId); }
+    void SetProtocolId(uint32_t value) { StoreU32(kMmfHdrProtocolId, value); }
+    uint32_t GetMsgId() const { return LoadU32(kMmfHdrMsgId); }
+    void SetMsgId(uint32_t value) { StoreU32(kMmfHdrMsgId, value); }
+    uint32_t GetSerial() const { return LoadU32(kMmfHdrSerial); }
+    void SetSerial(uint32_t value) { StoreU32(kMmfHdrSerial, value); }
+    uint32_t GetInResponseToSerial() const { return LoadU32(kMmfHdrInResponseToSerial); }
+    void SetInResponseToSerial(uint32_t value) { StoreU32(kMmfHdrInResponseToSerial, value); }
+    uint32_t GetSenderAddress() const { return LoadU32(kMmfHdrSenderAddress); }
+    void SetSenderAddress(uint32_t value) { StoreU32(kMmfHdrSenderAddress, value); }
+    uint32_t GetDestAddress() const { return LoadU32(kMmfHdrDestAddress); }
+    void SetDestAddress(uint32_t value) { StoreU32(kMmfHdrDestAddress, value); }
+
+    uint32_t LoadU32(uint32_t offset) const {
+        uint32_t value;
+        std::memcpy(&value, packed + offset, sizeof value);
+        return value;
+    }
+    void StoreU32(uint32_t offset, uint32_t value) {
+        std::memcpy(packed + offset, &value, sizeof value);
+    }
+    // Fields stored as two 16-bit halves, low half first.
+    uint32_t LoadHalves(uint32_t offset) const {
+        uint16_t low;
+        uint16_t high;
+        std::memcpy(&low, packed + offset, sizeof low);
+        std::memcpy(&high, packed + offset + 2, sizeof high);
+        return static_cast<uint32_t>(low) | (static_cast<uint32_t>(high) << 16);
+    }
+    void StoreHalves(uint32_t offset, uint32_t value) {
+        const uint16_t low = static_cast<uint16_t>(value);
+        const uint16_t high = static_cast<uint16_t>(value >> 16);
+        std::memcpy(packed + offset, &low, sizeof low);
+        std::memcpy(packed + offset + 2, &high, sizeof high);
+    }
+};
+
+static_assert(offsetof(MmfBaseMessageHeader, handleBlock) == kMmfHdrPackedSize,
+              "the handle block sits at offset 40");
+#if UINTPTR_MAX == 0xFFFFFFFFu
+static_assert(sizeof(MmfMessageHandleBlock) == 24, "24-byte handle block on 32-bit targets");
+static_assert(sizeof(MmfBaseMessageHeader) == 64, "64-byte message header on 32-bit targets");
+#endif
+
+constexpr uint32_t kMmfMessageHeaderSize = sizeof(MmfBaseMessageHeader);
+constexpr uint32_t kMmfPayloadGuardSize = 4;
+constexpr uint32_t kMmfMaxPayloadSize = 0xFFFFBB;
+constexpr uint32_t kMmfMessageSignature = 0xCEFAEDFE;
+constexpr uint32_t kMmfPayloadGuard = 0xCEFABEBA;  // Bytes BA BE FA CE.
+constexpr uint8_t kMmfHeaderVersion = 1;
+constexpr uint32_t kMmfMaxMessageDumpSize = 0x2800;
+// Message type of the framework's link-control messages.
+constexpr uint8_t kMmfLinkControlMsgType = 4;
+
+// Offset of the guard from the block start. Throws "paylodSize out of bounds" above 0xFFFFBB.
+uint32_t calcPayloadGuardOffsetFromPayloadSize(uint32_t payloadSize);
+// Sets the header offset and binding 1 and makes the link an unlinked node. Throws on NULL.
+void initMessageHandleBlock(MmfMessageHandleBlock* block, uint8_t headerOffset);
+
+// Owner of the rules of message memory, one per framework. Allocation, freeing and duplication
+// count blocks in the register root.vok.MessageMover.outstandingMessages; the validating
+// operations are static and need only a handle. No lock: a message is touched by one thread at
+// a time (writer, then connection manager and receiving port under their locks, then reader).
+// Destroying the manager frees no messages; those still allocated stay counted.
+class MmfMessageManager {
+  public:
+    typedef void (Logger::*DumpFunction)(const void* data, size_t length) const;
+
+    explicit MmfMessageManager(MessageMoverFrameworkImpl& framework);
+    ~MmfMessageManager();
+    MmfMessageManager(const MmfMessageManager&) = delete;
+    MmfMessageManager& operator=(const MmfMessageManager&) = delete;
+
+    // Start-up hooks; nothing to do beyond tracing.
+    void Init();
+    void Deploy();
+
+    // An uninitialised block for payloadSize bytes; its size goes to *allocSize unless NULL.
+    void* AllocateMessageMemory(uint32_t payloadSize, uint32_t* allocSize);
+    void FreeMessageMemory(MmfBaseMessageHeader* header);
+
+    // A new message (type 0, name 0/0, no serials or addresses) with an uninitialised payload;
+    // fills *handle and returns the payload.
+    void* CreateMessage(uint32_t payloadSize, MmBaseMessageHandle* handle);
+    // Refuses a message that is still in a list; zeroes the signature before releasing it.
+    void FreeMessage(const MmBaseMessageHandle& handle);
+    // Moves the message to a new owner: advances the binding number (skipping 0) so that every
+    // earlier handle is stale, and rewrites *handle. Refuses a message that is in a list.
+    static void RebindMessage(MmBaseMessageHandle* handle);
+    // A copy without serials, addresses and sequence number. The returned handle carries the
+    // source's binding number, so only a source that was never rebound yields a usable copy;
+    // otherwise the copy stays allocated and counted and "binding number mismatch" is thrown.
+    MmBaseMessageHandle DuplicateMessage(const MmBaseMessageHandle& source);
+
+    // Checks signature, version, payload offset and guard; logs and throws on the first failure.
+    static void ValidateMessage(const MmfBaseMessageHeader& header);
+    // The header, with the handle's pointer and binding checked but not the message.
+    static MmfBaseMessageHeader& GetHeaderFromBindingLow(const MmBaseMessageHandle& handle);
+    // The header, with handle and message checked.
+    static MmfBaseMessageHeader& GetHeaderFromBinding(const MmBaseMessageHandle& handle);
+    static void ValidateMessageBinding(const MmBaseMessageHandle& handle);
+    static void* GetPayloadPtrFromBinding(const MmBaseMessageHandle& handle, uint32_t* payloadSize);
+    static MmfMessageLink& GetLinkFromBinding(const MmBaseMessageHandle& handle);
+    // A checked handle, with the current binding, of the message that owns link.
+    static MmBaseMessageHandle GetBindingFromLink(MmfMessageLink& link);
+    // Dumps the whole block (at most 10240 bytes) through the given dump member of logger.
+    static void LogMessage(const MmBaseMessageHandle& handle, const Logger& logger,
+                           DumpFunction dump);
+
+  private:
+    MessageMoverFrameworkImpl& framework_;
+    DiagnosticRegisterCounter outstandingMsgs_;  // Blocks allocated and not yet released.
+};
+
+}  // namespace vok
+
+#endif  // VOK_SRC_CORE_MESSAGEMOVER_MMFMESSAGEMANAGER_H

@@ -1,0 +1,199 @@
+#include "Src/Core/MessageMover/MmfMessageMoverInterfaceImpl.h"
+
+#include "Src/Core/MessageMover/MessageMoverFrameworkImpl.h"
+#include "Src/Core/MessageMover/MmfCommandPortImpl.h"
+#include "Src/Core/MessageMover/MmfConnectionPortImpl.h"
+
+namespace vok {
+
+namespace {
+
+const uint32_t kClearAllOptions = 0xFFFFFFFF;
+const DiagnosticRegisterLongevity kLeakedCounterLongevity = kDiagRegLongevityLong;
+
+std::string CounterPath(const std::string& ifaceName, const char* counterName) {
+    return std::string(kMmfIfaceDiagRegGroupPath) + ifaceName + "." + counterName;
+}
+
+}  // namespace
+
+uint32_t MmfMessageMoverInterfaceImpl::OptionMgr::Set(uint32_t optionsToClear,
+                                                      uint32_t optionsToSet) {
+    MMF_TRACE(this);
+    MutexLocker lock(lock_);
+    const Logger& logger = MmfDiag::GetLogger();
+    if (optionsToClear != kClearAllOptions && (optionsToClear & ~validMask_) != 0) {
+        logger.Error("%s: invalid optionsToClear: <%#lx>.", __func__,
+                     static_cast<unsigned long>(optionsToClear & ~validMask_));
+        MMF_THROW("invalid optionsToClear");
+    }
+    if ((optionsToSet & ~validMask_) != 0) {
+        logger.Error("%s: invalid optionsToSet: <%#lx>.", __func__,
+                     static_cast<unsigned long>(optionsToSet & ~validMask_));
+        MMF_THROW("invalid optionsToSet");
+    }
+    options_ = (options_ & ~optionsToClear) | optionsToSet;
+    return options_;
+}
+
+uint32_t MmfMessageMoverInterfaceImpl::OptionMgr::Get() {
+    MutexLocker lock(lock_);
+    return options_;
+}
+
+MmfMessageMoverInterfaceImpl::MmfMessageMoverInterfaceImpl(MessageMoverFrameworkImpl* framework,
+                                                           const std::string& name)
+    : pFramework_(framework),
+      pConnMgr_(&framework->GetConnectionMgr()),
+      pMsgMgr_(&framework->GetMessageMgr()),
+      name_(name),
+      msgsHeldByUser_(CounterPath(name, kMmfIfaceMsgsHeldByUserDiagRegName), 0),
+      msgsLeakedByUser_(CounterPath(name, kMmfIfaceMsgsLeakedByUserDiagRegName), 0),
+      msgsHeldByPorts_(CounterPath(name, kMmfIfaceMsgsHeldByPortsDiagRegName), 0),
+      connPortTracker_(name, "ConnectionPort", &GetConnPortInfoForObjectTracker),
+      cmdPortTracker_(name, "CommandPort", &GetCmdPortInfoForObjectTracker),
+      connMsgTracker_(name, "ConnectionMessage", &msgsHeldByUser_),
+      cmdMsgTracker_(name, "CommandMessage", &msgsHeldByUser_) {
+    MMF_TRACE(this);
+    // The leak count outlives the interface and the prune of ended work.
+    msgsLeakedByUser_.SetLongevity(kLeakedCounterLongevity);
+    msgsHeldByUser_.Reset(0);
+    msgsHeldByPorts_.Reset(0);
+}
+
+MmfMessageMoverInterfaceImpl::~MmfMessageMoverInterfaceImpl() {
+    MMF_TRACE(this);
+    msgsLeakedByUser_.Adjust(msgsHeldByUser_.Get(nullptr));
+    connPortTracker_.ReportLeaks();
+    cmdPortTracker_.ReportLeaks();
+    connMsgTracker_.ReportLeaks();
+    cmdMsgTracker_.ReportLeaks();
+}
+
+MmConnectionPort* MmfMessageMoverInterfaceImpl::CreateConnectedPair(
+    MessageMoverInterface* peerInterface, MmConnectionPort** peerPort) {
+    MMF_TRACE(this);
+    if (peerInterface == nullptr || peerPort == nullptr) {
+        MMF_THROW("NULL arg.");
+    }
+    MmfMessageMoverInterfaceImpl* peer = static_cast<MmfMessageMoverInterfaceImpl*>(peerInterface);
+    MmConnectionPort* port = pConnMgr_->CreateConnectedPair(this, peer, peerPort);
+    connPortTracker_.Track(static_cast<MmfConnectionPortImpl*>(port));
+    peer->connPortTracker_.Track(static_cast<MmfConnectionPortImpl*>(*peerPort));
+    return port;
+}
+
+void MmfMessageMoverInterfaceImpl::DiscardConnectionPort(MmConnectionPort* port) {
+    MMF_TRACE(this);
+    connPortTracker_.Untrack(static_cast<MmfConnectionPortImpl*>(port));
+    pConnMgr_->DiscardConnectionPort(port);
+}
+
+MmCommandPort* MmfMessageMoverInterfaceImpl::CreateCommandServicePort(
+    MmServiceIdentifier_t serviceId) {
+    MMF_TRACE(this);
+    return CreateCommandPort_Helper(serviceId);
+}
+
+MmCommandPort* MmfMessageMoverInterfaceImpl::CreateCommandPort() {
+    MMF_TRACE(this);
+    return CreateCommandPort_Helper(0);
+}
+
+MmCommandPort* MmfMessageMoverInterfaceImpl::CreateCommandPort_Helper(
+    MmServiceIdentifier_t serviceId) {
+    MMF_TRACE(this);
+    MmCommandPort* port = pConnMgr_->CreateCommandPort(this, serviceId);
+    cmdPortTracker_.Track(static_cast<MmfCommandPortImpl*>(port));
+    return port;
+}
+
+void MmfMessageMoverInterfaceImpl::DiscardCommandPort(MmCommandPort* port) {
+    MMF_TRACE(this);
+    cmdPortTracker_.Untrack(static_cast<MmfCommandPortImpl*>(port));
+    pConnMgr_->DiscardCommandPort(port);
+}
+
+template <typename HandleT>
+void* MmfMessageMoverInterfaceImpl::CreateMessageT(uint32_t payloadSize, HandleT* msg) {
+    if (msg == nullptr) {
+        MMF_THROW("NULL arg.");
+    }
+    MmBaseMessageHandle created;
+    void* payload = pMsgMgr_->CreateMessage(payloadSize, &created);
+    *msg = HandleT(created);
+    GetMessageTracker(*msg).Track(*msg);
+    return payload;
+}
+
+template <typename HandleT>
+HandleT MmfMessageMoverInterfaceImpl::DuplicateMessageT(const HandleT& msg) {
+    const HandleT copy(pMsgMgr_->DuplicateMessage(msg.GetBinding()));
+    GetMessageTracker(copy).Track(copy);
+    return copy;
+}
+
+template <typename HandleT>
+void MmfMessageMoverInterfaceImpl::FreeMessageT(const HandleT& msg) {
+    // Untracking counts the message out of msgsHeldByUser.
+    GetMessageTracker(msg).Untrack(msg);
+    pMsgMgr_->FreeMessage(msg.GetBinding());
+}
+
+void* MmfMessageMoverInterfaceImpl::CreateConnectionMessage(uint32_t payloadSize,
+                                                            MmConnectionMessageHandle* msg) {
+    MMF_TRACE(this);
+    return CreateMessageT(payloadSize, msg);
+}
+
+MmConnectionMessageHandle MmfMessageMoverInterfaceImpl::DuplicateConnectionMessage(
+    const MmConnectionMessageHandle& msg) {
+    MMF_TRACE(this);
+    return DuplicateMessageT(msg);
+}
+
+void* MmfMessageMoverInterfaceImpl::CreateCommandMessage(uint32_t payloadSize,
+                                                         MmCommandMessageHandle* msg) {
+    MMF_TRACE(this);
+    return CreateMessageT(payloadSize, msg);
+}
+
+MmCommandMessageHandle MmfMessageMoverInterfaceImpl::DuplicateCommandMessage(
+    const MmCommandMessageHandle& msg) {
+    MMF_TRACE(this);
+    return DuplicateMessageT(msg);
+}
+
+void MmfMessageMoverInterfaceImpl::FreeMessage(const MmConnectionMessageHandle& msg) {
+    MMF_TRACE(this);
+    FreeMessageT(msg);
+}
+
+void MmfMessageMoverInterfaceImpl::FreeMessage(const MmCommandMessageHandle& msg) {
+    MMF_TRACE(this);
+    FreeMessageT(msg);
+}
+
+uint32_t MmfMessageMoverInterfaceImpl::SetDiagOptions(uint32_t optionsToClear,
+                                                      uint32_t optionsToSet) {
+    MMF_TRACE(this);
+    return options_.Set(optionsToClear, optionsToSet);
+}
+
+template <typename P>
+std::string MmfMessageMoverInterfaceImpl::GetPortInfoForObjectTrackerT(const P& port) {
+    return "portAddr=<" + std::to_string(port.GetMessagePort()->GetAddress()) + ">; " + "iface=<" +
+           port.GetInterface()->GetName() + ">";
+}
+
+std::string MmfMessageMoverInterfaceImpl::GetCmdPortInfoForObjectTracker(
+    const MmfCommandPortImpl& port) {
+    return GetPortInfoForObjectTrackerT(port);
+}
+
+std::string MmfMessageMoverInterfaceImpl::GetConnPortInfoForObjectTracker(
+    const MmfConnectionPortImpl& port) {
+    return GetPortInfoForObjectTrackerT(port);
+}
+
+}  // namespace vok

@@ -1,0 +1,195 @@
+#include "Src/Core/MessageMover/MmfMessagePort.h"
+
+#include "Src/Core/MessageMover/MessageMoverFrameworkImpl.h"
+#include "Src/Core/MessageMover/MmfConnectionManager.h"
+#include "Src/Core/MessageMover/MmfMessageMoverInterfaceImpl.h"
+
+namespace vok {
+
+namespace {
+
+// Interface options that log every message passing a port.
+const uint32_t kLogWrittenMessages = 1;
+const uint32_t kLogDeliveredMessages = 2;
+const uint32_t kLogReadMessages = 4;
+
+bool IsPeerClosedMessage(const MmBaseMessageHandle& msg) {
+    if (msg.GetMessageType() != kMmfLinkControlMsgType) {
+        return false;
+    }
+    MmMessageName name;
+    msg.GetMessageName(&name);
+    return name.protocolId == kMmPeerClosedMsg.protocolId && name.msgId == kMmPeerClosedMsg.msgId;
+}
+
+}  // namespace
+
+void MmfMessageListT::PushBack(MmfMessageLink& link) {
+    MutexLocker lock(lock_);
+    list_.PushBack(link);
+}
+
+MmfMessageLink& MmfMessageListT::RemoveFront() {
+    MmfMessageLink* link;
+    {
+        MutexLocker lock(lock_);
+        link = list_.PopFront();
+    }
+    if (link == nullptr) {
+        MMF_THROW("MmfMessageListT::RemoveFront: user attempted to remove message from empty list");
+    }
+    return *link;
+}
+
+bool MmfMessageListT::IsEmpty() {
+    MutexLocker lock(lock_);
+    return list_.GetFirst() == nullptr;
+}
+
+MmfMessagePort::MmfMessagePort(MmfMessageMoverInterfaceImpl* iface,
+                               MessageMoverFrameworkImpl* framework, MmfPortAddress address)
+    : sequenceGenerator_(0),
+      address_(address),
+      pFramework_(framework),
+      pIface_(iface),
+      pMsgMgr_(nullptr),
+      pConnMgr_(nullptr) {
+    MMF_TRACE(this);
+    readerInfo_.linkError = kVokErrNone;
+    if (framework == nullptr) {
+        MMF_THROW("NULL arg.");
+    }
+    pMsgMgr_ = &framework->GetMessageMgr();
+    pConnMgr_ = &framework->GetConnectionMgr();
+}
+
+MmfMessagePort::~MmfMessagePort() {
+    MMF_TRACE(this);
+    int freed = 0;
+    while (!readerInfo_.queue.IsEmpty()) {
+        const MmBaseMessageHandle msg =
+            MmfMessageManager::GetBindingFromLink(readerInfo_.queue.RemoveFront());
+        AdjustMsgsHeldByPorts(-1);
+        pMsgMgr_->FreeMessage(msg);
+        ++freed;
+    }
+    MmfDiag::GetLogger().Debug("Freed %d leftover messages.", freed);
+}
+
+void MmfMessagePort::SetInitialPortState(bool readable, bool writable, bool exception) {
+    MMF_TRACE(this);
+    eventMgr_.SetInitialPortState(readable, writable, exception);
+}
+
+uint32_t MmfMessagePort::GetDiagOptions() const {
+    return pIface_ != nullptr ? pIface_->GetOptionMgr().Get() : 0;
+}
+
+void MmfMessagePort::AdjustMsgsHeldByPorts(int32_t delta) {
+    if (pIface_ != nullptr) {
+        pIface_->GetMsgsHeldByPortsCounter().Adjust(delta);
+    }
+}
+
+VokError_t MmfMessagePort::WriteMessage(MmBaseMessageHandle& msg, MmMessageSerial_t* serialOut,
+                                        bool* takenOver) {
+    MMF_TRACE(this);
+    msg.SetSenderAddress(address_);
+    MutexLocker lock(writeLock_);
+    const uint32_t sequenceNumber = sequenceGenerator_.GetNext();
+    msg.SetSequenceNumber(sequenceNumber);
+    if (msg.GetMessageSerial() == 0) {
+        msg.SetMessageSerial(sequenceNumber);
+    }
+    if (serialOut != nullptr) {
+        *serialOut = msg.GetMessageSerial();
+    }
+    if ((GetDiagOptions() & kLogWrittenMessages) != 0) {
+        MmfMessageManager::LogMessage(msg, MmfDiag::GetMsgWriteLogger(), &Logger::DebugBin);
+    }
+    return pConnMgr_->DeliverMessage(msg, takenOver);
+}
+
+void MmfMessagePort::AcceptIncomingMessage(const MmBaseMessageHandle& msg) {
+    MMF_TRACE(this);
+    MmBaseMessageHandle accepted(msg);
+    MmfMessageManager::RebindMessage(&accepted);
+    if ((GetDiagOptions() & kLogDeliveredMessages) != 0) {
+        MmfMessageManager::LogMessage(accepted, MmfDiag::GetMsgDeliveryLogger(), &Logger::DebugBin);
+    }
+    MutexLocker lock(readerInfo_.readerLock);
+    readerInfo_.queue.PushBack(MmfMessageManager::GetLinkFromBinding(accepted.GetBinding()));
+    AdjustMsgsHeldByPorts(1);
+    eventMgr_.SetReadable();
+}
+
+VokError_t MmfMessagePort::ReadMessage(MmBaseMessageHandle* out) {
+    MMF_TRACE(this);
+    if (out == nullptr) {
+        MMF_THROW("NULL arg.");
+    }
+    const Logger& logger = MmfDiag::GetLogger();
+    MmBaseMessageHandle msg;
+    {
+        MutexLocker lock(readerInfo_.readerLock);
+        if (readerInfo_.linkError != kVokErrNone) {
+            logger.Debug("%s: Link Error is set <%#lX>, nothing read.", __func__,
+                         static_cast<unsigned long>(readerInfo_.linkError));
+            return readerInfo_.linkError;
+        }
+        if (readerInfo_.queue.IsEmpty()) {
+            eventMgr_.SetNotReadable();
+            return kVokErrNoMessage;
+        }
+        msg = MmfMessageManager::GetBindingFromLink(readerInfo_.queue.RemoveFront());
+        AdjustMsgsHeldByPorts(-1);
+        if (IsPeerClosedMessage(msg)) {
+            logger.Debug("%s: it's a <Peer Closed> Link Control Message.", __func__);
+            readerInfo_.linkError = kVokErrPeerClosed;
+            pMsgMgr_->FreeMessage(msg);
+            return readerInfo_.linkError;
+        }
+        *out = msg;
+        if ((GetDiagOptions() & kLogReadMessages) != 0) {
+            MmfMessageManager::LogMessage(msg, MmfDiag::GetMsgReadLogger(), &Logger::DebugBin);
+        }
+        if (readerInfo_.queue.IsEmpty()) {
+            eventMgr_.SetNotReadable();
+        }
+    }
+    if (logger.IsEnabled(kLogLevelDebug)) {
+        MmMessageName name;
+        msg.GetMessageName(&name);
+        logger.Debug(
+            "%s: Got message; msgType=<%d>; protocol=<%ld>; msgId=<%ld>;serial=<%ld>; "
+            "inRespToSerial=<%ld>; sender=<%ld>; dest=<%ld>.",
+            __func__, msg.GetMessageType(), static_cast<long>(name.protocolId),
+            static_cast<long>(name.msgId), static_cast<long>(msg.GetMessageSerial()),
+            static_cast<long>(msg.GetInResponseToSerial()),
+            static_cast<long>(msg.GetSenderAddress()),
+            static_cast<long>(msg.GetDestinationAddress()));
+    }
+    return kVokErrNone;
+}
+
+void MmfMessagePort::RegisterPortEventSignalSink(SimpleAsyncInterface& sink) {
+    MMF_TRACE(this);
+    eventMgr_.RegisterPortEventSignalSink(sink);
+}
+
+void MmfMessagePort::UnregisterPortEventSignalSink() {
+    MMF_TRACE(this);
+    eventMgr_.UnregisterPortEventSignalSink();
+}
+
+void MmfMessagePort::WatchPortEvents(bool readable, bool writable, bool exception) {
+    MMF_TRACE(this);
+    eventMgr_.WatchPortEvents(readable, writable, exception);
+}
+
+void MmfMessagePort::GetPortState(bool* readable, bool* writable, bool* exception) {
+    MMF_TRACE(this);
+    eventMgr_.GetPortState(readable, writable, exception);
+}
+
+}  // namespace vok

@@ -1,0 +1,93 @@
+// Not public API. The sending and receiving end inside every command and connection port.
+#ifndef VOK_SRC_CORE_MESSAGEMOVER_MMFMESSAGEPORT_H
+#define VOK_SRC_CORE_MESSAGEMOVER_MMFMESSAGEPORT_H
+
+#include "Src/Core/MessageMover/MmfMessageManager.h"
+#include "Src/Core/MessageMover/MmfPortEventManager.h"
+#include "Src/Core/MessageMover/MmfSerialGenerator.h"
+#include "vok/Mutex.h"
+#include "vok/VokError.h"
+
+namespace vok {
+
+class MessageMoverFrameworkImpl;
+class MmfConnectionManager;
+class MmfMessageMoverInterfaceImpl;
+
+typedef MmPortAddress_t MmfPortAddress;
+
+// A port's queue of incoming messages, oldest first, with its own lock. Any thread may use it.
+// It does not own the messages; the port frees what is left when it is destroyed.
+class MmfMessageListT {
+  public:
+    void PushBack(MmfMessageLink& link);
+    // Throws when the list is empty.
+    MmfMessageLink& RemoveFront();
+    bool IsEmpty();
+
+  private:
+    Mutex lock_;  // Protects list_.
+    MmfMessageList list_;
+};
+
+// The sending and receiving end of a port: an address, a queue, a sequence-number generator for
+// what it writes and the port-event state. Any thread may write, read and use the port events.
+// Owned by its command or connection port; destroying it frees the messages still queued. Lock
+// order on a delivery: the writer's writeLock_, the connection manager's registry lock, then the
+// destination's readerLock_, then its queue lock or its event manager's state lock (never both).
+class MmfMessagePort : public PortEventInterface {
+  public:
+    // Throws "NULL arg." for a NULL framework. iface is the port's owner (its options and
+    // counters are used).
+    MmfMessagePort(MmfMessageMoverInterfaceImpl* iface, MessageMoverFrameworkImpl* framework,
+                   MmfPortAddress address);
+    ~MmfMessagePort() override;
+    MmfMessagePort(const MmfMessagePort&) = delete;
+    MmfMessagePort& operator=(const MmfMessagePort&) = delete;
+
+    void SetInitialPortState(bool readable, bool writable, bool exception);
+    MmfPortAddress GetAddress() const { return address_; }
+
+    // Stamps sender, sequence number and (when it is 0) serial, and delivers. The message leaves
+    // the writer's hands on return, whatever the result: 0, or kVokErrUnreachable. When it
+    // throws, *takenOver (unless NULL) tells whether the message had left them already.
+    VokError_t WriteMessage(MmBaseMessageHandle& msg, MmMessageSerial_t* serialOut,
+                            bool* takenOver = nullptr);
+    // Takes the message over (rebinds it to this port) and queues it. Called by the connection
+    // manager only, with its registry lock held.
+    void AcceptIncomingMessage(const MmBaseMessageHandle& msg);
+    // The oldest message into *out: 0, kVokErrNoMessage, or the sticky kVokErrPeerClosed once
+    // the peer's close has been read.
+    VokError_t ReadMessage(MmBaseMessageHandle* out);
+
+    void RegisterPortEventSignalSink(SimpleAsyncInterface& sink) override;
+    void UnregisterPortEventSignalSink() override;
+    void WatchPortEvents(bool readable, bool writable, bool exception) override;
+    void GetPortState(bool* readable, bool* writable, bool* exception) override;
+
+  private:
+    // The receiving side.
+    struct MsgPortReaderInfo {
+        MmfMessageListT queue;  // Incoming messages, with the queue lock.
+        VokError_t linkError;   // Protected by readerLock; once set, every read returns it.
+        Mutex readerLock;       // Makes each accept and each read one step.
+    };
+
+    // The interface's option word (0 without an interface).
+    uint32_t GetDiagOptions() const;
+    void AdjustMsgsHeldByPorts(int32_t delta);
+
+    MmfPortEventManager eventMgr_;
+    Mutex writeLock_;  // Serialises WriteMessage, delivery included.
+    MsgPortReaderInfo readerInfo_;
+    MmfSerialGenerator sequenceGenerator_;  // Protected by its own lock.
+    const MmfPortAddress address_;
+    MessageMoverFrameworkImpl* pFramework_;
+    MmfMessageMoverInterfaceImpl* const pIface_;
+    MmfMessageManager* pMsgMgr_;
+    MmfConnectionManager* pConnMgr_;
+};
+
+}  // namespace vok
+
+#endif  // VOK_SRC_CORE_MESSAGEMOVER_MMFMESSAGEPORT_H

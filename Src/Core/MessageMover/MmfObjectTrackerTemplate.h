@@ -1,0 +1,86 @@
+// Not public API. Tracking of objects handed to a user, with a leak report of those not given
+// back.
+#ifndef VOK_SRC_CORE_MESSAGEMOVER_MMFOBJECTTRACKERTEMPLATE_H
+#define VOK_SRC_CORE_MESSAGEMOVER_MMFOBJECTTRACKERTEMPLATE_H
+
+#include <set>
+#include <string>
+
+#include "Src/Core/MessageMover/MmfTrace.h"
+#include "vok/Mutex.h"
+
+namespace vok {
+
+// The set of objects of one kind that a container (an interface, the framework) has handed out
+// and not got back. Any thread may use it. It never owns or frees the objects: destroying the
+// tracker forgets them; ReportLeaks lists them on the leak log.
+template <typename T_>
+class MmfObjectTrackerT {
+  public:
+    // Describes an object for the leak report.
+    typedef std::string (*InfoFunction)(const T_& object);
+
+    MmfObjectTrackerT(const std::string& containerName, const std::string& kindName,
+                      InfoFunction info)
+        : containerName_(containerName), kindName_(kindName), info_(info) {}
+
+    // Throws when obj is already tracked.
+    void Track(const T_* obj) {
+        MMF_TRACE(this);
+        MutexLocker lock(mutex_);
+        MmfDiag::GetLogger().Debug("Tracking obj %s ptr=<%p>.", kindName_.c_str(),
+                                   static_cast<const void*>(obj));
+        if (!tracked_.insert(obj).second) {
+            MMF_THROW("set::insert failed - object with same pointer is already in the set.");
+        }
+    }
+
+    // Logs a critical line and throws when obj is not tracked (never handed out, or given back
+    // already).
+    void Untrack(const T_* obj) {
+        MMF_TRACE(this);
+        MutexLocker lock(mutex_);
+        MmfDiag::GetLogger().Debug("Untracking obj %s ptr=<%p>.", kindName_.c_str(),
+                                   static_cast<const void*>(obj));
+        if (tracked_.erase(obj) != 1) {
+            MmfDiag::GetLogger().Critical(
+                "%s obj not in tracked set; ptr=<%p> - probably attempting to free an invalid or "
+                "previously-freed object.",
+                kindName_.c_str(), static_cast<const void*>(obj));
+            MMF_THROW(
+                "set::erase failed; obj not in tracked set;probably attempting to free an invalid "
+                "or previously-freed object.");
+        }
+    }
+
+    // One warning line per tracked object, in pointer order, then a summary; nothing when empty.
+    void ReportLeaks() {
+        MMF_TRACE(this);
+        std::set<const T_*> leaked;
+        {
+            MutexLocker lock(mutex_);
+            leaked = tracked_;
+        }
+        const Logger& leakLogger = MmfDiag::GetLeakLogger();
+        for (const T_* obj : leaked) {
+            leakLogger.Warning("%s: Leaked %s <%s>; ptr=<%p>.", __func__, kindName_.c_str(),
+                               info_(*obj).c_str(), static_cast<const void*>(obj));
+        }
+        if (!leaked.empty()) {
+            leakLogger.Warning("%s: Summary: %ld %s objects in %s were leaked.", __func__,
+                               static_cast<long>(leaked.size()), kindName_.c_str(),
+                               containerName_.c_str());
+        }
+    }
+
+  private:
+    const std::string containerName_;
+    const std::string kindName_;
+    const InfoFunction info_;
+    Mutex mutex_;  // Protects tracked_.
+    std::set<const T_*> tracked_;
+};
+
+}  // namespace vok
+
+#endif  // VOK_SRC_CORE_MESSAGEMOVER_MMFOBJECTTRACKERTEMPLATE_H

@@ -1,0 +1,107 @@
+#include "Src/Core/MessageMover/MmfPortEventManager.h"
+
+#include "Src/Core/MessageMover/MmfTrace.h"
+#include "vok/SimpleAsyncInterface.h"
+
+namespace vok {
+
+MmfPortEventManager::MmfPortEventManager()
+    : readable_(false),
+      writable_(false),
+      exception_(false),
+      watchReadable_(false),
+      watchWritable_(false),
+      watchException_(false),
+      pSink_(nullptr) {
+    MMF_TRACE(this);
+}
+
+void MmfPortEventManager::SetInitialPortState(bool readable, bool writable, bool exception) {
+    MMF_TRACE(this);
+    MutexLocker lock(stateLock_);
+    MmfDiag::GetLogger().Debug(
+        "Initializing port state to: readable=%d; writable=%d; exception=%d.", readable, writable,
+        exception);
+    readable_ = readable;
+    writable_ = writable;
+    exception_ = exception;
+}
+
+void MmfPortEventManager::SetReadable() {
+    MMF_TRACE(this);
+    MutexLocker lock(stateLock_);
+    const Logger& logger = MmfDiag::GetLogger();
+    logger.Debug("Setting port state to <readable>.");
+    const bool wasReadable = readable_;
+    readable_ = true;
+    if (!wasReadable && pSink_ != nullptr) {
+        logger.Debug("Triggering Port Event Signal Sink ptr=<%p>.", static_cast<void*>(pSink_));
+        pSink_->Trigger();
+    }
+}
+
+void MmfPortEventManager::SetNotReadable() {
+    MMF_TRACE(this);
+    MutexLocker lock(stateLock_);
+    MmfDiag::GetLogger().Debug("Setting port state to <not readable>.");
+    readable_ = false;
+}
+
+void MmfPortEventManager::RegisterPortEventSignalSink(SimpleAsyncInterface& sink) {
+    MMF_TRACE(this);
+    MutexLocker lock(stateLock_);
+    MmfDiag::GetLogger().Debug("Registering Port Event Signal Sink ptr=<%p>.",
+                               static_cast<void*>(&sink));
+    if (pSink_ != nullptr) {
+        MMF_THROW("Port Event Signal Sink was already registered.");
+    }
+    pSink_ = &sink;
+    watchReadable_ = false;
+    watchWritable_ = false;
+    watchException_ = false;
+}
+
+void MmfPortEventManager::UnregisterPortEventSignalSink() {
+    MMF_TRACE(this);
+    MutexLocker lock(stateLock_);
+    MmfDiag::GetLogger().Debug("Unregistering Port Event Signal Sink; was ptr=<%p>.",
+                               static_cast<void*>(pSink_));
+    pSink_ = nullptr;
+    watchReadable_ = false;
+    watchWritable_ = false;
+    watchException_ = false;
+}
+
+void MmfPortEventManager::WatchPortEvents(bool readable, bool writable, bool exception) {
+    MMF_TRACE(this);
+    MutexLocker lock(stateLock_);
+    MmfDiag::GetLogger().Debug(
+        "Watch requested on port states: readable=%d; writable=%d; exception=%d.", readable,
+        writable, exception);
+    if (pSink_ == nullptr && (readable || writable || exception)) {
+        MMF_THROW("Port event watch requested, but Signal Sink is not registered yet.");
+    }
+    watchReadable_ = readable;
+    watchWritable_ = writable;
+    watchException_ = exception;
+}
+
+void MmfPortEventManager::GetPortState(bool* readable, bool* writable, bool* exception) {
+    MMF_TRACE(this);
+    MutexLocker lock(stateLock_);
+    const bool r = readable_;
+    const bool w = writable_;
+    const bool e = exception_;
+    if (readable != nullptr) {
+        *readable = r;
+    }
+    if (writable != nullptr) {
+        *writable = w;
+    }
+    if (exception != nullptr) {
+        *exception = e;
+    }
+    MmfDiag::GetLogger().Debug("Port state was: readable=%d; writable=%d; exception=%d.", r, w, e);
+}
+
+}  // namespace vok

@@ -1,0 +1,34 @@
+// The MessageMover: in-process message passing between threads.
+#ifndef VOK_MESSAGEMOVERFRAMEWORK_H
+#define VOK_MESSAGEMOVERFRAMEWORK_H
+
+#include <string>
+
+#include <vok/MessageMoverInterface.h>
+
+namespace vok {
+
+// The MessageMover of a process: message memory, port addresses, delivery, and the named
+// interfaces its users work through. Started once and stopped once by its owner; interfaces may
+// be created and discarded from any thread in between. Stopping reports the interfaces that were
+// not discarded and must not overlap any other use of the MessageMover.
+class MessageMoverFramework {
+  public:
+    // The name is for the caller's records. The caller owns the result until it passes it to
+    // StopMessageMoverFramework.
+    static MessageMoverFramework* StartMessageMoverFramework(const std::string& name);
+    // Reports leaked interfaces on VOK.MessageMover.Leak, then destroys the framework.
+    static void StopMessageMoverFramework(MessageMoverFramework* framework);
+
+    // Names need not be unique; interfaces of one name share their counters.
+    virtual MessageMoverInterface* CreateInterface(const std::string& name) = 0;
+    // Reports the ports and messages the interface's user did not give back, then destroys it.
+    virtual void DiscardInterface(MessageMoverInterface* iface) = 0;
+
+  protected:
+    virtual ~MessageMoverFramework() = default;
+};
+
+}  // namespace vok
+
+#endif  // VOK_MESSAGEMOVERFRAMEWORK_H

@@ -1,0 +1,204 @@
+// Interfaces: accounting of held ports and messages, leak reports, diagnostic options.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <functional>
+#include <utility>
+
+#include "MmTestSupport.h"
+#include "Src/Core/MessageMover/MmfObjectTrackerTemplate.h"
+#include "support/LogCapture.h"
+
+namespace vok {
+namespace {
+
+using test::IfaceCounter;
+using test::IntendedLeakScope;
+using test::LogCapture;
+using test::Outstanding;
+using test::ThrowsMm;
+
+const char kIfacePath[] = "Src/Core/MessageMover/MmfMessageMoverInterfaceImpl";
+
+std::string Format(const char* format, const void* pointer) {
+    char text[256];
+    std::snprintf(text, sizeof text, format, pointer);
+    return text;
+}
+
+// The leak log's lines, with the hex dump lines counted instead of kept.
+std::vector<std::string> LeakLines(const LogCapture& capture) {
+    std::vector<std::string> lines;
+    for (const test::LogLine& line : capture.Lines()) {
+        if (line.context != "VOK.MessageMover.Leak") {
+            continue;
+        }
+        EXPECT_EQ(kLogLevelWarning, line.level);
+        const bool dump = line.message.compare(0, 9, "00000000:") == 0 ||
+                          line.message.compare(0, 9, "00000010:") == 0 ||
+                          line.message.compare(0, 9, "00000020:") == 0;
+        lines.push_back(dump ? "dump" : line.message);
+    }
+    return lines;
+}
+
+class InterfaceTest : public test::MmFrameworkTest {};
+
+TEST_F(InterfaceTest, DiagOptionsClearThenSetAndRefuseUnknownBits) {
+    MessageMoverInterface* iface = framework_->CreateInterface("opts");
+    EXPECT_EQ(7u, iface->SetDiagOptions(0, 7));
+    EXPECT_EQ(2u, iface->SetDiagOptions(0xFFFFFFFF, 2));
+    EXPECT_EQ(4u, iface->SetDiagOptions(2, 4));
+    EXPECT_EQ(1u, iface->SetDiagOptions(7, 1));  // A bit in both ends up set.
+    LogCapture capture;
+    EXPECT_TRUE(ThrowsMm([&] { iface->SetDiagOptions(8, 0); }, "Set", kIfacePath,
+                         "invalid optionsToClear"));
+    EXPECT_TRUE(
+        ThrowsMm([&] { iface->SetDiagOptions(0, 9); }, "Set", kIfacePath, "invalid optionsToSet"));
+    EXPECT_EQ(1u, capture.Matching("Set: invalid optionsToClear: <0x8>.").size());
+    EXPECT_EQ(1u, capture.Matching("Set: invalid optionsToSet: <0x8>.").size());
+    EXPECT_EQ(1u, iface->SetDiagOptions(0, 0));  // Unchanged by the failures.
+    framework_->DiscardInterface(iface);
+}
+
+TEST_F(InterfaceTest, CountersFollowCreateWriteReadAndFree) {
+    MessageMoverInterface* iface = framework_->CreateInterface("count");
+    MmCommandPort* port = iface->CreateCommandPort();
+    MmCommandMessageHandle one, two;
+    iface->CreateCommandMessage(0, &one);
+    iface->CreateCommandMessage(0, &two);
+    EXPECT_EQ(2, IfaceCounter("count", "msgsHeldByUser"));
+    two.SetMessageName({20, 2});
+    two.SetDestinationAddress(port->GetAddress());
+    port->WriteMessage(two, nullptr);
+    EXPECT_EQ(1, IfaceCounter("count", "msgsHeldByUser"));
+    EXPECT_EQ(1, IfaceCounter("count", "msgsHeldByPorts"));
+    // The writer's handle is stale: the message cannot be freed or written again through it.
+    EXPECT_TRUE(ThrowsMm([&] { iface->FreeMessage(two); }, "GetHeaderFromBindingLow",
+                         "Src/Core/MessageMover/MmfMessageManager", "binding number mismatch"));
+    EXPECT_TRUE(ThrowsMm([&] { port->WriteMessage(two, nullptr); }, "GetHeaderFromBindingLow",
+                         "Src/Core/MessageMover/MmfMessageManager", "binding number mismatch"));
+    ASSERT_EQ(kVokErrNone, port->ReadMessage(&two));
+    EXPECT_EQ(2, IfaceCounter("count", "msgsHeldByUser"));
+    EXPECT_EQ(0, IfaceCounter("count", "msgsHeldByPorts"));
+    // A message that has changed hands cannot be duplicated; the copy stays counted.
+    {
+        IntendedLeakScope leak;
+        EXPECT_TRUE(ThrowsMm([&] { iface->DuplicateCommandMessage(two); },
+                             "GetHeaderFromBindingLow", "Src/Core/MessageMover/MmfMessageManager",
+                             "binding number mismatch"));
+    }
+    EXPECT_EQ(3, Outstanding());
+    const MmCommandMessageHandle copy = iface->DuplicateCommandMessage(one);
+    EXPECT_EQ(3, IfaceCounter("count", "msgsHeldByUser"));
+    iface->FreeMessage(copy);
+    iface->FreeMessage(two);
+    iface->DiscardCommandPort(port);
+    EXPECT_TRUE(ThrowsMm([&] { iface->CreateCommandMessage(0, nullptr); }, "CreateMessageT",
+                         kIfacePath, "NULL arg."));
+    EXPECT_TRUE(ThrowsMm([&] { iface->CreateConnectedPair(iface, nullptr); }, "CreateConnectedPair",
+                         kIfacePath, "NULL arg."));
+
+    const int32_t leakedBefore = IfaceCounter("count", "msgsLeakedByUser");
+    {
+        IntendedLeakScope leak;
+        LogCapture capture;
+        framework_->DiscardInterface(iface);
+        EXPECT_EQ(1u, capture.Matching("Leaked CommandMessage # 0 in count").size());
+    }
+    EXPECT_EQ(leakedBefore + 1, IfaceCounter("count", "msgsLeakedByUser"));
+}
+
+TEST_F(InterfaceTest, DestructionReportsLeakedPortsAndMessages) {
+    MessageMoverInterface* iface = framework_->CreateInterface("leaky");
+    MmCommandPort* port;
+    MmConnectionPort* peer;
+    MmConnectionPort* end;
+    MmCommandMessageHandle msgs[2];
+    {
+        IntendedLeakScope leak;
+        port = iface->CreateCommandPort();
+        end = iface->CreateConnectedPair(iface, &peer);  // Both ends tracked here.
+        iface->CreateCommandMessage(3, &msgs[0]);
+        iface->CreateCommandMessage(0, &msgs[1]);
+    }
+    msgs[0].SetMessageName({20, 1});
+    msgs[1].SetMessageName({21, 2});
+    LogCapture capture;
+    framework_->DiscardInterface(iface);
+    // Ports are reported in pointer order.
+    std::vector<std::pair<const void*, unsigned>> connPorts = {{end, 49153}, {peer, 49154}};
+    if (std::less<const void*>()(peer, end)) {
+        std::swap(connPorts[0], connPorts[1]);
+    }
+    std::vector<std::string> expected;
+    for (const auto& connPort : connPorts) {
+        char line[128];
+        std::snprintf(
+            line, sizeof line,
+            "ReportLeaks: Leaked ConnectionPort <portAddr=<%u>; iface=<leaky>>; ptr=<%p>.",
+            connPort.second, connPort.first);
+        expected.push_back(line);
+    }
+    const std::vector<std::string> rest = {
+        "ReportLeaks: Summary: 2 ConnectionPort objects in leaky were leaked.",
+        Format("ReportLeaks: Leaked CommandPort <portAddr=<49152>; iface=<leaky>>; ptr=<%p>.",
+               port),
+        "ReportLeaks: Summary: 1 CommandPort objects in leaky were leaked.",
+        "ReportLeaks: Leaked 2 CommandMessage objects in leaky. Hex dumps of leaked handles and "
+        "message headers follow.",
+        "ReportLeaks: Leaked CommandMessage # 0 in leaky; payloadSize=<3>; msgProtocol=<20>; "
+        "msgId=<1>.",
+        "dump",
+        "dump",
+        "dump",
+        "dump",
+        "ReportLeaks: Leaked CommandMessage # 1 in leaky; payloadSize=<0>; msgProtocol=<21>; "
+        "msgId=<2>.",
+        "dump",
+        "dump",
+        "dump",
+        "dump",
+        "ReportLeaks: Summary: 2 CommandMessage objects in leaky were leaked.",
+    };
+    expected.insert(expected.end(), rest.begin(), rest.end());
+    EXPECT_EQ(expected, LeakLines(capture));
+    EXPECT_EQ(2, IfaceCounter("leaky", "msgsLeakedByUser"));
+    EXPECT_EQ(2, Outstanding());  // Reported, not freed.
+}
+
+TEST_F(InterfaceTest, MessageHeldByOneInterfaceCannotBeFreedThroughAnother) {
+    MessageMoverInterface* owner = framework_->CreateInterface("owner");
+    MessageMoverInterface* other = framework_->CreateInterface("other");
+    MmConnectionMessageHandle msg;
+    owner->CreateConnectionMessage(0, &msg);
+    EXPECT_DEATH(other->FreeMessage(msg), "list node not found");
+    owner->FreeMessage(msg);
+    framework_->DiscardInterface(other);
+    framework_->DiscardInterface(owner);
+}
+
+TEST(ObjectTrackerTest, DoubleTrackAndUnknownUntrackAreRefused) {
+    MmfObjectTrackerT<int> tracker("box", "Thing", [](const int&) { return std::string(); });
+    const int thing = 0;
+    const char kPath[] = "Src/Core/MessageMover/MmfObjectTrackerTemplate";
+    tracker.Track(&thing);
+    EXPECT_TRUE(ThrowsMm([&] { tracker.Track(&thing); }, "Track", kPath,
+                         "set::insert failed - object with same pointer is already in the set."));
+    tracker.Untrack(&thing);
+    LogCapture capture;
+    EXPECT_TRUE(ThrowsMm([&] { tracker.Untrack(&thing); }, "Untrack", kPath,
+                         "set::erase failed; obj not in tracked set;probably attempting to free "
+                         "an invalid or previously-freed object."));
+    EXPECT_EQ(1u, capture
+                      .Matching(Format("Thing obj not in tracked set; ptr=<%p> - probably "
+                                       "attempting to free an invalid or previously-freed "
+                                       "object.",
+                                       &thing))
+                      .size());
+    tracker.ReportLeaks();
+    EXPECT_TRUE(LeakLines(capture).empty());
+}
+
+}  // namespace
+}  // namespace vok

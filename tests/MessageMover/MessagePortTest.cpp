@@ -1,0 +1,225 @@
+// Message ports, their events, and the command and connection port rules.
+#include <gtest/gtest.h>
+
+#include "MmTestSupport.h"
+#include "Src/Core/MessageMover/MmfMessageManager.h"
+#include "support/LogCapture.h"
+#include "vok/MessageMoverFramework.h"
+
+namespace vok {
+namespace {
+
+using test::CountingSink;
+using test::IfaceCounter;
+using test::LogCapture;
+using test::Outstanding;
+using test::ThrowsMm;
+
+const char kPortPath[] = "Src/Core/MessageMover/MmfPortImplTemplate";
+
+class MessagePortTest : public test::MmFrameworkTest {
+  protected:
+    void SetUp() override {
+        MmFrameworkTest::SetUp();
+        iface_ = framework_->CreateInterface("port");
+        a_ = iface_->CreateConnectedPair(iface_, &b_);
+    }
+    void TearDown() override {
+        if (a_ != nullptr) {
+            iface_->DiscardConnectionPort(a_);
+        }
+        if (b_ != nullptr) {
+            iface_->DiscardConnectionPort(b_);
+        }
+        framework_->DiscardInterface(iface_);
+        EXPECT_EQ(0, Outstanding());
+        MmFrameworkTest::TearDown();
+    }
+    VokError_t Write(MmConnectionPort* port, uint32_t msgId, MmMessageSerial_t serial = 0,
+                     MmMessageSerial_t* serialOut = nullptr) {
+        MmConnectionMessageHandle msg;
+        iface_->CreateConnectionMessage(0, &msg);
+        msg.SetMessageName({10, msgId});
+        msg.SetMessageSerial(serial);
+        return port->WriteMessage(msg, serialOut);
+    }
+    // Reads one message and returns its id (0 when the read fails), leaving it in *held.
+    uint32_t Read(MmConnectionPort* port, MmConnectionMessageHandle* held) {
+        if (port->ReadMessage(held) != kVokErrNone) {
+            return 0;
+        }
+        MmMessageName name;
+        return held->GetMessageName(&name)->msgId;
+    }
+    bool Readable(MmConnectionPort* port) {
+        bool readable = true;
+        port->GetPortState(&readable, nullptr, nullptr);
+        return readable;
+    }
+
+    MessageMoverInterface* iface_ = nullptr;
+    MmConnectionPort* a_ = nullptr;
+    MmConnectionPort* b_ = nullptr;
+};
+
+TEST_F(MessagePortTest, SinkIsTriggeredOncePerEdgeToReadable) {
+    bool readable = true, writable = false, exception = true;
+    b_->GetPortState(&readable, &writable, &exception);
+    EXPECT_FALSE(readable);
+    EXPECT_TRUE(writable);
+    EXPECT_FALSE(exception);
+
+    CountingSink sink;
+    b_->RegisterPortEventSignalSink(sink);
+    b_->WatchPortEvents(true, false, false);
+    Write(a_, 1);
+    Write(a_, 2);
+    EXPECT_EQ(1, sink.count);
+    EXPECT_TRUE(Readable(b_));
+    MmConnectionMessageHandle msg;
+    EXPECT_EQ(1u, Read(b_, &msg));
+    iface_->FreeMessage(msg);
+    EXPECT_TRUE(Readable(b_));
+    EXPECT_EQ(2u, Read(b_, &msg));
+    iface_->FreeMessage(msg);
+    EXPECT_FALSE(Readable(b_));
+    EXPECT_EQ(kVokErrNoMessage, b_->ReadMessage(&msg));
+    EXPECT_FALSE(Readable(b_));
+    Write(a_, 3);
+    EXPECT_EQ(2, sink.count);
+    b_->UnregisterPortEventSignalSink();
+}
+
+TEST_F(MessagePortTest, SinkRegistrationAndWatchRules) {
+    const char kEventPath[] = "Src/Core/MessageMover/MmfPortEventManager";
+    b_->WatchPortEvents(false, false, false);
+    EXPECT_TRUE(ThrowsMm([&] { b_->WatchPortEvents(true, false, false); }, "WatchPortEvents",
+                         kEventPath,
+                         "Port event watch requested, but Signal Sink is not registered yet."));
+    CountingSink first, second;
+    b_->RegisterPortEventSignalSink(first);
+    EXPECT_TRUE(ThrowsMm([&] { b_->RegisterPortEventSignalSink(second); },
+                         "RegisterPortEventSignalSink", kEventPath,
+                         "Port Event Signal Sink was already registered."));
+    b_->UnregisterPortEventSignalSink();
+    b_->UnregisterPortEventSignalSink();
+    b_->RegisterPortEventSignalSink(second);
+    Write(a_, 1);
+    EXPECT_EQ(0, first.count);
+    EXPECT_EQ(1, second.count);
+    b_->UnregisterPortEventSignalSink();
+}
+
+TEST_F(MessagePortTest, WriteStampsSenderDestinationSerialAndSequence) {
+    MmConnectionMessageHandle msg;
+    iface_->CreateConnectionMessage(0, &msg);
+    msg.GetBinding().SetDestinationAddress(12345);  // Ignored: connection messages go to the peer.
+    msg.SetMessageName({10, 1});
+    MmMessageSerial_t serial = 0;
+    const MmConnectionMessageHandle written = msg;
+    EXPECT_EQ(kVokErrNone, a_->WriteMessage(msg, &serial));
+    EXPECT_EQ(1u, serial);
+    EXPECT_TRUE(ThrowsMm([&] { written.GetMessageType(); }, "GetHeaderFromBindingLow",
+                         "Src/Core/MessageMover/MmfMessageManager", "binding number mismatch"));
+    EXPECT_EQ(kVokErrNone, Write(a_, 2, 42, &serial));
+    EXPECT_EQ(42u, serial);
+    EXPECT_EQ(kVokErrNone, Write(a_, 3));
+
+    MmConnectionMessageHandle got[3];
+    for (MmConnectionMessageHandle& h : got) {
+        Read(b_, &h);
+    }
+    const MmBaseMessageHandle& first = got[0].GetBinding();
+    EXPECT_EQ(49152u, first.GetSenderAddress());
+    EXPECT_EQ(49153u, first.GetDestinationAddress());
+    EXPECT_EQ(1u, first.GetSequenceNumber());
+    EXPECT_EQ(42u, got[1].GetMessageSerial());
+    EXPECT_EQ(2u, got[1].GetBinding().GetSequenceNumber());
+    EXPECT_EQ(3u, got[2].GetMessageSerial());
+    for (const MmConnectionMessageHandle& h : got) {
+        iface_->FreeMessage(h);
+    }
+}
+
+TEST_F(MessagePortTest, PeerCloseIsStickyAndLeftoversAreFreedWithThePort) {
+    Write(a_, 1);
+    iface_->DiscardConnectionPort(a_);
+    a_ = nullptr;
+    MmConnectionMessageHandle msg;
+    EXPECT_EQ(1u, Read(b_, &msg));
+    iface_->FreeMessage(msg);
+    // The write fails: its kMmPortNotReachableMsg queues behind the peer's close.
+    EXPECT_EQ(kVokErrPeerClosed, Write(b_, 2));
+    EXPECT_EQ(2, IfaceCounter("port", "msgsHeldByPorts"));
+    EXPECT_EQ(kVokErrPeerClosed, b_->ReadMessage(&msg));
+    EXPECT_EQ(kVokErrPeerClosed, b_->ReadMessage(&msg));
+    EXPECT_EQ(1, IfaceCounter("port", "msgsHeldByPorts"));
+    test::ScopedLogLevel debug("VOK.MessageMover", kLogLevelDebug);
+    LogCapture capture;
+    iface_->DiscardConnectionPort(b_);
+    b_ = nullptr;
+    // Discarding b_ tells its absent peer, so one more kMmPortNotReachableMsg joins the queue.
+    EXPECT_EQ(1u, capture.Matching("Freed 2 leftover messages.").size());
+    EXPECT_EQ(0, IfaceCounter("port", "msgsHeldByPorts"));
+}
+
+TEST_F(MessagePortTest, UserMayNotWriteLinkControlMessages) {
+    MmConnectionMessageHandle msg;
+    iface_->CreateConnectionMessage(0, &msg);
+    msg.GetBinding().SetMessageName(kMmPeerClosedMsg);
+    LogCapture capture;
+    EXPECT_TRUE(ThrowsMm([&] { a_->WriteMessage(msg, nullptr); }, "WriteMessage", kPortPath,
+                         "Writing a user message with internal protocolId is not allowed."));
+    EXPECT_EQ(1u, capture
+                      .Matching("ERROR in WriteMessage: user <port> attempted to write a "
+                                "message with internal protocolId=<1>.")
+                      .size());
+    EXPECT_EQ(1, IfaceCounter("port", "msgsHeldByUser"));
+    iface_->FreeMessage(msg);
+    EXPECT_TRUE(ThrowsMm([&] { a_->ReadMessage(nullptr); }, "ReadMessage", kPortPath, "NULL arg."));
+}
+
+TEST_F(MessagePortTest, FailedCommandWriteLeavesTheMessageWithTheWriter) {
+    MmCommandPort* port = iface_->CreateCommandPort();
+    MmCommandMessageHandle msg;
+    iface_->CreateCommandMessage(0, &msg);
+    msg.SetMessageName({10, 1});
+    EXPECT_TRUE(ThrowsMm([&] { port->WriteMessage(msg, nullptr); }, "DeliverMessageHelper_Locked",
+                         "Src/Core/MessageMover/MmfConnectionManager",
+                         "Can't deliver - bad destination address"));
+    EXPECT_EQ(1, IfaceCounter("port", "msgsHeldByUser"));
+    // Still the writer's to send elsewhere or free.
+    msg.SetDestinationAddress(port->GetAddress());
+    EXPECT_EQ(kVokErrNone, port->WriteMessage(msg, nullptr));
+    EXPECT_EQ(0, IfaceCounter("port", "msgsHeldByUser"));
+    MmCommandMessageHandle got;
+    ASSERT_EQ(kVokErrNone, port->ReadMessage(&got));
+    EXPECT_EQ(port->GetAddress(), got.GetSenderAddress());
+    iface_->FreeMessage(got);
+    iface_->DiscardCommandPort(port);
+}
+
+TEST_F(MessagePortTest, DiagOptionsLogEachMessageOnItsContext) {
+    ASSERT_EQ(7u, iface_->SetDiagOptions(0, 7));
+    test::ScopedLogLevel write("VOK.MessageMover.Msg.Write", kLogLevelDebug);
+    test::ScopedLogLevel deliver("VOK.MessageMover.Msg.Deliver", kLogLevelDebug);
+    test::ScopedLogLevel read("VOK.MessageMover.Msg.Read", kLogLevelDebug);
+    LogCapture capture;
+    Write(a_, 1);
+    MmConnectionMessageHandle msg;
+    Read(b_, &msg);
+    iface_->FreeMessage(msg);
+    const size_t dumpLines = (kMmfMessageHeaderSize + 4 + 15) / 16;
+    for (const char* context : {"VOK.MessageMover.Msg.Write", "VOK.MessageMover.Msg.Deliver",
+                                "VOK.MessageMover.Msg.Read"}) {
+        size_t lines = 0;
+        for (const test::LogLine& line : capture.Lines()) {
+            lines += line.context == context;
+        }
+        EXPECT_EQ(dumpLines, lines) << context;
+    }
+    EXPECT_EQ(0u, iface_->SetDiagOptions(0xFFFFFFFF, 0));
+}
+
+}  // namespace
+}  // namespace vok

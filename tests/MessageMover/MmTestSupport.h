@@ -1,0 +1,111 @@
+// Helpers of the MessageMover tests: a framework per test, register reads, exception checks, a
+// counting signal sink and a marker for memory the design leaks on purpose.
+#ifndef VOK_TESTS_MESSAGEMOVER_MMTESTSUPPORT_H
+#define VOK_TESTS_MESSAGEMOVER_MMTESTSUPPORT_H
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <climits>
+#include <functional>
+#include <string>
+
+#include "vok/DiagnosticRegister.h"
+#include "vok/Event.h"
+#include "vok/MessageMoverFramework.h"
+#include "vok/SimpleAsyncInterface.h"
+#include "vok/VokError.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#define VOK_MM_ASAN 1
+#else
+#define VOK_MM_ASAN 0
+#endif
+
+namespace vok {
+namespace test {
+
+// Allocations made while one lives are not leak-checked: for ports, interfaces and messages
+// that the framework reports as leaked and deliberately keeps.
+class IntendedLeakScope {
+  public:
+#if VOK_MM_ASAN
+    IntendedLeakScope() {
+        __lsan_disable();
+    }
+    ~IntendedLeakScope() {
+        __lsan_enable();
+    }
+#else
+    IntendedLeakScope() {}
+    ~IntendedLeakScope() {}
+#endif
+};
+
+// The value of a counter register, or INT_MIN when there is none.
+inline int32_t CounterValue(const std::string& path) {
+    DiagnosticRegisterCounter::CounterInfo info;
+    return DiagnosticRegisterCounter::Query(path, &info) ? info.value : INT_MIN;
+}
+
+inline int32_t Outstanding() {
+    return CounterValue("root.vok.MessageMover.outstandingMessages");
+}
+
+inline int32_t IfaceCounter(const std::string& iface, const char* name) {
+    return CounterValue("root.vok.MessageMover.Iface." + iface + "." + name);
+}
+
+// Success when fn throws a VokProgramErrorException (code -1) reading
+// "function:path:LINE:text".
+inline ::testing::AssertionResult ThrowsMm(const std::function<void()>& fn,
+                                           const std::string& function, const std::string& path,
+                                           const std::string& text) {
+    try {
+        fn();
+    } catch (const VokProgramErrorException& e) {
+        const std::string what = e.what();
+        const std::string head = function + ":" + path + ":";
+        const std::string tail = ":" + text;
+        const bool shape =
+            what.size() > head.size() + tail.size() && what.compare(0, head.size(), head) == 0 &&
+            what.compare(what.size() - tail.size(), tail.size(), tail) == 0 &&
+            what.find_first_not_of("0123456789", head.size()) == what.size() - tail.size();
+        if (shape && e.GetErr() == kVokErrUnspecified) {
+            return ::testing::AssertionSuccess();
+        }
+        return ::testing::AssertionFailure() << "threw <" << what << "> code " << e.GetErr()
+                                             << ", expected " << head << "LINE" << tail;
+    } catch (const std::exception& e) {
+        return ::testing::AssertionFailure() << "threw another exception: " << e.what();
+    }
+    return ::testing::AssertionFailure() << "did not throw";
+}
+
+// Counts triggers and signals an event on each.
+class CountingSink : public SimpleAsyncInterface {
+  public:
+    void Trigger() override {
+        ++count;
+        triggered.Signal();
+    }
+    std::atomic<int> count{0};
+    Event triggered;
+};
+
+// A started framework per test, stopped afterwards.
+class MmFrameworkTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        framework_ = MessageMoverFramework::StartMessageMoverFramework("test");
+    }
+    void TearDown() override { MessageMoverFramework::StopMessageMoverFramework(framework_); }
+
+    MessageMoverFramework* framework_ = nullptr;
+};
+
+}  // namespace test
+}  // namespace vok
+
+#endif  // VOK_TESTS_MESSAGEMOVER_MMTESTSUPPORT_H
