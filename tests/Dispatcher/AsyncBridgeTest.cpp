@@ -1,6 +1,6 @@
 // The async bridge: coalescing, cross-thread triggers, destruction with a pending run.
-#include <gtest/gtest.h>
 #include <glib.h>
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <memory>

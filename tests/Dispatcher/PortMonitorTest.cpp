@@ -1,0 +1,162 @@
+// Port monitors on MessageMover ports.
+#include <glib.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "support/LogCapture.h"
+#include "vok/MessageMoverFramework.h"
+#include "vok/MessageMoverInterface.h"
+#include "vok/MmCommandPort.h"
+#include "vok/MmConnectionPort.h"
+#include "vok/MmMessageHandle.h"
+#include "vok/RdPortMonitor.h"
+#include "vok/RdTimer.h"
+#include "vok/RuntimeDispatcher.h"
+
+namespace vok {
+namespace {
+
+class PortMonitorTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        framework_ = MessageMoverFramework::StartMessageMoverFramework("test");
+        iface_ = framework_->CreateInterface("monitor");
+        end_ = iface_->CreateConnectedPair(iface_, &peer_);
+    }
+    void TearDown() override {
+        iface_->DiscardConnectionPort(end_);
+        iface_->DiscardConnectionPort(peer_);
+        framework_->DiscardInterface(iface_);
+        MessageMoverFramework::StopMessageMoverFramework(framework_);
+    }
+    void Drain() {
+        GMainContext* context = RuntimeDispatcher::GetImpl(dispatcher_)->GetContext();
+        while (g_main_context_iteration(context, FALSE)) {
+        }
+    }
+    void WriteToEnd(int count) {
+        for (int i = 0; i < count; ++i) {
+            MmConnectionMessageHandle msg;
+            *static_cast<int*>(iface_->CreateConnectionMessage(sizeof(int), &msg)) = i;
+            ASSERT_EQ(kVokErrNone, peer_->WriteMessage(msg, nullptr));
+        }
+    }
+    // Reads one message from end_; returns false when none waits.
+    bool ReadOne() {
+        MmConnectionMessageHandle msg;
+        if (end_->ReadMessage(&msg) != kVokErrNone) {
+            return false;
+        }
+        iface_->FreeMessage(msg);
+        return true;
+    }
+
+    test::Watchdog watchdog_;
+    RuntimeDispatcher dispatcher_;
+    MessageMoverFramework* framework_ = nullptr;
+    MessageMoverInterface* iface_ = nullptr;
+    MmConnectionPort* end_ = nullptr;
+    MmConnectionPort* peer_ = nullptr;
+};
+
+TEST_F(PortMonitorTest, AlreadyReadablePortIsReportedWhenTheMaskIsSet) {
+    WriteToEnd(1);
+    int calls = 0;
+    RdPortMonitor monitor(*end_, dispatcher_, [&](bool r, bool, bool) {
+        EXPECT_TRUE(r);
+        ++calls;
+        ReadOne();
+    });
+    Drain();
+    EXPECT_EQ(0, calls);  // no mask yet
+    monitor.SetEventMask(true, false, false);
+    Drain();
+    EXPECT_EQ(1, calls);
+}
+
+TEST_F(PortMonitorTest, CallbackReadingOneMessageIsCalledAgainUntilEmpty) {
+    int calls = 0;
+    int read = 0;
+    RdPortMonitor monitor(*end_, dispatcher_, [&](bool r, bool, bool) {
+        EXPECT_TRUE(r);
+        ++calls;
+        read += ReadOne() ? 1 : 0;
+    });
+    monitor.SetEventMask(true, false, false);
+    WriteToEnd(5);
+    Drain();
+    EXPECT_EQ(5, read);
+    EXPECT_EQ(5, calls);
+    EXPECT_FALSE(ReadOne());
+}
+
+TEST_F(PortMonitorTest, MonitorMayBeDestroyedInsideItsCallback) {
+    std::unique_ptr<RdPortMonitor> monitor;
+    int calls = 0;
+    monitor.reset(new RdPortMonitor(*end_, dispatcher_, [&](bool, bool, bool) {
+        ++calls;
+        monitor.reset();
+    }));
+    monitor->SetEventMask(true, false, false);
+    WriteToEnd(2);
+    Drain();
+    EXPECT_EQ(1, calls);
+    while (ReadOne()) {
+    }
+}
+
+TEST_F(PortMonitorTest, MessagesFromFourWriterThreadsAllReachTheMonitorThread) {
+    const int kWriters = 4;
+    const int kPerWriter = 2000;
+    MmCommandPort* inbox = iface_->CreateCommandPort();
+    const MmPortAddress_t address = inbox->GetAddress();
+    const GThread* loopThread = g_thread_self();
+    int received = 0;
+    bool wrongThread = false;
+    // The port must outlive its monitor.
+    auto monitor = std::make_unique<RdPortMonitor>(*inbox, dispatcher_, [&](bool, bool, bool) {
+        wrongThread = wrongThread || g_thread_self() != loopThread;
+        MmCommandMessageHandle msg;
+        while (inbox->ReadMessage(&msg) == kVokErrNone) {
+            iface_->FreeMessage(msg);
+            ++received;
+        }
+        if (received == kWriters * kPerWriter) {
+            dispatcher_.RequestStop();
+        }
+    });
+    monitor->SetEventMask(true, false, false);
+    std::vector<std::thread> writers;
+    RdTimerBase start(dispatcher_, [&]() {
+        for (int w = 0; w < kWriters; ++w) {
+            writers.emplace_back([&]() {
+                MessageMoverInterface* mine = framework_->CreateInterface("writer");
+                MmCommandPort* out = mine->CreateCommandPort();
+                for (int i = 0; i < kPerWriter; ++i) {
+                    MmCommandMessageHandle msg;
+                    mine->CreateCommandMessage(8, &msg);
+                    msg.SetDestinationAddress(address);
+                    EXPECT_EQ(kVokErrNone, out->WriteMessage(msg, nullptr));
+                }
+                mine->DiscardCommandPort(out);
+                framework_->DiscardInterface(mine);
+            });
+        }
+    });
+    start.Schedule(0);
+    dispatcher_.Run();
+    for (auto& writer : writers) {
+        writer.join();
+    }
+    EXPECT_EQ(kWriters * kPerWriter, received);
+    EXPECT_FALSE(wrongThread);
+    monitor.reset();
+    iface_->DiscardCommandPort(inbox);
+}
+
+}  // namespace
+}  // namespace vok
