@@ -5,6 +5,8 @@
 #include <vok/ArgvMaker.h>
 #include <vok/DiagnosticRegister.h>
 #include <vok/Event.h>
+#include <vok/JsonToken.h>
+#include <vok/KelvraSvcUtils.h>
 #include <vok/Logger.h>
 #include <vok/MessageMoverFramework.h>
 #include <vok/MessageMoverInterface.h>

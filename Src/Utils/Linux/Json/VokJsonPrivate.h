@@ -1,0 +1,46 @@
+// Not public API. What the JSON classes share behind their public headers: the records that
+// JsonToken hands to the iterator and find-result constructors, the conversions between a
+// token's pimpl and json-c, and the assertion form of the JSON layer.
+#ifndef VOK_SRC_UTILS_LINUX_JSON_VOKJSONPRIVATE_H
+#define VOK_SRC_UTILS_LINUX_JSON_VOKJSONPRIVATE_H
+
+#include <json-c/json.h>
+
+#include <cassert>
+#include <cstdint>
+
+#include "vok/JsonToken.h"
+
+// The condition's macros are expanded before it is printed, so "NULL != p" reads "__null != p".
+#define VOK_JSON_ASSERT(condition) assert(condition)
+
+namespace vok {
+
+// Where an array iterator starts: the array (not owned) and the index (-1 is the end).
+struct JsonArrayConstIterInitInfo {
+    json_object* pCjsonArray_;
+    int32_t currentIndex_;
+};
+
+// Where an object iterator starts.
+struct JsonObjectConstIterInitInfo {
+    json_object_iterator iter;
+};
+
+// What ObjectFindPair found: value is NULL for a JSON null or when nothing was found.
+struct JsonObjectFindResultInitInfo {
+    bool found;
+    json_object* value;
+};
+
+// A JsonTokenImpl* is the json_object* itself.
+inline json_object* JsonCjsonFromPimpl(JsonTokenImpl* pimpl) {
+    return reinterpret_cast<json_object*>(pimpl);
+}
+inline JsonTokenImpl* JsonPimplFromCjson(json_object* value) {
+    return reinterpret_cast<JsonTokenImpl*>(value);
+}
+
+}  // namespace vok
+
+#endif  // VOK_SRC_UTILS_LINUX_JSON_VOKJSONPRIVATE_H

@@ -1,0 +1,447 @@
+#include <json-c/json.h>
+
+#include <new>
+#include <stdexcept>
+
+#include "Src/Utils/Linux/Json/VokJsonPrivate.h"
+#include "vok/JsonToken.h"
+
+namespace vok {
+
+namespace {
+
+const uint32_t kPopulatedFlag = 1u;
+
+// json-c constructors and string accessors return NULL only when memory runs out.
+json_object* CheckAllocated(json_object* value) {
+    if (value == nullptr) {
+        throw std::bad_alloc();
+    }
+    return value;
+}
+
+}  // namespace
+
+json_object* JsonToken::PimplToCjson_(JsonTokenImpl* pimpl) {
+    return JsonCjsonFromPimpl(pimpl);
+}
+
+JsonTokenImpl* JsonToken::PimplFromCjson_(json_object* value) {
+    return JsonPimplFromCjson(value);
+}
+
+JsonToken::JsonToken() : flags(0), pimpl(nullptr) {}
+
+JsonToken::JsonToken(const ValueSelector<kValueTypeNull>*)
+    : flags(kPopulatedFlag), pimpl(nullptr) {}
+
+JsonToken::JsonToken(const ValueSelector<kValueTypeObject>*)
+    : flags(kPopulatedFlag), pimpl(PimplFromCjson_(CheckAllocated(json_object_new_object()))) {}
+
+JsonToken::JsonToken(const ValueSelector<kValueTypeArray>*)
+    : flags(kPopulatedFlag), pimpl(PimplFromCjson_(CheckAllocated(json_object_new_array()))) {}
+
+JsonToken::JsonToken(const ValueSelector<kValueTypeNumber>*, int value)
+    : flags(kPopulatedFlag), pimpl(PimplFromCjson_(CheckAllocated(json_object_new_int(value)))) {}
+
+JsonToken::JsonToken(const ValueSelector<kValueTypeNumber>*, double value)
+    : flags(kPopulatedFlag),
+      pimpl(PimplFromCjson_(CheckAllocated(json_object_new_double(value)))) {}
+
+JsonToken::JsonToken(const ValueSelector<kValueTypeBoolean>*, bool value)
+    : flags(kPopulatedFlag),
+      pimpl(PimplFromCjson_(CheckAllocated(json_object_new_boolean(value ? 1 : 0)))) {}
+
+JsonToken::JsonToken(const ValueSelector<kValueTypeString>*, const char* text)
+    : flags(0), pimpl(nullptr) {
+    if (text == nullptr) {
+        throw std::invalid_argument("JSON String value creation failed: NULL text");
+    }
+    pimpl = PimplFromCjson_(CheckAllocated(json_object_new_string(text)));
+    flags = kPopulatedFlag;
+}
+
+JsonToken::~JsonToken() {
+    Reset();
+}
+
+bool JsonToken::HasValue() const {
+    return (flags & kPopulatedFlag) != 0;
+}
+
+JsonToken::ValueType JsonToken::GetValueType() const {
+    if (!HasValue()) {
+        return kValueTypeUnpopulated;
+    }
+    if (pimpl == nullptr) {
+        return kValueTypeNull;
+    }
+    switch (json_object_get_type(PimplToCjson_(pimpl))) {
+        case json_type_null:
+            return kValueTypeNull;
+        case json_type_boolean:
+            return kValueTypeBoolean;
+        case json_type_double:
+        case json_type_int:
+            return kValueTypeNumber;
+        case json_type_object:
+            return kValueTypeObject;
+        case json_type_array:
+            return kValueTypeArray;
+        case json_type_string:
+            return kValueTypeString;
+    }
+    return kValueTypeUnpopulated;
+}
+
+void JsonToken::Reset() {
+    if (!HasValue()) {
+        return;
+    }
+    json_object* old = PimplToCjson_(pimpl);
+    flags &= ~kPopulatedFlag;
+    pimpl = nullptr;
+    json_object_put(old);
+}
+
+void JsonToken::SetNewPimpl(JsonTokenImpl* value) {
+    Reset();
+    pimpl = value;
+    flags |= kPopulatedFlag;
+}
+
+JsonTokenImpl* JsonToken::PeekPopulatedPimpl() {
+    return static_cast<const JsonToken*>(this)->PeekPopulatedPimpl();
+}
+
+JsonTokenImpl* JsonToken::PeekPopulatedPimpl() const {
+    if (!HasValue()) {
+        throw std::invalid_argument("JsonToken::PeekPopulatedPimpl failed: Token is not populated");
+    }
+    return pimpl;
+}
+
+JsonTokenImpl* JsonToken::GiveUpPopulatedPimpl() {
+    if (!HasValue()) {
+        throw std::invalid_argument(
+            "JsonToken::GiveUpPopulatedPimpl failed: Token is not populated");
+    }
+    JsonTokenImpl* value = pimpl;
+    pimpl = nullptr;
+    flags &= ~kPopulatedFlag;
+    return value;
+}
+
+void JsonToken::Swap(JsonToken* pOther) {
+    VOK_JSON_ASSERT(NULL != pOther);
+    uint32_t flagsTmp = flags;
+    JsonTokenImpl* pimplTmp = pimpl;
+    flags = pOther->flags;
+    pimpl = pOther->pimpl;
+    pOther->flags = flagsTmp;
+    pOther->pimpl = pimplTmp;
+}
+
+void JsonToken::TransferFrom(JsonToken* other) {
+    // The temporary takes other's state, then this token's old state, which it releases.
+    JsonToken temporary;
+    temporary.Swap(other);
+    temporary.Swap(this);
+}
+
+void JsonToken::MakeNull() {
+    JsonToken temporary(static_cast<const ValueSelector<kValueTypeNull>*>(nullptr));
+    Swap(&temporary);
+}
+
+void JsonToken::MakeObject() {
+    JsonToken temporary(static_cast<const ValueSelector<kValueTypeObject>*>(nullptr));
+    Swap(&temporary);
+}
+
+void JsonToken::MakeArray() {
+    JsonToken temporary(static_cast<const ValueSelector<kValueTypeArray>*>(nullptr));
+    Swap(&temporary);
+}
+
+void JsonToken::MakeNumber(int value) {
+    JsonToken temporary(static_cast<const ValueSelector<kValueTypeNumber>*>(nullptr), value);
+    Swap(&temporary);
+}
+
+void JsonToken::MakeNumber(double value) {
+    JsonToken temporary(static_cast<const ValueSelector<kValueTypeNumber>*>(nullptr), value);
+    Swap(&temporary);
+}
+
+void JsonToken::MakeBoolean(bool value) {
+    JsonToken temporary(static_cast<const ValueSelector<kValueTypeBoolean>*>(nullptr), value);
+    Swap(&temporary);
+}
+
+void JsonToken::MakeString(const char* text) {
+    JsonToken temporary(static_cast<const ValueSelector<kValueTypeString>*>(nullptr), text);
+    Swap(&temporary);
+}
+
+const char* JsonToken::StringPeekValue() const {
+    if (GetValueType() != kValueTypeString) {
+        throw std::invalid_argument("JSON StringPeekValue failed: Token is not string");
+    }
+    const char* text = json_object_get_string(PimplToCjson_(pimpl));
+    if (text == nullptr) {
+        throw std::bad_alloc();
+    }
+    return text;
+}
+
+bool JsonToken::BooleanGetValue() const {
+    if (GetValueType() != kValueTypeBoolean) {
+        throw std::invalid_argument(
+            "JsonToken::BooleanGetValue failed: Token is not kValueTypeBoolean");
+    }
+    return json_object_get_boolean(PimplToCjson_(pimpl)) != 0;
+}
+
+double JsonToken::NumberGetValue() const {
+    if (GetValueType() != kValueTypeNumber) {
+        throw std::invalid_argument(
+            "JsonToken::NumberGetValue failed: Token is not kValueTypeNumber");
+    }
+    return json_object_get_double(PimplToCjson_(pimpl));
+}
+
+const char* JsonToken::GenerateJsonEncodingAndPeek() const {
+    if (!HasValue()) {
+        throw std::invalid_argument("JSON encoding generator failed: Token is not populated");
+    }
+    const char* text = json_object_to_json_string(PimplToCjson_(pimpl));
+    if (text == nullptr) {
+        throw std::bad_alloc();
+    }
+    return text;
+}
+
+bool JsonToken::ParseJsonString(const char* text) {
+    if (text == nullptr) {
+        throw std::invalid_argument("JSON string parser failed: NULL string");
+    }
+    // The verbose parser tells the document "null" (a NULL value) apart from a failure.
+    json_tokener_error error = json_tokener_success;
+    json_object* value = json_tokener_parse_verbose(text, &error);
+    if (error != json_tokener_success) {
+        return false;
+    }
+    JsonToken temporary;
+    temporary.SetNewPimpl(PimplFromCjson_(value));
+    Swap(&temporary);
+    return true;
+}
+
+int JsonToken::ArrayGetLength() const {
+    return static_cast<int>(
+        json_object_array_length(PimplToCjson_(JsonImplUtil::PeekArrayTokenPimpl(this))));
+}
+
+JsonArrayConstIterator JsonToken::ArrayGetValueAt(int index) const {
+    json_object* array = PimplToCjson_(JsonImplUtil::PeekArrayTokenPimpl(this));
+    if (index < 0 || static_cast<size_t>(index) >= json_object_array_length(array)) {
+        throw std::out_of_range("JsonToken::ArrayGetValueAt: index is out of bounds");
+    }
+    JsonArrayConstIterInitInfo info = {array, index};
+    return JsonArrayConstIterator(info);
+}
+
+JsonArrayConstIterator JsonToken::ArrayBegin() const {
+    json_object* array = PimplToCjson_(JsonImplUtil::PeekArrayTokenPimpl(this));
+    if (json_object_array_length(array) < 1) {
+        return ArrayEnd();
+    }
+    JsonArrayConstIterInitInfo info = {array, 0};
+    return JsonArrayConstIterator(info);
+}
+
+JsonArrayConstIterator JsonToken::ArrayEnd() const {
+    JsonArrayConstIterInitInfo info = {PimplToCjson_(JsonImplUtil::PeekArrayTokenPimpl(this)), -1};
+    return JsonArrayConstIterator(info);
+}
+
+void JsonToken::ArraySetElement(int index, JsonToken* value) {
+    json_object* array = PimplToCjson_(JsonImplUtil::PeekArrayTokenPimpl(this));
+    json_object* element = PimplToCjson_(JsonImplUtil::PeekValueTokenPimpl(value));
+    int result;
+    if (index == -1) {
+        result = json_object_array_add(array, element);
+    } else if (index < -1) {
+        throw std::invalid_argument("JsonToken::ArraySetElementinvalid index");
+    } else {
+        result = json_object_array_put_idx(array, static_cast<size_t>(index), element);
+    }
+    // On failure json-c has not taken the element: value still owns it.
+    if (result != 0) {
+        throw std::bad_alloc();
+    }
+    value->GiveUpPopulatedPimpl();
+}
+
+void JsonToken::ArraySetNullElement(int index) {
+    JsonToken element(static_cast<const ValueSelector<kValueTypeNull>*>(nullptr));
+    ArraySetElement(index, &element);
+}
+
+void JsonToken::ArraySetNumberElement(int index, int value) {
+    JsonToken element(static_cast<const ValueSelector<kValueTypeNumber>*>(nullptr), value);
+    ArraySetElement(index, &element);
+}
+
+void JsonToken::ArraySetNumberElement(int index, double value) {
+    JsonToken element(static_cast<const ValueSelector<kValueTypeNumber>*>(nullptr), value);
+    ArraySetElement(index, &element);
+}
+
+void JsonToken::ArraySetBooleanElement(int index, bool value) {
+    JsonToken element(static_cast<const ValueSelector<kValueTypeBoolean>*>(nullptr), value);
+    ArraySetElement(index, &element);
+}
+
+void JsonToken::ArraySetStringElement(int index, const char* text) {
+    JsonToken element(static_cast<const ValueSelector<kValueTypeString>*>(nullptr), text);
+    ArraySetElement(index, &element);
+}
+
+void JsonToken::ObjectSetPair(const char* name, JsonToken* value) {
+    if (name == nullptr) {
+        throw std::invalid_argument("JsonToken::ObjectSetPair: NULL name");
+    }
+    json_object* element = PimplToCjson_(JsonImplUtil::PeekValueTokenPimpl(value));
+    json_object* object = PimplToCjson_(JsonImplUtil::PeekObjectTokenPimpl(this));
+    // On failure json-c has not taken the element: value still owns it.
+    if (json_object_object_add(object, name, element) != 0) {
+        throw std::bad_alloc();
+    }
+    value->GiveUpPopulatedPimpl();
+}
+
+void JsonToken::ObjectSetNullPair(const char* name) {
+    JsonToken element(static_cast<const ValueSelector<kValueTypeNull>*>(nullptr));
+    ObjectSetPair(name, &element);
+}
+
+void JsonToken::ObjectSetNumberPair(const char* name, int value) {
+    JsonToken element(static_cast<const ValueSelector<kValueTypeNumber>*>(nullptr), value);
+    ObjectSetPair(name, &element);
+}
+
+void JsonToken::ObjectSetNumberPair(const char* name, double value) {
+    JsonToken element(static_cast<const ValueSelector<kValueTypeNumber>*>(nullptr), value);
+    ObjectSetPair(name, &element);
+}
+
+void JsonToken::ObjectSetBooleanPair(const char* name, bool value) {
+    JsonToken element(static_cast<const ValueSelector<kValueTypeBoolean>*>(nullptr), value);
+    ObjectSetPair(name, &element);
+}
+
+void JsonToken::ObjectSetStringPair(const char* name, const char* text) {
+    JsonToken element(static_cast<const ValueSelector<kValueTypeString>*>(nullptr), text);
+    ObjectSetPair(name, &element);
+}
+
+JsonObjectConstFindResult JsonToken::ObjectFindPair(const char* name) const {
+    if (name == nullptr) {
+        throw std::invalid_argument("JsonToken::ObjectFindPair: NULL name");
+    }
+    json_object* object = PimplToCjson_(JsonImplUtil::PeekObjectTokenPimpl(this));
+    JsonObjectFindResultInitInfo info = {false, nullptr};
+    info.found = json_object_object_get_ex(object, name, &info.value) != 0;
+    return JsonObjectConstFindResult(info);
+}
+
+JsonObjectConstIterator JsonToken::ObjectBegin() const {
+    json_object* object = PimplToCjson_(JsonImplUtil::PeekObjectTokenPimpl(this));
+    JsonObjectConstIterInitInfo info = {json_object_iter_begin(object)};
+    return JsonObjectConstIterator(info);
+}
+
+JsonObjectConstIterator JsonToken::ObjectEnd() const {
+    json_object* object = PimplToCjson_(JsonImplUtil::PeekObjectTokenPimpl(this));
+    JsonObjectConstIterInitInfo info = {json_object_iter_end(object)};
+    return JsonObjectConstIterator(info);
+}
+
+// JsonImplUtil. The const and non-const forms share one check.
+
+const JsonToken* JsonImplUtil::ValidateTokenHasValue(const JsonToken* token) {
+    if (token == nullptr) {
+        throw std::invalid_argument("JSON ValidateTokenHasValue failed: NULL Token pointer");
+    }
+    if (!token->HasValue()) {
+        throw std::invalid_argument("JSON ValidateTokenHasValue failed: Token is not populated");
+    }
+    return token;
+}
+
+JsonToken* JsonImplUtil::ValidateTokenHasValue(JsonToken* token) {
+    ValidateTokenHasValue(static_cast<const JsonToken*>(token));
+    return token;
+}
+
+const JsonToken* JsonImplUtil::ValidateObjectToken(const JsonToken* token) {
+    if (token == nullptr) {
+        throw std::invalid_argument("JSON ValidateObjectToken failed: NULL Token pointer");
+    }
+    if (token->GetValueType() != JsonToken::kValueTypeObject) {
+        throw std::invalid_argument(
+            "JSON ValidateObjectToken failed: Token is not JSON Object type");
+    }
+    return token;
+}
+
+JsonToken* JsonImplUtil::ValidateObjectToken(JsonToken* token) {
+    ValidateObjectToken(static_cast<const JsonToken*>(token));
+    return token;
+}
+
+const JsonToken* JsonImplUtil::ValidateArrayToken(const JsonToken* token) {
+    if (token == nullptr) {
+        throw std::invalid_argument("JSON ValidateArrayToken failed: NULL Token pointer");
+    }
+    if (token->GetValueType() != JsonToken::kValueTypeArray) {
+        throw std::invalid_argument("JSON ValidateArrayToken failed: Token is not JSON Array type");
+    }
+    return token;
+}
+
+JsonToken* JsonImplUtil::ValidateArrayToken(JsonToken* token) {
+    ValidateArrayToken(static_cast<const JsonToken*>(token));
+    return token;
+}
+
+JsonTokenImpl* JsonImplUtil::PeekValueTokenPimpl(const JsonToken* token) {
+    if (token == nullptr) {
+        throw std::invalid_argument("JsonImplUtil::PeekValueTokenPimpl failed: NULL Token pointer");
+    }
+    return token->PeekPopulatedPimpl();
+}
+
+JsonTokenImpl* JsonImplUtil::PeekValueTokenPimpl(JsonToken* token) {
+    return PeekValueTokenPimpl(static_cast<const JsonToken*>(token));
+}
+
+JsonTokenImpl* JsonImplUtil::PeekObjectTokenPimpl(const JsonToken* token) {
+    return ValidateObjectToken(token)->PeekPopulatedPimpl();
+}
+
+JsonTokenImpl* JsonImplUtil::PeekObjectTokenPimpl(JsonToken* token) {
+    return PeekObjectTokenPimpl(static_cast<const JsonToken*>(token));
+}
+
+JsonTokenImpl* JsonImplUtil::PeekArrayTokenPimpl(const JsonToken* token) {
+    return ValidateArrayToken(token)->PeekPopulatedPimpl();
+}
+
+JsonTokenImpl* JsonImplUtil::PeekArrayTokenPimpl(JsonToken* token) {
+    return PeekArrayTokenPimpl(static_cast<const JsonToken*>(token));
+}
+
+}  // namespace vok

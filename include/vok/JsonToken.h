@@ -1,0 +1,157 @@
+// JSON values: the type of every bus payload.
+#ifndef VOK_JSONTOKEN_H
+#define VOK_JSONTOKEN_H
+
+#include <cstdint>
+
+struct json_object;
+
+namespace vok {
+
+// The json-c value a token owns. Never defined: a JsonTokenImpl* is the json_object* itself.
+class JsonTokenImpl;
+class JsonArrayConstIterator;
+class JsonObjectConstIterator;
+class JsonObjectConstFindResult;
+
+// One owned JSON value (object, array, string, boolean, number or null) or nothing at all, over a
+// json-c value. Every accessor checks the token's state and type and throws a standard exception
+// (std::invalid_argument, std::out_of_range) with a fixed message when the check fails; json-c
+// running out of memory throws std::bad_alloc. A populated token owns one json-c reference;
+// storing a token into an array or object moves its value there and leaves it unpopulated.
+// Not copyable; use Swap or TransferFrom. One thread at a time.
+class JsonToken {
+  public:
+    // The numbers are fixed.
+    enum ValueType {
+        kValueTypeUnpopulated = 0,
+        kValueTypeObject = 1,
+        kValueTypeArray = 2,
+        kValueTypeString = 3,
+        kValueTypeBoolean = 4,
+        kValueTypeNumber = 5,
+        kValueTypeNull = 6,
+    };
+
+    // Tag type selecting a typed constructor; always passed as a null pointer:
+    // JsonToken n(static_cast<const JsonToken::ValueSelector<JsonToken::kValueTypeNumber>*>(0), 3)
+    template <ValueType kType>
+    struct ValueSelector {};
+
+    // Unpopulated.
+    JsonToken();
+    // Populated JSON null.
+    explicit JsonToken(const ValueSelector<kValueTypeNull>*);
+    // A new empty object or array.
+    explicit JsonToken(const ValueSelector<kValueTypeObject>*);
+    explicit JsonToken(const ValueSelector<kValueTypeArray>*);
+    // An integer or a floating-point number.
+    JsonToken(const ValueSelector<kValueTypeNumber>*, int value);
+    JsonToken(const ValueSelector<kValueTypeNumber>*, double value);
+    JsonToken(const ValueSelector<kValueTypeBoolean>*, bool value);
+    // A copy of text; NULL throws.
+    JsonToken(const ValueSelector<kValueTypeString>*, const char* text);
+    ~JsonToken();
+    JsonToken(const JsonToken&) = delete;
+    JsonToken& operator=(const JsonToken&) = delete;
+
+    bool HasValue() const;
+    ValueType GetValueType() const;
+    // Releases the value, if any.
+    void Reset();
+    // Reset(), then adopts value (the caller's reference; NULL makes the JSON null).
+    void SetNewPimpl(JsonTokenImpl* value);
+    // The value without giving it up; throws when unpopulated.
+    JsonTokenImpl* PeekPopulatedPimpl();
+    JsonTokenImpl* PeekPopulatedPimpl() const;
+    // The value with its reference; the token ends unpopulated. Throws when unpopulated.
+    JsonTokenImpl* GiveUpPopulatedPimpl();
+    // Exchanges the two tokens' states; other must not be NULL (assertion).
+    void Swap(JsonToken* other);
+    // Moves other's state here (releasing this token's previous value); other ends unpopulated.
+    void TransferFrom(JsonToken* other);
+
+    // Replace the value with a new one of the given type. If building it throws, the token is
+    // unchanged.
+    void MakeNull();
+    void MakeObject();
+    void MakeArray();
+    void MakeNumber(int value);
+    void MakeNumber(double value);
+    void MakeBoolean(bool value);
+    void MakeString(const char* text);
+
+    // json-c's internal string, valid while the value lives. The type must be string.
+    const char* StringPeekValue() const;
+    bool BooleanGetValue() const;
+    // Integers are returned as doubles.
+    double NumberGetValue() const;
+    // The encoding of the value, owned by the value and valid until it changes.
+    const char* GenerateJsonEncodingAndPeek() const;
+    // Replaces the value with the parsed document and returns true; returns false and leaves the
+    // token unchanged when text does not parse. NULL throws. The document "null" gives a
+    // populated null token.
+    bool ParseJsonString(const char* text);
+
+    // Arrays: this token must be an array.
+    int ArrayGetLength() const;
+    // An iterator on element index; throws std::out_of_range outside 0..length-1.
+    JsonArrayConstIterator ArrayGetValueAt(int index) const;
+    JsonArrayConstIterator ArrayBegin() const;
+    JsonArrayConstIterator ArrayEnd() const;
+    // Moves value into the array at index: -1 appends, 0 or more replaces the element or extends
+    // the array with nulls up to index; below -1 throws.
+    void ArraySetElement(int index, JsonToken* value);
+    void ArraySetNullElement(int index);
+    void ArraySetNumberElement(int index, int value);
+    void ArraySetNumberElement(int index, double value);
+    void ArraySetBooleanElement(int index, bool value);
+    void ArraySetStringElement(int index, const char* text);
+
+    // Objects: this token must be an object. A pair of the same name is replaced.
+    void ObjectSetPair(const char* name, JsonToken* value);
+    void ObjectSetNullPair(const char* name);
+    void ObjectSetNumberPair(const char* name, int value);
+    void ObjectSetNumberPair(const char* name, double value);
+    void ObjectSetBooleanPair(const char* name, bool value);
+    void ObjectSetStringPair(const char* name, const char* text);
+    JsonObjectConstFindResult ObjectFindPair(const char* name) const;
+    JsonObjectConstIterator ObjectBegin() const;
+    JsonObjectConstIterator ObjectEnd() const;
+
+  private:
+    static json_object* PimplToCjson_(JsonTokenImpl* pimpl);
+    static JsonTokenImpl* PimplFromCjson_(json_object* value);
+
+    // Bit 0: populated. Other bits are kept as they are.
+    uint32_t flags;
+    // The owned value; NULL in a populated token is the JSON null.
+    JsonTokenImpl* pimpl;
+};
+
+// Validation helpers shared by the JSON classes. Each returns its argument (or its value) and
+// throws std::invalid_argument when the check fails.
+class JsonImplUtil {
+  public:
+    static JsonToken* ValidateTokenHasValue(JsonToken* token);
+    static const JsonToken* ValidateTokenHasValue(const JsonToken* token);
+    static JsonToken* ValidateObjectToken(JsonToken* token);
+    static const JsonToken* ValidateObjectToken(const JsonToken* token);
+    static JsonToken* ValidateArrayToken(JsonToken* token);
+    static const JsonToken* ValidateArrayToken(const JsonToken* token);
+    static JsonTokenImpl* PeekValueTokenPimpl(JsonToken* token);
+    static JsonTokenImpl* PeekValueTokenPimpl(const JsonToken* token);
+    static JsonTokenImpl* PeekObjectTokenPimpl(JsonToken* token);
+    static JsonTokenImpl* PeekObjectTokenPimpl(const JsonToken* token);
+    static JsonTokenImpl* PeekArrayTokenPimpl(JsonToken* token);
+    static JsonTokenImpl* PeekArrayTokenPimpl(const JsonToken* token);
+};
+
+}  // namespace vok
+
+// The iterator and find-result types returned above.
+#include <vok/JsonArrayUtils.h>
+#include <vok/JsonObjectFindResult.h>
+#include <vok/JsonObjectUtils.h>
+
+#endif  // VOK_JSONTOKEN_H

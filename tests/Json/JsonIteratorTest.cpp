@@ -1,0 +1,196 @@
+// Array and object iterators and find results: walking, misuse texts, and the lifetime of the
+// elements they present.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <stdexcept>
+#include <string>
+
+#include "vok/JsonToken.h"
+
+namespace vok {
+namespace {
+
+template <typename E, typename Fn>
+void ExpectThrowText(Fn fn, const std::string& text) {
+    try {
+        fn();
+        ADD_FAILURE() << "no exception, expected: " << text;
+    } catch (const E& e) {
+        EXPECT_EQ(text, e.what());
+    }
+}
+
+JsonToken* Parse(JsonToken* token, const char* text) {
+    EXPECT_TRUE(token->ParseJsonString(text)) << text;
+    return token;
+}
+
+TEST(JsonArrayIteratorTest, WalksToTheEndAndNoFurther) {
+    JsonToken array;
+    Parse(&array, "[10, null, \"x\"]");
+    JsonArrayConstIterator it = array.ArrayBegin();
+    EXPECT_EQ(10.0, it->NumberGetValue());
+    ++it;
+    EXPECT_EQ(JsonToken::kValueTypeNull, (*it).GetValueType());
+    ++it;
+    EXPECT_STREQ("x", it->StringPeekValue());
+    ++it;
+    EXPECT_TRUE(it == array.ArrayEnd());
+    ExpectThrowText<std::out_of_range>([&]() { ++it; },
+                                       "CjsonIterState::Next: user attempted to iterate past end");
+    ExpectThrowText<std::invalid_argument>(
+        [&]() { *it; }, "JsonArrayConstIterator::operator* iterator is at the end");
+
+    JsonArrayConstIterator at = array.ArrayGetValueAt(2);
+    EXPECT_TRUE(at != array.ArrayBegin());
+    EXPECT_STREQ("x", at->StringPeekValue());
+
+    JsonToken empty;
+    empty.MakeArray();
+    EXPECT_TRUE(empty.ArrayBegin() == empty.ArrayEnd());
+}
+
+TEST(JsonArrayIteratorTest, SeesElementsAppendedWhileWalking) {
+    JsonToken array;
+    Parse(&array, "[1]");
+    JsonArrayConstIterator it = array.ArrayBegin();
+    array.ArraySetNumberElement(-1, 2);
+    ++it;
+    EXPECT_EQ(2.0, it->NumberGetValue());
+}
+
+TEST(JsonArrayIteratorTest, MisuseThrows) {
+    JsonToken a;
+    JsonToken b;
+    Parse(&a, "[1]");
+    Parse(&b, "[1]");
+    JsonArrayConstIterator unpopulated;
+    EXPECT_FALSE(unpopulated.IsPopulated());
+    ExpectThrowText<std::invalid_argument>(
+        [&]() { return a.ArrayBegin() == b.ArrayBegin(); },
+        "CjsonIterState::operator==: iterators refer to different CJSON Arrays");
+    ExpectThrowText<std::invalid_argument>(
+        [&]() { return a.ArrayBegin() != unpopulated; },
+        "CjsonIterState::operator==: one or both iterators are unpopulated");
+    ExpectThrowText<std::invalid_argument>([&]() { ++unpopulated; },
+                                           "CjsonIterState::Next: iterator is not populated");
+    ExpectThrowText<std::invalid_argument>(
+        [&]() { *unpopulated; }, "JsonArrayConstIterator::operator* iterator is unpopulated");
+}
+
+TEST(JsonArrayIteratorTest, ElementOutlivesItsContainer) {
+    JsonArrayConstIterator copy;
+    {
+        JsonToken array;
+        Parse(&array, "[\"kept\", 2]");
+        JsonArrayConstIterator it = array.ArrayBegin();
+        copy = it;  // A copy takes its own reference on the element.
+        array.Reset();
+        EXPECT_STREQ("kept", it->StringPeekValue());
+    }
+    EXPECT_STREQ("kept", copy->StringPeekValue());
+}
+
+TEST(JsonArrayIteratorTest, SwapExchangesPositions) {
+    JsonToken array;
+    Parse(&array, "[1, 2]");
+    JsonArrayConstIterator first = array.ArrayBegin();
+    JsonArrayConstIterator end = array.ArrayEnd();
+    first.Swap(&end);
+    EXPECT_TRUE(end == array.ArrayBegin());
+    EXPECT_EQ(1.0, end->NumberGetValue());
+    EXPECT_TRUE(first == array.ArrayEnd());
+}
+
+TEST(JsonObjectIteratorTest, VisitsEveryPair) {
+    JsonToken object;
+    Parse(&object, "{\"a\": 1, \"b\": null, \"c\": [true]}");
+    std::map<std::string, std::string> seen;
+    for (JsonObjectConstIterator it = object.ObjectBegin(); it != object.ObjectEnd(); ++it) {
+        seen[it->name] = (*it).value->GenerateJsonEncodingAndPeek();
+    }
+    std::map<std::string, std::string> expected = {{"a", "1"}, {"b", "null"}, {"c", "[ true ]"}};
+    EXPECT_EQ(expected, seen);
+
+    JsonToken empty;
+    empty.MakeObject();
+    EXPECT_TRUE(empty.ObjectBegin() == empty.ObjectEnd());
+}
+
+TEST(JsonObjectIteratorTest, CopiesAndSwapsPeekAgainLazily) {
+    JsonToken object;
+    Parse(&object, "{\"only\": \"v\"}");
+    JsonObjectConstIterator it = object.ObjectBegin();
+    EXPECT_STREQ("only", it->name);
+    JsonObjectConstIterator copy(it);
+    EXPECT_STREQ("v", copy->value->StringPeekValue());
+    JsonObjectConstIterator unpopulated;
+    it.Swap(&unpopulated);
+    EXPECT_FALSE(it.IsPopulated());
+    EXPECT_TRUE(unpopulated == copy);
+    EXPECT_STREQ("only", unpopulated->name);
+
+    // The value a dereference presented stays valid after the object is gone.
+    object.Reset();
+    EXPECT_STREQ("v", copy->value->StringPeekValue());
+}
+
+TEST(JsonObjectIteratorTest, MisuseThrows) {
+    JsonToken object;
+    Parse(&object, "{\"a\": 1}");
+    JsonObjectConstIterator unpopulated;
+    ExpectThrowText<std::invalid_argument>(
+        [&]() { *unpopulated; },
+        "JsonObjectConstIterState::PeekPopulatedNameValuePtr: iterator is unpopulated");
+    ExpectThrowText<std::invalid_argument>(
+        [&]() { ++unpopulated; },
+        "JsonObjectConstIterState::AdvanceForward: iterator is unpopulated");
+    ExpectThrowText<std::invalid_argument>(
+        [&]() { return unpopulated == object.ObjectBegin(); },
+        "JsonObjectConstIterState::operator==: one of the iterators is unpopulated");
+    // json-c does not check its end position: the iterator does.
+    JsonObjectConstIterator end = object.ObjectEnd();
+    EXPECT_THROW(*end, std::out_of_range);
+    EXPECT_THROW(++end, std::out_of_range);
+}
+
+TEST(JsonFindResultTest, AbsentNullAndPresentDiffer) {
+    JsonToken object;
+    Parse(&object, "{\"n\": null, \"s\": \"text\"}");
+    JsonObjectConstFindResult absent = object.ObjectFindPair("missing");
+    EXPECT_FALSE(absent->HasValue());
+    JsonObjectConstFindResult null = object.ObjectFindPair("n");
+    EXPECT_TRUE(null->HasValue());
+    EXPECT_EQ(JsonToken::kValueTypeNull, null->GetValueType());
+    JsonObjectConstFindResult found = object.ObjectFindPair("s");
+    EXPECT_FALSE(JsonObjectConstFindResult()->HasValue());
+
+    // Results hold their own reference: they survive the pair's replacement and the object.
+    JsonObjectConstFindResult copy(found);
+    object.ObjectSetNumberPair("s", 5);
+    absent = found;
+    object.Reset();
+    EXPECT_STREQ("text", found->StringPeekValue());
+    EXPECT_STREQ("text", (*copy).StringPeekValue());
+    EXPECT_STREQ("text", absent->StringPeekValue());
+    null.Swap(&copy);
+    EXPECT_STREQ("text", null->StringPeekValue());
+    EXPECT_EQ(JsonToken::kValueTypeNull, copy->GetValueType());
+}
+
+TEST(JsonIteratorDeathTest, SwapWithNullAsserts) {
+    JsonArrayConstIterator array;
+    EXPECT_DEATH(array.Swap(nullptr),
+                 "Src/Utils/Linux/Json/VokJsonArrayUtils.*Assertion `__null != pOther' failed");
+    JsonObjectConstIterator object;
+    EXPECT_DEATH(object.Swap(nullptr),
+                 "Src/Utils/Linux/Json/VokJsonObjectUtils.*Assertion `__null != pOther' failed");
+    JsonObjectConstFindResult result;
+    EXPECT_DEATH(
+        result.Swap(nullptr),
+        "Src/Utils/Linux/Json/VokJsonObjectFindResult.*Assertion `__null != pOther' failed");
+}
+
+}  // namespace
+}  // namespace vok

@@ -1,0 +1,222 @@
+// JsonToken: values, ownership, parsing and encoding, the exact texts of every misuse, and the
+// standard reply values.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <typeinfo>
+
+#include "vok/JsonToken.h"
+#include "vok/KelvraSvcUtils.h"
+
+namespace vok {
+namespace {
+
+// Runs fn and checks that it throws exactly an E whose what() is text.
+template <typename E>
+void ExpectThrowText(const std::function<void()>& fn, const std::string& text) {
+    try {
+        fn();
+        ADD_FAILURE() << "no exception, expected: " << text;
+    } catch (const E& e) {
+        EXPECT_EQ(typeid(E), typeid(e)) << e.what();
+        EXPECT_EQ(text, e.what());
+    } catch (const std::exception& e) {
+        ADD_FAILURE() << "other exception " << typeid(e).name() << ": " << e.what();
+    }
+}
+
+std::string Encode(const JsonToken& token) {
+    return token.GenerateJsonEncodingAndPeek();
+}
+
+TEST(JsonTokenTest, ValueTypesOfBuiltAndParsedValues) {
+    JsonToken token;
+    EXPECT_FALSE(token.HasValue());
+    EXPECT_EQ(JsonToken::kValueTypeUnpopulated, token.GetValueType());
+    token.MakeNumber(3);
+    EXPECT_EQ(JsonToken::kValueTypeNumber, token.GetValueType());
+    EXPECT_EQ(3.0, token.NumberGetValue());
+    token.MakeNumber(3.5);
+    EXPECT_EQ(JsonToken::kValueTypeNumber, token.GetValueType());
+    EXPECT_EQ(3.5, token.NumberGetValue());
+    token.MakeBoolean(true);
+    EXPECT_TRUE(token.BooleanGetValue());
+    token.MakeString("h\"i");
+    EXPECT_STREQ("h\"i", token.StringPeekValue());
+    EXPECT_EQ("\"h\\\"i\"", Encode(token));
+    token.MakeNull();
+    EXPECT_TRUE(token.HasValue());
+    EXPECT_EQ(JsonToken::kValueTypeNull, token.GetValueType());
+    EXPECT_EQ("null", Encode(token));
+    token.MakeArray();
+    EXPECT_EQ(JsonToken::kValueTypeArray, token.GetValueType());
+    token.MakeObject();
+    EXPECT_EQ(JsonToken::kValueTypeObject, token.GetValueType());
+    token.Reset();
+    EXPECT_FALSE(token.HasValue());
+
+    const struct {
+        const char* text;
+        JsonToken::ValueType type;
+    } parsed[] = {
+        {"{\"a\":1}", JsonToken::kValueTypeObject}, {"[1,2]", JsonToken::kValueTypeArray},
+        {"\"s\"", JsonToken::kValueTypeString},     {"false", JsonToken::kValueTypeBoolean},
+        {"-7", JsonToken::kValueTypeNumber},        {"2.25", JsonToken::kValueTypeNumber},
+        {"null", JsonToken::kValueTypeNull}};
+    for (const auto& p : parsed) {
+        EXPECT_TRUE(token.ParseJsonString(p.text)) << p.text;
+        EXPECT_EQ(p.type, token.GetValueType()) << p.text;
+    }
+}
+
+TEST(JsonTokenTest, FailedParseKeepsThePreviousValue) {
+    JsonToken token;
+    ASSERT_TRUE(token.ParseJsonString("{\"keep\":true}"));
+    for (const char* bad : {"{", "", "[1,", "nul", "{\"a\" 1}"}) {
+        EXPECT_FALSE(token.ParseJsonString(bad)) << bad;
+        EXPECT_EQ("{ \"keep\": true }", Encode(token));
+    }
+}
+
+TEST(JsonTokenTest, StoringMovesOwnershipIntoTheContainer) {
+    JsonToken object;
+    object.MakeObject();
+    JsonToken value;
+    value.MakeString("first");
+    object.ObjectSetPair("a", &value);
+    EXPECT_FALSE(value.HasValue());
+    value.MakeNumber(2);
+    object.ObjectSetPair("a", &value);  // Replaces the pair.
+    object.ObjectSetNullPair("n");
+    EXPECT_EQ("{ \"a\": 2, \"n\": null }", Encode(object));
+
+    JsonToken array;
+    array.MakeArray();
+    array.ArraySetNumberElement(-1, 7);      // Appends.
+    array.ArraySetStringElement(3, "x");     // Extends with nulls.
+    array.ArraySetBooleanElement(0, false);  // Replaces.
+    array.ArraySetElement(-1, &object);
+    EXPECT_FALSE(object.HasValue());
+    EXPECT_EQ(5, array.ArrayGetLength());
+    EXPECT_EQ("[ false, null, null, \"x\", { \"a\": 2, \"n\": null } ]", Encode(array));
+
+    // A rejected store leaves the element with its owner.
+    value.MakeNumber(9);
+    ExpectThrowText<std::invalid_argument>([&]() { array.ArraySetElement(-2, &value); },
+                                           "JsonToken::ArraySetElementinvalid index");
+    EXPECT_EQ(9.0, value.NumberGetValue());
+    EXPECT_EQ(5, array.ArrayGetLength());
+}
+
+TEST(JsonTokenTest, SwapTransferAndGiveUp) {
+    JsonToken a;
+    JsonToken b;
+    a.MakeNumber(1);
+    b.MakeString("b");
+    a.Swap(&b);
+    EXPECT_STREQ("b", a.StringPeekValue());
+    EXPECT_EQ(1.0, b.NumberGetValue());
+    a.TransferFrom(&b);
+    EXPECT_FALSE(b.HasValue());
+    EXPECT_EQ(1.0, a.NumberGetValue());
+
+    JsonTokenImpl* raw = a.GiveUpPopulatedPimpl();
+    EXPECT_FALSE(a.HasValue());
+    b.SetNewPimpl(raw);  // Adopts the reference given up.
+    EXPECT_EQ(1.0, b.NumberGetValue());
+
+    // A failing maker leaves the token as it was.
+    ExpectThrowText<std::invalid_argument>([&]() { b.MakeString(nullptr); },
+                                           "JSON String value creation failed: NULL text");
+    EXPECT_EQ(1.0, b.NumberGetValue());
+}
+
+TEST(JsonTokenTest, EveryMisuseThrowsItsText) {
+    JsonToken empty;
+    JsonToken number;
+    number.MakeNumber(1);
+    JsonToken array;
+    array.MakeArray();
+    JsonToken object;
+    object.MakeObject();
+    JsonToken* none = nullptr;
+    typedef std::invalid_argument Inv;
+
+    ExpectThrowText<Inv>([&]() { number.StringPeekValue(); },
+                         "JSON StringPeekValue failed: Token is not string");
+    ExpectThrowText<Inv>([&]() { number.BooleanGetValue(); },
+                         "JsonToken::BooleanGetValue failed: Token is not kValueTypeBoolean");
+    ExpectThrowText<Inv>([&]() { empty.NumberGetValue(); },
+                         "JsonToken::NumberGetValue failed: Token is not kValueTypeNumber");
+    ExpectThrowText<Inv>([&]() { empty.GenerateJsonEncodingAndPeek(); },
+                         "JSON encoding generator failed: Token is not populated");
+    ExpectThrowText<Inv>([&]() { empty.PeekPopulatedPimpl(); },
+                         "JsonToken::PeekPopulatedPimpl failed: Token is not populated");
+    ExpectThrowText<Inv>([&]() { empty.GiveUpPopulatedPimpl(); },
+                         "JsonToken::GiveUpPopulatedPimpl failed: Token is not populated");
+    ExpectThrowText<Inv>([&]() { empty.ParseJsonString(nullptr); },
+                         "JSON string parser failed: NULL string");
+    ExpectThrowText<std::out_of_range>([&]() { array.ArrayGetValueAt(0); },
+                                       "JsonToken::ArrayGetValueAt: index is out of bounds");
+    ExpectThrowText<std::out_of_range>([&]() { array.ArrayGetValueAt(-1); },
+                                       "JsonToken::ArrayGetValueAt: index is out of bounds");
+    ExpectThrowText<Inv>([&]() { object.ObjectSetPair(nullptr, &number); },
+                         "JsonToken::ObjectSetPair: NULL name");
+    ExpectThrowText<Inv>([&]() { object.ObjectFindPair(nullptr); },
+                         "JsonToken::ObjectFindPair: NULL name");
+    // Storing nothing, or into the wrong type.
+    ExpectThrowText<Inv>([&]() { array.ArraySetElement(0, none); },
+                         "JsonImplUtil::PeekValueTokenPimpl failed: NULL Token pointer");
+    ExpectThrowText<Inv>([&]() { array.ArraySetElement(0, &empty); },
+                         "JsonToken::PeekPopulatedPimpl failed: Token is not populated");
+    ExpectThrowText<Inv>([&]() { number.ObjectSetPair("a", &array); },
+                         "JSON ValidateObjectToken failed: Token is not JSON Object type");
+    ExpectThrowText<Inv>([&]() { object.ArrayGetLength(); },
+                         "JSON ValidateArrayToken failed: Token is not JSON Array type");
+    EXPECT_TRUE(array.HasValue());
+    EXPECT_TRUE(number.HasValue());
+
+    ExpectThrowText<Inv>([&]() { JsonImplUtil::ValidateObjectToken(none); },
+                         "JSON ValidateObjectToken failed: NULL Token pointer");
+    ExpectThrowText<Inv>([&]() { JsonImplUtil::ValidateArrayToken(none); },
+                         "JSON ValidateArrayToken failed: NULL Token pointer");
+    ExpectThrowText<Inv>([&]() { JsonImplUtil::ValidateTokenHasValue(none); },
+                         "JSON ValidateTokenHasValue failed: NULL Token pointer");
+    ExpectThrowText<Inv>([&]() { JsonImplUtil::ValidateTokenHasValue(&empty); },
+                         "JSON ValidateTokenHasValue failed: Token is not populated");
+}
+
+TEST(JsonTokenDeathTest, SwapWithNullAsserts) {
+    JsonToken token;
+    EXPECT_DEATH(token.Swap(nullptr),
+                 "Src/Utils/Linux/Json/VokJsonToken.*Assertion `__null != pOther' failed");
+}
+
+TEST(KelvraSvcUtilsTest, StandardReplyValues) {
+    JsonToken reply;
+    reply.MakeObject();
+    reply.ObjectSetNumberPair("alarmId", 4);
+    EXPECT_TRUE(KelvraSvcUtilAddStandardReplyValues(&reply, true, 5, "ignored"));
+    EXPECT_EQ("{ \"alarmId\": 4, \"returnValue\": true }", Encode(reply));
+
+    reply.MakeObject();
+    EXPECT_TRUE(KelvraSvcUtilAddStandardReplyValues(&reply, false, 5, ""));
+    EXPECT_EQ("{ \"returnValue\": false, \"errorCode\": 5 }", Encode(reply));
+    reply.MakeObject();
+    EXPECT_TRUE(KelvraSvcUtilAddStandardReplyValues(&reply, false, -2, "bad \"key\""));
+    EXPECT_EQ("{ \"returnValue\": false, \"errorCode\": -2, \"errorText\": \"bad \\\"key\\\"\" }",
+              Encode(reply));
+
+    JsonToken notObject;
+    notObject.MakeArray();
+    EXPECT_THROW(KelvraSvcUtilAddStandardReplyValues(&notObject, true, 0, nullptr),
+                 std::invalid_argument);
+    EXPECT_DEATH(KelvraSvcUtilAddStandardReplyValues(nullptr, true, 0, nullptr),
+                 "Src/Utils/Linux/Orvex/VokKelvraSvcUtils.*Assertion `pJsonObject' failed");
+}
+
+}  // namespace
+}  // namespace vok
