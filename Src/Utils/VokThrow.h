@@ -38,6 +38,10 @@ std::string BuildExceptionMessage(const char* function, const char* file, long l
 // text is a C string or NULL.
 #define VOK_THROW_PROGRAM_ERROR(err, text) \
     ::vok::detail::ThrowProgramError(__func__, __FILE__, __LINE__, (err), (text))
+// The same, naming the reporting function explicitly (for code that runs inside a lambda or a
+// helper on the function's behalf).
+#define VOK_THROW_PROGRAM_ERROR_IN(function, err, text) \
+    ::vok::detail::ThrowProgramError((function), __FILE__, __LINE__, (err), (text))
 #define VOK_THROW_RESOURCE_ERROR(err, text) \
     ::vok::detail::ThrowResourceError(__func__, __FILE__, __LINE__, (err), (text))
 

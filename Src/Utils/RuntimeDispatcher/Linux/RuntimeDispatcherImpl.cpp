@@ -1,13 +1,95 @@
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 
+#include <kelvra/kelvra.h>
+
+#include <map>
+
+#include "Src/Utils/RuntimeDispatcher/Linux/Kelvra/VokKvError.h"
 #include "Src/Utils/VokThrow.h"
+#include "vok/Mutex.h"
 #include "vok/RuntimeDispatcher.h"
+#include "vok/VokKvClient.h"
 
 namespace vok {
 
+namespace {
+
+// Which dispatcher a bus handle belongs to, so that bus callbacks can hand their exceptions to
+// it. Protects the map.
+Mutex& HandleRegistryLock() {
+    static Mutex lock;
+    return lock;
+}
+
+std::map<KVHandle*, RuntimeDispatcherImpl*>& HandleRegistry() {
+    static std::map<KVHandle*, RuntimeDispatcherImpl*> registry;
+    return registry;
+}
+
+}  // namespace
+
+RuntimeDispatcherImpl* RuntimeDispatcherImpl::FromKvHandle(KVHandle* handle) {
+    MutexLocker lock(HandleRegistryLock());
+    auto it = HandleRegistry().find(handle);
+    return it != HandleRegistry().end() ? it->second : nullptr;
+}
+
+KVHandle* RuntimeDispatcherImpl::GetKvHandle() {
+    if (kvHandle_ == nullptr) {
+        InitKelvra();
+    }
+    return kvHandle_;
+}
+
+VokKvClient* RuntimeDispatcherImpl::GetVokKvClient(const std::string& serviceName) {
+    if (clientMgr_ == nullptr) {
+        clientMgr_ = new VokKvClientMgr(GetKvHandle());
+    }
+    return clientMgr_->GetClient(serviceName);
+}
+
+void RuntimeDispatcherImpl::InitKelvra() {
+    if (kvHandle_ != nullptr) {
+        return;
+    }
+    VokKvError error;
+    error.result = KVRegister(nullptr, &kvHandle_, &error.error);
+    if (!error.result) {
+        kvHandle_ = nullptr;
+        VOK_THROW_RESOURCE_ERROR(kVokErrFailed, error.Message());
+    }
+    error.result = KVGmainAttach(kvHandle_, context_, &error.error);
+    if (error.result) {
+        MutexLocker lock(HandleRegistryLock());
+        HandleRegistry()[kvHandle_] = this;
+        return;
+    }
+    VokKvError error2;
+    error2.result = KVUnregister(kvHandle_, &error2.error);
+    kvHandle_ = nullptr;
+    VOK_THROW_RESOURCE_ERROR(kVokErrFailed, error.Message());
+}
+
+void RuntimeDispatcherImpl::DeinitKelvra() {
+    if (kvHandle_ == nullptr) {
+        return;
+    }
+    {
+        MutexLocker lock(HandleRegistryLock());
+        HandleRegistry().erase(kvHandle_);
+    }
+    // A failed unregistration at shutdown is ignored; result is not updated, so the record is
+    // not released either.
+    VokKvError error;
+    (void)KVUnregister(kvHandle_, &error.error);
+    kvHandle_ = nullptr;
+}
+
 RuntimeDispatcherImpl::RuntimeDispatcherImpl(GMainContext* context)
     : context_(context != nullptr ? g_main_context_ref(context) : g_main_context_new()),
-      loop_(nullptr) {
+      loop_(nullptr),
+      kvHandle_(nullptr),
+      clientMgr_(nullptr) {
     if (context_ != nullptr) {
         loop_ = g_main_loop_new(context_, FALSE);
         if (loop_ != nullptr) {
@@ -19,6 +101,9 @@ RuntimeDispatcherImpl::RuntimeDispatcherImpl(GMainContext* context)
 }
 
 RuntimeDispatcherImpl::~RuntimeDispatcherImpl() {
+    delete clientMgr_;
+    clientMgr_ = nullptr;
+    DeinitKelvra();
     if (loop_ != nullptr) {
         g_main_loop_unref(loop_);
     }

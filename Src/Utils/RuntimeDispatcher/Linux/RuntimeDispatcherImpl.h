@@ -5,8 +5,14 @@
 #include <glib.h>
 
 #include <exception>
+#include <string>
+
+typedef struct KVHandle KVHandle;
 
 namespace vok {
+
+class VokKvClient;
+class VokKvClientMgr;
 
 // Owns one reference on its main context and the loop on it. Used on the dispatcher's thread,
 // except RequestStop.
@@ -23,6 +29,16 @@ class RuntimeDispatcherImpl {
 
     GMainContext* GetContext() const { return context_; }
     GMainLoop* GetLoop() const { return loop_; }
+
+    // The dispatcher's bus handle, attached to its context; registers on first use and throws
+    // VokResourceException (kVokErrFailed) when the bus refuses (a later call tries again).
+    KVHandle* GetKvHandle();
+    // The dispatcher's client of serviceName, created on first use.
+    VokKvClient* GetVokKvClient(const std::string& serviceName);
+    void InitKelvra();
+    void DeinitKelvra();
+    // The dispatcher whose bus handle this is, or null.
+    static RuntimeDispatcherImpl* FromKvHandle(KVHandle* handle);
 
     // Runs fn, a callback given to GLib or the bus library. An exception leaving it is kept,
     // the loop is stopped, and Run rethrows it on the dispatcher's thread. C++ exceptions must
@@ -44,6 +60,8 @@ class RuntimeDispatcherImpl {
   private:
     GMainContext* context_;       // One owned reference.
     GMainLoop* loop_;             // Owned.
+    KVHandle* kvHandle_;          // The bus registration; null until first needed.
+    VokKvClientMgr* clientMgr_;   // Owned; null until first needed.
     std::exception_ptr pending_;  // Raised by a callback, not yet rethrown by Run.
 };
 

@@ -1,0 +1,79 @@
+#include "Src/Utils/RuntimeDispatcher/Linux/Kelvra/RdKvCallImpl.h"
+
+#include "Src/Utils/RuntimeDispatcher/Linux/Kelvra/VokKvError.h"
+#include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "Src/Utils/VokThrow.h"
+#include "vok/RdKvCall.h"
+
+namespace vok {
+
+RdKvCallImpl::RdKvCallImpl(KVHandle* handle, std::function<void(KVMessage*)> callback)
+    : handle_(handle),
+      callback_(std::move(callback)),
+      pending_(false),
+      token_(0),
+      dispatcher_(RuntimeDispatcherImpl::FromKvHandle(handle)) {}
+
+void RdKvCallImpl::Call(const std::string& serviceName, const std::string& method,
+                        const std::string& payload) {
+    Cancel();
+    const std::string uri = "kelvra://" + serviceName + "/" + method;
+    VokKvError error;
+    error.result = KVCall(handle_, uri.c_str(), payload.c_str(), &RdKvCallImpl::CallbackFunc, this,
+                          &token_, &error.error);
+    if (!error.result) {
+        VOK_THROW_RESOURCE_ERROR(kVokErrFailed, error.Message());
+    }
+    pending_ = true;
+}
+
+void RdKvCallImpl::Cancel() {
+    if (pending_) {
+        VokKvError error;
+        error.result = KVCallCancel(handle_, token_, &error.error);
+        pending_ = false;
+    }
+}
+
+void RdKvCallImpl::ChangeCb(std::function<void(KVMessage*)> callback) {
+    callback_.swap(callback);
+}
+
+void RdKvCallImpl::Discard() {
+    Cancel();
+    DropRef();
+}
+
+bool RdKvCallImpl::CallbackFunc(KVHandle*, KVMessage* message, void* data) {
+    RdKvCallImpl* self = static_cast<RdKvCallImpl*>(data);
+    // pending_ stays set: a subscription gets replies until it is cancelled.
+    auto deliver = [self, message]() {
+        self->TakeRef();
+        RefCounted::Holder hold(self);
+        self->callback_(message);  // std::bad_function_call when empty.
+    };
+    if (self->dispatcher_ != nullptr) {
+        self->dispatcher_->RunGuarded(deliver);
+    } else {
+        deliver();
+    }
+    return true;
+}
+
+RdKvCallBase::RdKvCallBase(KVHandle* handle, std::function<void(KVMessage*)> callback)
+    : impl_(new RdKvCallImpl(handle, std::move(callback))) {}
+RdKvCallBase::~RdKvCallBase() {
+    impl_->Discard();
+}
+void RdKvCallBase::Call(const std::string& serviceName, const std::string& method,
+                        const std::string& payload) {
+    impl_->Call(serviceName, method, payload);
+}
+void RdKvCallBase::Cancel() {
+    impl_->Cancel();
+}
+void RdKvCallBase::ChangeCb(std::function<void(KVMessage*)> callback) {
+    impl_->ChangeCb(std::move(callback));
+}
+
+}  // namespace vok

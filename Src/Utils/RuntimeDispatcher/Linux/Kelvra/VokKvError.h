@@ -1,0 +1,29 @@
+// Not public API. A KVError record on the stack around a bus-library call.
+#ifndef VOK_SRC_UTILS_RUNTIMEDISPATCHER_LINUX_KELVRA_VOKKVERROR_H
+#define VOK_SRC_UTILS_RUNTIMEDISPATCHER_LINUX_KELVRA_VOKKVERROR_H
+
+#include <kelvra/kelvra.h>
+
+namespace vok {
+
+// result holds the boolean result of the last call made with the record (true before any); the
+// record is freed only when that call failed and the library filled it.
+struct VokKvError {
+    VokKvError() : result(true) { KVErrorInit(&error); }
+    ~VokKvError() {
+        if (!result) {
+            KVErrorFree(&error);
+        }
+    }
+    VokKvError(const VokKvError&) = delete;
+    VokKvError& operator=(const VokKvError&) = delete;
+
+    const char* Message() const { return error.message != nullptr ? error.message : ""; }
+
+    KVError error;
+    bool result;
+};
+
+}  // namespace vok
+
+#endif  // VOK_SRC_UTILS_RUNTIMEDISPATCHER_LINUX_KELVRA_VOKKVERROR_H

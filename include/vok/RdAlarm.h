@@ -1,0 +1,35 @@
+// One-shot relative alarms that can wake the device, with a timer as fallback.
+#ifndef VOK_RDALARM_H
+#define VOK_RDALARM_H
+
+#include <functional>
+
+#include "vok/VokTypes.h"
+
+namespace vok {
+
+class RuntimeDispatcher;
+class RdAlarmImpl;
+
+// Like a timer (Schedule, Cancel, ChangeCb), but set as an alarm of the power service
+// "com.orvex.power" while that service is up, so it can wake a suspended device; while the
+// service is down it runs on an ordinary dispatcher timer. A status change of the service moves
+// a scheduled alarm to the other mechanism with its full interval. Intervals through the service
+// are whole seconds, at most 23:59:59. Create (which registers the dispatcher on the bus), use
+// and destroy on the dispatcher's thread; the callback runs there and may destroy the alarm.
+class RdAlarmBase : private Uncopyable {
+  public:
+    RdAlarmBase(RuntimeDispatcher& dispatcher, std::function<void()> callback);
+    virtual ~RdAlarmBase();
+
+    void Schedule(unsigned int milliseconds);
+    void Cancel();
+    void ChangeCb(std::function<void()> callback);
+
+  private:
+    RdAlarmImpl* impl_;  // One reference.
+};
+
+}  // namespace vok
+
+#endif  // VOK_RDALARM_H

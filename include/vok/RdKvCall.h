@@ -1,0 +1,45 @@
+// Calls to bus services from a dispatcher's thread.
+#ifndef VOK_RDKVCALL_H
+#define VOK_RDKVCALL_H
+
+#include <functional>
+#include <string>
+
+#include "vok/VokTypes.h"
+
+typedef struct KVHandle KVHandle;
+typedef struct KVMessage KVMessage;
+
+namespace vok {
+
+class RdKvCallImpl;
+
+// One call to a bus service method, with every reply delivered to the callback on the thread of
+// the dispatcher the handle belongs to (RuntimeDispatcherImpl's bus handle). A call may get
+// several replies (subscriptions) until it is cancelled, replaced by a new Call or the object is
+// destroyed. Use on that thread only; the callback may destroy the object.
+class RdKvCallBase : private Uncopyable {
+  public:
+    RdKvCallBase(KVHandle* handle, std::function<void(KVMessage*)> callback);
+    ~RdKvCallBase();
+
+    // Calls "kelvra://" + serviceName + "/" + method with a JSON payload, cancelling an
+    // outstanding call first. Throws VokResourceException (kVokErrFailed) when the bus refuses.
+    void Call(const std::string& serviceName, const std::string& method,
+              const std::string& payload);
+    void Cancel();
+    void ChangeCb(std::function<void(KVMessage*)> callback);
+
+  private:
+    RdKvCallImpl* impl_;  // One reference.
+};
+
+class RdKvCall : public RdKvCallBase {
+  public:
+    RdKvCall(KVHandle* handle, std::function<void(KVMessage*)> callback)
+        : RdKvCallBase(handle, std::move(callback)) {}
+};
+
+}  // namespace vok
+
+#endif  // VOK_RDKVCALL_H

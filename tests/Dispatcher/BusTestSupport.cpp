@@ -1,0 +1,170 @@
+#include "BusTestSupport.h"
+
+#include <glib.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <cstdlib>
+
+#include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+
+namespace vok {
+namespace test {
+
+namespace {
+
+// The private bus of the test program, started before the first test.
+class BusEnvironment : public ::testing::Environment {
+  public:
+    void SetUp() override { setenv("KELVRA_BUS_ADDRESS", bus_.Start().c_str(), 1); }
+    void TearDown() override { bus_.Stop(); }
+
+  private:
+    PrivateBus bus_;
+};
+
+::testing::Environment* const kBusEnvironment =
+    ::testing::AddGlobalTestEnvironment(new BusEnvironment);
+
+}  // namespace
+
+bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int limitSeconds) {
+    RuntimeDispatcherImpl* impl = RuntimeDispatcher::GetImpl(dispatcher);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(limitSeconds);
+    // A wake-up every 100 ms bounds each blocking iteration.
+    guint tick = 0;
+    GSource* source = g_timeout_source_new(100);
+    g_source_set_callback(
+        source, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+    tick = g_source_attach(source, impl->GetContext());
+    (void)tick;
+    struct Detach {
+        GSource* source;
+        ~Detach() {
+            g_source_destroy(source);
+            g_source_unref(source);
+        }
+    } detach{source};
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            ADD_FAILURE() << "condition not reached within " << limitSeconds << " s";
+            return false;
+        }
+        g_main_context_iteration(impl->GetContext(), TRUE);
+        impl->RethrowPending();
+    }
+    return true;
+}
+
+void PumpFor(RuntimeDispatcher& dispatcher, int ms) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    Pump(dispatcher, [end]() { return std::chrono::steady_clock::now() >= end; });
+}
+
+FakeService::FakeService(RuntimeDispatcher& dispatcher, const char* serviceName) {
+    KVError error;
+    KVErrorInit(&error);
+    if (!KVRegister(serviceName, &handle_, &error) ||
+        !KVGmainAttach(handle_, RuntimeDispatcher::GetImpl(dispatcher)->GetContext(), &error)) {
+        ADD_FAILURE() << "fake service: " << (error.message ? error.message : "");
+    }
+    KVErrorFree(&error);
+}
+
+FakeService::~FakeService() {
+    if (handle_ != nullptr) {
+        KVUnregister(handle_, nullptr);
+    }
+}
+
+void FakeService::AddMethod(const std::string& method, Method answer) {
+    methods_[method] = std::move(answer);
+    EXPECT_TRUE(KVRegisterMethod(handle_, method.c_str(), &FakeService::MethodCb, this, nullptr));
+}
+
+std::vector<std::string> FakeService::Requests(const std::string& method) const {
+    auto it = requests_.find(method);
+    return it != requests_.end() ? it->second : std::vector<std::string>();
+}
+
+bool FakeService::MethodCb(KVHandle* handle, KVMessage* request, void* self) {
+    FakeService* service = static_cast<FakeService*>(self);
+    const std::string method = KVMessageGetMethod(request);
+    const std::string payload = KVMessageGetPayload(request);
+    service->requests_[method].push_back(payload);
+    const std::vector<std::string> replies = service->methods_[method](payload);
+    if (replies.size() > 1) {
+        KVSubscriptionAdd(handle, request, nullptr, nullptr, nullptr);
+    }
+    // An empty last reply keeps the request open as a subscription.
+    for (size_t i = 0; i < replies.size(); ++i) {
+        if (replies[i].empty()) {
+            break;
+        }
+        if (i + 1 < replies.size()) {
+            KVReply(handle, request, replies[i].c_str(), nullptr);
+        } else {
+            KVReplyLast(handle, request, replies[i].c_str(), nullptr);
+        }
+    }
+    return true;
+}
+
+PowerDaemon::~PowerDaemon() {
+    Stop(SIGTERM);
+}
+
+void PowerDaemon::Start() {
+    process_.reset(new ChildProcess);
+    process_->Start({VOK_POWERD, "--log"}, true, true);
+    reader_ = std::thread([this]() {
+        for (;;) {
+            const std::string line = process_->ReadLine();
+            if (line.empty()) {
+                return;
+            }
+            std::lock_guard<std::mutex> lock(mutex_);
+            lines_.push_back(line);
+            lineAdded_.notify_all();
+        }
+    });
+    ASSERT_TRUE(WaitForLine("ready"));
+}
+
+bool PowerDaemon::WaitForLine(const std::string& text) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return lineAdded_.wait_for(lock, std::chrono::seconds(60),
+                               [&]() { return HasLineLocked(text); });
+}
+
+void PowerDaemon::Stop(int signal) {
+    if (process_ && process_->Running()) {
+        process_->Kill(signal);
+        process_->Wait();
+    }
+    if (reader_.joinable()) {
+        reader_.join();
+    }
+}
+
+void PowerDaemon::Kill() {
+    Stop(SIGKILL);
+}
+
+bool PowerDaemon::HasLine(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return HasLineLocked(text);
+}
+
+bool PowerDaemon::HasLineLocked(const std::string& text) const {
+    for (const std::string& line : lines_) {
+        if (line.find(text) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace test
+}  // namespace vok
