@@ -1,0 +1,410 @@
+#include "Src/Core/VokShell/VokShellImpl.h"
+
+#include <cassert>
+#include <cstdlib>
+#include <exception>
+
+#include "Src/Utils/VokThrow.h"
+#include "vok/DiagnosticRegister.h"
+#include "vok/MessageMoverFramework.h"
+#include "vok/MessageMoverInterface.h"
+#include "vok/MmCommandPort.h"
+#include "vok/MmConnectionPort.h"
+
+namespace vok {
+
+namespace {
+
+const char kShellLogContext[] = "VOK.Shell";
+const MmServiceIdentifier_t kShellControlServiceId = 1;
+const uint8_t kStopEventMessageType = 3;
+
+// Blade code must not let exceptions escape: report which blade and what, then stop the process
+// (the blade's resources and the shell's stop handshake cannot be recovered).
+[[noreturn]] void BladeCodeThrew(const Logger& logger, const std::string& blade, const char* step,
+                                 const char* what) {
+    logger.Critical("Blade <%s> threw an exception out of %s: %s", blade.c_str(), step, what);
+    std::abort();
+}
+
+template <typename Fn>
+void RunBladeCode(const Logger& logger, const std::string& blade, const char* step, Fn&& fn) {
+    try {
+        fn();
+    } catch (const std::exception& e) {
+        BladeCodeThrew(logger, blade, step, e.what());
+    } catch (...) {
+        BladeCodeThrew(logger, blade, step, "unknown exception");
+    }
+}
+
+}  // namespace
+
+// ---- BladeManager ----
+
+BladeManager::BladeManager(VokBladeLoaderInterface* loader, VokShellImpl* shell)
+    : pShell_(shell),
+      pLoader_(loader),
+      state_(kIdle),
+      exited_(true),
+      bladeThread_(loader->GetBladeName(), this, &BladeManager::BladeThreadRunCb,
+                   static_cast<void*>(nullptr)),
+      pBladeEnv_(nullptr) {}
+
+BladeManager::~BladeManager() {
+    FuncLogger trace(pShell_->GetLogger(), __func__, this);
+    if (state_ != kIdle) {
+        pShell_->GetLogger().Error(
+            "ERROR in %s: BladeManager instance being destroyed in non-idle state; actual "
+            "BladeState=<%ld>",
+            "~BladeManager", static_cast<long>(state_));
+    }
+    if (pBladeEnv_ != nullptr) {
+        pShell_->GetLogger().Error(
+            "ERROR in %s: pBladeEnv not freed before BladeManager destructor invocation",
+            "~BladeManager");
+    }
+}
+
+MmConnectionPort* BladeManager::StartBlade() {
+    FuncLogger trace(pShell_->GetLogger(), __func__, this);
+    if (pLoader_->GetStartMode() == kBladeStartModeDisabled) {
+        VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "Blade Start Mode is 'disabled'.");
+    }
+    if (state_ != kIdle) {
+        VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "Blade is not in the Idle state.");
+    }
+    state_ = kStarting;
+    MessageMoverInterface* bladeIface =
+        pShell_->GetMmFramework().CreateInterface("blade_" + pLoader_->GetBladeName());
+    MmConnectionPort* bladeEnd = nullptr;
+    MmConnectionPort* shellEnd =
+        pShell_->GetMmInterface().CreateConnectedPair(bladeIface, &bladeEnd);
+    if (pBladeEnv_ != nullptr) {
+        pShell_->GetLogger().Error("ERROR in %s: Old Blade Environment not freed.", "StartBlade");
+    }
+    pBladeEnv_ = new ServiceBladeEnvironment(pShell_->GetDaemonInfo().daemonName,
+                                             pLoader_->GetBladeName(), bladeIface, bladeEnd);
+    exited_ = false;
+    bladeThread_.Start();
+    state_ = kRunning;
+    return shellEnd;
+}
+
+void BladeManager::BladeThreadRunCb(void*) {
+    const Logger& logger = pShell_->GetLogger();
+    FuncLogger trace(logger, __func__, this);
+    const std::string& name = pLoader_->GetBladeName();
+    logger.Debug("Loading blade <%s>", name.c_str());
+    RunBladeCode(logger, name, "LoadBlade",
+                 [&]() { pLoader_->LoadBlade(pShell_->GetDaemonInfo()); });
+    ServiceBlade* blade = nullptr;
+    RunBladeCode(logger, name, "GetServiceBlade", [&]() { blade = pLoader_->GetServiceBlade(); });
+    logger.Debug("Starting blade <%s>", name.c_str());
+    RunBladeCode(logger, name, "Run", [&]() { blade->Run(pBladeEnv_); });
+    logger.Debug("Blade <%s> exited", name.c_str());
+    logger.Debug("Unloading blade <%s>", name.c_str());
+    RunBladeCode(logger, name, "UnloadBlade", [&]() { pLoader_->UnloadBlade(); });
+    exited_ = true;
+    logger.Debug("Closing Blade Control Server Port of blade <%s>", name.c_str());
+    // Closing this end is the blade's acknowledgement: the shell's end reads kVokErrPeerClosed.
+    MmConnectionPort* bladeEnd = pBladeEnv_->pControlPort_;
+    pBladeEnv_->pControlPort_ = nullptr;
+    pBladeEnv_->pMmIface_->DiscardConnectionPort(bladeEnd);
+}
+
+void BladeManager::BladeShutDownInitiated() {
+    FuncLogger trace(pShell_->GetLogger(), __func__, this);
+    if (state_ != kRunning) {
+        VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "Blade is not in the Running state.");
+    }
+    state_ = kStopping;
+}
+
+void BladeManager::BladeShutDownAck() {
+    FuncLogger trace(pShell_->GetLogger(), __func__, this);
+    if (state_ != kRunning && state_ != kStopping) {
+        VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "Blade is not in the Running or Stopping state.");
+    }
+    if (!exited_) {
+        VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "Blade hasn't exited yet");
+    }
+    const std::string& name = pLoader_->GetBladeName();
+    pShell_->GetLogger().Debug("Waiting for Blade Thread to exit; blade <%s>", name.c_str());
+    bladeThread_.Join();
+    pShell_->GetLogger().Debug("Blade Thread exited; blade <%s>", name.c_str());
+    pShell_->GetMmFramework().DiscardInterface(pBladeEnv_->pMmIface_);
+    delete pBladeEnv_;
+    pBladeEnv_ = nullptr;
+    state_ = kIdle;
+}
+
+// ---- ActiveBladeRecord ----
+
+ActiveBladeRecord::~ActiveBladeRecord() {
+    delete pMonitor;
+    pMonitor = nullptr;
+    if (pShellEnd != nullptr) {
+        pShell->GetMmInterface().DiscardConnectionPort(pShellEnd);
+        pShellEnd = nullptr;
+    }
+}
+
+// ---- VokShellImpl ----
+
+VokShellImpl::DataRaii::~DataRaii() {
+    for (auto it = bladeManagers_.rbegin(); it != bladeManagers_.rend(); ++it) {
+        delete *it;
+    }
+    bladeManagers_.clear();
+    delete pControlPortMonitor_;
+    pControlPortMonitor_ = nullptr;
+    if (pControlPort_ != nullptr) {
+        pMmIface_->DiscardCommandPort(pControlPort_);
+        pControlPort_ = nullptr;
+    }
+    if (pMmIface_ != nullptr) {
+        pMmFramework_->DiscardInterface(pMmIface_);
+        pMmIface_ = nullptr;
+    }
+    if (pMmFramework_ != nullptr) {
+        MessageMoverFramework::StopMessageMoverFramework(pMmFramework_);
+        pMmFramework_ = nullptr;
+    }
+}
+
+void VokShellImpl::DataRaii::Swap(DataRaii* other) {
+    std::swap(pMmFramework_, other->pMmFramework_);
+    std::swap(pMmIface_, other->pMmIface_);
+    std::swap(pControlPort_, other->pControlPort_);
+    std::swap(pControlPortMonitor_, other->pControlPortMonitor_);
+    bladeManagers_.swap(other->bladeManagers_);
+}
+
+VokShellImpl::VokShellImpl(const VokShellDaemonInfo& daemonInfo,
+                           const std::vector<VokBladeLoaderInterface*>& bladeLoaders,
+                           std::function<void()> shutDownCompleteCb)
+    : logger_(kShellLogContext),
+      shellThread_("VokShell", this, &VokShellImpl::ShellThreadRunCb, static_cast<void*>(nullptr)),
+      threadStarted_(false),
+      dispatcher_(),
+      stopBridge_(dispatcher_, [this]() { StopBridgeCb(); }),
+      state_(kInitial),
+      daemonInfo_(daemonInfo),
+      shutDownCompleteCb_(std::move(shutDownCompleteCb)) {
+    FuncLogger trace(logger_, __func__, this);
+    // Built in a temporary, so that a failure half way releases what was built.
+    DataRaii data;
+    data.pMmFramework_ = MessageMoverFramework::StartMessageMoverFramework("");
+    data.pMmIface_ = data.pMmFramework_->CreateInterface("VokShell");
+    data.pControlPort_ = data.pMmIface_->CreateCommandServicePort(kShellControlServiceId);
+    data.pControlPortMonitor_ =
+        new RdPortMonitor(*data.pControlPort_, dispatcher_,
+                          [this](bool r, bool w, bool e) { ShellControlPortMonCb(r, w, e); });
+    for (VokBladeLoaderInterface* loader : bladeLoaders) {
+        data.bladeManagers_.push_back(nullptr);
+        data.bladeManagers_.back() = new BladeManager(loader, this);
+    }
+    data_.Swap(&data);
+}
+
+VokShellImpl::~VokShellImpl() {
+    FuncLogger trace(logger_, __func__, this);
+    if (threadStarted_) {
+        stopBridge_.Trigger();
+        shellThread_.Join();
+    }
+    if (!activeBlades_.empty()) {
+        logger_.Error("ERROR: VOK Shell Destructor: Active Blades still remain.");
+    }
+}
+
+void VokShellImpl::StartUp() {
+    FuncLogger trace(logger_, __func__, this);
+    if (state_ != kInitial) {
+        VOK_THROW_PROGRAM_ERROR(
+            kVokErrFailed,
+            "Shell is not in the initial state (can't re-use shell after stopping it).");
+    }
+    state_ = kStarting;
+    shellThread_.Start();
+    threadStarted_ = true;
+}
+
+void VokShellImpl::RequestStop() {
+    FuncLogger trace(logger_, __func__, this);
+    stopBridge_.Trigger();
+}
+
+MessageMoverFramework& VokShellImpl::GetMmFramework() {
+    assert(data_.pMmFramework_);
+    return *data_.pMmFramework_;
+}
+
+MessageMoverInterface& VokShellImpl::GetMmInterface() {
+    assert(data_.pMmIface_);
+    return *data_.pMmIface_;
+}
+
+void VokShellImpl::ShellThreadRunCb(void*) {
+    FuncLogger trace(logger_, __func__, this);
+    KickOffBlades();
+    data_.pControlPortMonitor_->SetEventMask(true, false, false);
+    state_ = kRunning;
+    dispatcher_.Run();
+    shutDownCompleteCb_();
+}
+
+void VokShellImpl::KickOffBlades() {
+    FuncLogger trace(logger_, __func__, this);
+    for (BladeManager* manager : data_.bladeManagers_) {
+        if (manager->GetLoader()->GetStartMode() == kBladeStartModeAuto) {
+            ActivateBlade(manager);
+        }
+    }
+}
+
+void VokShellImpl::ActivateBlade(BladeManager* pBladeMgr) {
+    FuncLogger trace(logger_, __func__, this);
+    assert(__null != pBladeMgr);
+    ActiveBladeRecord* record = new ActiveBladeRecord(this);
+    record->pBladeMgr = pBladeMgr;
+    record->pShellEnd = pBladeMgr->StartBlade();
+    record->pMonitor = new RdPortMonitor(
+        *record->pShellEnd, dispatcher_,
+        [this, record](bool r, bool w, bool e) { BladeControlPortMonCb(record, r, w, e); });
+    record->pMonitor->SetEventMask(true, false, false);
+    activeBlades_.insert(record);
+}
+
+void VokShellImpl::StopBridgeCb() {
+    FuncLogger trace(logger_, __func__, this);
+    if (state_ == kRunning) {
+        InitiateShutDown();
+        return;
+    }
+    logger_.Error(
+        "ERROR in %s: unexpected VokShell-stop trigger received while VOK Shell is not in the "
+        "'Running' state; current VOK Shell state is <%ld>.",
+        "StopBridgeCb", static_cast<long>(state_));
+}
+
+void VokShellImpl::InitiateShutDown() {
+    FuncLogger trace(logger_, __func__, this);
+    state_ = kShuttingDown;
+    for (ActiveBladeRecord* record : activeBlades_) {
+        if (record->pBladeMgr->GetState() == BladeManager::kRunning) {
+            InitiateBladeShutDown(record);
+        }
+    }
+    if (activeBlades_.empty()) {
+        AllBladesShutDownCompleted();
+    }
+}
+
+void VokShellImpl::InitiateBladeShutDown(ActiveBladeRecord* record) {
+    FuncLogger trace(logger_, __func__, this);
+    MmConnectionMessageHandle msg;
+    data_.pMmIface_->CreateConnectionMessage(0, &msg);
+    msg.SetMessageType(kStopEventMessageType);
+    msg.SetMessageName(kVokBladeStopEvtMsg);
+    // kVokErrPeerClosed: the blade has just returned by itself; its acknowledgement is queued.
+    const VokError_t result = record->pShellEnd->WriteMessage(msg, nullptr);
+    if (result != kVokErrNone && result != kVokErrPeerClosed) {
+        logger_.Error(
+            "ERROR in %s: MmConnectionPort::WriteMessage returned unexpected error code=<%#lx>",
+            "InitiateBladeShutDown", static_cast<unsigned long>(static_cast<uint32_t>(result)));
+    }
+    record->pBladeMgr->BladeShutDownInitiated();
+}
+
+void VokShellImpl::BladeControlPortMonCb(ActiveBladeRecord* record, bool, bool, bool) {
+    FuncLogger trace(logger_, __func__, this);
+    for (;;) {
+        MmConnectionMessageHandle msg;
+        const VokError_t result = record->pShellEnd->ReadMessage(&msg);
+        if (result == kVokErrNoMessage) {
+            return;
+        }
+        if (result == kVokErrPeerClosed) {
+            break;
+        }
+        if (result != kVokErrNone) {
+            logger_.Error("ERROR in %s: unexpected error code from ReadMessage <%#lx>.",
+                          "BladeControlPortMonCb",
+                          static_cast<unsigned long>(static_cast<uint32_t>(result)));
+            return;
+        }
+        MmMessageName name;
+        msg.GetMessageName(&name);
+        logger_.Error(
+            "ERROR in %s: unexpected message received from Service Blade - protocol=<%ld>; "
+            "msgId=<%#lx>.",
+            "BladeControlPortMonCb", static_cast<long>(name.protocolId),
+            static_cast<unsigned long>(name.msgId));
+        data_.pMmIface_->FreeMessage(msg);
+    }
+    record->pBladeMgr->BladeShutDownAck();
+    if (activeBlades_.erase(record) != 1) {
+        VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "set.erase failed - Active Blade Record not found.");
+    }
+    delete record;  // Deletes the monitor that is calling back: allowed, it holds a reference.
+    if (state_ == kShuttingDown && activeBlades_.empty()) {
+        AllBladesShutDownCompleted();
+    }
+}
+
+void VokShellImpl::ShellControlPortMonCb(bool, bool, bool) {
+    FuncLogger trace(logger_, __func__, this);
+    for (;;) {
+        MmCommandMessageHandle msg;
+        const VokError_t result = data_.pControlPort_->ReadMessage(&msg);
+        if (result == kVokErrNoMessage) {
+            return;
+        }
+        if (result != kVokErrNone) {
+            logger_.Error("ERROR in %s: unexpected error code from ReadMessage <%#lx>.",
+                          "ShellControlPortMonCb",
+                          static_cast<unsigned long>(static_cast<uint32_t>(result)));
+            return;
+        }
+        MmMessageName name;
+        msg.GetMessageName(&name);
+        logger_.Error(
+            "ERROR in %s: unexpected message received - protocol=<%ld>; msgId=<%#lx>; "
+            "sender=<%ld>",
+            "ShellControlPortMonCb", static_cast<long>(name.protocolId),
+            static_cast<unsigned long>(name.msgId), static_cast<long>(msg.GetSenderAddress()));
+        data_.pMmIface_->FreeMessage(msg);
+    }
+}
+
+void VokShellImpl::AllBladesShutDownCompleted() {
+    FuncLogger trace(logger_, __func__, this);
+    state_ = kStopped;
+    dispatcher_.RequestStop();
+}
+
+// ---- VokShell ----
+
+VokShell::VokShell(const VokShellDaemonInfo& daemonInfo,
+                   const std::vector<VokBladeLoaderInterface*>& bladeLoaders,
+                   std::function<void()> shutDownCompleteCb)
+    : pImpl_(new VokShellImpl(daemonInfo, bladeLoaders, std::move(shutDownCompleteCb))) {}
+
+VokShell::~VokShell() {
+    delete pImpl_;
+    DiagRegPruneAtAndBelow(kDiagRegLongevityDefault);
+}
+
+void VokShell::StartUp() {
+    pImpl_->StartUp();
+}
+void VokShell::RequestStop() {
+    pImpl_->RequestStop();
+}
+MessageMoverFramework& VokShell::GetMmFramework() {
+    return pImpl_->GetMmFramework();
+}
+
+}  // namespace vok

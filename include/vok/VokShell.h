@@ -1,0 +1,119 @@
+// The daemon host: runs each service blade on a thread of its own and stops them in order.
+#ifndef VOK_VOKSHELL_H
+#define VOK_VOKSHELL_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "vok/MmMessageHandle.h"
+
+namespace vok {
+
+class MessageMoverFramework;
+class MessageMoverInterface;
+class MmConnectionPort;
+class VokShellImpl;
+
+// Start modes a loader may report.
+const int32_t kBladeStartModeAuto = 2;      // started at start-up
+const int32_t kBladeStartModeDisabled = 3;  // must not be started
+// Any other mode: not started.
+
+// What the daemon says of itself. The shell copies it; blades get it through their loaders.
+struct VokShellDaemonInfo {
+    VokShellDaemonInfo(const std::string& name, const std::string& details)
+        : daemonName(name), daemonDetails(details) {}
+    std::string daemonName;     // Copied into every blade's environment.
+    std::string daemonDetails;  // Passed to the loaders; the shell does not interpret it.
+};
+
+class ServiceBladeEnvironment;
+
+// One blade's code. Run is its whole life, on the blade's own thread: it typically runs a
+// dispatcher with a port monitor on the environment's control port, serves requests through the
+// environment's interface, and must return when it reads kVokBladeStopEvtMsg on the control port
+// (it may also return on its own at any time). Everything the blade created through its
+// interface must be given back before Run returns, or it is reported as leaked. Run must not let
+// an exception escape: the shell reports it and stops the process. Owned by its loader.
+class ServiceBlade {
+  public:
+    virtual void Run(ServiceBladeEnvironment* environment) = 0;
+    virtual ~ServiceBlade() = default;
+};
+
+// Provides one blade; implemented by the application, which owns it and keeps it alive longer
+// than the shell. GetBladeName and GetStartMode are called on the shell thread, the others on
+// the blade's thread: LoadBlade, then GetServiceBlade, then (after Run returned) UnloadBlade.
+class VokBladeLoaderInterface {
+  public:
+    virtual ~VokBladeLoaderInterface() = default;
+    // Constant for the loader's life: names the thread, the interface ("blade_" + name) and
+    // every log line about the blade.
+    virtual const std::string& GetBladeName() const = 0;
+    virtual int32_t GetStartMode() const = 0;
+    // Prepares the blade. An exception here is reported and stops the process.
+    virtual void LoadBlade(const VokShellDaemonInfo& daemonInfo) = 0;
+    // Releases what LoadBlade and GetServiceBlade made, the blade included.
+    virtual void UnloadBlade() = 0;
+    virtual ServiceBlade* GetServiceBlade() = 0;
+};
+
+// What a running blade is given. Created by the shell before the blade thread starts and deleted
+// after it is joined; the blade only reads it.
+class ServiceBladeEnvironment {
+  public:
+    ServiceBladeEnvironment(const std::string& daemonName, const std::string& bladeName,
+                            MessageMoverInterface* iface, MmConnectionPort* controlPort)
+        : daemonName_(daemonName),
+          bladeName_(bladeName),
+          pMmIface_(iface),
+          pControlPort_(controlPort) {}
+
+    const std::string& GetDaemonName() const { return daemonName_; }
+    const std::string& GetBladeName() const { return bladeName_; }
+    // The blade's own interface ("blade_" + blade name), owned by the shell.
+    MessageMoverInterface* GetMmInterface() const { return pMmIface_; }
+    // The blade's end of its control connection, owned by the shell; the stop event arrives here.
+    MmConnectionPort* GetControlPort() const { return pControlPort_; }
+
+  private:
+    friend class BladeManager;
+
+    std::string daemonName_;
+    std::string bladeName_;
+    MessageMoverInterface* pMmIface_;
+    MmConnectionPort* pControlPort_;  // Set to null by the shell when the blade has returned.
+};
+
+// The host of a daemon's blades. Construct, StartUp and destroy on the application's thread;
+// RequestStop from any thread. Construction starts the MessageMover framework; StartUp starts the
+// shell thread, which starts every auto-start blade on a thread of its own and runs the shell's
+// dispatcher. RequestStop makes the shell send kVokBladeStopEvtMsg to every running blade and
+// wait until each has returned from Run; then the shell thread calls shutDownCompleteCb and ends.
+// Destroying the shell requests the stop if it was started, joins the shell thread, stops the
+// framework (reporting leaks) and prunes the diagnostic registers of longevity 0. Do not destroy
+// it from shutDownCompleteCb (that runs on the shell thread).
+class VokShell {
+  public:
+    // shutDownCompleteCb must not be empty.
+    VokShell(const VokShellDaemonInfo& daemonInfo,
+             const std::vector<VokBladeLoaderInterface*>& bladeLoaders,
+             std::function<void()> shutDownCompleteCb);
+    ~VokShell();
+    VokShell(const VokShell&) = delete;
+    VokShell& operator=(const VokShell&) = delete;
+
+    // Once; throws VokProgramErrorException (kVokErrFailed) on a second call.
+    void StartUp();
+    void RequestStop();
+    MessageMoverFramework& GetMmFramework();
+
+  private:
+    VokShellImpl* pImpl_;  // Owned.
+};
+
+}  // namespace vok
+
+#endif  // VOK_VOKSHELL_H
