@@ -1,0 +1,323 @@
+/* Client side: calls, their replies, cancels, and the service-status subscription. */
+#include <json-c/json.h>
+#include <string.h>
+
+#include "kelvra-private.h"
+
+void KvCallRecordFree(KVCallRecord* call) {
+    g_free(call->name);
+    g_free(call->owner);
+    g_free(call);
+}
+
+/* Forgets a call and what it awaits or watches. */
+static void RemoveCall(KVHandle* handle, KVCallRecord* call) {
+    if (call->serial != 0) {
+        KvForgetSerial(handle, call->serial);
+    }
+    if (call->kind == KV_CALL_STATUS) {
+        KvWatchRemove(handle, call->name);
+    } else if (call->owner != NULL) {
+        KvWatchRemove(handle, call->owner);
+    }
+    g_hash_table_remove(handle->calls, &call->token);
+}
+
+/* Calls the reply function with payload (taken). A last reply ends the call first, so that the
+ * function sees it ended. */
+static void Deliver(KVHandle* handle, KVCallRecord* call, char* payload, gboolean last) {
+    KVReplyFunc func = call->func;
+    void* userData = call->userData;
+    KVMessage* reply = KvMessageNew(handle, KV_MESSAGE_REPLY, payload);
+    reply->last = last;
+    if (last) {
+        RemoveCall(handle, call);
+    }
+    func(handle, reply, userData);
+    KVMessageUnref(reply);
+}
+
+static void DeliverError(KVHandle* handle, KVCallRecord* call, int code, const char* text) {
+    Deliver(handle, call, KvErrorPayload(code, text), TRUE);
+}
+
+static int CodeOfBusError(const char* name) {
+    static const struct {
+        const char* name;
+        int code;
+    } kCodes[] = {
+        {"org.freedesktop.DBus.Error.ServiceUnknown", KV_ERROR_NO_SERVICE},
+        {"org.freedesktop.DBus.Error.NameHasNoOwner", KV_ERROR_NO_SERVICE},
+        {"org.freedesktop.DBus.Error.UnknownMethod", KV_ERROR_NO_METHOD},
+        {"org.freedesktop.DBus.Error.UnknownObject", KV_ERROR_NO_METHOD},
+        {"org.freedesktop.DBus.Error.UnknownInterface", KV_ERROR_NO_METHOD},
+        {"org.freedesktop.DBus.Error.NoReply", KV_ERROR_NO_REPLY},
+    };
+    for (size_t i = 0; i < G_N_ELEMENTS(kCodes); ++i) {
+        if (g_strcmp0(name, kCodes[i].name) == 0) {
+            return kCodes[i].code;
+        }
+    }
+    return KV_ERROR_BUS;
+}
+
+static KVCallRecord* FindCall(KVHandle* handle, KVMessageToken token) {
+    return g_hash_table_lookup(handle->calls, &token);
+}
+
+static KVCallRecord* AddCall(KVHandle* handle, KVMessageToken token, KVCallKind kind,
+                             KVReplyFunc func, void* userData, const char* name) {
+    KVCallRecord* call = g_new0(KVCallRecord, 1);
+    call->token = token;
+    call->kind = kind;
+    call->func = func;
+    call->userData = userData;
+    call->name = g_strdup(name);
+    g_hash_table_insert(handle->calls, &call->token, call);
+    return call;
+}
+
+void KvClientOnReply(KVHandle* handle, KVPending* pending, GDBusMessage* reply) {
+    KVCallRecord* call = FindCall(handle, pending->token);
+    if (call == NULL || call->serial != g_dbus_message_get_reply_serial(reply)) {
+        return;
+    }
+    call->serial = 0;
+    if (g_dbus_message_get_message_type(reply) == G_DBUS_MESSAGE_TYPE_ERROR) {
+        GError* gerror = NULL;
+        g_dbus_message_to_gerror(reply, &gerror);
+        g_dbus_error_strip_remote_error(gerror);
+        DeliverError(handle, call, CodeOfBusError(g_dbus_message_get_error_name(reply)),
+                     gerror->message);
+        g_error_free(gerror);
+        return;
+    }
+    GVariant* body = g_dbus_message_get_body(reply);
+    const char* sender = g_dbus_message_get_sender(reply);
+    if (body == NULL || !g_variant_is_of_type(body, G_VARIANT_TYPE("(sb)")) || sender == NULL) {
+        DeliverError(handle, call, KV_ERROR_PROTOCOL, "The service's reply is not a kelvra reply");
+        return;
+    }
+    const char* payload;
+    gboolean more;
+    g_variant_get(body, "(&sb)", &payload, &more);
+    if (more) {
+        /* Further replies come from this connection, and end if it leaves the bus. */
+        call->owner = g_strdup(sender);
+        KvWatchAdd(handle, call->owner);
+    }
+    Deliver(handle, call, g_strdup(payload), !more);
+}
+
+void KvClientOnReplySignal(KVHandle* handle, GDBusMessage* signal) {
+    GVariant* body = g_dbus_message_get_body(signal);
+    if (body == NULL || !g_variant_is_of_type(body, G_VARIANT_TYPE("(tsb)"))) {
+        return;
+    }
+    guint64 token;
+    const char* payload;
+    gboolean more;
+    g_variant_get(body, "(t&sb)", &token, &payload, &more);
+    KVCallRecord* call = FindCall(handle, token);
+    if (call == NULL || call->kind != KV_CALL_REMOTE || call->owner == NULL ||
+        g_strcmp0(call->owner, g_dbus_message_get_sender(signal)) != 0) {
+        return;
+    }
+    Deliver(handle, call, g_strdup(payload), !more);
+}
+
+static char* StatusPayload(const char* name, gboolean connected) {
+    json_object* reply = json_object_new_object();
+    json_object_object_add(reply, "serviceName", json_object_new_string(name));
+    json_object_object_add(reply, "connected", json_object_new_boolean(connected));
+    json_object_object_add(reply, "returnValue", json_object_new_boolean(1));
+    char* payload = g_strdup(json_object_to_json_string_ext(
+        reply, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE));
+    json_object_put(reply);
+    return payload;
+}
+
+static void SendStatus(KVHandle* handle, KVCallRecord* call, gboolean connected) {
+    call->statusSent = TRUE;
+    call->connected = connected;
+    Deliver(handle, call, StatusPayload(call->name, connected), FALSE);
+}
+
+void KvClientOnStatusDue(KVHandle* handle, KVMessageToken token) {
+    KVCallRecord* call = FindCall(handle, token);
+    if (call == NULL || call->statusSent) {
+        return;
+    }
+    KVWatch* watch = g_hash_table_lookup(handle->watches, call->name);
+    if (watch != NULL && watch->known) {
+        SendStatus(handle, call, watch->owner != NULL);
+    }
+}
+
+void KvClientOnOwnerChanged(KVHandle* handle, const char* name, const char* oldOwner,
+                            const char* newOwner, gboolean initial) {
+    /* Reply functions may end any call: collect the tokens first, look each up again. */
+    GArray* tokens = g_array_new(FALSE, FALSE, sizeof(KVMessageToken));
+    GHashTableIter iter;
+    gpointer value;
+    g_hash_table_iter_init(&iter, handle->calls);
+    while (g_hash_table_iter_next(&iter, NULL, &value)) {
+        KVCallRecord* call = value;
+        if ((call->kind == KV_CALL_STATUS && strcmp(call->name, name) == 0 &&
+             call->statusSent != initial) ||
+            (call->kind == KV_CALL_REMOTE && newOwner == NULL &&
+             g_strcmp0(call->owner, name) == 0)) {
+            g_array_append_val(tokens, call->token);
+        }
+    }
+    gboolean connected = newOwner != NULL;
+    for (guint i = 0; i < tokens->len && !handle->unregistered; ++i) {
+        KVMessageToken token = g_array_index(tokens, KVMessageToken, i);
+        KVCallRecord* call = FindCall(handle, token);
+        if (call == NULL) {
+            continue;
+        }
+        if (call->kind == KV_CALL_REMOTE) {
+            DeliverError(handle, call, KV_ERROR_SERVICE_GONE,
+                         "The service left the bus while the call was open");
+            continue;
+        }
+        if (!initial && oldOwner != NULL && newOwner != NULL) {
+            /* Another connection took the name over: the old service went away. */
+            SendStatus(handle, call, FALSE);
+            call = FindCall(handle, token);
+            if (call == NULL || handle->unregistered) {
+                continue;
+            }
+        }
+        if (initial || call->connected != connected) {
+            SendStatus(handle, call, connected);
+        }
+    }
+    g_array_free(tokens, TRUE);
+}
+
+/* registerServerStatus: {"serviceName": NAME}. */
+static gboolean StartStatusCall(KVHandle* handle, const char* payload, KVReplyFunc func,
+                                void* userData, KVMessageToken* token, KVError* error) {
+    enum json_tokener_error parseError;
+    json_object* request = json_tokener_parse_verbose(payload, &parseError);
+    json_object* nameValue = NULL;
+    const char* name = NULL;
+    if (request != NULL && json_object_is_type(request, json_type_object) &&
+        json_object_object_get_ex(request, "serviceName", &nameValue) &&
+        json_object_is_type(nameValue, json_type_string)) {
+        name = json_object_get_string(nameValue);
+    }
+    if (name == NULL || !g_dbus_is_name(name)) {
+        KvErrorSet(error, KV_ERROR_BAD_PAYLOAD,
+                   "registerServerStatus needs {\"serviceName\": NAME} with a bus name");
+        json_object_put(request);
+        return FALSE;
+    }
+    KVCallRecord* call = AddCall(handle, ++handle->lastToken, KV_CALL_STATUS, func, userData, name);
+    json_object_put(request);
+    KVWatch* watch = KvWatchAdd(handle, call->name);
+    if (watch->known) {
+        g_queue_push_tail(&handle->localItems, g_memdup2(&call->token, sizeof call->token));
+        KvScheduleDispatch(handle);
+    }
+    if (token != NULL) {
+        *token = call->token;
+    }
+    return TRUE;
+}
+
+static gboolean StartRemoteCall(KVHandle* handle, const char* service, const char* path,
+                                const char* member, const char* payload, KVReplyFunc func,
+                                void* userData, KVMessageToken* token, KVError* error) {
+    KVMessageToken next = ++handle->lastToken;
+    GDBusMessage* message =
+        g_dbus_message_new_method_call(service, path, KV_METHOD_INTERFACE, member);
+    g_dbus_message_set_body(message, g_variant_new("(st)", payload, (guint64)next));
+    g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
+    KVPending* pending = g_new0(KVPending, 1);
+    pending->kind = KV_PENDING_CALL;
+    pending->token = next;
+    guint32 serial = KvSend(handle, message, pending, error);
+    g_object_unref(message);
+    if (serial == 0) {
+        return FALSE;
+    }
+    KVCallRecord* call = AddCall(handle, next, KV_CALL_REMOTE, func, userData, service);
+    call->serial = serial;
+    if (token != NULL) {
+        *token = call->token;
+    }
+    return TRUE;
+}
+
+bool KVCall(KVHandle* handle, const char* uri, const char* payload, KVReplyFunc replyFunc,
+            void* userData, KVMessageToken* token, KVError* error) {
+    if (token != NULL) {
+        *token = 0;
+    }
+    if (!KvCheckHandle(handle, error)) {
+        return false;
+    }
+    if (replyFunc == NULL) {
+        KvErrorSet(error, KV_ERROR_INVALID_ARGUMENT, "NULL reply function");
+        return false;
+    }
+    if (payload == NULL || !g_utf8_validate(payload, -1, NULL)) {
+        KvErrorSet(error, KV_ERROR_BAD_PAYLOAD, "The payload is NULL or not UTF-8 text");
+        return false;
+    }
+    char* service = NULL;
+    char* path = NULL;
+    char* member = NULL;
+    if (!KvParseUri(uri, &service, &path, &member)) {
+        KvErrorSet(error, KV_ERROR_BAD_URI, "Malformed URI \"%s\"", uri != NULL ? uri : "(null)");
+        return false;
+    }
+    gboolean ok = FALSE;
+    if (handle->unregistered) {
+        KvErrorSet(error, KV_ERROR_BUS, "The handle is unregistered");
+    } else if (handle->source == NULL) {
+        KvErrorSet(error, KV_ERROR_NOT_ATTACHED, "The handle is not attached to a context");
+    } else {
+        char* key = KvMethodKey(path, member);
+        if (strcmp(service, KV_STATUS_SERVICE) == 0 && strcmp(key, KV_STATUS_METHOD) == 0) {
+            ok = StartStatusCall(handle, payload, replyFunc, userData, token, error);
+        } else {
+            ok = StartRemoteCall(handle, service, path, member, payload, replyFunc, userData, token,
+                                 error);
+        }
+        g_free(key);
+    }
+    g_free(service);
+    g_free(path);
+    g_free(member);
+    return ok;
+}
+
+bool KVCallCancel(KVHandle* handle, KVMessageToken token, KVError* error) {
+    if (!KvCheckHandle(handle, error)) {
+        return false;
+    }
+    KVCallRecord* call = FindCall(handle, token);
+    if (call == NULL) {
+        KvErrorSet(error, KV_ERROR_NO_SUCH_CALL, "No open call has the token %llu",
+                   (unsigned long long)token);
+        return false;
+    }
+    if (call->kind == KV_CALL_REMOTE) {
+        /* Before the first reply the service is reached by its name; afterwards the connection
+         * that replied holds the subscription. */
+        GDBusMessage* cancel =
+            g_dbus_message_new_method_call(call->owner != NULL ? call->owner : call->name,
+                                           KV_CONTROL_PATH, KV_CONTROL_INTERFACE, "Cancel");
+        g_dbus_message_set_body(cancel, g_variant_new("(t)", (guint64)token));
+        g_dbus_message_set_flags(
+            cancel, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED | G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
+        KvSend(handle, cancel, NULL, NULL);
+        g_object_unref(cancel);
+    }
+    RemoveCall(handle, call);
+    return true;
+}

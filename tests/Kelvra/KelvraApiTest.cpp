@@ -1,0 +1,299 @@
+// The bus library's API within one process: bad input, bus address selection, and the service
+// side's rules for replies, subscriptions and cancels, with client and service on one context.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "KelvraTestSupport.h"
+#include "support/LogCapture.h"
+
+namespace vok {
+namespace test {
+namespace {
+
+// Checks a failed call's error code and releases the error.
+class ErrorCheck {
+  public:
+    ErrorCheck() { KVErrorInit(&error_); }
+    ~ErrorCheck() { KVErrorFree(&error_); }
+    KVError* get() { return &error_; }
+    // The code of the last failure; clears the record.
+    int Take() {
+        EXPECT_NE(nullptr, error_.message);
+        int code = error_.code;
+        KVErrorFree(&error_);
+        return code;
+    }
+
+  private:
+    KVError error_;
+};
+
+// Runs first, before other threads of GLib exist, because it changes the environment.
+TEST(KelvraAddressTest, KelvraAddressComesFirstThenTheSessionBus) {
+    ErrorCheck error;
+    KVHandle* handle = reinterpret_cast<KVHandle*>(1);
+    setenv("DBUS_SESSION_BUS_ADDRESS", TestBusAddress().c_str(), 1);
+    setenv("KELVRA_BUS_ADDRESS", "unix:path=/nonexistent/kelvra-test", 1);
+    EXPECT_FALSE(KVRegister(nullptr, &handle, error.get()));
+    EXPECT_EQ(nullptr, handle);
+    EXPECT_EQ(KV_ERROR_BUS, error.Take());
+    unsetenv("KELVRA_BUS_ADDRESS");
+    EXPECT_TRUE(KVRegister(nullptr, &handle, error.get()));
+    EXPECT_TRUE(KVUnregister(handle, error.get()));
+    setenv("KELVRA_BUS_ADDRESS", TestBusAddress().c_str(), 1);
+    unsetenv("DBUS_SESSION_BUS_ADDRESS");
+}
+
+TEST(KelvraApiTest, BadInputFailsWithAnError) {
+    Watchdog watchdog;
+    ErrorCheck error;
+    KVHandle* handle = nullptr;
+    EXPECT_FALSE(KVRegister(nullptr, nullptr, error.get()));
+    EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error.Take());
+    for (const char* name : {"", "nodots", "com..orvex", ":1.7", "com.orvex/x", "1com.orvex"}) {
+        EXPECT_FALSE(KVRegister(name, &handle, error.get())) << name;
+        EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error.Take()) << name;
+    }
+    EXPECT_FALSE(KVGmainAttach(nullptr, nullptr, error.get()));
+    EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error.Take());
+    EXPECT_FALSE(KVCallCancel(nullptr, 1, error.get()));
+    EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error.Take());
+    EXPECT_FALSE(KVUnregister(nullptr, error.get()));
+    EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error.Take());
+    EXPECT_EQ(nullptr, KVMessageGetPayload(nullptr));
+
+    // A handle that is not attached yet accepts no calls.
+    ASSERT_TRUE(KVRegister(nullptr, &handle, error.get()));
+    KVMessageToken token = 99;
+    EXPECT_FALSE(KVCall(handle, "kelvra://com.orvex.x/a/b", "{}", ReplyLog::Func, nullptr, &token,
+                        error.get()));
+    EXPECT_EQ(KV_ERROR_NOT_ATTACHED, error.Take());
+    EXPECT_EQ(0u, token);
+    GMainContext* context = g_main_context_new();
+    ASSERT_TRUE(KVGmainAttach(handle, context, error.get()));
+    EXPECT_FALSE(KVGmainAttach(handle, context, error.get()));
+    EXPECT_EQ(KV_ERROR_ALREADY_ATTACHED, error.Take());
+
+    const char* badUris[] = {
+        nullptr,
+        "",
+        "kelvra:/com.orvex.x/a/b",
+        "http://com.orvex.x/a/b",
+        "kelvra://com.orvex.x",
+        "kelvra://com.orvex.x/",
+        "kelvra://com.orvex.x/a/",
+        "kelvra://com.orvex.x//b",
+        "kelvra://com.orvex.x/a/b c",
+        "kelvra://com.orvex.x/a-b/c",
+        "kelvra://com.orvex.x/a/1b",
+        "kelvra://nodots/a/b",
+        "kelvra://:1.5/a/b",
+        "kelvra:///a/b",
+    };
+    for (const char* uri : badUris) {
+        EXPECT_FALSE(KVCall(handle, uri, "{}", ReplyLog::Func, nullptr, nullptr, error.get()))
+            << (uri != nullptr ? uri : "NULL");
+        EXPECT_EQ(KV_ERROR_BAD_URI, error.Take()) << (uri != nullptr ? uri : "NULL");
+    }
+    const char* uri = "kelvra://com.orvex.x/a/b";
+    EXPECT_FALSE(KVCall(handle, uri, nullptr, ReplyLog::Func, nullptr, nullptr, error.get()));
+    EXPECT_EQ(KV_ERROR_BAD_PAYLOAD, error.Take());
+    EXPECT_FALSE(
+        KVCall(handle, uri, "{\"x\":\"\xff\"}", ReplyLog::Func, nullptr, nullptr, error.get()));
+    EXPECT_EQ(KV_ERROR_BAD_PAYLOAD, error.Take());
+    EXPECT_FALSE(KVCall(handle, uri, "{}", nullptr, nullptr, nullptr, error.get()));
+    EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error.Take());
+    EXPECT_FALSE(KVCall(nullptr, uri, "{}", ReplyLog::Func, nullptr, nullptr, error.get()));
+    EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error.Take());
+    const char* status = "kelvra://com.orvex.kelvrabus/signal/registerServerStatus";
+    for (const char* payload : {"{", "{}", "{\"serviceName\":3}", "{\"serviceName\":\"bad\"}"}) {
+        EXPECT_FALSE(KVCall(handle, status, payload, ReplyLog::Func, nullptr, nullptr, error.get()))
+            << payload;
+        EXPECT_EQ(KV_ERROR_BAD_PAYLOAD, error.Take()) << payload;
+    }
+    EXPECT_FALSE(KVCallCancel(handle, 12345, error.get()));
+    EXPECT_EQ(KV_ERROR_NO_SUCH_CALL, error.Take());
+    EXPECT_FALSE(KVRegisterMethod(handle, "a/b", ReplyLog::Func, nullptr, error.get()));
+    EXPECT_EQ(KV_ERROR_NOT_A_SERVICE, error.Take());
+    EXPECT_TRUE(KVUnregister(handle, error.get()));
+    g_main_context_unref(context);
+}
+
+// A service and a client in this process, on one context.
+class KelvraServiceTest : public testing::Test {
+  protected:
+    KelvraServiceTest()
+        : context_(g_main_context_new()), service_(context_, name_.c_str()), client_(context_) {}
+    ~KelvraServiceTest() override { g_main_context_unref(context_); }
+
+    void Register(const char* method, KVMethodFunc func) {
+        ASSERT_TRUE(KVRegisterMethod(service_.get(), method, func, this, nullptr));
+    }
+    std::string Uri(const char* method) const { return "kelvra://" + name_ + "/" + method; }
+    bool WaitFor(const std::function<bool()>& done) { return IterateUntil(context_, done); }
+
+    // Keeps each request it receives.
+    static bool Keep(KVHandle*, KVMessage* request, void* self) {
+        static_cast<KelvraServiceTest*>(self)->requests_.push_back(KVMessageRef(request));
+        return true;
+    }
+    static void Cancelled(KVHandle*, KVMessage*, void* self) {
+        ++static_cast<KelvraServiceTest*>(self)->cancels_;
+    }
+    void TearDown() override {
+        for (KVMessage* request : requests_) {
+            KVMessageUnref(request);
+        }
+    }
+
+    Watchdog watchdog_;
+    std::string name_ = UniqueServiceName();
+    GMainContext* context_;
+    Handle service_;
+    Handle client_;
+    std::vector<KVMessage*> requests_;
+    int cancels_ = 0;
+    ErrorCheck error_;
+};
+
+TEST_F(KelvraServiceTest, NamesAndMethodsAreRegisteredOnce) {
+    KVHandle* second = nullptr;
+    EXPECT_FALSE(KVRegister(name_.c_str(), &second, error_.get()));
+    EXPECT_EQ(KV_ERROR_NAME_TAKEN, error_.Take());
+    Register("a/keep", Keep);
+    EXPECT_FALSE(KVRegisterMethod(service_.get(), "a/keep", Keep, this, error_.get()));
+    EXPECT_EQ(KV_ERROR_EXISTS, error_.Take());
+    for (const char* bad : {"", "a/", "/b", "a//b", "a/b-c", "a.b/c"}) {
+        EXPECT_FALSE(KVRegisterMethod(service_.get(), bad, Keep, this, error_.get())) << bad;
+        EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error_.Take()) << bad;
+    }
+    // Methods without a category, and with several.
+    Register("top", Keep);
+    Register("x/y/z", Keep);
+    ReplyLog top;
+    ReplyLog deep;
+    ASSERT_TRUE(client_.Call(Uri("top"), "{}", &top));
+    ASSERT_TRUE(client_.Call(Uri("x/y/z"), "{\"subscribe\":true}", &deep));
+    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 2; }));
+    EXPECT_STREQ("top", KVMessageGetMethod(requests_[0]));
+    EXPECT_FALSE(KVMessageIsSubscription(requests_[0]));
+    EXPECT_STREQ("x/y/z", KVMessageGetMethod(requests_[1]));
+    EXPECT_TRUE(KVMessageIsSubscription(requests_[1]));
+}
+
+TEST_F(KelvraServiceTest, RepliesFollowTheRequestsState) {
+    Register("a/keep", Keep);
+    ReplyLog single;
+    ReplyLog stream;
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &single));
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{\"subscribe\":true}", &stream));
+    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 2; }));
+    KVMessage* once = requests_[0];
+    KVMessage* subscription = requests_[1];
+
+    // Answered later, from outside the method function; a second answer is refused.
+    EXPECT_FALSE(KVReply(service_.get(), once, nullptr, error_.get()));
+    EXPECT_EQ(KV_ERROR_BAD_PAYLOAD, error_.Take());
+    EXPECT_FALSE(KVReply(client_.get(), once, "{}", error_.get()));
+    EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error_.Take());
+    EXPECT_TRUE(KVReply(service_.get(), once, "{\"late\":true}", error_.get()));
+    EXPECT_FALSE(KVReply(service_.get(), once, "{}", error_.get()));
+    EXPECT_EQ(KV_ERROR_CLOSED, error_.Take());
+    EXPECT_FALSE(KVSubscriptionAdd(service_.get(), once, nullptr, nullptr, error_.get()));
+    EXPECT_EQ(KV_ERROR_CLOSED, error_.Take());
+    ASSERT_TRUE(WaitFor([&]() { return single.replies.size() == 1; }));
+    EXPECT_TRUE(single.replies[0].last);
+
+    ASSERT_TRUE(KVSubscriptionAdd(service_.get(), subscription, Cancelled, this, error_.get()));
+    EXPECT_FALSE(KVSubscriptionAdd(service_.get(), subscription, Cancelled, this, error_.get()));
+    EXPECT_EQ(KV_ERROR_EXISTS, error_.Take());
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(KVReply(service_.get(), subscription, "{}", error_.get()));
+    }
+    EXPECT_TRUE(KVReplyLast(service_.get(), subscription, "{\"bye\":1}", error_.get()));
+    EXPECT_FALSE(KVReply(service_.get(), subscription, "{}", error_.get()));
+    EXPECT_EQ(KV_ERROR_CLOSED, error_.Take());
+    ASSERT_TRUE(WaitFor([&]() { return stream.replies.size() == 4; }));
+    EXPECT_FALSE(stream.replies[2].last);
+    EXPECT_TRUE(stream.replies[3].last);
+    EXPECT_EQ(0, cancels_);  // Ended by the service: no cancel notification.
+}
+
+TEST_F(KelvraServiceTest, CancelBeforeAndAfterTheFirstReply) {
+    Register("a/keep", Keep);
+    ReplyLog early;
+    ReplyLog late;
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &early));
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &late));
+    // Cancelled before the service has even seen it.
+    ASSERT_TRUE(KVCallCancel(client_.get(), early.token, error_.get()));
+    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 2; }));
+    ASSERT_TRUE(KVSubscriptionAdd(service_.get(), requests_[1], Cancelled, this, error_.get()));
+    ASSERT_TRUE(KVReply(service_.get(), requests_[1], "{}", error_.get()));
+    ASSERT_TRUE(WaitFor([&]() { return late.replies.size() == 1; }));
+    ASSERT_TRUE(KVCallCancel(client_.get(), late.token, error_.get()));
+    ASSERT_TRUE(WaitFor([&]() { return cancels_ == 1; }));
+    for (KVMessage* request : requests_) {
+        EXPECT_FALSE(KVReply(service_.get(), request, "{}", error_.get()));
+        EXPECT_EQ(KV_ERROR_CLOSED, error_.Take());
+    }
+    EXPECT_TRUE(early.replies.empty());
+    EXPECT_EQ(1u, late.replies.size());
+}
+
+// Reply functions may cancel their own call or unregister the handle; nothing is delivered after.
+TEST_F(KelvraServiceTest, ReplyFunctionsMayEndTheirCallOrTheHandle) {
+    Register("a/keep", Keep);
+    struct Stopper {
+        KVHandle* handle;
+        KVMessageToken token = 0;
+        int seen = 0;
+        bool unregister;
+        static bool Func(KVHandle* handle, KVMessage*, void* self) {
+            Stopper* stopper = static_cast<Stopper*>(self);
+            ++stopper->seen;
+            if (stopper->unregister) {
+                EXPECT_TRUE(KVUnregister(handle, nullptr));
+            } else {
+                EXPECT_TRUE(KVCallCancel(handle, stopper->token, nullptr));
+            }
+            return true;
+        }
+    };
+    KVHandle* other = nullptr;
+    ASSERT_TRUE(KVRegister(nullptr, &other, nullptr));
+    ASSERT_TRUE(KVGmainAttach(other, context_, nullptr));
+    Stopper cancelling{client_.get(), 0, 0, false};
+    Stopper unregistering{other, 0, 0, true};
+    const std::string uri = Uri("a/keep");
+    ASSERT_TRUE(KVCall(client_.get(), uri.c_str(), "{}", Stopper::Func, &cancelling,
+                       &cancelling.token, nullptr));
+    ASSERT_TRUE(KVCall(other, uri.c_str(), "{}", Stopper::Func, &unregistering,
+                       &unregistering.token, nullptr));
+    ReplyLog afterwards;
+    ASSERT_TRUE(KVCall(other, uri.c_str(), "{}", ReplyLog::Func, &afterwards, nullptr, nullptr));
+    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 3; }));
+    for (KVMessage* request : requests_) {
+        ASSERT_TRUE(KVSubscriptionAdd(service_.get(), request, nullptr, nullptr, error_.get()));
+        KVReply(service_.get(), request, "{}", nullptr);
+        KVReply(service_.get(), request, "{}", nullptr);
+    }
+    ASSERT_TRUE(WaitFor([&]() { return cancelling.seen == 1 && unregistering.seen == 1; }));
+    // One more round trip on the service's handle: anything still queued has been handled.
+    ReplyLog probe;
+    Register("a/echo", [](KVHandle* handle, KVMessage* request, void*) {
+        return KVReply(handle, request, "{}", nullptr);
+    });
+    ASSERT_TRUE(client_.Call(Uri("a/echo"), "{}", &probe));
+    ASSERT_TRUE(WaitFor([&]() { return probe.replies.size() == 1; }));
+    EXPECT_EQ(1, cancelling.seen);
+    EXPECT_EQ(1, unregistering.seen);
+    EXPECT_TRUE(afterwards.replies.empty());
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace vok

@@ -1,0 +1,243 @@
+// The bus between processes: a client here, the test service in a process of its own, on this
+// program's private dbus-daemon.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "KelvraTestSupport.h"
+#include "support/LogCapture.h"
+
+namespace vok {
+namespace test {
+namespace {
+
+const char kStatusUri[] = "kelvra://com.orvex.kelvrabus/signal/registerServerStatus";
+
+class KelvraBusTest : public testing::Test {
+  protected:
+    KelvraBusTest() : context_(g_main_context_new()), client_(context_) {}
+    ~KelvraBusTest() override { g_main_context_unref(context_); }
+
+    std::string Uri(const std::string& method) const {
+        return "kelvra://" + name_ + "/test/" + method;
+    }
+
+    // Follows the service's status; returns once the first status has arrived.
+    void WatchStatus(ReplyLog* status) {
+        ASSERT_TRUE(client_.Call(kStatusUri, "{\"serviceName\":\"" + name_ + "\"}", status));
+        ASSERT_TRUE(WaitForReplies(status, 1));
+    }
+
+    bool WaitForReplies(const ReplyLog* log, size_t count) {
+        return IterateUntil(context_, [&]() { return log->replies.size() >= count; });
+    }
+
+    // Starts the service and waits until it owns its name.
+    void StartService(ReplyLog* status) {
+        size_t before = status->replies.size();
+        service_.reset(new TestService(name_));
+        ASSERT_TRUE(WaitForReplies(status, before + 1));
+        ASSERT_TRUE(status->replies.back().Bool("connected"));
+    }
+
+    // One call with one reply, which is returned.
+    Reply CallOnce(const std::string& method, const std::string& payload) {
+        ReplyLog log;
+        KVError error;
+        KVErrorInit(&error);
+        EXPECT_TRUE(client_.Call(Uri(method), payload, &log, &error)) << error.message;
+        KVErrorFree(&error);
+        EXPECT_TRUE(WaitForReplies(&log, 1));
+        EXPECT_TRUE(log.replies.empty() || log.replies[0].last);
+        return log.replies.empty() ? Reply{"", false, nullptr} : log.replies[0];
+    }
+
+    Watchdog watchdog_;
+    std::string name_ = UniqueServiceName();
+    GMainContext* context_;
+    Handle client_;
+    std::unique_ptr<TestService> service_;
+};
+
+TEST_F(KelvraBusTest, CallsGetRepliesAndServiceErrors) {
+    ReplyLog status;
+    WatchStatus(&status);
+    EXPECT_FALSE(status.replies[0].Bool("connected"));
+    // Nobody owns the name yet: an error reply, not a wait.
+    EXPECT_EQ(KV_ERROR_NO_SERVICE, CallOnce("echo", "{}").Number("errorCode"));
+    StartService(&status);
+
+    Reply echo = CallOnce("echo", "{\"text\":\"gr\\u00fc\\u00df \\\"x\\\"\",\"list\":[1,null]}");
+    JsonToken token;
+    ASSERT_TRUE(token.ParseJsonString(echo.payload.c_str())) << echo.payload;
+    EXPECT_TRUE(token.ObjectFindPair("returnValue")->BooleanGetValue());
+    EXPECT_STREQ("{ \"text\": \"grüß \\\"x\\\"\", \"list\": [ 1, null ] }",
+                 token.ObjectFindPair("echo")->GenerateJsonEncodingAndPeek());
+
+    const struct {
+        const char* method;
+        const char* payload;
+        int code;
+    } failures[] = {
+        {"nosuch", "{}", KV_ERROR_NO_METHOD},  {"echo", "{", KV_ERROR_BAD_PAYLOAD},
+        {"echo", "[1]", KV_ERROR_BAD_PAYLOAD}, {"echo", "", KV_ERROR_BAD_PAYLOAD},
+        {"noreply", "{}", KV_ERROR_NO_REPLY},  {"fail", "{}", KV_ERROR_METHOD_FAILED},
+    };
+    for (const auto& f : failures) {
+        Reply reply = CallOnce(f.method, f.payload);
+        EXPECT_FALSE(reply.Bool("returnValue")) << f.method << " " << f.payload;
+        EXPECT_EQ(f.code, reply.Number("errorCode")) << f.method << " " << f.payload;
+    }
+    // The service is unharmed.
+    EXPECT_TRUE(CallOnce("echo", "{}").Bool("returnValue"));
+}
+
+TEST_F(KelvraBusTest, StatusFollowsTheServiceUntilCancelled) {
+    ReplyLog status;
+    WatchStatus(&status);
+    EXPECT_FALSE(status.replies[0].Bool("connected"));
+    StartService(&status);
+    service_->Kill(SIGKILL);
+    ASSERT_TRUE(WaitForReplies(&status, 3));
+    EXPECT_FALSE(status.replies[2].Bool("connected"));
+    EXPECT_TRUE(WIFSIGNALED(service_->Wait()));
+
+    StartService(&status);
+    // A second subscriber to the same name is answered at once with the current state.
+    ReplyLog second;
+    WatchStatus(&second);
+    EXPECT_TRUE(second.replies[0].Bool("connected"));
+    EXPECT_TRUE(CallOnce("quit", "{}").Bool("returnValue"));
+    ASSERT_TRUE(WaitForReplies(&status, 5));
+    EXPECT_FALSE(status.replies[4].Bool("connected"));
+    ASSERT_TRUE(WaitForReplies(&second, 2));
+    EXPECT_EQ(0, service_->Wait());
+    for (const Reply& reply : status.replies) {
+        EXPECT_FALSE(reply.last);
+    }
+
+    EXPECT_TRUE(KVCallCancel(client_.get(), status.token, nullptr));
+    StartService(&second);
+    EXPECT_EQ(5u, status.replies.size());
+}
+
+TEST_F(KelvraBusTest, SubscriptionStreamsUntilCancelledAndTheServiceLearnsOfIt) {
+    ReplyLog status;
+    WatchStatus(&status);
+    StartService(&status);
+    ReplyLog events;
+    ASSERT_TRUE(client_.Call(Uri("events"), "{}", &events));
+    ReplyLog stream;
+    ASSERT_TRUE(client_.Call(Uri("subscribe"), "{\"subscribe\":true}", &stream));
+    ASSERT_TRUE(WaitForReplies(&stream, 1));
+    EXPECT_FALSE(stream.replies[0].last);
+
+    for (int tick = 1; tick <= 3; ++tick) {
+        EXPECT_EQ(1, CallOnce("tick", "{}").Number("sent"));
+        // The service replied to the subscription before it answered the tick.
+        ASSERT_EQ(static_cast<size_t>(tick + 1), stream.replies.size());
+        EXPECT_EQ(tick, stream.replies.back().Number("n"));
+        EXPECT_FALSE(stream.replies.back().last);
+    }
+
+    ASSERT_TRUE(KVCallCancel(client_.get(), stream.token, nullptr));
+    KVError error;
+    KVErrorInit(&error);
+    EXPECT_FALSE(KVCallCancel(client_.get(), stream.token, &error));
+    EXPECT_EQ(KV_ERROR_NO_SUCH_CALL, error.code);
+    KVErrorFree(&error);
+    ASSERT_TRUE(WaitForReplies(&events, 2));
+    EXPECT_EQ(1, events.replies[1].Number("cancelled"));
+    EXPECT_EQ(0, CallOnce("tick", "{}").Number("sent"));
+    EXPECT_EQ(4u, stream.replies.size());
+
+    // Without "subscribe" the same method answers once and the call ends.
+    ReplyLog once;
+    ASSERT_TRUE(client_.Call(Uri("subscribe"), "{}", &once));
+    ASSERT_TRUE(WaitForReplies(&once, 1));
+    EXPECT_TRUE(once.replies[0].last);
+    EXPECT_FALSE(KVCallCancel(client_.get(), once.token, nullptr));
+}
+
+TEST_F(KelvraBusTest, ServiceLearnsOfAClientLeavingTheBus) {
+    ReplyLog status;
+    WatchStatus(&status);
+    StartService(&status);
+    ReplyLog events;
+    ASSERT_TRUE(client_.Call(Uri("events"), "{}", &events));
+    Handle other(context_);
+    ReplyLog stream;
+    ASSERT_TRUE(other.Call(Uri("subscribe"), "{\"subscribe\":true}", &stream));
+    ASSERT_TRUE(WaitForReplies(&stream, 1));
+    other.Unregister();
+    ASSERT_TRUE(WaitForReplies(&events, 2));
+    EXPECT_EQ(1, events.replies[1].Number("cancelled"));
+}
+
+TEST_F(KelvraBusTest, OpenCallsEndWhenTheServiceEndsThemOrLeaves) {
+    ReplyLog status;
+    WatchStatus(&status);
+    StartService(&status);
+    ReplyLog ended;
+    ASSERT_TRUE(client_.Call(Uri("subscribe"), "{\"subscribe\":true}", &ended));
+    ASSERT_TRUE(WaitForReplies(&ended, 1));
+    EXPECT_TRUE(CallOnce("end", "{}").Bool("returnValue"));
+    ASSERT_EQ(2u, ended.replies.size());
+    EXPECT_TRUE(ended.replies[1].last);
+    EXPECT_TRUE(ended.replies[1].Bool("ended"));
+
+    ReplyLog orphan;
+    ASSERT_TRUE(client_.Call(Uri("subscribe"), "{\"subscribe\":true}", &orphan));
+    ASSERT_TRUE(WaitForReplies(&orphan, 1));
+    service_->Kill(SIGKILL);
+    ASSERT_TRUE(WaitForReplies(&orphan, 2));
+    EXPECT_TRUE(orphan.replies[1].last);
+    EXPECT_EQ(KV_ERROR_SERVICE_GONE, orphan.replies[1].Number("errorCode"));
+    service_->Wait();
+}
+
+// Each handle's replies run on the thread of the context it is attached to, while another
+// thread runs another context with a handle of its own.
+TEST_F(KelvraBusTest, RepliesArriveOnTheAttachedContextsThread) {
+    ReplyLog status;
+    WatchStatus(&status);
+    StartService(&status);
+    struct Worker {
+        GThread* self = nullptr;
+        ReplyLog echo;
+        ReplyLog watch;
+    } workers[2];
+    auto run = [this](Worker* worker) {
+        GMainContext* context = g_main_context_new();
+        worker->self = g_thread_self();
+        {
+            Handle handle(context);
+            EXPECT_TRUE(handle.Call(Uri("echo"), "{}", &worker->echo));
+            EXPECT_TRUE(
+                handle.Call(kStatusUri, "{\"serviceName\":\"" + name_ + "\"}", &worker->watch));
+            EXPECT_TRUE(IterateUntil(context, [&]() {
+                return !worker->echo.replies.empty() && !worker->watch.replies.empty();
+            }));
+        }
+        g_main_context_unref(context);
+    };
+    std::thread first(run, &workers[0]);
+    std::thread second(run, &workers[1]);
+    first.join();
+    second.join();
+    for (const Worker& worker : workers) {
+        ASSERT_EQ(1u, worker.echo.replies.size());
+        EXPECT_EQ(worker.self, worker.echo.replies[0].thread);
+        ASSERT_EQ(1u, worker.watch.replies.size());
+        EXPECT_EQ(worker.self, worker.watch.replies[0].thread);
+    }
+    EXPECT_NE(workers[0].self, workers[1].self);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace vok

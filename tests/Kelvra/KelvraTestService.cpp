@@ -1,0 +1,159 @@
+// The service the bus tests talk to, in a process of its own: kelvra-test-service NAME.
+// Runs until SIGTERM or "test/quit".
+//   test/echo       {"returnValue":true,"echo":PAYLOAD}
+//   test/subscribe  with "subscribe":true, a subscription: {"returnValue":true,"n":0} at once
+//   test/tick       one reply {"n":N} to every subscription, then {"returnValue":true,"sent":K}
+//   test/end        the last reply to every subscription, then {"returnValue":true}
+//   test/events     a subscription told {"cancelled":N} whenever a subscription is cancelled
+//   test/noreply    releases the request unanswered; test/fail returns false
+#include <glib-unix.h>
+#include <glib.h>
+#include <kelvra/kelvra.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Service {
+    KVHandle* handle = nullptr;
+    GMainLoop* loop = nullptr;
+    std::vector<KVMessage*> subscriptions;  // each with a reference of ours
+    std::vector<KVMessage*> watchers;       // test/events subscriptions, with a reference
+    int ticks = 0;
+    int cancels = 0;
+};
+
+void Reply(Service* service, KVMessage* request, const std::string& payload) {
+    KVReply(service->handle, request, payload.c_str(), nullptr);
+}
+
+void Forget(std::vector<KVMessage*>* list, KVMessage* request) {
+    for (auto it = list->begin(); it != list->end(); ++it) {
+        if (*it == request) {
+            list->erase(it);
+            KVMessageUnref(request);
+            return;
+        }
+    }
+}
+
+void OnCancel(KVHandle*, KVMessage* request, void* data) {
+    Service* service = static_cast<Service*>(data);
+    Forget(&service->subscriptions, request);
+    ++service->cancels;
+    for (KVMessage* watcher : service->watchers) {
+        Reply(service, watcher, "{\"cancelled\":" + std::to_string(service->cancels) + "}");
+    }
+}
+
+void OnWatcherCancel(KVHandle*, KVMessage* request, void* data) {
+    Forget(&static_cast<Service*>(data)->watchers, request);
+}
+
+bool Echo(KVHandle*, KVMessage* request, void* data) {
+    Reply(static_cast<Service*>(data), request,
+          std::string("{\"returnValue\":true,\"echo\":") + KVMessageGetPayload(request) + "}");
+    return true;
+}
+
+bool Subscribe(KVHandle* handle, KVMessage* request, void* data) {
+    Service* service = static_cast<Service*>(data);
+    if (KVMessageIsSubscription(request)) {
+        KVSubscriptionAdd(handle, request, OnCancel, service, nullptr);
+        service->subscriptions.push_back(KVMessageRef(request));
+    }
+    Reply(service, request, "{\"returnValue\":true,\"n\":0}");
+    return true;
+}
+
+bool Tick(KVHandle*, KVMessage* request, void* data) {
+    Service* service = static_cast<Service*>(data);
+    ++service->ticks;
+    for (KVMessage* subscription : service->subscriptions) {
+        Reply(service, subscription, "{\"n\":" + std::to_string(service->ticks) + "}");
+    }
+    Reply(service, request,
+          "{\"returnValue\":true,\"sent\":" + std::to_string(service->subscriptions.size()) + "}");
+    return true;
+}
+
+bool End(KVHandle* handle, KVMessage* request, void* data) {
+    Service* service = static_cast<Service*>(data);
+    for (KVMessage* subscription : service->subscriptions) {
+        KVReplyLast(handle, subscription, "{\"returnValue\":true,\"ended\":true}", nullptr);
+        KVMessageUnref(subscription);
+    }
+    service->subscriptions.clear();
+    Reply(service, request, "{\"returnValue\":true}");
+    return true;
+}
+
+bool Events(KVHandle* handle, KVMessage* request, void* data) {
+    Service* service = static_cast<Service*>(data);
+    KVSubscriptionAdd(handle, request, OnWatcherCancel, service, nullptr);
+    service->watchers.push_back(KVMessageRef(request));
+    Reply(service, request, "{\"returnValue\":true}");
+    return true;
+}
+
+bool NoReply(KVHandle*, KVMessage*, void*) {
+    return true;
+}
+
+bool Fail(KVHandle*, KVMessage*, void*) {
+    return false;
+}
+
+bool Quit(KVHandle*, KVMessage* request, void* data) {
+    Service* service = static_cast<Service*>(data);
+    Reply(service, request, "{\"returnValue\":true}");
+    g_main_loop_quit(service->loop);
+    return true;
+}
+
+gboolean OnTerm(gpointer data) {
+    g_main_loop_quit(static_cast<Service*>(data)->loop);
+    return G_SOURCE_REMOVE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: %s SERVICE_NAME\n", argv[0]);
+        return 2;
+    }
+    Service service;
+    KVError error;
+    KVErrorInit(&error);
+    if (!KVRegister(argv[1], &service.handle, &error) ||
+        !KVGmainAttach(service.handle, nullptr, &error)) {
+        std::fprintf(stderr, "kelvra-test-service: %s\n", error.message);
+        KVErrorFree(&error);
+        return 1;
+    }
+    const struct {
+        const char* name;
+        KVMethodFunc func;
+    } methods[] = {{"test/echo", Echo},     {"test/subscribe", Subscribe},
+                   {"test/tick", Tick},     {"test/end", End},
+                   {"test/events", Events}, {"test/noreply", NoReply},
+                   {"test/fail", Fail},     {"test/quit", Quit}};
+    for (const auto& method : methods) {
+        KVRegisterMethod(service.handle, method.name, method.func, &service, nullptr);
+    }
+    service.loop = g_main_loop_new(nullptr, FALSE);
+    g_unix_signal_add(SIGTERM, OnTerm, &service);
+    g_main_loop_run(service.loop);
+    for (KVMessage* message : service.subscriptions) {
+        KVMessageUnref(message);
+    }
+    for (KVMessage* message : service.watchers) {
+        KVMessageUnref(message);
+    }
+    KVUnregister(service.handle, nullptr);
+    g_main_loop_unref(service.loop);
+    return 0;
+}

@@ -1,0 +1,103 @@
+#include "KelvraTestSupport.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace vok {
+namespace test {
+
+namespace {
+
+class BusEnvironment : public testing::Environment {
+  public:
+    void SetUp() override {
+        setenv("KELVRA_BUS_ADDRESS", bus_.Start().c_str(), 1);
+        unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    }
+    void TearDown() override { bus_.Stop(); }
+    PrivateBus bus_;
+};
+
+BusEnvironment* gEnvironment =
+    static_cast<BusEnvironment*>(testing::AddGlobalTestEnvironment(new BusEnvironment));
+
+gboolean SetFlag(gpointer flag) {
+    *static_cast<bool*>(flag) = true;
+    return G_SOURCE_REMOVE;
+}
+
+}  // namespace
+
+const std::string& TestBusAddress() {
+    return gEnvironment->bus_.Address();
+}
+
+bool IterateUntil(GMainContext* context, const std::function<bool()>& done, int limitSeconds) {
+    bool expired = false;
+    GSource* deadline = g_timeout_source_new_seconds(static_cast<guint>(limitSeconds));
+    g_source_set_callback(deadline, SetFlag, &expired, nullptr);
+    g_source_attach(deadline, context);
+    while (!done() && !expired) {
+        g_main_context_iteration(context, TRUE);
+    }
+    g_source_destroy(deadline);
+    g_source_unref(deadline);
+    return done();
+}
+
+bool Reply::Bool(const char* name) const {
+    JsonToken token;
+    token.ParseJsonString(payload.c_str());
+    return token.ObjectFindPair(name)->BooleanGetValue();
+}
+
+double Reply::Number(const char* name) const {
+    JsonToken token;
+    token.ParseJsonString(payload.c_str());
+    return token.ObjectFindPair(name)->NumberGetValue();
+}
+
+bool ReplyLog::Func(KVHandle*, KVMessage* reply, void* self) {
+    static_cast<ReplyLog*>(self)->replies.push_back(
+        {KVMessageGetPayload(reply), KVMessageIsLastReply(reply), g_thread_self()});
+    return true;
+}
+
+Handle::Handle(GMainContext* context, const char* serviceName) {
+    KVError error;
+    KVErrorInit(&error);
+    if (!KVRegister(serviceName, &handle_, &error) || !KVGmainAttach(handle_, context, &error)) {
+        ADD_FAILURE() << "cannot register: " << error.message;
+    }
+    KVErrorFree(&error);
+}
+
+Handle::~Handle() {
+    Unregister();
+}
+
+void Handle::Unregister() {
+    if (handle_ != nullptr) {
+        EXPECT_TRUE(KVUnregister(handle_, nullptr));
+        handle_ = nullptr;
+    }
+}
+
+bool Handle::Call(const std::string& uri, const std::string& payload, ReplyLog* log,
+                  KVError* error) {
+    return KVCall(handle_, uri.c_str(), payload.c_str(), ReplyLog::Func, log, &log->token, error);
+}
+
+TestService::TestService(const std::string& serviceName) {
+    process_.Start({KELVRA_TEST_SERVICE, serviceName}, true, false);
+}
+
+std::string UniqueServiceName() {
+    static int counter = 0;
+    return "com.orvex.test.p" + std::to_string(getpid()) + "n" + std::to_string(++counter);
+}
+
+}  // namespace test
+}  // namespace vok

@@ -1,0 +1,173 @@
+#include "PrivateBus.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+namespace vok {
+namespace test {
+
+namespace {
+
+[[noreturn]] void Fail(const char* what) {
+    std::fprintf(stderr, "PrivateBus: %s: %s\n", what, std::strerror(errno));
+    std::abort();
+}
+
+// VOK_TEST_EMULATOR, split at blanks ("qemu-arm -L /sysroot").
+std::vector<std::string> EmulatorPrefix() {
+    std::vector<std::string> words;
+    const char* emulator = std::getenv("VOK_TEST_EMULATOR");
+    std::istringstream in(emulator != nullptr ? emulator : "");
+    for (std::string word; in >> word;) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+}  // namespace
+
+ChildProcess::~ChildProcess() {
+    if (pid_ > 0) {
+        Kill(SIGKILL);
+        Wait();
+    }
+    if (outFd_ >= 0) {
+        close(outFd_);
+    }
+}
+
+void ChildProcess::Start(const std::vector<std::string>& argv, bool emulated, bool captureOutput) {
+    std::vector<std::string> words = emulated ? EmulatorPrefix() : std::vector<std::string>();
+    words.insert(words.end(), argv.begin(), argv.end());
+    std::vector<char*> args;
+    for (std::string& word : words) {
+        args.push_back(&word[0]);
+    }
+    args.push_back(nullptr);
+    int fds[2] = {-1, -1};
+    if (captureOutput && pipe2(fds, O_CLOEXEC) != 0) {
+        Fail("pipe");
+    }
+    pid_ = fork();
+    if (pid_ < 0) {
+        Fail("fork");
+    }
+    if (pid_ == 0) {
+        // Only async-signal-safe calls between fork and exec.
+        if (captureOutput) {
+            dup2(fds[1], STDOUT_FILENO);
+        }
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    if (captureOutput) {
+        close(fds[1]);
+        outFd_ = fds[0];
+    }
+}
+
+std::string ChildProcess::ReadLine() {
+    std::string line;
+    char c;
+    while (read(outFd_, &c, 1) == 1 && c != '\n') {
+        line += c;
+    }
+    return line;
+}
+
+std::string ChildProcess::ReadAll() {
+    std::string all;
+    char buffer[512];
+    ssize_t n;
+    while ((n = read(outFd_, buffer, sizeof buffer)) > 0) {
+        all.append(buffer, static_cast<size_t>(n));
+    }
+    return all;
+}
+
+void ChildProcess::Kill(int signal) {
+    if (pid_ > 0) {
+        kill(pid_, signal);
+    }
+}
+
+int ChildProcess::Wait() {
+    int status = 0;
+    while (pid_ > 0 && waitpid(pid_, &status, 0) < 0) {
+        if (errno != EINTR) {
+            Fail("waitpid");
+        }
+    }
+    pid_ = -1;
+    return status;
+}
+
+PrivateBus::~PrivateBus() {
+    Stop();
+}
+
+const std::string& PrivateBus::Start() {
+    char pattern[] = "/tmp/vok-bus-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) {
+        Fail("mkdtemp");
+    }
+    dir_ = pattern;
+    std::string config = dir_ + "/bus.conf";
+    std::ofstream(config)
+        << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+           " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+           "<busconfig>\n"
+           "  <type>session</type>\n"
+           "  <listen>unix:dir="
+        << dir_
+        << "</listen>\n"
+           "  <auth>EXTERNAL</auth>\n"
+           "  <policy context=\"default\">\n"
+           "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+           "    <allow eavesdrop=\"true\"/>\n"
+           "    <allow own=\"*\"/>\n"
+           "  </policy>\n"
+           "</busconfig>\n";
+    // The host's daemon: it is not one of the programs built here.
+    daemon_.Start({"dbus-daemon", "--config-file=" + config, "--print-address", "--nofork"}, false,
+                  true);
+    address_ = daemon_.ReadLine();
+    if (address_.empty()) {
+        errno = 0;
+        Fail("dbus-daemon printed no address");
+    }
+    return address_;
+}
+
+void PrivateBus::Stop() {
+    if (daemon_.Running()) {
+        daemon_.Kill(SIGTERM);
+        daemon_.Wait();
+    }
+    if (!dir_.empty()) {
+        // The configuration, and the socket if the daemon left it.
+        if (DIR* dir = opendir(dir_.c_str())) {
+            while (struct dirent* entry = readdir(dir)) {
+                if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
+                    unlink((dir_ + "/" + entry->d_name).c_str());
+                }
+            }
+            closedir(dir);
+        }
+        rmdir(dir_.c_str());
+        dir_.clear();
+    }
+}
+
+}  // namespace test
+}  // namespace vok
