@@ -65,7 +65,10 @@ TEST_F(InterfaceTest, CountersFollowCreateWriteReadAndFree) {
     MessageMoverInterface* iface = framework_->CreateInterface("count");
     MmCommandPort* port = iface->CreateCommandPort();
     MmCommandMessageHandle one, two;
-    iface->CreateCommandMessage(0, &one);
+    {
+        IntendedLeakScope leak;  // Still held when the interface goes.
+        iface->CreateCommandMessage(0, &one);
+    }
     iface->CreateCommandMessage(0, &two);
     EXPECT_EQ(2, IfaceCounter("count", "msgsHeldByUser"));
     two.SetMessageName({20, 2});
@@ -101,7 +104,6 @@ TEST_F(InterfaceTest, CountersFollowCreateWriteReadAndFree) {
 
     const int32_t leakedBefore = IfaceCounter("count", "msgsLeakedByUser");
     {
-        IntendedLeakScope leak;
         LogCapture capture;
         framework_->DiscardInterface(iface);
         EXPECT_EQ(1u, capture.Matching("Leaked CommandMessage # 0 in count").size());

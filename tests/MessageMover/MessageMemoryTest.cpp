@@ -164,7 +164,7 @@ TEST_F(MessageMemoryTest, QueuedMessageCannotBeFreedOrRebound) {
 }
 
 TEST_F(MessageMemoryTest, HandleKeptAfterFreeFindsZeroedSignature) {
-    if (VOK_MM_ASAN) {
+    if (VOK_MM_FREED_MEMORY_CHECKED) {
         GTEST_SKIP() << "reads freed memory on purpose";
     }
     MmBaseMessageHandle msg;
