@@ -158,43 +158,6 @@ TEST_F(ConnectionManagerTest, UndeliverableMessageIsFreedAndAnsweredOnce) {
     iface_->DiscardCommandPort(client);
 }
 
-TEST_F(ConnectionManagerTest, ZeroAddressesAreRefusedAndLeaveTheMessageWithTheCaller) {
-    MmfMessageManager& messages =
-        static_cast<MessageMoverFrameworkImpl*>(framework_)->GetMessageMgr();
-    MmBaseMessageHandle msg;
-    messages.CreateMessage(0, &msg);
-    const uint32_t deliveries = Manager().GetStatistics().deliveries;
-    msg.SetDestinationAddress(60000);
-    EXPECT_TRUE(ThrowsMm([&] { Manager().DeliverMessage(msg); }, "DeliverMessageHelper_Locked",
-                         kManagerPath, "Can't deliver - bad sender address"));
-    msg.SetSenderAddress(60000);
-    msg.SetDestinationAddress(0);
-    EXPECT_TRUE(ThrowsMm([&] { Manager().DeliverMessage(msg); }, "DeliverMessageHelper_Locked",
-                         kManagerPath, "Can't deliver - bad destination address"));
-    EXPECT_EQ(deliveries, Manager().GetStatistics().deliveries);
-    messages.FreeMessage(msg);  // Still valid and the caller's.
-    EXPECT_EQ(0, Outstanding());
-}
-
-TEST_F(ConnectionManagerTest, RegistrationRefusesZeroAndUnknownAddresses) {
-    MmfMessagePort unregistered(nullptr, static_cast<MessageMoverFrameworkImpl*>(framework_),
-                                60000);
-    LogCapture capture;
-    EXPECT_TRUE(ThrowsMm([&] { Manager().UnregisterPort(unregistered); }, "UnregisterPort",
-                         kManagerPath, "Can't unregister port - canonical record not found"));
-    EXPECT_EQ(1u, capture
-                      .Matching("ERROR in UnregisterPort: canonical record for port "
-                                "addr=<60000> not found")
-                      .size());
-    MmfMessagePort zero(nullptr, static_cast<MessageMoverFrameworkImpl*>(framework_), 0);
-    EXPECT_TRUE(ThrowsMm([&] { Manager().RegisterPort(zero, 0); }, "RegisterPort", kManagerPath,
-                         "Can't register - bad port address"));
-    EXPECT_TRUE(ThrowsMm([&] { Manager().UnregisterPort(zero); }, "UnregisterPort", kManagerPath,
-                         "Can't unregister - bad port address"));
-    EXPECT_TRUE(ThrowsMm([&] { Manager().CreateCommandPort(nullptr, 0); }, "CreateCommandPort",
-                         kManagerPath, "NULL arg."));
-}
-
 TEST(SerialGeneratorTest, WrapAroundThrowsOnceThenRestartsAtOne) {
     MmfSerialGenerator generator(0xFFFFFFFE);
     EXPECT_EQ(0xFFFFFFFFu, generator.GetNext());

@@ -22,6 +22,12 @@
 #else
 #define VOK_MM_ASAN 0
 #endif
+// Sanitizers that report any read of freed memory.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define VOK_MM_FREED_MEMORY_CHECKED 1
+#else
+#define VOK_MM_FREED_MEMORY_CHECKED 0
+#endif
 
 namespace vok {
 namespace test {

@@ -82,8 +82,8 @@ MmConnectionPort* MmfConnectionManager::CreateConnectedPair(MmfMessageMoverInter
 void MmfConnectionManager::RegisterPort(MmfMessagePort& port, MmServiceIdentifier_t serviceId) {
     MMF_TRACE(this);
     const MmfPortAddress address = port.GetAddress();
-    MmfDiag::GetLogger().Debug("Registering port <%p> using address <%ld>.",
-                               static_cast<void*>(&port), static_cast<long>(address));
+    gMmfLogger.Debug("Registering port <%p> using address <%ld>.", static_cast<void*>(&port),
+                     static_cast<long>(address));
     if (address == 0) {
         MMF_THROW("Can't register - bad port address");
     }
@@ -106,7 +106,7 @@ void MmfConnectionManager::RegisterPort(MmfMessagePort& port, MmServiceIdentifie
 void MmfConnectionManager::UnregisterPort(MmfMessagePort& port) {
     MMF_TRACE(this);
     const MmfPortAddress address = port.GetAddress();
-    const Logger& logger = MmfDiag::GetLogger();
+    const Logger& logger = gMmfLogger;
     logger.Debug("Unregistering port <%p> using address <%ld>.", static_cast<void*>(&port),
                  static_cast<long>(address));
     if (address == 0) {
@@ -149,8 +149,8 @@ void MmfConnectionManager::DiscardConnectionPort(MmConnectionPort* port) {
 
 VokError_t MmfConnectionManager::DeliverMessage(const MmBaseMessageHandle& msg, bool* takenOver) {
     MMF_TRACE(this);
-    const MmfPortAddress sender = msg.GetSenderAddress();
-    const MmfPortAddress dest = msg.GetDestinationAddress();
+    const MmfPortAddress sender = MmfMessageManager::GetHeaderFromBinding(msg).GetSenderAddress();
+    const MmfPortAddress dest = MmfMessageManager::GetHeaderFromBinding(msg).GetDestAddress();
     MutexLocker lock(registryLock_);
     const VokError_t result = DeliverMessageHelper_Locked(msg, sender, dest, takenOver);
     if (result != kVokErrNone) {
@@ -170,9 +170,11 @@ VokError_t MmfConnectionManager::DeliverMessageHelper_Locked(const MmBaseMessage
                                                              MmfPortAddress sender,
                                                              MmfPortAddress dest, bool* takenOver) {
     MMF_TRACE(this);
-    const Logger& logger = MmfDiag::GetLogger();
-    logger.Debug("Attempting to deliver message to port with address <%ld>.",
-                 static_cast<long>(dest));
+    const Logger& logger = gMmfLogger;
+    if (MmfIsTracing()) {
+        logger.Debug("Attempting to deliver message to port with address <%ld>.",
+                     static_cast<long>(dest));
+    }
     if (sender == 0) {
         MMF_THROW("Can't deliver - bad sender address");
     }
@@ -206,9 +208,8 @@ MmfConnectionManager::Statistics MmfConnectionManager::GetStatistics() {
 void MmfConnectionManager::PortRegistry::Register(MmfPortAddress key, const PortMapRecord& record) {
     MMF_TRACE(this);
     if (!records_.insert(std::make_pair(key, record)).second) {
-        MmfDiag::GetLogger().Critical(
-            "ERROR: Can't register port; portAddr key=<%ld> was already registered",
-            static_cast<long>(key));
+        gMmfLogger.Critical("ERROR: Can't register port; portAddr key=<%ld> was already registered",
+                            static_cast<long>(key));
         MMF_THROW("Can't register - portAddr was already registered");
     }
 }
@@ -216,8 +217,8 @@ void MmfConnectionManager::PortRegistry::Register(MmfPortAddress key, const Port
 void MmfConnectionManager::PortRegistry::Unregister(MmfPortAddress key) {
     MMF_TRACE(this);
     if (records_.erase(key) != 1) {
-        MmfDiag::GetLogger().Critical("ERROR: Can't unregister port; portAddress=<%ld> not found",
-                                      static_cast<long>(key));
+        gMmfLogger.Critical("ERROR: Can't unregister port; portAddress=<%ld> not found",
+                            static_cast<long>(key));
         MMF_THROW("Can't unregister - portAddress not found");
     }
 }

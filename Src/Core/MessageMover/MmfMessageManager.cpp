@@ -14,7 +14,19 @@ uint32_t DumpSize(uint32_t guardOffset) {
 }
 
 void LogHeaderDump(const MmfBaseMessageHeader& header) {
-    MmfDiag::GetLogger().CriticalBin(&header, kMmfMessageHeaderSize);
+    gMmfLogger.CriticalBin(&header, kMmfMessageHeaderSize);
+}
+
+void InitHandleBlock(MmfMessageHandleBlock* block, uint8_t headerOffset) {
+    block->headerOffset = headerOffset;
+    block->bindingNumber = 1;
+    block->link.Init(block);
+}
+
+// calcPayloadGuardOffsetFromPayloadSize without a call for a size in bounds.
+uint32_t GuardOffset(uint32_t payloadSize) {
+    return payloadSize <= kMmfMaxPayloadSize ? payloadSize + kMmfMessageHeaderSize
+                                             : calcPayloadGuardOffsetFromPayloadSize(payloadSize);
 }
 
 }  // namespace
@@ -32,9 +44,7 @@ void initMessageHandleBlock(MmfMessageHandleBlock* block, uint8_t headerOffset) 
     if (block == nullptr) {
         MMF_THROW("NULL arg.");
     }
-    block->headerOffset = headerOffset;
-    block->bindingNumber = 1;
-    block->link.Init(block);
+    InitHandleBlock(block, headerOffset);
 }
 
 MmfMessageManager::MmfMessageManager(MessageMoverFrameworkImpl& framework)
@@ -57,7 +67,16 @@ void MmfMessageManager::Deploy() {
 
 void* MmfMessageManager::AllocateMessageMemory(uint32_t payloadSize, uint32_t* allocSize) {
     MMF_TRACE(this);
-    const uint32_t size = calcPayloadGuardOffsetFromPayloadSize(payloadSize) + kMmfPayloadGuardSize;
+    return AllocateBlock(payloadSize, allocSize);
+}
+
+void MmfMessageManager::FreeMessageMemory(MmfBaseMessageHeader* header) {
+    MMF_TRACE(this);
+    ReleaseBlock(header);
+}
+
+void* MmfMessageManager::AllocateBlock(uint32_t payloadSize, uint32_t* allocSize) {
+    const uint32_t size = GuardOffset(payloadSize) + kMmfPayloadGuardSize;
     void* block = ::operator new(size);
     if (allocSize != nullptr) {
         *allocSize = size;
@@ -66,8 +85,7 @@ void* MmfMessageManager::AllocateMessageMemory(uint32_t payloadSize, uint32_t* a
     return block;
 }
 
-void MmfMessageManager::FreeMessageMemory(MmfBaseMessageHeader* header) {
-    MMF_TRACE(this);
+void MmfMessageManager::ReleaseBlock(MmfBaseMessageHeader* header) {
     ::operator delete(header);
     outstandingMsgs_.Dec();
 }
@@ -77,7 +95,7 @@ void* MmfMessageManager::CreateMessage(uint32_t payloadSize, MmBaseMessageHandle
     if (handle == nullptr) {
         MMF_THROW("NULL arg.");
     }
-    uint8_t* block = static_cast<uint8_t*>(AllocateMessageMemory(payloadSize, nullptr));
+    uint8_t* block = static_cast<uint8_t*>(AllocateBlock(payloadSize, nullptr));
     std::memcpy(block + payloadSize + kMmfMessageHeaderSize, kGuardBytes, sizeof kGuardBytes);
     MmfBaseMessageHeader* header = reinterpret_cast<MmfBaseMessageHeader*>(block);
     std::memset(header, 0, kMmfMessageHeaderSize);
@@ -85,8 +103,8 @@ void* MmfMessageManager::CreateMessage(uint32_t payloadSize, MmBaseMessageHandle
     header->packed[kMmfHdrVersion] = kMmfHeaderVersion;
     header->packed[kMmfHdrPayloadOffset] = static_cast<uint8_t>(kMmfMessageHeaderSize);
     header->StoreHalves(kMmfHdrPayloadSize, payloadSize);
-    initMessageHandleBlock(&header->handleBlock, kMmfHdrPackedSize);
-    *handle = MmBaseMessageHandle(&header->handleBlock, header->handleBlock.bindingNumber);
+    InitHandleBlock(&header->handleBlock, kMmfHdrPackedSize);
+    *handle = MakeHandle(&header->handleBlock, header->handleBlock.bindingNumber);
     return GetPayloadPtrFromBinding(*handle, nullptr);
 }
 
@@ -97,7 +115,7 @@ void MmfMessageManager::FreeMessage(const MmBaseMessageHandle& handle) {
         MMF_THROW("Message being freed still in queue");
     }
     header.SetSignature(0);
-    FreeMessageMemory(&header);
+    ReleaseBlock(&header);
 }
 
 void MmfMessageManager::RebindMessage(MmBaseMessageHandle* handle) {
@@ -111,7 +129,7 @@ void MmfMessageManager::RebindMessage(MmBaseMessageHandle* handle) {
         MMF_THROW("Message being rebound is still in queue");
     }
     block.bindingNumber = block.bindingNumber == 0xFFFF ? 1 : block.bindingNumber + 1;
-    *handle = MmBaseMessageHandle(&block, block.bindingNumber);
+    *handle = MakeHandle(&block, block.bindingNumber);
 }
 
 MmBaseMessageHandle MmfMessageManager::DuplicateMessage(const MmBaseMessageHandle& source) {
@@ -119,7 +137,7 @@ MmBaseMessageHandle MmfMessageManager::DuplicateMessage(const MmBaseMessageHandl
     const MmfBaseMessageHeader& sourceHeader = GetHeaderFromBinding(source);
     const uint32_t payloadSize = sourceHeader.GetPayloadSize();
     uint32_t blockSize = 0;
-    void* block = AllocateMessageMemory(payloadSize, &blockSize);
+    void* block = AllocateBlock(payloadSize, &blockSize);
     std::memcpy(block, &sourceHeader, blockSize);
     MmfBaseMessageHeader* copy = static_cast<MmfBaseMessageHeader*>(block);
     copy->SetSequenceNumber(0);
@@ -127,14 +145,14 @@ MmBaseMessageHandle MmfMessageManager::DuplicateMessage(const MmBaseMessageHandl
     copy->SetInResponseToSerial(0);
     copy->SetSenderAddress(0);
     copy->SetDestAddress(0);
-    initMessageHandleBlock(&copy->handleBlock, sourceHeader.handleBlock.headerOffset);
+    InitHandleBlock(&copy->handleBlock, sourceHeader.handleBlock.headerOffset);
     // The copy's handle takes the source's binding number, not the copy's own 1.
-    return MmBaseMessageHandle(&copy->handleBlock, sourceHeader.handleBlock.bindingNumber);
+    return MakeHandle(&copy->handleBlock, sourceHeader.handleBlock.bindingNumber);
 }
 
 void MmfMessageManager::ValidateMessage(const MmfBaseMessageHeader& header) {
     MMF_TRACE(nullptr);
-    const Logger& logger = MmfDiag::GetLogger();
+    const Logger& logger = gMmfLogger;
     const uint32_t signature = header.GetSignature();
     if (signature != kMmfMessageSignature) {
         logger.Critical(
@@ -162,7 +180,7 @@ void MmfMessageManager::ValidateMessage(const MmfBaseMessageHeader& header) {
         LogHeaderDump(header);
         MMF_THROW("invalid message payload offset");
     }
-    const uint32_t guardOffset = calcPayloadGuardOffsetFromPayloadSize(header.GetPayloadSize());
+    const uint32_t guardOffset = GuardOffset(header.GetPayloadSize());
     uint32_t guard;
     std::memcpy(&guard, reinterpret_cast<const uint8_t*>(&header) + guardOffset, sizeof guard);
     if (guard != kMmfPayloadGuard) {
@@ -193,46 +211,19 @@ MmfBaseMessageHeader& MmfMessageManager::GetHeaderFromBindingLow(
                                                     block->headerOffset);
 }
 
-MmfBaseMessageHeader& MmfMessageManager::GetHeaderFromBinding(const MmBaseMessageHandle& handle) {
-    MMF_TRACE(nullptr);
+MmfBaseMessageHeader& MmfMessageManager::GetHeaderFromBindingTraced(
+    const MmBaseMessageHandle& handle) {
+    const FuncLogger trace(gMmfLogger, "GetHeaderFromBinding", nullptr);
     MmfBaseMessageHeader& header = GetHeaderFromBindingLow(handle);
     ValidateMessage(header);
     return header;
-}
-
-void MmfMessageManager::ValidateMessageBinding(const MmBaseMessageHandle& handle) {
-    MMF_TRACE(nullptr);
-    (void)GetHeaderFromBinding(handle);
-}
-
-void* MmfMessageManager::GetPayloadPtrFromBinding(const MmBaseMessageHandle& handle,
-                                                  uint32_t* payloadSize) {
-    MMF_TRACE(nullptr);
-    MmfBaseMessageHeader& header = GetHeaderFromBinding(handle);
-    if (payloadSize != nullptr) {
-        *payloadSize = header.GetPayloadSize();
-    }
-    return reinterpret_cast<uint8_t*>(&header) + header.GetPayloadOffset();
-}
-
-MmfMessageLink& MmfMessageManager::GetLinkFromBinding(const MmBaseMessageHandle& handle) {
-    MMF_TRACE(nullptr);
-    return GetHeaderFromBinding(handle).handleBlock.link;
-}
-
-MmBaseMessageHandle MmfMessageManager::GetBindingFromLink(MmfMessageLink& link) {
-    MMF_TRACE(nullptr);
-    (void)link.IsLinked();  // Checks the node's signature; the answer does not matter here.
-    MmfMessageHandleBlock* block = link.GetOwner();
-    return MmBaseMessageHandle(block, block->bindingNumber);
 }
 
 void MmfMessageManager::LogMessage(const MmBaseMessageHandle& handle, const Logger& logger,
                                    DumpFunction dump) {
     MMF_TRACE(nullptr);
     const MmfBaseMessageHeader& header = GetHeaderFromBinding(handle);
-    (logger.*dump)(&header,
-                   DumpSize(calcPayloadGuardOffsetFromPayloadSize(header.GetPayloadSize())));
+    (logger.*dump)(&header, DumpSize(GuardOffset(header.GetPayloadSize())));
 }
 
 }  // namespace vok

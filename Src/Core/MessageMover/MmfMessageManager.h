@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "Src/Core/MessageMover/MmfIntrusiveListTemplate.h"
+#include "Src/Core/MessageMover/MmfTrace.h"
 #include "vok/DiagnosticRegister.h"
 #include "vok/Logger.h"
 #include "vok/MmMessageHandle.h"
@@ -174,18 +175,73 @@ class MmfMessageManager {
     static void ValidateMessage(const MmfBaseMessageHeader& header);
     // The header, with the handle's pointer and binding checked but not the message.
     static MmfBaseMessageHeader& GetHeaderFromBindingLow(const MmBaseMessageHandle& handle);
-    // The header, with handle and message checked.
-    static MmfBaseMessageHeader& GetHeaderFromBinding(const MmBaseMessageHandle& handle);
-    static void ValidateMessageBinding(const MmBaseMessageHandle& handle);
-    static void* GetPayloadPtrFromBinding(const MmBaseMessageHandle& handle, uint32_t* payloadSize);
-    static MmfMessageLink& GetLinkFromBinding(const MmBaseMessageHandle& handle);
+    // The header, with handle and message checked. Every field access comes here, so a sound
+    // message is checked inline; the traced out-of-line path runs while debug tracing is on and
+    // for a message that fails a check, which it then reports.
+    static MmfBaseMessageHeader& GetHeaderFromBinding(const MmBaseMessageHandle& handle) {
+        MmfBaseMessageHeader* header = MmfIsTracing() ? nullptr : FindSoundHeader(handle);
+        return header != nullptr ? *header : GetHeaderFromBindingTraced(handle);
+    }
+    static void ValidateMessageBinding(const MmBaseMessageHandle& handle) {
+        (void)GetHeaderFromBinding(handle);
+    }
+    static void* GetPayloadPtrFromBinding(const MmBaseMessageHandle& handle,
+                                          uint32_t* payloadSize) {
+        MmfBaseMessageHeader& header = GetHeaderFromBinding(handle);
+        if (payloadSize != nullptr) {
+            *payloadSize = header.GetPayloadSize();
+        }
+        return reinterpret_cast<uint8_t*>(&header) + header.GetPayloadOffset();
+    }
+    static MmfMessageLink& GetLinkFromBinding(const MmBaseMessageHandle& handle) {
+        return GetHeaderFromBinding(handle).handleBlock.link;
+    }
     // A checked handle, with the current binding, of the message that owns link.
-    static MmBaseMessageHandle GetBindingFromLink(MmfMessageLink& link);
+    static MmBaseMessageHandle GetBindingFromLink(MmfMessageLink& link) {
+        (void)link.IsLinked();  // Checks the node's signature; the answer does not matter here.
+        MmfMessageHandleBlock* block = link.GetOwner();
+        return MakeHandle(block, block->bindingNumber);
+    }
     // Dumps the whole block (at most 10240 bytes) through the given dump member of logger.
     static void LogMessage(const MmBaseMessageHandle& handle, const Logger& logger,
                            DumpFunction dump);
 
   private:
+    // The header when the handle is current and the message passes every check of
+    // ValidateMessage, else NULL. Reports nothing.
+    static MmfBaseMessageHeader* FindSoundHeader(const MmBaseMessageHandle& handle) {
+        MmfMessageHandleBlock* block = handle.pBlock_;
+        if (block == nullptr || block->bindingNumber != handle.bindingNumber_) {
+            return nullptr;
+        }
+        MmfBaseMessageHeader* header = reinterpret_cast<MmfBaseMessageHeader*>(
+            reinterpret_cast<uint8_t*>(block) - block->headerOffset);
+        const uint32_t payloadSize = header->GetPayloadSize();
+        uint32_t guard;
+        if (header->GetSignature() != kMmfMessageSignature ||
+            header->GetVersion() != kMmfHeaderVersion ||
+            header->GetPayloadOffset() != kMmfMessageHeaderSize ||
+            payloadSize > kMmfMaxPayloadSize) {
+            return nullptr;
+        }
+        std::memcpy(&guard,
+                    reinterpret_cast<uint8_t*>(header) + kMmfMessageHeaderSize + payloadSize,
+                    sizeof guard);
+        return guard == kMmfPayloadGuard ? header : nullptr;
+    }
+    static MmfBaseMessageHeader& GetHeaderFromBindingTraced(const MmBaseMessageHandle& handle);
+    // The work of AllocateMessageMemory and FreeMessageMemory, for the manager's own use.
+    void* AllocateBlock(uint32_t payloadSize, uint32_t* allocSize);
+    void ReleaseBlock(MmfBaseMessageHeader* header);
+    // What the checking constructor of MmBaseMessageHandle does, without a call.
+    static MmBaseMessageHandle MakeHandle(MmfMessageHandleBlock* block, uint16_t bindingNumber) {
+        MmBaseMessageHandle handle;
+        handle.pBlock_ = block;
+        handle.bindingNumber_ = bindingNumber;
+        ValidateMessageBinding(handle);
+        return handle;
+    }
+
     MessageMoverFrameworkImpl& framework_;
     DiagnosticRegisterCounter outstandingMsgs_;  // Blocks allocated and not yet released.
 };

@@ -21,7 +21,7 @@ uint32_t MmfMessageMoverInterfaceImpl::OptionMgr::Set(uint32_t optionsToClear,
                                                       uint32_t optionsToSet) {
     MMF_TRACE(this);
     MutexLocker lock(lock_);
-    const Logger& logger = MmfDiag::GetLogger();
+    const Logger& logger = gMmfLogger;
     if (optionsToClear != kClearAllOptions && (optionsToClear & ~validMask_) != 0) {
         logger.Error("%s: invalid optionsToClear: <%#lx>.", __func__,
                      static_cast<unsigned long>(optionsToClear & ~validMask_));

@@ -14,12 +14,10 @@ const uint32_t kLogDeliveredMessages = 2;
 const uint32_t kLogReadMessages = 4;
 
 bool IsPeerClosedMessage(const MmBaseMessageHandle& msg) {
-    if (msg.GetMessageType() != kMmfLinkControlMsgType) {
-        return false;
-    }
-    MmMessageName name;
-    msg.GetMessageName(&name);
-    return name.protocolId == kMmPeerClosedMsg.protocolId && name.msgId == kMmPeerClosedMsg.msgId;
+    const MmfBaseMessageHeader& header = MmfMessageManager::GetHeaderFromBinding(msg);
+    return header.GetMsgType() == kMmfLinkControlMsgType &&
+           header.GetProtocolId() == kMmPeerClosedMsg.protocolId &&
+           header.GetMsgId() == kMmPeerClosedMsg.msgId;
 }
 
 }  // namespace
@@ -73,7 +71,7 @@ MmfMessagePort::~MmfMessagePort() {
         pMsgMgr_->FreeMessage(msg);
         ++freed;
     }
-    MmfDiag::GetLogger().Debug("Freed %d leftover messages.", freed);
+    gMmfLogger.Debug("Freed %d leftover messages.", freed);
 }
 
 void MmfMessagePort::SetInitialPortState(bool readable, bool writable, bool exception) {
@@ -94,15 +92,16 @@ void MmfMessagePort::AdjustMsgsHeldByPorts(int32_t delta) {
 VokError_t MmfMessagePort::WriteMessage(MmBaseMessageHandle& msg, MmMessageSerial_t* serialOut,
                                         bool* takenOver) {
     MMF_TRACE(this);
-    msg.SetSenderAddress(address_);
+    // Each field access checks the message again, as every access through a handle does.
+    MmfMessageManager::GetHeaderFromBinding(msg).SetSenderAddress(address_);
     MutexLocker lock(writeLock_);
     const uint32_t sequenceNumber = sequenceGenerator_.GetNext();
-    msg.SetSequenceNumber(sequenceNumber);
-    if (msg.GetMessageSerial() == 0) {
-        msg.SetMessageSerial(sequenceNumber);
+    MmfMessageManager::GetHeaderFromBinding(msg).SetSequenceNumber(sequenceNumber);
+    if (MmfMessageManager::GetHeaderFromBinding(msg).GetSerial() == 0) {
+        MmfMessageManager::GetHeaderFromBinding(msg).SetSerial(sequenceNumber);
     }
     if (serialOut != nullptr) {
-        *serialOut = msg.GetMessageSerial();
+        *serialOut = MmfMessageManager::GetHeaderFromBinding(msg).GetSerial();
     }
     if ((GetDiagOptions() & kLogWrittenMessages) != 0) {
         MmfMessageManager::LogMessage(msg, MmfDiag::GetMsgWriteLogger(), &Logger::DebugBin);
@@ -128,7 +127,7 @@ VokError_t MmfMessagePort::ReadMessage(MmBaseMessageHandle* out) {
     if (out == nullptr) {
         MMF_THROW("NULL arg.");
     }
-    const Logger& logger = MmfDiag::GetLogger();
+    const Logger& logger = gMmfLogger;
     MmBaseMessageHandle msg;
     {
         MutexLocker lock(readerInfo_.readerLock);

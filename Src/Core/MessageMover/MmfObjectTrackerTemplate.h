@@ -28,8 +28,8 @@ class MmfObjectTrackerT {
     void Track(const T_* obj) {
         MMF_TRACE(this);
         MutexLocker lock(mutex_);
-        MmfDiag::GetLogger().Debug("Tracking obj %s ptr=<%p>.", kindName_.c_str(),
-                                   static_cast<const void*>(obj));
+        gMmfLogger.Debug("Tracking obj %s ptr=<%p>.", kindName_.c_str(),
+                         static_cast<const void*>(obj));
         if (!tracked_.insert(obj).second) {
             MMF_THROW("set::insert failed - object with same pointer is already in the set.");
         }
@@ -40,10 +40,10 @@ class MmfObjectTrackerT {
     void Untrack(const T_* obj) {
         MMF_TRACE(this);
         MutexLocker lock(mutex_);
-        MmfDiag::GetLogger().Debug("Untracking obj %s ptr=<%p>.", kindName_.c_str(),
-                                   static_cast<const void*>(obj));
+        gMmfLogger.Debug("Untracking obj %s ptr=<%p>.", kindName_.c_str(),
+                         static_cast<const void*>(obj));
         if (tracked_.erase(obj) != 1) {
-            MmfDiag::GetLogger().Critical(
+            gMmfLogger.Critical(
                 "%s obj not in tracked set; ptr=<%p> - probably attempting to free an invalid or "
                 "previously-freed object.",
                 kindName_.c_str(), static_cast<const void*>(obj));

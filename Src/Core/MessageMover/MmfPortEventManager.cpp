@@ -19,9 +19,8 @@ MmfPortEventManager::MmfPortEventManager()
 void MmfPortEventManager::SetInitialPortState(bool readable, bool writable, bool exception) {
     MMF_TRACE(this);
     MutexLocker lock(stateLock_);
-    MmfDiag::GetLogger().Debug(
-        "Initializing port state to: readable=%d; writable=%d; exception=%d.", readable, writable,
-        exception);
+    gMmfLogger.Debug("Initializing port state to: readable=%d; writable=%d; exception=%d.",
+                     readable, writable, exception);
     readable_ = readable;
     writable_ = writable;
     exception_ = exception;
@@ -30,12 +29,17 @@ void MmfPortEventManager::SetInitialPortState(bool readable, bool writable, bool
 void MmfPortEventManager::SetReadable() {
     MMF_TRACE(this);
     MutexLocker lock(stateLock_);
-    const Logger& logger = MmfDiag::GetLogger();
-    logger.Debug("Setting port state to <readable>.");
+    const bool tracing = MmfIsTracing();
+    if (tracing) {
+        gMmfLogger.Debug("Setting port state to <readable>.");
+    }
     const bool wasReadable = readable_;
     readable_ = true;
     if (!wasReadable && pSink_ != nullptr) {
-        logger.Debug("Triggering Port Event Signal Sink ptr=<%p>.", static_cast<void*>(pSink_));
+        if (tracing) {
+            gMmfLogger.Debug("Triggering Port Event Signal Sink ptr=<%p>.",
+                             static_cast<void*>(pSink_));
+        }
         pSink_->Trigger();
     }
 }
@@ -43,15 +47,16 @@ void MmfPortEventManager::SetReadable() {
 void MmfPortEventManager::SetNotReadable() {
     MMF_TRACE(this);
     MutexLocker lock(stateLock_);
-    MmfDiag::GetLogger().Debug("Setting port state to <not readable>.");
+    if (MmfIsTracing()) {
+        gMmfLogger.Debug("Setting port state to <not readable>.");
+    }
     readable_ = false;
 }
 
 void MmfPortEventManager::RegisterPortEventSignalSink(SimpleAsyncInterface& sink) {
     MMF_TRACE(this);
     MutexLocker lock(stateLock_);
-    MmfDiag::GetLogger().Debug("Registering Port Event Signal Sink ptr=<%p>.",
-                               static_cast<void*>(&sink));
+    gMmfLogger.Debug("Registering Port Event Signal Sink ptr=<%p>.", static_cast<void*>(&sink));
     if (pSink_ != nullptr) {
         MMF_THROW("Port Event Signal Sink was already registered.");
     }
@@ -64,8 +69,8 @@ void MmfPortEventManager::RegisterPortEventSignalSink(SimpleAsyncInterface& sink
 void MmfPortEventManager::UnregisterPortEventSignalSink() {
     MMF_TRACE(this);
     MutexLocker lock(stateLock_);
-    MmfDiag::GetLogger().Debug("Unregistering Port Event Signal Sink; was ptr=<%p>.",
-                               static_cast<void*>(pSink_));
+    gMmfLogger.Debug("Unregistering Port Event Signal Sink; was ptr=<%p>.",
+                     static_cast<void*>(pSink_));
     pSink_ = nullptr;
     watchReadable_ = false;
     watchWritable_ = false;
@@ -75,9 +80,8 @@ void MmfPortEventManager::UnregisterPortEventSignalSink() {
 void MmfPortEventManager::WatchPortEvents(bool readable, bool writable, bool exception) {
     MMF_TRACE(this);
     MutexLocker lock(stateLock_);
-    MmfDiag::GetLogger().Debug(
-        "Watch requested on port states: readable=%d; writable=%d; exception=%d.", readable,
-        writable, exception);
+    gMmfLogger.Debug("Watch requested on port states: readable=%d; writable=%d; exception=%d.",
+                     readable, writable, exception);
     if (pSink_ == nullptr && (readable || writable || exception)) {
         MMF_THROW("Port event watch requested, but Signal Sink is not registered yet.");
     }
@@ -101,7 +105,7 @@ void MmfPortEventManager::GetPortState(bool* readable, bool* writable, bool* exc
     if (exception != nullptr) {
         *exception = e;
     }
-    MmfDiag::GetLogger().Debug("Port state was: readable=%d; writable=%d; exception=%d.", r, w, e);
+    gMmfLogger.Debug("Port state was: readable=%d; writable=%d; exception=%d.", r, w, e);
 }
 
 }  // namespace vok

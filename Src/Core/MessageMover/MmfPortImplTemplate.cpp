@@ -57,16 +57,16 @@ template <typename PortBase, typename HandleT>
 VokError_t MmfPortImplT<PortBase, HandleT>::WriteMessage(HandleT& msg,
                                                          MmMessageSerial_t* serialOut) {
     MMF_TRACE(this);
-    MmMessageName name;
-    msg.GetMessageName(&name);
-    if (name.protocolId == kLinkControlProtocolId) {
-        MmfDiag::GetLogger().Critical(
+    const uint32_t protocolId =
+        MmfMessageManager::GetHeaderFromBinding(msg.GetBinding()).GetProtocolId();
+    if (protocolId == kLinkControlProtocolId) {
+        gMmfLogger.Critical(
             "ERROR in %s: user <%s> attempted to write a message with internal protocolId=<%ld>.",
-            __func__, pIface_->GetName().c_str(), static_cast<long>(name.protocolId));
+            __func__, pIface_->GetName().c_str(), static_cast<long>(protocolId));
         MMF_THROW("Writing a user message with internal protocolId is not allowed.");
     }
     if (peerAddress_ != 0) {
-        msg.GetBinding().SetDestinationAddress(peerAddress_);
+        MmfMessageManager::GetHeaderFromBinding(msg.GetBinding()).SetDestAddress(peerAddress_);
     }
     MmfMessageTrackerT<HandleT>& tracker = pIface_->GetMessageTracker(msg);
     tracker.Untrack(msg);
@@ -93,9 +93,10 @@ VokError_t MmfPortImplT<PortBase, HandleT>::ReadMessage(HandleT* msg) {
         return result;
     }
     if (peerAddress_ != 0) {
-        const MmfPortAddress sender = incoming.GetSenderAddress();
+        const MmfPortAddress sender =
+            MmfMessageManager::GetHeaderFromBinding(incoming).GetSenderAddress();
         if (sender != peerAddress_) {
-            MmfDiag::GetLogger().Critical(
+            gMmfLogger.Critical(
                 "ERROR in %s: Connection message from wrong sender; expected sender "
                 "portAddr=<%ld>, but got <%ld>.",
                 __func__, static_cast<long>(peerAddress_), static_cast<long>(sender));
