@@ -2,25 +2,105 @@
 //
 //   vok-powerd [--log]
 //
-// Serves time/alarmAdd and time/alarmRemove until SIGINT or SIGTERM. With --log it prints one
-// line per request and per fired alarm on standard output. The bus is KELVRA_BUS_ADDRESS, else
-// DBUS_SESSION_BUS_ADDRESS, else the system bus.
-#include <glib-unix.h>
+// A daemon built on the framework: a shell hosting one blade that serves time/alarmAdd and
+// time/alarmRemove until SIGINT or SIGTERM. With --log it prints one line per request and per
+// fired alarm on standard output. The bus is KELVRA_BUS_ADDRESS, else DBUS_SESSION_BUS_ADDRESS,
+// else the system bus. Exits with 1 when it cannot serve (the name is taken, no bus).
 #include <glib.h>
 #include <kelvra/kelvra.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 
 #include "PowerService.h"
+#include "common/DaemonMain.h"
+#include "vok/MessageMoverInterface.h"
+#include "vok/MmConnectionPort.h"
+#include "vok/RdPortMonitor.h"
 #include "vok/RuntimeDispatcher.h"
+#include "vok/VokKvClient.h"
 
 namespace {
 
-gboolean StopOnSignal(gpointer dispatcher) {
-    static_cast<vok::RuntimeDispatcher*>(dispatcher)->RequestStop();
-    return G_SOURCE_CONTINUE;
-}
+using namespace vok;
+
+std::atomic<bool> gFailed(false);
+
+// The blade: a bus handle owning com.orvex.power on the blade's dispatcher, the service on it,
+// and the control port watched for the stop event.
+class PowerBlade : public ServiceBlade {
+  public:
+    PowerBlade(VokShell** shell, bool log) : shell_(shell), log_(log) {}
+
+    void Run(ServiceBladeEnvironment* env) override {
+        GMainContext* context = g_main_context_new();
+        {
+            GlibRuntimeDispatcher dispatcher(context);
+            MmConnectionPort* control = env->GetControlPort();
+            RdPortMonitor monitor(*control, dispatcher, [&](bool, bool, bool) {
+                MmConnectionMessageHandle msg;
+                while (control->ReadMessage(&msg) == kVokErrNone) {
+                    env->GetMmInterface()->FreeMessage(msg);
+                    dispatcher.RequestStop();  // the only message the shell sends: stop
+                }
+            });
+            monitor.SetEventMask(true, false, false);
+            Serve(dispatcher, context);
+        }
+        g_main_context_unref(context);
+    }
+
+  private:
+    void Serve(RuntimeDispatcher& dispatcher, GMainContext* context) {
+        KVHandle* handle = nullptr;
+        KVError error;
+        KVErrorInit(&error);
+        if (!KVRegister("com.orvex.power", &handle, &error)) {
+            Fail(error);
+            return;
+        }
+        {
+            powerd::PowerService service(dispatcher, handle, log_ ? stdout : nullptr);
+            if (!service.RegisterMethods(&error) || !KVGmainAttach(handle, context, &error)) {
+                Fail(error);
+            } else {
+                if (log_) {
+                    std::printf("ready clock=%s\n", service.ClockName());
+                    std::fflush(stdout);
+                }
+                dispatcher.Run();
+            }
+        }
+        KVUnregister(handle, nullptr);
+        KVErrorFree(&error);
+    }
+
+    void Fail(KVError& error) {
+        std::fprintf(stderr, "vok-powerd: cannot serve com.orvex.power: %s\n",
+                     error.message != nullptr ? error.message : "bus error");
+        KVErrorFree(&error);
+        gFailed = true;
+        (*shell_)->RequestStop();
+    }
+
+    VokShell** shell_;
+    bool log_;
+};
+
+class PowerBladeLoader : public VokBladeLoaderInterface {
+  public:
+    PowerBladeLoader(VokShell** shell, bool log) : blade_(shell, log) {}
+    const std::string& GetBladeName() const override { return name_; }
+    int32_t GetStartMode() const override { return kBladeStartModeAuto; }
+    void LoadBlade(const VokShellDaemonInfo&) override {}
+    void UnloadBlade() override {}
+    ServiceBlade* GetServiceBlade() override { return &blade_; }
+
+  private:
+    const std::string name_ = "power";
+    PowerBlade blade_;
+};
 
 }  // namespace
 
@@ -34,43 +114,10 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
-    GMainContext* context = g_main_context_new();
-    int status = 0;
-    {
-        vok::GlibRuntimeDispatcher dispatcher(context);
-        KVHandle* handle = nullptr;
-        KVError error;
-        KVErrorInit(&error);
-        if (!KVRegister("com.orvex.power", &handle, &error)) {
-            std::fprintf(stderr, "vok-powerd: cannot register com.orvex.power: %s\n",
-                         error.message != nullptr ? error.message : "");
-            KVErrorFree(&error);
-            g_main_context_unref(context);
-            return 1;
-        }
-        {
-            vok::powerd::PowerService service(dispatcher, handle, log ? stdout : nullptr);
-            if (!service.RegisterMethods(&error) || !KVGmainAttach(handle, context, &error)) {
-                std::fprintf(stderr, "vok-powerd: %s\n",
-                             error.message != nullptr ? error.message : "bus error");
-                status = 1;
-            } else {
-                for (int signal : {SIGINT, SIGTERM}) {
-                    GSource* source = g_unix_signal_source_new(signal);
-                    g_source_set_callback(source, &StopOnSignal, &dispatcher, nullptr);
-                    g_source_attach(source, context);
-                    g_source_unref(source);
-                }
-                if (log) {
-                    std::printf("ready clock=%s\n", service.ClockName());
-                    std::fflush(stdout);
-                }
-                dispatcher.Run();
-            }
-        }
-        KVUnregister(handle, nullptr);
-        KVErrorFree(&error);
-    }
-    g_main_context_unref(context);
-    return status;
+    VokShell* shell = nullptr;
+    PowerBladeLoader loader(&shell, log);
+    vok::apps::RunDaemon(
+        VokShellDaemonInfo("vok-powerd", ""), {&loader}, [&](VokShell& built) { shell = &built; },
+        nullptr);
+    return gFailed ? 1 : 0;
 }

@@ -1,0 +1,76 @@
+#!/bin/bash
+# make demo: a private bus, vok-powerd and vok-demo, run for DEMO_SECONDS (default 10) and stopped
+# with SIGTERM. Half way through, vok-powerd is stopped so that the alarms move to their fallback
+# timer. Every process started here is gone when the script ends, however it ends.
+# Usage: demo.sh BUILD_DIR
+set -euo pipefail
+build=$1
+seconds=${DEMO_SECONDS:-10}
+work=$(mktemp -d)
+pids=()
+
+cleanup() {
+    for pid in "${pids[@]}"; do
+        kill -TERM "$pid" 2>/dev/null || true
+    done
+    for pid in "${pids[@]}"; do
+        wait "$pid" 2>/dev/null || true
+    done
+    rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+say() { printf '\n=== %s\n' "$*"; }
+
+cat >"$work/bus.conf" <<CONF
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:dir=$work</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+CONF
+
+say "starting a private D-Bus daemon (the machine's buses are not touched)"
+# --fork returns once the daemon listens; it writes its address and pid first.
+dbus-daemon --config-file="$work/bus.conf" --fork --print-address=3 --print-pid=4 \
+    3>"$work/address" 4>"$work/pid" 2>/dev/null
+read -r address <"$work/address"
+read -r buspid <"$work/pid"
+pids+=("$buspid")
+export KELVRA_BUS_ADDRESS=$address
+echo "bus address: $address"
+
+say "starting vok-powerd (com.orvex.power), logging each request"
+"$build/apps/vok-powerd/vok-powerd" --log > >(sed -u 's/^/[powerd] /') &
+powerd=$!
+pids+=("$powerd")
+
+say "starting vok-demo for $seconds s: blades echo, client, alarm and bus"
+"$build/apps/vok-demo/vok-demo" &
+demo=$!
+pids+=("$demo")
+
+half=$((seconds / 2))
+sleep "$half"
+say "stopping vok-powerd: alarms move to their fallback timer"
+kill -TERM "$powerd"
+wait "$powerd" || true
+
+sleep $((seconds - half))
+say "stopping vok-demo with SIGTERM"
+kill -TERM "$demo"
+status=0
+wait "$demo" || status=$?
+if [ "$status" -ne 0 ]; then
+    echo "vok-demo exited with status $status" >&2
+    exit "$status"
+fi
+say "done: every process started by the demo has ended"
