@@ -22,10 +22,6 @@ long gAllocations = 0;
 long gBytes = 0;
 long gChunkBytes = 0;
 
-__attribute__((constructor)) void FindRealMutexLock() {
-    gRealMutexLock = reinterpret_cast<MutexLockFunction>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
-}
-
 struct Counts {
     long locks;
     long allocations;
@@ -83,7 +79,13 @@ BENCHMARK(BM_BytesPerQueuedMessage)->Iterations(1);
 
 }  // namespace
 
+// Libraries lock mutexes while they are loaded, before this program's own initialisation, so
+// the real function is looked up at the first call.
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) {
+    if (gRealMutexLock == nullptr) {
+        gRealMutexLock =
+            reinterpret_cast<MutexLockFunction>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+    }
     if (gCounting) {
         ++gLocks;
     }

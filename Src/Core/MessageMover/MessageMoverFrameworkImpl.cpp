@@ -52,9 +52,8 @@ void MessageMoverFrameworkImpl::DiscardInterface(MessageMoverInterface* iface) {
     if (iface == nullptr) {
         MMF_THROW("Null arg.");
     }
-    MmfMessageMoverInterfaceImpl* impl = static_cast<MmfMessageMoverInterfaceImpl*>(iface);
-    ifaceTracker_.Untrack(impl);
-    delete impl;
+    ifaceTracker_.Untrack(iface);  // Before anything follows the pointer.
+    delete static_cast<MmfMessageMoverInterfaceImpl*>(iface);
 }
 
 void MessageMoverFrameworkImpl::ShutDown() {

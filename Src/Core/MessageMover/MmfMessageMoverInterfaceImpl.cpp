@@ -85,7 +85,7 @@ MmConnectionPort* MmfMessageMoverInterfaceImpl::CreateConnectedPair(
 
 void MmfMessageMoverInterfaceImpl::DiscardConnectionPort(MmConnectionPort* port) {
     MMF_TRACE(this);
-    connPortTracker_.Untrack(static_cast<MmfConnectionPortImpl*>(port));
+    connPortTracker_.Untrack(port);  // Before anything follows the pointer.
     pConnMgr_->DiscardConnectionPort(port);
 }
 
@@ -110,7 +110,7 @@ MmCommandPort* MmfMessageMoverInterfaceImpl::CreateCommandPort_Helper(
 
 void MmfMessageMoverInterfaceImpl::DiscardCommandPort(MmCommandPort* port) {
     MMF_TRACE(this);
-    cmdPortTracker_.Untrack(static_cast<MmfCommandPortImpl*>(port));
+    cmdPortTracker_.Untrack(port);  // Before anything follows the pointer.
     pConnMgr_->DiscardCommandPort(port);
 }
 

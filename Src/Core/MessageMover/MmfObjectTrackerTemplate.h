@@ -3,6 +3,7 @@
 #ifndef VOK_SRC_CORE_MESSAGEMOVER_MMFOBJECTTRACKERTEMPLATE_H
 #define VOK_SRC_CORE_MESSAGEMOVER_MMFOBJECTTRACKERTEMPLATE_H
 
+#include <functional>
 #include <set>
 #include <string>
 
@@ -36,13 +37,16 @@ class MmfObjectTrackerT {
     }
 
     // Logs a critical line and throws when obj is not tracked (never handed out, or given back
-    // already).
-    void Untrack(const T_* obj) {
+    // already). obj may point at T_ or at a base of T_; it is only compared, never followed, so
+    // a pointer to an object destroyed already is refused safely.
+    template <typename P>
+    void Untrack(const P* obj) {
         MMF_TRACE(this);
         MutexLocker lock(mutex_);
         gMmfLogger.Debug("Untracking obj %s ptr=<%p>.", kindName_.c_str(),
                          static_cast<const void*>(obj));
-        if (tracked_.erase(obj) != 1) {
+        const typename TrackedSet::iterator it = tracked_.find(obj);
+        if (it == tracked_.end()) {
             gMmfLogger.Critical(
                 "%s obj not in tracked set; ptr=<%p> - probably attempting to free an invalid or "
                 "previously-freed object.",
@@ -51,12 +55,13 @@ class MmfObjectTrackerT {
                 "set::erase failed; obj not in tracked set;probably attempting to free an invalid "
                 "or previously-freed object.");
         }
+        tracked_.erase(it);
     }
 
     // One warning line per tracked object, in pointer order, then a summary; nothing when empty.
     void ReportLeaks() {
         MMF_TRACE(this);
-        std::set<const T_*> leaked;
+        TrackedSet leaked;
         {
             MutexLocker lock(mutex_);
             leaked = tracked_;
@@ -74,11 +79,27 @@ class MmfObjectTrackerT {
     }
 
   private:
+    // Orders tracked objects by address and finds them by a pointer to one of their bases: the
+    // tracked (live) object is converted to the base, the searched pointer is left alone.
+    struct ByAddress {
+        typedef void is_transparent;
+        bool operator()(const T_* a, const T_* b) const { return std::less<const T_*>()(a, b); }
+        template <typename P>
+        bool operator()(const T_* a, const P* b) const {
+            return std::less<const P*>()(a, b);
+        }
+        template <typename P>
+        bool operator()(const P* a, const T_* b) const {
+            return std::less<const P*>()(a, b);
+        }
+    };
+    typedef std::set<const T_*, ByAddress> TrackedSet;
+
     const std::string containerName_;
     const std::string kindName_;
     const InfoFunction info_;
     Mutex mutex_;  // Protects tracked_.
-    std::set<const T_*> tracked_;
+    TrackedSet tracked_;
 };
 
 }  // namespace vok
