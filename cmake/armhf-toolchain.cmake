@@ -11,6 +11,8 @@ endif()
 if(NOT VOK_ARMHF_SYSROOT)
   message(FATAL_ERROR "VOK_ARMHF_SYSROOT is not set")
 endif()
+# Compiler checks run in nested projects that must see the sysroot too.
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES VOK_ARMHF_SYSROOT)
 set(CMAKE_SYSROOT "${VOK_ARMHF_SYSROOT}")
 set(CMAKE_FIND_ROOT_PATH "${VOK_ARMHF_SYSROOT}")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

@@ -1,0 +1,189 @@
+// Diagnostic registers: sharing, watermarks, lifetime, pruning, group queries and path rules.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "Src/Utils/DiagnosticRegisterImpl.h"
+#include "support/LogCapture.h"
+#include "vok/DiagnosticRegister.h"
+#include "vok/VokError.h"
+
+namespace vok {
+namespace {
+
+typedef DiagnosticRegisterCounter::CounterInfo Info;
+
+Info QueryOrFail(const std::string& path) {
+    Info info{};
+    EXPECT_TRUE(DiagnosticRegisterCounter::Query(path, &info)) << path;
+    return info;
+}
+
+class DiagnosticRegisterTest : public ::testing::Test {
+protected:
+    // Every test starts from a table without unreferenced registers.
+    void TearDown() override { DiagRegPruneAtAndBelow(100); }
+};
+
+TEST_F(DiagnosticRegisterTest, SecondHandleSharesTheRegisterAndKeepsItsValue) {
+    DiagnosticRegisterCounter a("root.a", 5);
+    DiagnosticRegisterCounter b("root.a", 9);
+    EXPECT_EQ(5, b.Get(nullptr));
+    a.Inc();
+    EXPECT_EQ(6, b.Get(nullptr));
+    DiagnosticRegisterCounter copy(b);
+    copy.Adjust(10);
+    EXPECT_EQ(16, a.Get(nullptr));
+}
+
+TEST_F(DiagnosticRegisterTest, WatermarksFollowEveryChangeAndResetSetsAllThree) {
+    DiagnosticRegisterCounter c("root.marks", 0);
+    c.Inc();
+    c.Inc();
+    EXPECT_EQ(3, c.Inc());
+    c.Adjust(-3);
+    EXPECT_EQ(-1, c.Dec());
+    Info info{};
+    EXPECT_EQ(-1, c.Get(&info));
+    EXPECT_EQ(-1, info.value);
+    EXPECT_EQ(-1, info.low);
+    EXPECT_EQ(3, info.high);
+    c.Set(100);
+    EXPECT_EQ(100, QueryOrFail("root.marks").high);
+    c.Reset(7);
+    info = QueryOrFail("root.marks");
+    EXPECT_EQ(7, info.value);
+    EXPECT_EQ(7, info.low);
+    EXPECT_EQ(7, info.high);
+}
+
+TEST_F(DiagnosticRegisterTest, RegisterOutlivesHandlesUntilPrunedAtItsLongevity) {
+    {
+        DiagnosticRegisterCounter shortLived("root.life.short", 1);
+        DiagnosticRegisterCounter longLived("root.life.long", 2);
+        DiagnosticRegisterString text("root.life.text", "hello");
+        longLived.SetLongevity(kDiagRegLongevityLong);
+    }
+    EXPECT_EQ(1, QueryOrFail("root.life.short").value);
+    std::string value;
+    EXPECT_TRUE(DiagnosticRegisterString::Query("root.life.text", &value));
+    EXPECT_EQ("hello", value);
+
+    DiagnosticRegisterCounter held("root.life.held", 3);
+    DiagRegPruneAtAndBelow(kDiagRegLongevityDefault);
+    Info info{};
+    EXPECT_FALSE(DiagnosticRegisterCounter::Query("root.life.short", &info));
+    EXPECT_FALSE(DiagnosticRegisterString::Query("root.life.text", &value));
+    EXPECT_EQ(2, QueryOrFail("root.life.long").value);
+    // A register still held survives any prune.
+    DiagRegPruneAtAndBelow(1000);
+    EXPECT_EQ(3, QueryOrFail("root.life.held").value);
+    EXPECT_FALSE(DiagnosticRegisterCounter::Query("root.life.long", &info));
+    // A new handle at a pruned path starts afresh.
+    DiagnosticRegisterCounter again("root.life.short", 40);
+    EXPECT_EQ(40, again.Get(nullptr));
+}
+
+TEST_F(DiagnosticRegisterTest, GroupQueryReturnsPrefixMatchesInPathOrderOrNull) {
+    DiagnosticRegisterCounter c("root.grp.c", 3);
+    DiagnosticRegisterCounter a("root.grp.a", 1);
+    DiagnosticRegisterCounter b("root.grpX", 2);  // plain character prefix, not path component
+    DiagnosticRegisterCounter other("root.other", 9);
+    std::unique_ptr<DiagnosticRegisterCounter::Group> group(
+        DiagnosticRegisterCounter::QueryGroup("root.grp"));
+    ASSERT_NE(nullptr, group);
+    ASSERT_EQ(3u, group->size());
+    EXPECT_EQ("root.grp.a", (*group)[0].first);
+    EXPECT_EQ(1, (*group)[0].second.value);
+    EXPECT_EQ("root.grp.c", (*group)[1].first);
+    EXPECT_EQ("root.grpX", (*group)[2].first);
+    EXPECT_EQ(nullptr, DiagnosticRegisterCounter::QueryGroup("root.nothing"));
+
+    DiagnosticRegisterString s2("root.sg.2", "two");
+    DiagnosticRegisterString s1("root.sg.1", "one");
+    std::unique_ptr<DiagnosticRegisterString::Group> strings(
+        DiagnosticRegisterString::QueryGroup("root.sg."));
+    ASSERT_NE(nullptr, strings);
+    ASSERT_EQ(2u, strings->size());
+    EXPECT_EQ("one", (*strings)[0].second);
+    EXPECT_EQ(nullptr, DiagnosticRegisterString::QueryGroup("root.grp"));
+}
+
+TEST_F(DiagnosticRegisterTest, PathWithoutRootPrefixIsRejectedAndNothingIsCreated) {
+    try {
+        DiagnosticRegisterCounter bad("vok.x", 1);
+        FAIL() << "no exception";
+    } catch (const VokProgramErrorException& e) {
+        EXPECT_EQ(kVokErrBadArg, e.GetErr());
+        EXPECT_THAT(e.what(),
+                    ::testing::MatchesRegex(
+                        "validateRegisterPath:Src/Utils/DiagnosticRegisterImpl:[0-9]+:"
+                        "diagReg path begins with invalid prefix\\. Expected <root\\.>, but actual "
+                        "path is: <vok\\.x>"));
+    }
+    EXPECT_THROW(DiagnosticRegisterString("root", "v"), VokProgramErrorException);
+    Info info{};
+    EXPECT_FALSE(DiagnosticRegisterCounter::Query("vok.x", &info));
+    EXPECT_EQ(nullptr, DiagnosticRegisterCounter::QueryGroup("vok."));
+}
+
+TEST_F(DiagnosticRegisterTest, NullOutputArgumentsAreBadArguments) {
+    try {
+        DiagnosticRegisterCounter::Query("root.a", nullptr);
+        FAIL() << "no exception";
+    } catch (const VokProgramErrorException& e) {
+        EXPECT_EQ(kVokErrBadArg, e.GetErr());
+        EXPECT_THAT(e.what(), ::testing::EndsWith(":NULL arg"));
+    }
+    EXPECT_THROW(DiagnosticRegisterString::Query("root.a", nullptr), VokProgramErrorException);
+}
+
+TEST_F(DiagnosticRegisterTest, SwapExchangesRegisters) {
+    DiagnosticRegisterCounter x("root.swap.x", 1);
+    DiagnosticRegisterCounter y("root.swap.y", 2);
+    x.Swap(&y);
+    EXPECT_EQ(2, x.Get(nullptr));
+    x.Inc();
+    EXPECT_EQ(3, QueryOrFail("root.swap.y").value);
+}
+
+TEST_F(DiagnosticRegisterTest, ConcurrentPublishersAndQueriesLoseNoUpdate) {
+    test::Watchdog watchdog;
+    const int kThreads = 4;
+    const int kIncrements = 20000;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t]() {
+            // Each thread makes its own handle (creation races too) and queries the group.
+            DiagnosticRegisterCounter c("root.mt.count", 0);
+            for (int i = 0; i < kIncrements; ++i) {
+                c.Inc();
+                if (i % 1000 == 0) {
+                    delete DiagnosticRegisterCounter::QueryGroup("root.mt.");
+                    DiagnosticRegisterCounter extra("root.mt.t" + std::to_string(t), i);
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(kThreads * kIncrements, QueryOrFail("root.mt.count").value);
+}
+
+TEST(DiagnosticRegisterTableDeathTest, UnrefBelowZeroIsAnAssertion) {
+    EXPECT_DEATH(
+        {
+            DiagnosticRegisterCounterMaster* m =
+                DiagnosticRegisterTable::GetInstance().GetCounterMaster("root.unref", 0);
+            m->Unref();
+            m->Unref();
+        },
+        "m_refCount >= 0");
+}
+
+}  // namespace
+}  // namespace vok
