@@ -42,7 +42,10 @@ typedef struct KVInboxItem {
 
 /* Shared by the handle and the connection filter; freed when both have let go. */
 typedef struct KVInbox {
-    gint refCount;               /* atomic */
+    gint refCount; /* atomic */
+    /* Set (atomically) once the inbox is built. The filter reaches the inbox through GDBus, whose
+     * locking ThreadSanitizer cannot see; reading this flag first makes the hand-over visible. */
+    gint ready;
     pthread_mutex_t lock;        /* Protects every member below. */
     GHashTable* pendingBySerial; /* guint32 serial -> KVPending*, replies we await */
     GQueue items;                /* KVInboxItem*, oldest first */
