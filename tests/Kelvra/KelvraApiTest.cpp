@@ -294,6 +294,40 @@ TEST_F(KelvraServiceTest, ReplyFunctionsMayEndTheirCallOrTheHandle) {
     EXPECT_TRUE(afterwards.replies.empty());
 }
 
+// The bus going away ends open calls and subscriptions on both sides instead of leaving them
+// waiting; later calls fail at once.
+TEST_F(KelvraServiceTest, LosingTheBusEndsWhatIsOpen) {
+    PrivateBus bus;
+    setenv("KELVRA_BUS_ADDRESS", bus.Start().c_str(), 1);
+    {
+        Handle service(context_, "com.orvex.lost");
+        Handle client(context_);
+        setenv("KELVRA_BUS_ADDRESS", TestBusAddress().c_str(), 1);
+        ASSERT_TRUE(KVRegisterMethod(service.get(), "a/keep", Keep, this, nullptr));
+        ReplyLog status;
+        ReplyLog stream;
+        ASSERT_TRUE(client.Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
+                                "{\"serviceName\":\"com.orvex.lost\"}", &status));
+        ASSERT_TRUE(client.Call("kelvra://com.orvex.lost/a/keep", "{}", &stream));
+        ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 1 && status.replies.size() == 1; }));
+        ASSERT_TRUE(status.replies[0].Bool("connected"));
+        ASSERT_TRUE(KVSubscriptionAdd(service.get(), requests_[0], Cancelled, this, nullptr));
+
+        bus.Stop();
+        ASSERT_TRUE(WaitFor([&]() {
+            return cancels_ == 1 && stream.replies.size() == 1 && status.replies.size() == 2;
+        }));
+        EXPECT_TRUE(stream.replies[0].last);
+        EXPECT_EQ(KV_ERROR_BUS, stream.replies[0].Number("errorCode"));
+        EXPECT_FALSE(status.replies[1].Bool("connected"));
+        EXPECT_FALSE(status.replies[1].last);
+        EXPECT_FALSE(client.Call("kelvra://com.orvex.lost/a/keep", "{}", &stream, error_.get()));
+        EXPECT_EQ(KV_ERROR_BUS, error_.Take());
+        EXPECT_FALSE(KVReply(service.get(), requests_[0], "{}", error_.get()));
+        EXPECT_EQ(KV_ERROR_CLOSED, error_.Take());
+    }
+}
+
 }  // namespace
 }  // namespace test
 }  // namespace vok
