@@ -197,6 +197,29 @@ void KvClientOnOwnerChanged(KVHandle* handle, const char* name, const char* oldO
     g_array_free(tokens, TRUE);
 }
 
+void KvClientOnBusLost(KVHandle* handle) {
+    GArray* tokens = g_array_new(FALSE, FALSE, sizeof(KVMessageToken));
+    GHashTableIter iter;
+    gpointer value;
+    g_hash_table_iter_init(&iter, handle->calls);
+    while (g_hash_table_iter_next(&iter, NULL, &value)) {
+        g_array_append_val(tokens, ((KVCallRecord*)value)->token);
+    }
+    /* Remote calls end; status calls report every service gone and stay until cancelled. */
+    for (guint i = 0; i < tokens->len && !handle->unregistered; ++i) {
+        KVCallRecord* call = FindCall(handle, g_array_index(tokens, KVMessageToken, i));
+        if (call == NULL) {
+            continue;
+        }
+        if (call->kind == KV_CALL_REMOTE) {
+            DeliverError(handle, call, KV_ERROR_BUS, "The connection to the bus was lost");
+        } else if (!call->statusSent || call->connected) {
+            SendStatus(handle, call, FALSE);
+        }
+    }
+    g_array_free(tokens, TRUE);
+}
+
 /* registerServerStatus: {"serviceName": NAME}. */
 static gboolean StartStatusCall(KVHandle* handle, const char* payload, KVReplyFunc func,
                                 void* userData, KVMessageToken* token, KVError* error) {
@@ -276,8 +299,8 @@ bool KVCall(KVHandle* handle, const char* uri, const char* payload, KVReplyFunc 
         return false;
     }
     gboolean ok = FALSE;
-    if (handle->unregistered) {
-        KvErrorSet(error, KV_ERROR_BUS, "The handle is unregistered");
+    if (handle->unregistered || handle->busLost) {
+        KvErrorSet(error, KV_ERROR_BUS, "The handle is unregistered or lost its bus connection");
     } else if (handle->source == NULL) {
         KvErrorSet(error, KV_ERROR_NOT_ATTACHED, "The handle is not attached to a context");
     } else {

@@ -62,6 +62,7 @@ static KVInbox* InboxNew(void) {
     inbox->pendingBySerial =
         g_hash_table_new_full(g_direct_hash, g_direct_equal, NULL, (GDestroyNotify)KvPendingFree);
     g_queue_init(&inbox->items);
+    g_atomic_int_set(&inbox->ready, 1);
     return inbox;
 }
 
@@ -76,6 +77,10 @@ static void InboxUnref(gpointer data) {
     if (!g_atomic_int_dec_and_test(&inbox->refCount)) {
         return;
     }
+    /* GDBus guarantees that no filter runs any more; taking the lock once shows it to
+     * ThreadSanitizer as well. */
+    pthread_mutex_lock(&inbox->lock);
+    pthread_mutex_unlock(&inbox->lock);
     g_queue_clear_full(&inbox->items, (GDestroyNotify)InboxItemFree);
     g_hash_table_destroy(inbox->pendingBySerial);
     if (inbox->source != NULL) {
@@ -104,7 +109,7 @@ static GDBusMessage* ConnectionFilter(GDBusConnection* connection, GDBusMessage*
                                       gboolean incoming, gpointer data) {
     (void)connection;
     KVInbox* inbox = data;
-    if (!incoming) {
+    if (!incoming || !g_atomic_int_get(&inbox->ready)) {
         return message;
     }
     const char* interface = g_dbus_message_get_interface(message);
@@ -216,12 +221,53 @@ static void ProcessItem(KVHandle* handle, KVInboxItem* item) {
     }
 }
 
+/* Runs on the attached context's thread, from the connection's context (see below). */
+static void OnConnectionClosed(GDBusConnection* connection, gboolean remotePeerVanished,
+                               GError* gerror, gpointer data) {
+    (void)connection;
+    (void)remotePeerVanished;
+    (void)gerror;
+    KVHandle* handle = data;
+    if (handle->unregistered || handle->busLost) {
+        return;
+    }
+    handle->busLost = TRUE;
+    KvClientOnBusLost(handle);
+    if (!handle->unregistered) {
+        KvServiceOnBusLost(handle);
+    }
+}
+
+/* The connection's context has no thread of its own: the handle's source polls its wake-up
+ * descriptor (the only one it has) and runs it when GDBus queues something there. */
+static void WatchConnectionContext(KVHandle* handle) {
+    GMainContext* context = handle->connectionContext;
+    if (!g_main_context_acquire(context)) {
+        return;
+    }
+    gint priority = 0;
+    gint timeout = 0;
+    GPollFD fds[1];
+    g_main_context_prepare(context, &priority);
+    gint count = g_main_context_query(context, G_MAXINT, &timeout, fds, G_N_ELEMENTS(fds));
+    g_main_context_release(context);
+    if (count >= 1) {
+        handle->connectionContextTag = g_source_add_unix_fd(handle->source, fds[0].fd, G_IO_IN);
+    }
+}
+
 static gboolean SourceDispatch(GSource* source, GSourceFunc callback, gpointer data) {
     (void)callback;
     (void)data;
     KVHandle* handle = ((KVSource*)source)->handle;
     g_source_set_ready_time(source, -1);
     KvHandleRef(handle);
+    if (handle->connectionContextTag != NULL &&
+        g_source_query_unix_fd(source, handle->connectionContextTag) != 0) {
+        while (!handle->unregistered &&
+               g_main_context_iteration(handle->connectionContext, FALSE)) {
+        }
+    }
     GQueue batch = G_QUEUE_INIT;
     pthread_mutex_lock(&handle->inbox->lock);
     batch = handle->inbox->items;
@@ -323,6 +369,7 @@ static void CloseConnection(KVHandle* handle) {
      * connection: run it so that the connection can be freed. */
     while (g_main_context_iteration(handle->connectionContext, FALSE)) {
     }
+    g_signal_handler_disconnect(handle->connection, handle->closedHandler);
 }
 
 static void TokenFree(gpointer token) {
@@ -339,7 +386,10 @@ bool KVRegister(const char* serviceName, KVHandle** handleOut, KVError* error) {
         KvErrorSet(error, KV_ERROR_INVALID_ARGUMENT, "Invalid service name \"%s\"", serviceName);
         return false;
     }
-    GMainContext* connectionContext = g_main_context_new();
+    /* Ownerless polling: GDBus signals the context's wake-up whenever it queues something, even
+     * though no thread owns the context. */
+    GMainContext* connectionContext =
+        g_main_context_new_with_flags(G_MAIN_CONTEXT_FLAGS_OWNERLESS_POLLING);
     GDBusConnection* connection = Connect(connectionContext, error);
     if (connection == NULL) {
         g_main_context_unref(connectionContext);
@@ -357,6 +407,8 @@ bool KVRegister(const char* serviceName, KVHandle** handleOut, KVError* error) {
     handle->methods = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free);
     handle->requests = g_hash_table_new(g_str_hash, g_str_equal);
     g_queue_init(&handle->localItems);
+    handle->closedHandler =
+        g_signal_connect(connection, "closed", G_CALLBACK(OnConnectionClosed), handle);
     /* The filter is in place before the name is owned, so that no request escapes it. */
     g_atomic_int_inc(&handle->inbox->refCount);
     handle->filterId =
@@ -384,6 +436,7 @@ bool KVGmainAttach(KVHandle* handle, GMainContext* context, KVError* error) {
     ((KVSource*)source)->handle = handle;
     g_source_set_static_name(source, "kelvra");
     handle->source = source;
+    WatchConnectionContext(handle);
     g_source_attach(source, handle->context);
     pthread_mutex_lock(&handle->inbox->lock);
     handle->inbox->source = g_source_ref(source);

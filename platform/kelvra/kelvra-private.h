@@ -42,7 +42,10 @@ typedef struct KVInboxItem {
 
 /* Shared by the handle and the connection filter; freed when both have let go. */
 typedef struct KVInbox {
-    gint refCount;               /* atomic */
+    gint refCount; /* atomic */
+    /* Set (atomically) once the inbox is built. The filter reaches the inbox through GDBus, whose
+     * locking ThreadSanitizer cannot see; reading this flag first makes the hand-over visible. */
+    gint ready;
     pthread_mutex_t lock;        /* Protects every member below. */
     GHashTable* pendingBySerial; /* guint32 serial -> KVPending*, replies we await */
     GQueue items;                /* KVInboxItem*, oldest first */
@@ -114,14 +117,18 @@ struct KVHandle {
     int refCount;      /* the user's, one per message, one per running dispatch */
     char* serviceName; /* NULL for an anonymous client */
     GDBusConnection* connection;
-    /* GDBus queues the connection's own notifications on the context current when it was made;
-     * this private one is released after the connection, which frees what is queued there. */
+    /* GDBus queues the connection's own notifications ("closed" when the bus goes away) on the
+     * context current when it was made: this private one, polled from the handle's source once
+     * attached, and released after the connection, which frees what is queued there. */
     GMainContext* connectionContext;
+    gulong closedHandler;
+    gpointer connectionContextTag; /* the source's watch of connectionContext's wake-up */
     guint filterId;
     KVInbox* inbox;
     GMainContext* context; /* attached, a reference; NULL before */
     GSource* source;
     gboolean unregistered;
+    gboolean busLost; /* the connection closed under the handle */
     KVMessageToken lastToken;
     GHashTable* calls;    /* KVMessageToken* -> KVCallRecord*, open client calls */
     GHashTable* watches;  /* name -> KVWatch* */
@@ -145,6 +152,10 @@ void KvScheduleDispatch(KVHandle* handle);
 /* {"returnValue":false,"errorCode":code,"errorText":text}, to be g_free'd. */
 char* KvErrorPayload(int code, const char* text);
 KVMessage* KvMessageNew(KVHandle* handle, KVMessageKind kind, char* payload);
+
+/* kelvra-client.c, kelvra-service.c: the connection closed under the handle. */
+void KvClientOnBusLost(KVHandle* handle);
+void KvServiceOnBusLost(KVHandle* handle);
 
 /* kelvra-uri.c */
 /* Splits uri into service, object path and member (to be g_free'd); false when malformed. */
@@ -175,6 +186,7 @@ void KvCallRecordFree(KVCallRecord* call);
 /* kelvra-service.c */
 void KvServiceOnCall(KVHandle* handle, GDBusMessage* call);
 void KvServiceOnCancel(KVHandle* handle, GDBusMessage* call);
+/* Closes the open requests of sender (NULL: of every client). */
 void KvServiceOnClientGone(KVHandle* handle, const char* sender);
 /* Closes every open request when the handle goes. */
 void KvServiceShutdown(KVHandle* handle);

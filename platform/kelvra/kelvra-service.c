@@ -240,7 +240,7 @@ void KvServiceOnCancel(KVHandle* handle, GDBusMessage* call) {
     }
 }
 
-/* Every open request, each with a reference of the caller's. */
+/* Every open request (of sender, or of anybody), each with a reference of the caller's. */
 static GPtrArray* TakeRequests(KVHandle* handle, const char* sender) {
     GPtrArray* requests = g_ptr_array_new();
     GHashTableIter iter;
@@ -264,6 +264,10 @@ void KvServiceOnClientGone(KVHandle* handle, const char* sender) {
         KVMessageUnref(requests->pdata[i]);
     }
     g_ptr_array_free(requests, TRUE);
+}
+
+void KvServiceOnBusLost(KVHandle* handle) {
+    KvServiceOnClientGone(handle, NULL);
 }
 
 void KvServiceShutdown(KVHandle* handle) {

@@ -26,6 +26,11 @@ class ErrorCheck {
         KVErrorFree(&error_);
         return code;
     }
+    // Expects a call's result to be a failure with code.
+    void Failed(bool result, int code, const char* what = "") {
+        EXPECT_FALSE(result) << what;
+        EXPECT_EQ(code, Take()) << what;
+    }
 
   private:
     KVError error_;
@@ -51,31 +56,25 @@ TEST(KelvraApiTest, BadInputFailsWithAnError) {
     Watchdog watchdog;
     ErrorCheck error;
     KVHandle* handle = nullptr;
-    EXPECT_FALSE(KVRegister(nullptr, nullptr, error.get()));
-    EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error.Take());
+    error.Failed(KVRegister(nullptr, nullptr, error.get()), KV_ERROR_INVALID_ARGUMENT);
     for (const char* name : {"", "nodots", "com..orvex", ":1.7", "com.orvex/x", "1com.orvex"}) {
-        EXPECT_FALSE(KVRegister(name, &handle, error.get())) << name;
-        EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error.Take()) << name;
+        error.Failed(KVRegister(name, &handle, error.get()), KV_ERROR_INVALID_ARGUMENT, name);
     }
-    EXPECT_FALSE(KVGmainAttach(nullptr, nullptr, error.get()));
-    EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error.Take());
-    EXPECT_FALSE(KVCallCancel(nullptr, 1, error.get()));
-    EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error.Take());
-    EXPECT_FALSE(KVUnregister(nullptr, error.get()));
-    EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error.Take());
+    error.Failed(KVGmainAttach(nullptr, nullptr, error.get()), KV_ERROR_INVALID_ARGUMENT);
+    error.Failed(KVCallCancel(nullptr, 1, error.get()), KV_ERROR_INVALID_ARGUMENT);
+    error.Failed(KVUnregister(nullptr, error.get()), KV_ERROR_INVALID_ARGUMENT);
     EXPECT_EQ(nullptr, KVMessageGetPayload(nullptr));
 
     // A handle that is not attached yet accepts no calls.
     ASSERT_TRUE(KVRegister(nullptr, &handle, error.get()));
     KVMessageToken token = 99;
-    EXPECT_FALSE(KVCall(handle, "kelvra://com.orvex.x/a/b", "{}", ReplyLog::Func, nullptr, &token,
-                        error.get()));
-    EXPECT_EQ(KV_ERROR_NOT_ATTACHED, error.Take());
+    error.Failed(KVCall(handle, "kelvra://com.orvex.x/a/b", "{}", ReplyLog::Func, nullptr, &token,
+                        error.get()),
+                 KV_ERROR_NOT_ATTACHED);
     EXPECT_EQ(0u, token);
     GMainContext* context = g_main_context_new();
     ASSERT_TRUE(KVGmainAttach(handle, context, error.get()));
-    EXPECT_FALSE(KVGmainAttach(handle, context, error.get()));
-    EXPECT_EQ(KV_ERROR_ALREADY_ATTACHED, error.Take());
+    error.Failed(KVGmainAttach(handle, context, error.get()), KV_ERROR_ALREADY_ATTACHED);
 
     const char* badUris[] = {
         nullptr,
@@ -94,30 +93,27 @@ TEST(KelvraApiTest, BadInputFailsWithAnError) {
         "kelvra:///a/b",
     };
     for (const char* uri : badUris) {
-        EXPECT_FALSE(KVCall(handle, uri, "{}", ReplyLog::Func, nullptr, nullptr, error.get()))
-            << (uri != nullptr ? uri : "NULL");
-        EXPECT_EQ(KV_ERROR_BAD_URI, error.Take()) << (uri != nullptr ? uri : "NULL");
+        error.Failed(KVCall(handle, uri, "{}", ReplyLog::Func, nullptr, nullptr, error.get()),
+                     KV_ERROR_BAD_URI, uri != nullptr ? uri : "NULL");
     }
     const char* uri = "kelvra://com.orvex.x/a/b";
-    EXPECT_FALSE(KVCall(handle, uri, nullptr, ReplyLog::Func, nullptr, nullptr, error.get()));
-    EXPECT_EQ(KV_ERROR_BAD_PAYLOAD, error.Take());
-    EXPECT_FALSE(
-        KVCall(handle, uri, "{\"x\":\"\xff\"}", ReplyLog::Func, nullptr, nullptr, error.get()));
-    EXPECT_EQ(KV_ERROR_BAD_PAYLOAD, error.Take());
-    EXPECT_FALSE(KVCall(handle, uri, "{}", nullptr, nullptr, nullptr, error.get()));
-    EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error.Take());
-    EXPECT_FALSE(KVCall(nullptr, uri, "{}", ReplyLog::Func, nullptr, nullptr, error.get()));
-    EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error.Take());
+    error.Failed(KVCall(handle, uri, nullptr, ReplyLog::Func, nullptr, nullptr, error.get()),
+                 KV_ERROR_BAD_PAYLOAD);
+    error.Failed(
+        KVCall(handle, uri, "{\"x\":\"\xff\"}", ReplyLog::Func, nullptr, nullptr, error.get()),
+        KV_ERROR_BAD_PAYLOAD);
+    error.Failed(KVCall(handle, uri, "{}", nullptr, nullptr, nullptr, error.get()),
+                 KV_ERROR_INVALID_ARGUMENT);
+    error.Failed(KVCall(nullptr, uri, "{}", ReplyLog::Func, nullptr, nullptr, error.get()),
+                 KV_ERROR_INVALID_ARGUMENT);
     const char* status = "kelvra://com.orvex.kelvrabus/signal/registerServerStatus";
     for (const char* payload : {"{", "{}", "{\"serviceName\":3}", "{\"serviceName\":\"bad\"}"}) {
-        EXPECT_FALSE(KVCall(handle, status, payload, ReplyLog::Func, nullptr, nullptr, error.get()))
-            << payload;
-        EXPECT_EQ(KV_ERROR_BAD_PAYLOAD, error.Take()) << payload;
+        error.Failed(KVCall(handle, status, payload, ReplyLog::Func, nullptr, nullptr, error.get()),
+                     KV_ERROR_BAD_PAYLOAD, payload);
     }
-    EXPECT_FALSE(KVCallCancel(handle, 12345, error.get()));
-    EXPECT_EQ(KV_ERROR_NO_SUCH_CALL, error.Take());
-    EXPECT_FALSE(KVRegisterMethod(handle, "a/b", ReplyLog::Func, nullptr, error.get()));
-    EXPECT_EQ(KV_ERROR_NOT_A_SERVICE, error.Take());
+    error.Failed(KVCallCancel(handle, 12345, error.get()), KV_ERROR_NO_SUCH_CALL);
+    error.Failed(KVRegisterMethod(handle, "a/b", ReplyLog::Func, nullptr, error.get()),
+                 KV_ERROR_NOT_A_SERVICE);
     EXPECT_TRUE(KVUnregister(handle, error.get()));
     g_main_context_unref(context);
 }
@@ -161,14 +157,13 @@ class KelvraServiceTest : public testing::Test {
 
 TEST_F(KelvraServiceTest, NamesAndMethodsAreRegisteredOnce) {
     KVHandle* second = nullptr;
-    EXPECT_FALSE(KVRegister(name_.c_str(), &second, error_.get()));
-    EXPECT_EQ(KV_ERROR_NAME_TAKEN, error_.Take());
+    error_.Failed(KVRegister(name_.c_str(), &second, error_.get()), KV_ERROR_NAME_TAKEN);
     Register("a/keep", Keep);
-    EXPECT_FALSE(KVRegisterMethod(service_.get(), "a/keep", Keep, this, error_.get()));
-    EXPECT_EQ(KV_ERROR_EXISTS, error_.Take());
+    error_.Failed(KVRegisterMethod(service_.get(), "a/keep", Keep, this, error_.get()),
+                  KV_ERROR_EXISTS);
     for (const char* bad : {"", "a/", "/b", "a//b", "a/b-c", "a.b/c"}) {
-        EXPECT_FALSE(KVRegisterMethod(service_.get(), bad, Keep, this, error_.get())) << bad;
-        EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error_.Take()) << bad;
+        error_.Failed(KVRegisterMethod(service_.get(), bad, Keep, this, error_.get()),
+                      KV_ERROR_INVALID_ARGUMENT, bad);
     }
     // Methods without a category, and with several.
     Register("top", Keep);
@@ -195,27 +190,23 @@ TEST_F(KelvraServiceTest, RepliesFollowTheRequestsState) {
     KVMessage* subscription = requests_[1];
 
     // Answered later, from outside the method function; a second answer is refused.
-    EXPECT_FALSE(KVReply(service_.get(), once, nullptr, error_.get()));
-    EXPECT_EQ(KV_ERROR_BAD_PAYLOAD, error_.Take());
-    EXPECT_FALSE(KVReply(client_.get(), once, "{}", error_.get()));
-    EXPECT_EQ(KV_ERROR_INVALID_ARGUMENT, error_.Take());
+    error_.Failed(KVReply(service_.get(), once, nullptr, error_.get()), KV_ERROR_BAD_PAYLOAD);
+    error_.Failed(KVReply(client_.get(), once, "{}", error_.get()), KV_ERROR_INVALID_ARGUMENT);
     EXPECT_TRUE(KVReply(service_.get(), once, "{\"late\":true}", error_.get()));
-    EXPECT_FALSE(KVReply(service_.get(), once, "{}", error_.get()));
-    EXPECT_EQ(KV_ERROR_CLOSED, error_.Take());
-    EXPECT_FALSE(KVSubscriptionAdd(service_.get(), once, nullptr, nullptr, error_.get()));
-    EXPECT_EQ(KV_ERROR_CLOSED, error_.Take());
+    error_.Failed(KVReply(service_.get(), once, "{}", error_.get()), KV_ERROR_CLOSED);
+    error_.Failed(KVSubscriptionAdd(service_.get(), once, nullptr, nullptr, error_.get()),
+                  KV_ERROR_CLOSED);
     ASSERT_TRUE(WaitFor([&]() { return single.replies.size() == 1; }));
     EXPECT_TRUE(single.replies[0].last);
 
     ASSERT_TRUE(KVSubscriptionAdd(service_.get(), subscription, Cancelled, this, error_.get()));
-    EXPECT_FALSE(KVSubscriptionAdd(service_.get(), subscription, Cancelled, this, error_.get()));
-    EXPECT_EQ(KV_ERROR_EXISTS, error_.Take());
+    error_.Failed(KVSubscriptionAdd(service_.get(), subscription, Cancelled, this, error_.get()),
+                  KV_ERROR_EXISTS);
     for (int i = 0; i < 3; ++i) {
         EXPECT_TRUE(KVReply(service_.get(), subscription, "{}", error_.get()));
     }
     EXPECT_TRUE(KVReplyLast(service_.get(), subscription, "{\"bye\":1}", error_.get()));
-    EXPECT_FALSE(KVReply(service_.get(), subscription, "{}", error_.get()));
-    EXPECT_EQ(KV_ERROR_CLOSED, error_.Take());
+    error_.Failed(KVReply(service_.get(), subscription, "{}", error_.get()), KV_ERROR_CLOSED);
     ASSERT_TRUE(WaitFor([&]() { return stream.replies.size() == 4; }));
     EXPECT_FALSE(stream.replies[2].last);
     EXPECT_TRUE(stream.replies[3].last);
@@ -237,8 +228,7 @@ TEST_F(KelvraServiceTest, CancelBeforeAndAfterTheFirstReply) {
     ASSERT_TRUE(KVCallCancel(client_.get(), late.token, error_.get()));
     ASSERT_TRUE(WaitFor([&]() { return cancels_ == 1; }));
     for (KVMessage* request : requests_) {
-        EXPECT_FALSE(KVReply(service_.get(), request, "{}", error_.get()));
-        EXPECT_EQ(KV_ERROR_CLOSED, error_.Take());
+        error_.Failed(KVReply(service_.get(), request, "{}", error_.get()), KV_ERROR_CLOSED);
     }
     EXPECT_TRUE(early.replies.empty());
     EXPECT_EQ(1u, late.replies.size());
@@ -292,6 +282,39 @@ TEST_F(KelvraServiceTest, ReplyFunctionsMayEndTheirCallOrTheHandle) {
     EXPECT_EQ(1, cancelling.seen);
     EXPECT_EQ(1, unregistering.seen);
     EXPECT_TRUE(afterwards.replies.empty());
+}
+
+// The bus going away ends open calls and subscriptions on both sides instead of leaving them
+// waiting; later calls fail at once.
+TEST_F(KelvraServiceTest, LosingTheBusEndsWhatIsOpen) {
+    PrivateBus bus;
+    setenv("KELVRA_BUS_ADDRESS", bus.Start().c_str(), 1);
+    {
+        Handle service(context_, "com.orvex.lost");
+        Handle client(context_);
+        setenv("KELVRA_BUS_ADDRESS", TestBusAddress().c_str(), 1);
+        ASSERT_TRUE(KVRegisterMethod(service.get(), "a/keep", Keep, this, nullptr));
+        ReplyLog status;
+        ReplyLog stream;
+        ASSERT_TRUE(client.Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
+                                "{\"serviceName\":\"com.orvex.lost\"}", &status));
+        ASSERT_TRUE(client.Call("kelvra://com.orvex.lost/a/keep", "{}", &stream));
+        ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 1 && status.replies.size() == 1; }));
+        ASSERT_TRUE(status.replies[0].Bool("connected"));
+        ASSERT_TRUE(KVSubscriptionAdd(service.get(), requests_[0], Cancelled, this, nullptr));
+
+        bus.Stop();
+        ASSERT_TRUE(WaitFor([&]() {
+            return cancels_ == 1 && stream.replies.size() == 1 && status.replies.size() == 2;
+        }));
+        EXPECT_TRUE(stream.replies[0].last);
+        EXPECT_EQ(KV_ERROR_BUS, stream.replies[0].Number("errorCode"));
+        EXPECT_FALSE(status.replies[1].Bool("connected"));
+        EXPECT_FALSE(status.replies[1].last);
+        error_.Failed(client.Call("kelvra://com.orvex.lost/a/keep", "{}", &stream, error_.get()),
+                      KV_ERROR_BUS);
+        error_.Failed(KVReply(service.get(), requests_[0], "{}", error_.get()), KV_ERROR_CLOSED);
+    }
 }
 
 }  // namespace

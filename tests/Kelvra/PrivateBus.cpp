@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -63,7 +64,9 @@ void ChildProcess::Start(const std::vector<std::string>& argv, bool emulated, bo
         Fail("fork");
     }
     if (pid_ == 0) {
-        // Only async-signal-safe calls between fork and exec.
+        // Only async-signal-safe calls between fork and exec. A test program that dies (a
+        // timeout, a crash) takes its children along instead of leaving them holding its output.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
         if (captureOutput) {
             dup2(fds[1], STDOUT_FILENO);
         }

@@ -12,7 +12,9 @@ namespace vok {
 namespace test {
 
 // A child process. When VOK_TEST_EMULATOR is set (armhf under qemu-arm, where the kernel cannot
-// run ARM programs by itself), programs built here are started through it. The owner reaps it.
+// run ARM programs by itself), programs built here are started through it. The owner reaps it;
+// should the owner's process die first, the child gets SIGTERM. That signal follows the thread
+// that started the child: start children from a thread that outlives them.
 class ChildProcess {
   public:
     ChildProcess() = default;

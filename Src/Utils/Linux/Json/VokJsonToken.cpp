@@ -371,14 +371,27 @@ JsonObjectConstIterator JsonToken::ObjectEnd() const {
 
 // JsonImplUtil. The const and non-const forms share one check.
 
-const JsonToken* JsonImplUtil::ValidateTokenHasValue(const JsonToken* token) {
+namespace {
+
+// token, when it is not NULL and passes valid; else the text that says why.
+const JsonToken* ValidateToken(const JsonToken* token, bool (*valid)(const JsonToken*),
+                               const char* nullText, const char* invalidText) {
     if (token == nullptr) {
-        throw std::invalid_argument("JSON ValidateTokenHasValue failed: NULL Token pointer");
+        throw std::invalid_argument(nullText);
     }
-    if (!token->HasValue()) {
-        throw std::invalid_argument("JSON ValidateTokenHasValue failed: Token is not populated");
+    if (!valid(token)) {
+        throw std::invalid_argument(invalidText);
     }
     return token;
+}
+
+}  // namespace
+
+const JsonToken* JsonImplUtil::ValidateTokenHasValue(const JsonToken* token) {
+    return ValidateToken(
+        token, [](const JsonToken* t) { return t->HasValue(); },
+        "JSON ValidateTokenHasValue failed: NULL Token pointer",
+        "JSON ValidateTokenHasValue failed: Token is not populated");
 }
 
 JsonToken* JsonImplUtil::ValidateTokenHasValue(JsonToken* token) {
@@ -387,14 +400,10 @@ JsonToken* JsonImplUtil::ValidateTokenHasValue(JsonToken* token) {
 }
 
 const JsonToken* JsonImplUtil::ValidateObjectToken(const JsonToken* token) {
-    if (token == nullptr) {
-        throw std::invalid_argument("JSON ValidateObjectToken failed: NULL Token pointer");
-    }
-    if (token->GetValueType() != JsonToken::kValueTypeObject) {
-        throw std::invalid_argument(
-            "JSON ValidateObjectToken failed: Token is not JSON Object type");
-    }
-    return token;
+    return ValidateToken(
+        token, [](const JsonToken* t) { return t->GetValueType() == JsonToken::kValueTypeObject; },
+        "JSON ValidateObjectToken failed: NULL Token pointer",
+        "JSON ValidateObjectToken failed: Token is not JSON Object type");
 }
 
 JsonToken* JsonImplUtil::ValidateObjectToken(JsonToken* token) {
@@ -403,13 +412,10 @@ JsonToken* JsonImplUtil::ValidateObjectToken(JsonToken* token) {
 }
 
 const JsonToken* JsonImplUtil::ValidateArrayToken(const JsonToken* token) {
-    if (token == nullptr) {
-        throw std::invalid_argument("JSON ValidateArrayToken failed: NULL Token pointer");
-    }
-    if (token->GetValueType() != JsonToken::kValueTypeArray) {
-        throw std::invalid_argument("JSON ValidateArrayToken failed: Token is not JSON Array type");
-    }
-    return token;
+    return ValidateToken(
+        token, [](const JsonToken* t) { return t->GetValueType() == JsonToken::kValueTypeArray; },
+        "JSON ValidateArrayToken failed: NULL Token pointer",
+        "JSON ValidateArrayToken failed: Token is not JSON Array type");
 }
 
 JsonToken* JsonImplUtil::ValidateArrayToken(JsonToken* token) {

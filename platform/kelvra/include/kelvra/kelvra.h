@@ -32,9 +32,13 @@
  * serve a call, or the library on its behalf, answers with a last reply
  * {"returnValue":false,"errorCode":N,"errorText":"..."}, N a KVErrorCode: no such service
  * (KV_ERROR_NO_SERVICE), no such method (KV_ERROR_NO_METHOD), a payload that is not a JSON object
- * (KV_ERROR_BAD_PAYLOAD), the method failed or released the request unanswered
- * (KV_ERROR_METHOD_FAILED, KV_ERROR_NO_REPLY), the service left the bus with the call open
- * (KV_ERROR_SERVICE_GONE).
+ * (KV_ERROR_BAD_PAYLOAD), the method failed (KV_ERROR_METHOD_FAILED), no reply came because the
+ * service released the request unanswered or left before replying (KV_ERROR_NO_REPLY), the
+ * service left the bus while a subscription was open (KV_ERROR_SERVICE_GONE).
+ *
+ * A handle whose bus goes away (the daemon exits) ends its open calls with a last reply of
+ * KV_ERROR_BUS, reports every watched service as not connected, cancels the subscriptions it
+ * serves (cancel functions run), and fails later calls with KV_ERROR_BUS. It does not reconnect.
  *
  * Threads
  * -------
@@ -76,7 +80,7 @@ typedef enum KVErrorCode {
     KV_ERROR_INVALID_ARGUMENT = 1, /* NULL or malformed argument */
     KV_ERROR_BAD_URI = 2,          /* URI not of the form above */
     KV_ERROR_BAD_PAYLOAD = 3,      /* NULL, not UTF-8, or (at a service) not a JSON object */
-    KV_ERROR_BUS = 4,              /* no connection to the bus, or the bus refused */
+    KV_ERROR_BUS = 4,              /* no connection to the bus, the bus refused, or it went away */
     KV_ERROR_NAME_TAKEN = 5,       /* another connection owns the service name */
     KV_ERROR_NOT_ATTACHED = 6,     /* the handle is not attached to a context yet */
     KV_ERROR_ALREADY_ATTACHED = 7, /* a handle is attached once */
@@ -85,7 +89,7 @@ typedef enum KVErrorCode {
     KV_ERROR_NO_METHOD = 10,       /* the service has no such method */
     KV_ERROR_CLOSED = 11,          /* the request was answered, cancelled, or its client left */
     KV_ERROR_SERVICE_GONE = 12,    /* the service left the bus while the call was open */
-    KV_ERROR_NO_REPLY = 13,        /* the service released the request without replying */
+    KV_ERROR_NO_REPLY = 13,        /* the service did not reply (released the request, or left) */
     KV_ERROR_METHOD_FAILED = 14,   /* the service's method function returned false */
     KV_ERROR_NOT_A_SERVICE = 15,   /* an anonymous handle cannot register methods */
     KV_ERROR_EXISTS = 16,          /* the method or subscription is already registered */

@@ -1,0 +1,243 @@
+// One KVCall round trip with a 100-byte payload, against a raw GDBus method call carrying the
+// same payload, both to services of one process on a private bus. The bus library adds JSON text
+// and a dispatch to the attached context, not a second round trip.
+#include <benchmark/benchmark.h>
+#include <gio/gio.h>
+#include <kelvra/kelvra.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "PrivateBus.h"
+#include "support/BenchRatio.h"
+
+namespace {
+
+const char kKelvraService[] = "com.orvex.bench";
+const char kRawService[] = "com.orvex.benchraw";
+const char kRawInterface[] = "com.orvex.BenchRaw";
+const char kRawXml[] =
+    "<node><interface name='com.orvex.BenchRaw'><method name='Echo'>"
+    "<arg type='s' direction='in'/><arg type='s' direction='out'/>"
+    "</method></interface></node>";
+
+[[noreturn]] void Die(const char* what, const char* detail) {
+    std::fprintf(stderr, "KelvraBench: %s: %s\n", what, detail != nullptr ? detail : "");
+    std::abort();
+}
+
+// A JSON object of exactly 100 bytes.
+std::string Payload() {
+    std::string payload = "{\"key\":\"com.orvex.vok\",\"relative_time\":\"00:01:30\",\"pad\":\"";
+    payload += std::string(100 - payload.size() - 2, 'x');
+    payload += "\"}";
+    return payload;
+}
+
+GDBusConnection* Connect(const std::string& address) {
+    GError* error = nullptr;
+    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    if (connection == nullptr) {
+        Die("connect", error->message);
+    }
+    return connection;
+}
+
+bool KelvraEcho(KVHandle* handle, KVMessage* request, void*) {
+    return KVReply(handle, request, KVMessageGetPayload(request), nullptr);
+}
+
+void RawEcho(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
+             GVariant* parameters, GDBusMethodInvocation* invocation, gpointer) {
+    const char* text = nullptr;
+    g_variant_get(parameters, "(&s)", &text);
+    g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", text));
+}
+
+// The private bus, both services on a thread of their own, and both clients on the benchmark
+// thread's context. Made on first use, torn down at exit.
+class BenchBus {
+  public:
+    BenchBus() : payload_(Payload()), clientContext_(g_main_context_new()) {
+        setenv("KELVRA_BUS_ADDRESS", bus_.Start().c_str(), 1);
+        serviceContext_ = g_main_context_new();
+        serviceLoop_ = g_main_loop_new(serviceContext_, FALSE);
+        bool ready = false;
+        GMutex mutex;
+        GCond cond;
+        g_mutex_init(&mutex);
+        g_cond_init(&cond);
+        serviceThread_ = std::thread([&]() {
+            StartServices();
+            g_mutex_lock(&mutex);
+            ready = true;
+            g_cond_signal(&cond);
+            g_mutex_unlock(&mutex);
+            g_main_loop_run(serviceLoop_);
+            StopServices();
+        });
+        g_mutex_lock(&mutex);
+        while (!ready) {
+            g_cond_wait(&cond, &mutex);
+        }
+        g_mutex_unlock(&mutex);
+        g_mutex_clear(&mutex);
+        g_cond_clear(&cond);
+
+        KVError error;
+        KVErrorInit(&error);
+        if (!KVRegister(nullptr, &client_, &error) ||
+            !KVGmainAttach(client_, clientContext_, &error)) {
+            Die("client", error.message);
+        }
+        rawClient_ = Connect(bus_.Address());
+    }
+
+    ~BenchBus() {
+        KVUnregister(client_, nullptr);
+        g_dbus_connection_close_sync(rawClient_, nullptr, nullptr);
+        g_object_unref(rawClient_);
+        g_main_loop_quit(serviceLoop_);
+        serviceThread_.join();
+        g_main_loop_unref(serviceLoop_);
+        g_main_context_unref(serviceContext_);
+        g_main_context_unref(clientContext_);
+    }
+
+    static BenchBus& Get() {
+        static BenchBus bus;
+        return bus;
+    }
+
+    // One call, run until its reply.
+    void KelvraRoundTrip() {
+        bool done = false;
+        if (!KVCall(client_, "kelvra://com.orvex.bench/bench/echo", payload_.c_str(), OnReply,
+                    &done, nullptr, nullptr)) {
+            Die("KVCall", nullptr);
+        }
+        while (!done) {
+            g_main_context_iteration(clientContext_, TRUE);
+        }
+    }
+
+    void RawRoundTrip() {
+        bool done = false;
+        g_main_context_push_thread_default(clientContext_);
+        g_dbus_connection_call(rawClient_, kRawService, "/bench", kRawInterface, "Echo",
+                               g_variant_new("(s)", payload_.c_str()), G_VARIANT_TYPE("(s)"),
+                               G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, OnRawReply, &done);
+        while (!done) {
+            g_main_context_iteration(clientContext_, TRUE);
+        }
+        g_main_context_pop_thread_default(clientContext_);
+    }
+
+  private:
+    static bool OnReply(KVHandle*, KVMessage* reply, void* done) {
+        benchmark::DoNotOptimize(KVMessageGetPayload(reply));
+        *static_cast<bool*>(done) = true;
+        return true;
+    }
+
+    static void OnRawReply(GObject* source, GAsyncResult* result, gpointer done) {
+        GError* error = nullptr;
+        GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
+        if (reply == nullptr) {
+            Die("raw call", error->message);
+        }
+        g_variant_unref(reply);
+        *static_cast<bool*>(done) = true;
+    }
+
+    // On the service thread, with its context as the thread's default (GDBus dispatches the raw
+    // service's calls there).
+    void StartServices() {
+        g_main_context_push_thread_default(serviceContext_);
+        KVError error;
+        KVErrorInit(&error);
+        if (!KVRegister(kKelvraService, &service_, &error) ||
+            !KVRegisterMethod(service_, "bench/echo", KelvraEcho, nullptr, &error) ||
+            !KVGmainAttach(service_, serviceContext_, &error)) {
+            Die("service", error.message);
+        }
+        rawService_ = Connect(bus_.Address());
+        GError* gerror = nullptr;
+        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kRawXml, &gerror);
+        static const GDBusInterfaceVTable vtable = {RawEcho, nullptr, nullptr, {nullptr}};
+        rawObject_ = g_dbus_connection_register_object(rawService_, "/bench", node->interfaces[0],
+                                                       &vtable, nullptr, nullptr, &gerror);
+        g_dbus_node_info_unref(node);
+        GVariant* owned = g_dbus_connection_call_sync(
+            rawService_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+            "RequestName", g_variant_new("(su)", kRawService, 4u), G_VARIANT_TYPE("(u)"),
+            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &gerror);
+        if (rawObject_ == 0 || owned == nullptr) {
+            Die("raw service", gerror != nullptr ? gerror->message : nullptr);
+        }
+        g_variant_unref(owned);
+    }
+
+    void StopServices() {
+        g_dbus_connection_unregister_object(rawService_, rawObject_);
+        g_dbus_connection_close_sync(rawService_, nullptr, nullptr);
+        g_object_unref(rawService_);
+        KVUnregister(service_, nullptr);
+        g_main_context_pop_thread_default(serviceContext_);
+    }
+
+    vok::test::PrivateBus bus_;
+    std::string payload_;
+    GMainContext* clientContext_;
+    KVHandle* client_ = nullptr;
+    GDBusConnection* rawClient_ = nullptr;
+    GMainContext* serviceContext_ = nullptr;
+    GMainLoop* serviceLoop_ = nullptr;
+    std::thread serviceThread_;
+    KVHandle* service_ = nullptr;
+    GDBusConnection* rawService_ = nullptr;
+    guint rawObject_ = 0;
+};
+
+// Each iteration makes a batch of round trips of the timed kind, each after one untimed trip of
+// the other kind, and counts the fastest. The machine is shared with other work: the fastest trip
+// of a batch is the one no other process delayed, and alternating the kinds exposes both to the
+// same load.
+template <void (BenchBus::*kTimed)(), void (BenchBus::*kOther)()>
+void RoundTrips(benchmark::State& state) {
+    const int kBatch = 5;
+    BenchBus& bus = BenchBus::Get();
+    for (auto _ : state) {
+        double fastest = 0;
+        for (int i = 0; i < kBatch; ++i) {
+            (bus.*kOther)();
+            const auto start = std::chrono::steady_clock::now();
+            (bus.*kTimed)();
+            const double seconds =
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+            fastest = (i == 0 || seconds < fastest) ? seconds : fastest;
+        }
+        state.SetIterationTime(fastest);
+    }
+}
+
+void BM_RawGDBusRoundTrip(benchmark::State& state) {
+    RoundTrips<&BenchBus::RawRoundTrip, &BenchBus::KelvraRoundTrip>(state);
+}
+BENCHMARK(BM_RawGDBusRoundTrip)->UseManualTime();
+
+void BM_KVCallRoundTrip(benchmark::State& state) {
+    RoundTrips<&BenchBus::KelvraRoundTrip, &BenchBus::RawRoundTrip>(state);
+}
+BENCHMARK(BM_KVCallRoundTrip)->UseManualTime();
+
+}  // namespace
+
+VOK_BENCH_RATIO("BM_KVCallRoundTrip/manual_time", "BM_RawGDBusRoundTrip/manual_time", 1.3);
