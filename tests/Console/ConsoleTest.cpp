@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -60,10 +59,10 @@ std::string CaptureStdout(const std::function<void()>& fn, std::exception_ptr* e
 
 // Every "<0x...>" in text, in order.
 std::vector<std::string> Addresses(const std::string& text) {
-    static const std::regex address("<(0x[0-9a-f]+)>");
     std::vector<std::string> found;
-    for (std::sregex_iterator it(text.begin(), text.end(), address), end; it != end; ++it) {
-        found.push_back((*it)[1]);
+    for (size_t start = text.find("<0x"); start != std::string::npos;
+         start = text.find("<0x", start + 1)) {
+        found.push_back(text.substr(start + 1, text.find('>', start) - start - 1));
     }
     return found;
 }
