@@ -86,6 +86,8 @@ class ConsoleTest : public ::testing::Test {
             [&] { console_.RunCommand(static_cast<int>(argv.size()), argv.data()); }, error);
     }
 
+    // A console that keeps prompting at the end of its input fails the test instead of hanging.
+    test::Watchdog watchdog_;
     // Destroyed after each test: releases the framework, lists and generator the test left.
     voktests::InteractiveTestManager console_;
 };
