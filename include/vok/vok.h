@@ -5,6 +5,7 @@
 #include <vok/ArgvMaker.h>
 #include <vok/DiagnosticRegister.h>
 #include <vok/Event.h>
+#include <vok/InteractiveTestManager.h>
 #include <vok/JsonToken.h>
 #include <vok/KelvraSvcUtils.h>
 #include <vok/Logger.h>

@@ -54,6 +54,8 @@ class MmfIntrusiveListT {
     // The front link, taken off the list, or NULL when the list is empty.
     Link* PopFront() { return Link::FromNode(LinkedListDequeueHead(&head_)); }
     Link* GetFirst() { return Link::FromNode(LinkedListGetFirst(&head_)); }
+    // The link after link, which must be in this list, or NULL at the end.
+    Link* GetNext(Link& link) { return Link::FromNode(LinkedListGetNext(&head_, link.GetNode())); }
     int32_t GetCount() { return LinkedListGetCount(&head_); }
 
     void RemoveAt(Link& link) {
@@ -71,7 +73,7 @@ class MmfIntrusiveListT {
         }
         Link* link = GetFirst();
         for (int32_t i = 0; i < index && link != nullptr; ++i) {
-            link = Link::FromNode(LinkedListGetNext(&head_, link->GetNode()));
+            link = GetNext(*link);
         }
         if (link == nullptr) {
             MMF_THROW("ERROR: element index is out of bounds");
