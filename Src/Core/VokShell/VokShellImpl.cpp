@@ -221,12 +221,12 @@ VokShellImpl::~VokShellImpl() {
 
 void VokShellImpl::StartUp() {
     FuncLogger trace(logger_, __func__, this);
-    if (state_ != kInitial) {
+    ShellState expected = kInitial;
+    if (!state_.compare_exchange_strong(expected, kStarting)) {
         VOK_THROW_PROGRAM_ERROR(
             kVokErrFailed,
             "Shell is not in the initial state (can't re-use shell after stopping it).");
     }
-    state_ = kStarting;
     shellThread_.Start();
     threadStarted_ = true;
 }
@@ -286,7 +286,7 @@ void VokShellImpl::StopBridgeCb() {
     logger_.Error(
         "ERROR in %s: unexpected VokShell-stop trigger received while VOK Shell is not in the "
         "'Running' state; current VOK Shell state is <%ld>.",
-        "StopBridgeCb", static_cast<long>(state_));
+        "StopBridgeCb", static_cast<long>(state_.load()));
 }
 
 void VokShellImpl::InitiateShutDown() {

@@ -2,6 +2,7 @@
 #ifndef VOK_SRC_CORE_VOKSHELL_VOKSHELLIMPL_H
 #define VOK_SRC_CORE_VOKSHELL_VOKSHELLIMPL_H
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <set>
@@ -91,7 +92,7 @@ class VokShellImpl {
     MessageMoverInterface& GetMmInterface();
     const VokShellDaemonInfo& GetDaemonInfo() const { return daemonInfo_; }
     const Logger& GetLogger() const { return logger_; }
-    ShellState GetState() const { return state_; }
+    ShellState GetState() const { return state_.load(); }
 
   private:
     // The MessageMover resources the shell owns, released in a fixed order: blade managers (last
@@ -129,7 +130,8 @@ class VokShellImpl {
     bool threadStarted_;
     RuntimeDispatcher dispatcher_;
     RdAsyncBridge stopBridge_;
-    ShellState state_;
+    // Written on the shell thread; StartUp reads it on the application thread.
+    std::atomic<ShellState> state_;
     VokShellDaemonInfo daemonInfo_;
     std::function<void()> shutDownCompleteCb_;
     std::set<ActiveBladeRecord*> activeBlades_;
