@@ -19,6 +19,8 @@ std::vector<Ratio>& Ratios() {
 // Console output plus a record of each run's time per iteration.
 class RecordingReporter : public benchmark::ConsoleReporter {
   public:
+    // Plain text: the output is read in logs more often than on terminals.
+    RecordingReporter() : ConsoleReporter(OO_Tabular) {}
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
             if (run.run_type == Run::RT_Iteration && run.error_occurred == false) {
