@@ -11,6 +11,7 @@
 #include "Src/Utils/RuntimeDispatcher/Linux/RdAlarmImpl.h"
 #include "support/LogCapture.h"
 #include "vok/RdAlarm.h"
+#include "vok/RdKvCall.h"
 #include "vok/RuntimeDispatcher.h"
 #include "vok/VokError.h"
 #include "vok/VokKvClient.h"
@@ -103,6 +104,37 @@ TEST_F(AlarmTest, CancelBeforeTheIdArrivedRemovesThatAlarmAtTheService) {
     alarm.Cancel();  // the add request's reply has not arrived yet
     Pump(dispatcher_, [&]() { return powerd.HasLine("alarmRemove id=1"); });
     EXPECT_EQ(0, fired_);
+}
+
+TEST_F(AlarmTest, PowerServiceAnswersMalformedRequestsAndKeepsServing) {
+    PowerDaemon powerd;
+    powerd.Start();
+    std::vector<std::string> replies;
+    RdKvCall call(RdKelvraUtils::GetKvHandle(dispatcher_),
+                  [&](KVMessage* reply) { replies.push_back(KVMessageGetPayload(reply)); });
+    const struct {
+        const char* method;
+        const char* payload;
+    } bad[] = {
+        {"time/alarmAdd", "{\"relative_time\":\"1:2\"}"},
+        {"time/alarmAdd", "{\"relative_time\":\"24:00:00\"}"},
+        {"time/alarmAdd", "{\"relative_time\":5}"},
+        {"time/alarmRemove", "{\"alarmId\":\"x\"}"},
+        {"time/alarmRemove", "{\"alarmId\":12345}"},
+    };
+    for (const auto& request : bad) {
+        replies.clear();
+        call.Call("com.orvex.power", request.method, request.payload);
+        Pump(dispatcher_, [&]() { return !replies.empty(); });
+        EXPECT_THAT(replies[0], MatchesRegex(".*\"returnValue\": *false.*\"errorCode\": *[0-9]+.*"
+                                             "\"errorText\": *\".+\".*"))
+            << request.payload;
+    }
+    RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
+    WaitForPower(true);
+    alarm.Schedule(500);
+    Pump(dispatcher_, [&]() { return fired_ == 1; });
+    EXPECT_TRUE(powerd.HasLine("fired id=1"));
 }
 
 TEST_F(AlarmTest, RejectedAddFallsBackToTheTimer) {
