@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "vok/BladeStopWatcher.h"
 #include "vok/DiagnosticRegister.h"
 #include "vok/JsonToken.h"
 #include "vok/MessageMoverInterface.h"
@@ -298,19 +299,7 @@ void DemoBlade::Run(ServiceBladeEnvironment* env) {
     GMainContext* context = g_main_context_new();
     {
         GlibRuntimeDispatcher dispatcher(context);
-        MmConnectionPort* control = env->GetControlPort();
-        RdPortMonitor monitor(*control, dispatcher, [&](bool, bool, bool) {
-            MmConnectionMessageHandle msg;
-            while (control->ReadMessage(&msg) == kVokErrNone) {
-                MmMessageName name;
-                msg.GetMessageName(&name);
-                if (Is(name, kVokBladeStopEvtMsg)) {
-                    dispatcher.RequestStop();
-                }
-                env->GetMmInterface()->FreeMessage(msg);
-            }
-        });
-        monitor.SetEventMask(true, false, false);
+        BladeStopWatcher stopWatcher(env, dispatcher);
         Start(env, dispatcher, context);
         dispatcher.Run();
         Finish(env);

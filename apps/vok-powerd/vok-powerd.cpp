@@ -15,9 +15,7 @@
 
 #include "PowerService.h"
 #include "common/DaemonMain.h"
-#include "vok/MessageMoverInterface.h"
-#include "vok/MmConnectionPort.h"
-#include "vok/RdPortMonitor.h"
+#include "vok/BladeStopWatcher.h"
 #include "vok/RuntimeDispatcher.h"
 #include "vok/VokKvClient.h"
 
@@ -37,15 +35,7 @@ class PowerBlade : public ServiceBlade {
         GMainContext* context = g_main_context_new();
         {
             GlibRuntimeDispatcher dispatcher(context);
-            MmConnectionPort* control = env->GetControlPort();
-            RdPortMonitor monitor(*control, dispatcher, [&](bool, bool, bool) {
-                MmConnectionMessageHandle msg;
-                while (control->ReadMessage(&msg) == kVokErrNone) {
-                    env->GetMmInterface()->FreeMessage(msg);
-                    dispatcher.RequestStop();  // the only message the shell sends: stop
-                }
-            });
-            monitor.SetEventMask(true, false, false);
+            BladeStopWatcher stopWatcher(env, dispatcher);
             Serve(dispatcher, context);
         }
         g_main_context_unref(context);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/BenchRatio.h"
+#include "vok/BladeStopWatcher.h"
 #include "vok/Event.h"
 #include "vok/MessageMoverInterface.h"
 #include "vok/MmConnectionPort.h"
@@ -23,15 +24,7 @@ class WaitingBlade : public vok::ServiceBlade {
   public:
     void Run(vok::ServiceBladeEnvironment* env) override {
         vok::RuntimeDispatcher dispatcher;
-        vok::MmConnectionPort* control = env->GetControlPort();
-        vok::RdPortMonitor monitor(*control, dispatcher, [&](bool, bool, bool) {
-            vok::MmConnectionMessageHandle msg;
-            while (control->ReadMessage(&msg) == vok::kVokErrNone) {
-                env->GetMmInterface()->FreeMessage(msg);
-                dispatcher.RequestStop();
-            }
-        });
-        monitor.SetEventMask(true, false, false);
+        vok::BladeStopWatcher stopWatcher(env, dispatcher);
         dispatcher.Run();
     }
 };

@@ -3,6 +3,7 @@
 #define VOK_VOK_H
 
 #include <vok/ArgvMaker.h>
+#include <vok/BladeStopWatcher.h>
 #include <vok/DiagnosticRegister.h>
 #include <vok/Event.h>
 #include <vok/InteractiveTestManager.h>
