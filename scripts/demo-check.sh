@@ -1,6 +1,7 @@
 #!/bin/bash
-# Runs the demo briefly and checks that its blades worked, that it stopped cleanly without leaks,
-# and that none of its processes is left. Usage: demo-check.sh BUILD_DIR
+# Runs the demo briefly and checks that its blades worked and that it stopped cleanly without
+# leaks; demo.sh itself checks that every process it started has ended.
+# Usage: demo-check.sh BUILD_DIR
 set -euo pipefail
 build=$1
 out=$(DEMO_SECONDS=${DEMO_SECONDS:-8} bash "$(dirname "$0")/demo.sh" "$build" 2>&1)
@@ -15,5 +16,4 @@ for expected in "round trip #3 through the echo service" "alarm #1 fired through
     grep -qF "$expected" <<<"$out" || fail "missing <$expected>"
 done
 ! grep -q "\[VOK.MessageMover.Leak\]" <<<"$out" || fail "the demo leaked"
-! pgrep -f "$build/apps/vok-(demo|powerd)" >/dev/null || fail "a demo process is still running"
 echo "demo-check: ok"

@@ -73,4 +73,16 @@ if [ "$status" -ne 0 ]; then
     echo "vok-demo exited with status $status" >&2
     exit "$status"
 fi
+# The bus daemon is not our child (it forked): stop it and see it gone.
+kill -TERM "$buspid" 2>/dev/null || true
+for _ in $(seq 50); do
+    kill -0 "$buspid" 2>/dev/null || break
+    sleep 0.1
+done
+for pid in "${pids[@]}"; do
+    if kill -0 "$pid" 2>/dev/null; then
+        echo "demo: process $pid is still running" >&2
+        exit 1
+    fi
+done
 say "done: every process started by the demo has ended"
