@@ -66,8 +66,8 @@ TEST_F(AlarmTest, FiresThroughThePowerService) {
     WaitForPower(true);
     alarm.Schedule(1000);
     Pump(dispatcher_, [&]() { return fired_ == 1; });
-    EXPECT_TRUE(powerd.HasLine("alarmAdd id=1 relative_time=00:00:01 subscribed=1"));
-    EXPECT_TRUE(powerd.HasLine("fired id=1"));
+    EXPECT_TRUE(powerd.WaitForLine("alarmAdd id=1 relative_time=00:00:01 subscribed=1"));
+    EXPECT_TRUE(powerd.WaitForLine("fired id=1"));
 }
 
 TEST_F(AlarmTest, PowerServiceDeathMovesTheAlarmToTheTimerWithItsFullInterval) {
@@ -92,7 +92,7 @@ TEST_F(AlarmTest, PowerServiceStartMovesAScheduledAlarmBack) {
     WaitForPower(true);
     ASSERT_TRUE(powerd.WaitForLine("alarmAdd id=1 relative_time=00:00:04"));
     Pump(dispatcher_, [&]() { return fired_ == 1; });
-    EXPECT_TRUE(powerd.HasLine("fired id=1"));
+    EXPECT_TRUE(powerd.WaitForLine("fired id=1"));
 }
 
 TEST_F(AlarmTest, CancelBeforeTheIdArrivedRemovesThatAlarmAtTheService) {
@@ -134,7 +134,7 @@ TEST_F(AlarmTest, PowerServiceAnswersMalformedRequestsAndKeepsServing) {
     WaitForPower(true);
     alarm.Schedule(500);
     Pump(dispatcher_, [&]() { return fired_ == 1; });
-    EXPECT_TRUE(powerd.HasLine("fired id=1"));
+    EXPECT_TRUE(powerd.WaitForLine("fired id=1"));
 }
 
 TEST_F(AlarmTest, RejectedAddFallsBackToTheTimer) {
