@@ -5,6 +5,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -24,6 +25,12 @@
 namespace {
 
 const int kRoundTripsPerIteration = 1000;
+
+// Cross-thread wake-ups on a virtual machine vary from run to run with the host's scheduling;
+// the fastest of several repetitions is what the code itself costs.
+double Fastest(const std::vector<double>& values) {
+    return *std::min_element(values.begin(), values.end());
+}
 
 // ---- framework: two dispatchers, a port monitor on each end of a connected pair ----
 
@@ -101,7 +108,10 @@ void BM_PortMonitorRoundTrip(benchmark::State& state) {
     vok::MessageMoverFramework::StopMessageMoverFramework(framework);
     state.SetItemsProcessed(state.iterations() * kRoundTripsPerIteration);
 }
-BENCHMARK(BM_PortMonitorRoundTrip)->UseRealTime();
+BENCHMARK(BM_PortMonitorRoundTrip)
+    ->UseRealTime()
+    ->Repetitions(5)
+    ->ComputeStatistics("min", Fastest);
 
 // ---- baseline: GLib idle sources attached to each other's context ----
 
@@ -157,7 +167,10 @@ void BM_GlibIdleSourceRoundTrip(benchmark::State& state) {
     tb.join();
     state.SetItemsProcessed(state.iterations() * kRoundTripsPerIteration);
 }
-BENCHMARK(BM_GlibIdleSourceRoundTrip)->UseRealTime();
+BENCHMARK(BM_GlibIdleSourceRoundTrip)
+    ->UseRealTime()
+    ->Repetitions(5)
+    ->ComputeStatistics("min", Fastest);
 
 // ---- floor: eventfd ping-pong ----
 
@@ -189,7 +202,7 @@ void BM_EventfdRoundTrip(benchmark::State& state) {
     close(pong);
     state.SetItemsProcessed(state.iterations() * kRoundTripsPerIteration);
 }
-BENCHMARK(BM_EventfdRoundTrip)->UseRealTime();
+BENCHMARK(BM_EventfdRoundTrip)->UseRealTime()->Repetitions(5)->ComputeStatistics("min", Fastest);
 
 // ---- idle cost: wake-ups per second with one timer armed 10 s ahead ----
 
@@ -223,6 +236,9 @@ BENCHMARK(BM_IdleWakeupsWithFarTimer)->Iterations(1)->Unit(benchmark::kMilliseco
 
 }  // namespace
 
-VOK_BENCH_RATIO("BM_PortMonitorRoundTrip/real_time", "BM_GlibIdleSourceRoundTrip/real_time", 1.3);
-VOK_BENCH_RATIO("BM_PortMonitorRoundTrip/real_time", "BM_EventfdRoundTrip/real_time", 0);
-VOK_BENCH_RATIO("BM_GlibIdleSourceRoundTrip/real_time", "BM_EventfdRoundTrip/real_time", 0);
+VOK_BENCH_RATIO("BM_PortMonitorRoundTrip/repeats:5/real_time_min",
+                "BM_GlibIdleSourceRoundTrip/repeats:5/real_time_min", 1.3);
+VOK_BENCH_RATIO("BM_PortMonitorRoundTrip/repeats:5/real_time_min",
+                "BM_EventfdRoundTrip/repeats:5/real_time_min", 0);
+VOK_BENCH_RATIO("BM_GlibIdleSourceRoundTrip/repeats:5/real_time_min",
+                "BM_EventfdRoundTrip/repeats:5/real_time_min", 0);

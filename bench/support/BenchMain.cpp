@@ -23,7 +23,9 @@ class RecordingReporter : public benchmark::ConsoleReporter {
     RecordingReporter() : ConsoleReporter(OO_Tabular) {}
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
-            if (run.run_type == Run::RT_Iteration && run.error_occurred == false) {
+            // Plain runs by name; aggregates of repeated runs by name plus "_" and the statistic
+            // ("..._min").
+            if (run.error_occurred == false) {
                 times_[run.benchmark_name()] = run.GetAdjustedRealTime();
             }
         }
