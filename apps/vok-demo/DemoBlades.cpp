@@ -54,10 +54,6 @@ int64_t NowNs() {
         .count();
 }
 
-bool Is(const MmMessageName& name, const MmMessageName& wanted) {
-    return name.protocolId == wanted.protocolId && name.msgId == wanted.msgId;
-}
-
 // ---- echo ----
 
 class EchoBlade : public DemoBlade {
@@ -173,7 +169,7 @@ class ClientBlade : public DemoBlade {
         while (port_->ReadMessage(&reply) == kVokErrNone) {
             MmMessageName name;
             reply.GetMessageName(&name);
-            if (Is(name, kEchoReply)) {
+            if (name == kEchoReply) {
                 uint32_t size = 0;
                 const EchoPayload* payload =
                     static_cast<const EchoPayload*>(reply.GetPayloadPtr(&size));
@@ -183,7 +179,7 @@ class ClientBlade : public DemoBlade {
                         static_cast<unsigned long>(payload->sequence),
                         static_cast<long>((NowNs() - payload->sentNs) / 1000));
                 }
-            } else if (Is(name, kMmPortNotReachableMsg)) {
+            } else if (name == kMmPortNotReachableMsg) {
                 Say("client", "echo service not reachable (yet)");
             }
             iface_->FreeMessage(reply);

@@ -21,6 +21,13 @@ struct MmMessageName {
     uint32_t msgId;
 };
 
+constexpr bool operator==(const MmMessageName& a, const MmMessageName& b) {
+    return a.protocolId == b.protocolId && a.msgId == b.msgId;
+}
+constexpr bool operator!=(const MmMessageName& a, const MmMessageName& b) {
+    return !(a == b);
+}
+
 // Link control, message type 4: the peer of a connection port has closed.
 constexpr MmMessageName kMmPeerClosedMsg = {1, 1};
 // Link control, message type 4: a message could not be delivered; its sender address is the

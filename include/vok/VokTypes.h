@@ -30,10 +30,11 @@ class RefCounted {
     virtual ~RefCounted() = default;
 
   protected:
-    // Drops one reference when it goes out of scope (a callback's own reference).
+    // A reference of its own for the lifetime of a scope (a running callback's): taken on
+    // construction, dropped on destruction.
     class Holder {
       public:
-        explicit Holder(RefCounted* object) : object_(object) {}
+        explicit Holder(RefCounted* object) : object_(object) { ++object_->m_refCount; }
         ~Holder() { object_->DropRef(); }
         Holder(const Holder&) = delete;
         Holder& operator=(const Holder&) = delete;
@@ -42,7 +43,6 @@ class RefCounted {
         RefCounted* object_;
     };
 
-    void TakeRef() { ++m_refCount; }
     // Drops one reference and destroys the object when it was the last.
     void DropRef() {
         if (--m_refCount == 0) {

@@ -9,6 +9,7 @@
 
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "support/LogCapture.h"
+#include "vok/Event.h"
 #include "vok/RdAsyncBridge.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
@@ -79,30 +80,25 @@ TEST_F(AsyncBridgeTest, EveryTriggerFromManyThreadsIsCoveredByARun) {
             dispatcher_.RequestStop();
         }
     });
-    // The loop must already run when the last trigger arrives, or the stop would be lost.
-    bool started = false;
-    RdTimerBase start(dispatcher_, [&]() { started = true; });
-    start.Schedule(0);
+    // The writers start from inside the loop: it must already run when the last trigger
+    // arrives, or the stop would be lost.
     std::vector<std::thread> threads;
-    std::atomic<bool> go(false);
+    Event go;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&]() {
-            while (!go) {
-                std::this_thread::yield();
-            }
+            go.Wait();
             for (int i = 0; i < kTriggers; ++i) {
                 ++produced;
                 bridge.Trigger();
             }
         });
     }
-    RdTimerBase release(dispatcher_, [&]() { go = true; });
+    RdTimerBase release(dispatcher_, [&]() { go.Signal(); });
     release.Schedule(0);
     dispatcher_.Run();
     for (auto& thread : threads) {
         thread.join();
     }
-    EXPECT_TRUE(started);
     EXPECT_EQ(kThreads * kTriggers, seen);
 }
 

@@ -33,12 +33,10 @@ bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int 
     RuntimeDispatcherImpl* impl = RuntimeDispatcher::GetImpl(dispatcher);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(limitSeconds);
     // A wake-up every 100 ms bounds each blocking iteration.
-    guint tick = 0;
     GSource* source = g_timeout_source_new(100);
     g_source_set_callback(
         source, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
-    tick = g_source_attach(source, impl->GetContext());
-    (void)tick;
+    g_source_attach(source, impl->GetContext());
     struct Detach {
         GSource* source;
         ~Detach() {

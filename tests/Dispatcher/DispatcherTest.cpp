@@ -2,11 +2,11 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <thread>
 
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "support/LogCapture.h"
+#include "vok/Event.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
 
@@ -65,18 +65,15 @@ TEST(DispatcherTest, StopRequestedBeforeRunIsLost) {
 TEST(DispatcherTest, RequestStopFromAnotherThread) {
     test::Watchdog watchdog;
     RuntimeDispatcher dispatcher;
-    std::atomic<bool> running(false);
-    RdTimerBase timer(dispatcher, [&]() { running = true; });
+    Event running;
+    RdTimerBase timer(dispatcher, [&]() { running.Signal(); });
     timer.Schedule(0);
     std::thread stopper([&]() {
-        while (!running) {
-            std::this_thread::yield();
-        }
+        running.Wait();
         dispatcher.RequestStop();
     });
     dispatcher.Run();
     stopper.join();
-    EXPECT_TRUE(running);
 }
 
 }  // namespace

@@ -53,8 +53,7 @@ class TestBlade : public ServiceBlade {
             while (control->ReadMessage(&msg) == kVokErrNone) {
                 MmMessageName name;
                 msg.GetMessageName(&name);
-                if (name.protocolId == kVokBladeStopEvtMsg.protocolId &&
-                    name.msgId == kVokBladeStopEvtMsg.msgId) {
+                if (name == kVokBladeStopEvtMsg) {
                     ++stopEvents;
                     dispatcher.RequestStop();
                 }
@@ -268,10 +267,8 @@ TEST_F(ShellTest, UnexpectedControlMessagesAreLoggedAndFreed) {
     LogCapture capture;
     ShellHarness h({&talker});
     h.shell->StartUp();
-    while (capture.Matching("unexpected message received - protocol=<7>").empty() ||
-           capture.Matching("unexpected message received from Service Blade").empty()) {
-        std::this_thread::yield();
-    }
+    ASSERT_TRUE(capture.WaitFor("unexpected message received - protocol=<7>"));
+    ASSERT_TRUE(capture.WaitFor("unexpected message received from Service Blade"));
     h.shell->RequestStop();
     h.done.Wait();
     h.shell.reset();

@@ -20,6 +20,19 @@ void LogCapture::Hook(void* user, int level, const char* context, const char* me
     LogCapture* self = static_cast<LogCapture*>(user);
     std::lock_guard<std::mutex> lock(self->mutex_);
     self->lines_.push_back(LogLine{level, context, message});
+    self->lineAdded_.notify_all();
+}
+
+bool LogCapture::WaitFor(const std::string& text, std::chrono::seconds limit) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return lineAdded_.wait_for(lock, limit, [&]() {
+        for (const LogLine& line : lines_) {
+            if (line.message.find(text) != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    });
 }
 
 std::vector<LogLine> LogCapture::Lines() const {

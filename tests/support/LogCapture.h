@@ -31,12 +31,16 @@ class LogCapture {
     std::vector<LogLine> Lines() const;
     // Lines whose message contains text.
     std::vector<LogLine> Matching(const std::string& text) const;
+    // Waits until a line contains text; false after limit.
+    bool WaitFor(const std::string& text,
+                 std::chrono::seconds limit = std::chrono::seconds(60)) const;
     void Clear();
 
   private:
     static void Hook(void* user, int level, const char* context, const char* message);
 
     mutable std::mutex mutex_;  // Protects lines_.
+    mutable std::condition_variable lineAdded_;
     std::vector<LogLine> lines_;
 };
 

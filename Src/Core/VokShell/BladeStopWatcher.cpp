@@ -24,8 +24,7 @@ void BladeStopWatcher::ReadControlPort() {
     while (control->ReadMessage(&msg) == kVokErrNone) {
         MmMessageName name;
         msg.GetMessageName(&name);
-        if (name.protocolId == kVokBladeStopEvtMsg.protocolId &&
-            name.msgId == kVokBladeStopEvtMsg.msgId) {
+        if (name == kVokBladeStopEvtMsg) {
             stopRequested_ = true;
             dispatcher_.RequestStop();
         }

@@ -189,7 +189,6 @@ void RdAlarmImpl::RdTimerCb() {
 }
 
 void RdAlarmImpl::CallUserCb() {
-    TakeRef();
     Holder hold(this);
     callback_();  // std::bad_function_call when empty.
 }

@@ -48,7 +48,6 @@ gboolean RdAsyncBridgeImpl::CallbackFunc(void* data) {
         self->source_ = nullptr;
     }
     self->dispatcher_->RunGuarded([self]() {
-        self->TakeRef();
         RefCounted::Holder hold(self);
         self->callback_();  // std::bad_function_call when empty.
     });

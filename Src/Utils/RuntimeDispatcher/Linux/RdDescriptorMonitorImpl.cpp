@@ -86,7 +86,6 @@ gboolean RdDescriptorMonitorImpl::CallbackFunc(GIOChannel*, GIOCondition conditi
     const bool writable = self->watchWrite_ && (c & (G_IO_OUT | kTroubleConditions)) != 0;
     const bool exception = self->watchException_ && (c & (G_IO_PRI | kTroubleConditions)) != 0;
     self->dispatcher_->RunGuarded([&]() {
-        self->TakeRef();
         RefCounted::Holder hold(self);
         self->callback_(readable, writable, exception);  // std::bad_function_call when empty.
     });

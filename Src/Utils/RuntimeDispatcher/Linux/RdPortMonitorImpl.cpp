@@ -15,20 +15,12 @@ RdPortMonitorImpl::RdPortMonitorImpl(PortEventInterface& port, RuntimeDispatcher
       maskRead_(false),
       maskWrite_(false),
       maskException_(false),
-      bridge_(nullptr) {
-    bridge_ = new RdAsyncBridge(dispatcher_, [this]() { CallbackFunc(bridge_, nullptr); });
-    try {
-        port_.WatchPortEvents(false, false, false);
-        port_.RegisterPortEventSignalSink(*bridge_);
-    } catch (...) {
-        delete bridge_;
-        throw;
-    }
+      bridge_(new RdAsyncBridge(dispatcher_, [this]() { CallbackFunc(bridge_.get(), nullptr); })) {
+    port_.WatchPortEvents(false, false, false);
+    port_.RegisterPortEventSignalSink(*bridge_);
 }
 
-RdPortMonitorImpl::~RdPortMonitorImpl() {
-    delete bridge_;
-}
+RdPortMonitorImpl::~RdPortMonitorImpl() = default;
 
 void RdPortMonitorImpl::CheckPort(bool* readable, bool* writable, bool* exception) {
     port_.GetPortState(readable, writable, exception);
@@ -59,7 +51,6 @@ void RdPortMonitorImpl::CallbackFunc(RdAsyncBridge*, void*) {
     if (!r && !w && !e) {
         return;  // A stale or masked-out signal.
     }
-    TakeRef();
     Holder hold(this);
     callback_(r, w, e);  // std::bad_function_call when empty.
     if (m_refCount > 1) {

@@ -3,6 +3,7 @@
 #define VOK_SRC_UTILS_RUNTIMEDISPATCHER_LINUX_RDPORTMONITORIMPL_H
 
 #include <functional>
+#include <memory>
 
 #include "vok/VokTypes.h"
 
@@ -36,8 +37,8 @@ class RdPortMonitorImpl : public RefCounted {
     bool maskRead_;
     bool maskWrite_;
     bool maskException_;
-    // Owned; the port's signal sink from construction to Discard, so it outlives that window.
-    RdAsyncBridge* bridge_;
+    // The port's signal sink from construction to Discard, so it outlives that window.
+    std::unique_ptr<RdAsyncBridge> bridge_;
 };
 
 }  // namespace vok

@@ -46,7 +46,6 @@ gboolean RdTimerImpl::CallbackFunc(void* data) {
     // re-arm the timer.
     self->source_ = nullptr;
     self->dispatcher_->RunGuarded([self]() {
-        self->TakeRef();
         RefCounted::Holder hold(self);
         self->callback_();  // std::bad_function_call when empty.
     });

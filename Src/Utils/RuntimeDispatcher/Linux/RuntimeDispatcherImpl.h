@@ -52,6 +52,16 @@ class RuntimeDispatcherImpl {
             KeepException(std::current_exception());
         }
     }
+    // RunGuarded on dispatcher; without one (a bus handle that no dispatcher registered), fn runs
+    // as it is and its exceptions leave through the caller.
+    template <typename Fn>
+    static void RunGuardedOn(RuntimeDispatcherImpl* dispatcher, Fn&& fn) {
+        if (dispatcher != nullptr) {
+            dispatcher->RunGuarded(fn);
+        } else {
+            fn();
+        }
+    }
     // Keeps the first exception of a loop run and stops the loop.
     void KeepException(std::exception_ptr exception) noexcept;
     // Rethrows and forgets a kept exception, if any (for code that steps the context itself).

@@ -47,16 +47,10 @@ void RdKvCallImpl::Discard() {
 bool RdKvCallImpl::CallbackFunc(KVHandle*, KVMessage* message, void* data) {
     RdKvCallImpl* self = static_cast<RdKvCallImpl*>(data);
     // pending_ stays set: a subscription gets replies until it is cancelled.
-    auto deliver = [self, message]() {
-        self->TakeRef();
+    RuntimeDispatcherImpl::RunGuardedOn(self->dispatcher_, [self, message]() {
         RefCounted::Holder hold(self);
         self->callback_(message);  // std::bad_function_call when empty.
-    };
-    if (self->dispatcher_ != nullptr) {
-        self->dispatcher_->RunGuarded(deliver);
-    } else {
-        deliver();
-    }
+    });
     return true;
 }
 

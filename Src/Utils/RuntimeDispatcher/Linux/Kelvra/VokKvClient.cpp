@@ -85,12 +85,8 @@ void HandleStatusReply(VokKvClient* client, bool* connected, KVMessage* message)
 
 bool VokKvClient::SvcRegStatusCb(KVHandle*, KVMessage* message, void* client) {
     VokKvClient* self = static_cast<VokKvClient*>(client);
-    auto handle = [&]() { HandleStatusReply(self, &self->connected_, message); };
-    if (self->dispatcher_ != nullptr) {
-        self->dispatcher_->RunGuarded(handle);
-    } else {
-        handle();
-    }
+    RuntimeDispatcherImpl::RunGuardedOn(
+        self->dispatcher_, [&]() { HandleStatusReply(self, &self->connected_, message); });
     return true;
 }
 
