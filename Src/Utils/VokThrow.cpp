@@ -8,15 +8,17 @@ namespace vok {
 namespace detail {
 namespace {
 
-// The path as the build gave it (relative to the repository root) without its extension.
+// Length of the path as the build gave it (relative to the repository root) without its
+// extension. Allocates nothing, so the fatal check can use it too.
+size_t SourcePathLength(const char* file) {
+    const char* dot = std::strrchr(file, '.');
+    const char* slash = std::strrchr(file, '/');
+    return (dot != nullptr && (slash == nullptr || dot > slash)) ? static_cast<size_t>(dot - file)
+                                                                 : std::strlen(file);
+}
+
 std::string SourcePath(const char* file) {
-    std::string path(file != nullptr ? file : "");
-    const size_t slash = path.rfind('/');
-    const size_t dot = path.rfind('.');
-    if (dot != std::string::npos && (slash == std::string::npos || dot > slash)) {
-        path.erase(dot);
-    }
-    return path;
+    return file != nullptr ? std::string(file, SourcePathLength(file)) : std::string();
 }
 
 }  // namespace
@@ -58,21 +60,10 @@ void ThrowLoggedProgramError(const Logger& logger, const char* function, const c
 
 void FatalConditionFailed(const char* condition, const char* function, const char* file, long line,
                           const char* info) {
-    char path[256];
-    const char* dot = std::strrchr(file, '.');
-    const char* slash = std::strrchr(file, '/');
-    size_t len = (dot != nullptr && (slash == nullptr || dot > slash))
-                     ? static_cast<size_t>(dot - file)
-                     : std::strlen(file);
-    if (len >= sizeof path) {
-        len = sizeof path - 1;
-    }
-    std::memcpy(path, file, len);
-    path[len] = '\0';
     std::fprintf(stderr,
-                 "FATAL ERROR: Condition test <%s> failed in function %s, file %s, line %ld; "
+                 "FATAL ERROR: Condition test <%s> failed in function %s, file %.*s, line %ld; "
                  "additional info: <%s>.\n",
-                 condition, function, path, line, info);
+                 condition, function, static_cast<int>(SourcePathLength(file)), file, line, info);
     std::fflush(stderr);
     std::abort();
 }

@@ -199,7 +199,6 @@ class ClientBlade : public DemoBlade {
 class AlarmBlade : public DemoBlade {
   protected:
     void Start(ServiceBladeEnvironment*, RuntimeDispatcher& dispatcher, GMainContext*) override {
-        dispatcher_ = &dispatcher;
         try {
             alarm_.reset(new RdAlarmBase(dispatcher, [this]() { Fired(); }));
             power_ = RdKelvraUtils::GetVokKvClient(dispatcher, "com.orvex.power");
@@ -234,7 +233,6 @@ class AlarmBlade : public DemoBlade {
         }
     }
 
-    RuntimeDispatcher* dispatcher_ = nullptr;
     VokKvClient* power_ = nullptr;
     std::unique_ptr<RdAlarmBase> alarm_;
     std::unique_ptr<RdTimerBase> timer_;

@@ -60,11 +60,11 @@ gboolean GlibTimerSourcePrepare(GSource* source, gint* timeout) {
         return FALSE;
     }
     const Timespec expiry = reinterpret_cast<GlibTimerSource*>(source)->expiry;
-    const Timespec remaining = expiry - now;
     if (Expired(expiry, now)) {
         *timeout = 0;
         return TRUE;
     }
+    const Timespec remaining = expiry - now;
     // Poll exactly until the expiry, rounded up to whole milliseconds so the source is ready
     // when the poll returns: a pending timer costs one wake-up, not one per millisecond.
     const int64_t ms =
