@@ -9,6 +9,7 @@
 
 #include "BusTestSupport.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/RdAlarmImpl.h"
+#include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "support/LogCapture.h"
 #include "vok/RdAlarm.h"
 #include "vok/RdKvCall.h"
@@ -100,6 +101,7 @@ TEST_F(AlarmTest, CancelBeforeTheIdArrivedRemovesThatAlarmAtTheService) {
     powerd.Start();
     RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
     WaitForPower(true);
+    powerd.WakeOnLine(RuntimeDispatcher::GetImpl(dispatcher_)->GetContext());
     alarm.Schedule(30000);
     alarm.Cancel();  // the add request's reply has not arrived yet
     Pump(dispatcher_, [&]() { return powerd.HasLine("alarmRemove id=1"); });

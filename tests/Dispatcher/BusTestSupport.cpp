@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "support/LoopSupport.h"
 
 namespace vok {
 namespace test {
@@ -31,33 +32,23 @@ class BusEnvironment : public ::testing::Environment {
 
 bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int limitSeconds) {
     RuntimeDispatcherImpl* impl = RuntimeDispatcher::GetImpl(dispatcher);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(limitSeconds);
-    // A wake-up every 100 ms bounds each blocking iteration.
-    GSource* source = g_timeout_source_new(100);
-    g_source_set_callback(
-        source, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
-    g_source_attach(source, impl->GetContext());
-    struct Detach {
-        GSource* source;
-        ~Detach() {
-            g_source_destroy(source);
-            g_source_unref(source);
-        }
-    } detach{source};
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            ADD_FAILURE() << "condition not reached within " << limitSeconds << " s";
-            return false;
-        }
-        g_main_context_iteration(impl->GetContext(), TRUE);
-        impl->RethrowPending();
+    const bool reached = IterateUntil(
+        impl->GetContext(),
+        [&]() {
+            impl->RethrowPending();
+            return done();
+        },
+        limitSeconds);
+    if (!reached) {
+        ADD_FAILURE() << "condition not reached within " << limitSeconds << " s";
     }
-    return true;
+    return reached;
 }
 
 void PumpFor(RuntimeDispatcher& dispatcher, int ms) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    Pump(dispatcher, [end]() { return std::chrono::steady_clock::now() >= end; });
+    RuntimeDispatcherImpl* impl = RuntimeDispatcher::GetImpl(dispatcher);
+    IterateFor(impl->GetContext(), static_cast<unsigned>(ms));
+    impl->RethrowPending();
 }
 
 FakeService::FakeService(RuntimeDispatcher& dispatcher, const char* serviceName) {
@@ -125,9 +116,17 @@ void PowerDaemon::Start() {
             std::lock_guard<std::mutex> lock(mutex_);
             lines_.push_back(line);
             lineAdded_.notify_all();
+            if (wake_ != nullptr) {
+                g_main_context_wakeup(wake_);
+            }
         }
     });
     ASSERT_TRUE(WaitForLine("ready"));
+}
+
+void PowerDaemon::WakeOnLine(GMainContext* context) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    wake_ = context;
 }
 
 bool PowerDaemon::WaitForLine(const std::string& text) {

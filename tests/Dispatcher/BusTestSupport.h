@@ -17,6 +17,8 @@
 #include "../Kelvra/PrivateBus.h"
 #include "vok/RuntimeDispatcher.h"
 
+typedef struct _GMainContext GMainContext;
+
 namespace vok {
 namespace test {
 
@@ -61,6 +63,8 @@ class PowerDaemon {
     bool HasLine(const std::string& text);
     // Waits (at most 60 s) for such a line.
     bool WaitForLine(const std::string& text);
+    // Wakes context at every output line, so that a loop waiting for one re-checks at once.
+    void WakeOnLine(GMainContext* context);
 
   private:
     void Stop(int signal);
@@ -68,8 +72,9 @@ class PowerDaemon {
 
     std::unique_ptr<ChildProcess> process_;
     std::thread reader_;
-    std::mutex mutex_;  // Protects lines_.
+    std::mutex mutex_;  // Protects lines_ and wake_.
     std::condition_variable lineAdded_;
+    GMainContext* wake_ = nullptr;
     std::vector<std::string> lines_;
 };
 

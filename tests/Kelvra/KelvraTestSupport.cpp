@@ -23,28 +23,10 @@ class BusEnvironment : public testing::Environment {
 BusEnvironment* gEnvironment =
     static_cast<BusEnvironment*>(testing::AddGlobalTestEnvironment(new BusEnvironment));
 
-gboolean SetFlag(gpointer flag) {
-    *static_cast<bool*>(flag) = true;
-    return G_SOURCE_REMOVE;
-}
-
 }  // namespace
 
 const std::string& TestBusAddress() {
     return gEnvironment->bus_.Address();
-}
-
-bool IterateUntil(GMainContext* context, const std::function<bool()>& done, int limitSeconds) {
-    bool expired = false;
-    GSource* deadline = g_timeout_source_new_seconds(static_cast<guint>(limitSeconds));
-    g_source_set_callback(deadline, SetFlag, &expired, nullptr);
-    g_source_attach(deadline, context);
-    while (!done() && !expired) {
-        g_main_context_iteration(context, TRUE);
-    }
-    g_source_destroy(deadline);
-    g_source_unref(deadline);
-    return done();
 }
 
 bool Reply::Bool(const char* name) const {

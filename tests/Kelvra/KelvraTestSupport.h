@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "PrivateBus.h"
+#include "support/LoopSupport.h"
 #include "vok/JsonToken.h"
 
 namespace vok {
@@ -19,10 +20,6 @@ namespace test {
 // The private bus of this test program, started before the first test; KELVRA_BUS_ADDRESS
 // points at it.
 const std::string& TestBusAddress();
-
-// Iterates context (blocking on its events) until done() holds or limitSeconds pass; returns
-// done().
-bool IterateUntil(GMainContext* context, const std::function<bool()>& done, int limitSeconds = 60);
 
 // One reply as received.
 struct Reply {

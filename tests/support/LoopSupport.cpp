@@ -1,0 +1,43 @@
+#include "support/LoopSupport.h"
+
+#include <glib.h>
+
+namespace vok {
+namespace test {
+
+namespace {
+
+gboolean SetFlag(gpointer flag) {
+    *static_cast<bool*>(flag) = true;
+    return G_SOURCE_REMOVE;
+}
+
+// Runs context until done() or until deadline, when it fires, sets *expired.
+bool IterateWithDeadline(GMainContext* context, const std::function<bool()>& done,
+                         GSource* deadline, bool* expired) {
+    g_source_set_callback(deadline, SetFlag, expired, nullptr);
+    g_source_attach(deadline, context);
+    while (!done() && !*expired) {
+        g_main_context_iteration(context, TRUE);
+    }
+    g_source_destroy(deadline);
+    g_source_unref(deadline);
+    return done();
+}
+
+}  // namespace
+
+bool IterateUntil(GMainContext* context, const std::function<bool()>& done, int limitSeconds) {
+    bool expired = false;
+    return IterateWithDeadline(
+        context, done, g_timeout_source_new_seconds(static_cast<guint>(limitSeconds)), &expired);
+}
+
+void IterateFor(GMainContext* context, unsigned milliseconds) {
+    bool expired = false;
+    IterateWithDeadline(
+        context, [&expired]() { return expired; }, g_timeout_source_new(milliseconds), &expired);
+}
+
+}  // namespace test
+}  // namespace vok
