@@ -12,16 +12,22 @@ gboolean SetFlag(gpointer flag) {
     return G_SOURCE_REMOVE;
 }
 
-// Runs context until done() or until deadline, when it fires, sets *expired.
+// Runs context until done() or until deadline, when it fires, sets *expired. done() may throw
+// (a dispatcher rethrowing a callback's exception): the deadline is removed all the same.
 bool IterateWithDeadline(GMainContext* context, const std::function<bool()>& done,
                          GSource* deadline, bool* expired) {
+    struct Remove {
+        GSource* source;
+        ~Remove() {
+            g_source_destroy(source);
+            g_source_unref(source);
+        }
+    } remove{deadline};
     g_source_set_callback(deadline, SetFlag, expired, nullptr);
     g_source_attach(deadline, context);
     while (!done() && !*expired) {
         g_main_context_iteration(context, TRUE);
     }
-    g_source_destroy(deadline);
-    g_source_unref(deadline);
     return done();
 }
 
