@@ -531,6 +531,10 @@ const char* KVMessageGetMethod(KVMessage* message) {
     return message != NULL ? message->method : NULL;
 }
 
+const char* KVMessageGetSender(KVMessage* message) {
+    return message != NULL ? message->sender : NULL;
+}
+
 KVMessage* KVMessageRef(KVMessage* message) {
     if (message != NULL) {
         ++message->refCount;

@@ -144,6 +144,10 @@ KELVRA_EXPORT bool KVMessageIsLastReply(KVMessage* message);
 KELVRA_EXPORT bool KVMessageIsSubscription(KVMessage* message);
 /* Service side: the method the request was sent to, "CATEGORY/METHOD". */
 KELVRA_EXPORT const char* KVMessageGetMethod(KVMessage* message);
+/* Service side: the bus's unique name of the client that sent the request (":1.42"), owned by
+ * the message; NULL for a NULL message or a reply. Identifies the caller, e.g. to let only the
+ * client that made something remove it. */
+KELVRA_EXPORT const char* KVMessageGetSender(KVMessage* message);
 /* Takes a reference, to keep a message beyond its callback; returns message. */
 KELVRA_EXPORT KVMessage* KVMessageRef(KVMessage* message);
 KELVRA_EXPORT void KVMessageUnref(KVMessage* message);
