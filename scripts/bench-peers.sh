@@ -7,6 +7,4 @@ set -euo pipefail
 build=$1
 repetitions=${2:-5}
 programs="$build/bench/peers"
-echo "Machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | sed 's/^ *//'), $(uname -srm)"
-echo "Load average at start: $(cut -d' ' -f1-3 /proc/loadavg)"
 exec "$programs/peer-driver" "$programs" "$build/results" "$repetitions"

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -248,6 +249,28 @@ void WriteSvg(const std::string& path, const Section& section, const char* mode,
     svg << "</svg>\n";
 }
 
+// The machine the figures come from: CPUs, model, kernel, and the load average now.
+std::string Machine() {
+    std::string model = "unknown CPU";
+    std::ifstream cpuinfo("/proc/cpuinfo");
+    for (std::string line; std::getline(cpuinfo, line);) {
+        const size_t colon = line.find(':');
+        if (line.compare(0, 10, "model name") == 0 && colon != std::string::npos) {
+            model = line.substr(colon + 2);
+            break;
+        }
+    }
+    struct utsname name;
+    uname(&name);
+    std::string load;
+    std::getline(std::ifstream("/proc/loadavg"), load);
+    std::ostringstream out;
+    out << sysconf(_SC_NPROCESSORS_ONLN) << " CPUs online, " << model << ", " << name.sysname << " "
+        << name.release << " " << name.machine << "; load average "
+        << load.substr(0, load.find(' ', load.find(' ', load.find(' ') + 1) + 1));
+    return out.str();
+}
+
 bool HaveProgram(const char* name) {
     const char* path = std::getenv("PATH");
     std::istringstream dirs(path != nullptr ? path : "");
@@ -302,6 +325,7 @@ int main(int argc, char** argv) {
     const std::string logPath = resultsDir + "/peers-" + stamp + ".log";
     const int errorLog = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
 
+    const std::string machineBefore = Machine();
     std::map<const Peer*, std::vector<Run>> runs[2];
     for (int rep = 1; rep <= repetitions; ++rep) {
         for (int mode = 0; mode < 2; ++mode) {
@@ -324,7 +348,9 @@ int main(int argc, char** argv) {
     report << "Peer benchmarks, " << stamp << ", " << repetitions
            << " interleaved runs per peer and mode; csw = voluntary + involuntary context "
               "switches of the measuring process (getrusage) per operation; bus: the "
-              "dbus-daemon's own switches are not counted.\n\n";
+              "dbus-daemon's own switches are not counted.\n"
+           << "Machine at start: " << machineBefore << "\nMachine at end:   " << Machine()
+           << "\n\n";
     const bool png = HaveProgram("gnuplot");
     for (int mode = 0; mode < 2; ++mode) {
         for (const Section& section : kSections) {
@@ -341,6 +367,7 @@ int main(int argc, char** argv) {
         }
     }
     std::fputs(report.str().c_str(), stdout);
+    std::fflush(stdout);
     std::ofstream(resultsDir + "/peers-" + stamp + ".txt") << report.str();
     std::ofstream(resultsDir + "/latest.txt") << report.str();
     std::fprintf(stderr, "peer-driver: results in %s\n", resultsDir.c_str());
