@@ -5,19 +5,14 @@
 #include <glib.h>
 #include <pthread.h>
 #include <sched.h>
-#include <sys/eventfd.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <thread>
+#include <vector>
 
 #include "PortMonitorPair.h"
+#include "WakeupPairs.h"
 #include "support/BenchRatio.h"
-#include "vok/Event.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
 
@@ -30,8 +25,6 @@ const int kRoundTripsPerIteration = 1000;
 double Fastest(const std::vector<double>& values) {
     return *std::min_element(values.begin(), values.end());
 }
-
-// ---- framework: two dispatchers, a port monitor on each end of a connected pair ----
 
 // The pinned variants put every thread of the round trip on one CPU, as on a single-core device:
 // the calling thread is pinned before it starts the others, which inherit its affinity. The
@@ -79,9 +72,11 @@ void ReportSwitches(benchmark::State& state, long before) {
         static_cast<double>(state.iterations() * kRoundTripsPerIteration);
 }
 
-void PortMonitorRoundTrip(benchmark::State& state, bool pinned) {
+// The round trips of one pair kind, kRoundTripsPerIteration per iteration.
+template <class Pair>
+void RoundTrips(benchmark::State& state, bool pinned) {
     OneCpu cpu(pinned);
-    vok::bench::PortMonitorPair pair;
+    Pair pair;
     const long switches = ContextSwitches();
     for (auto _ : state) {
         pair.RoundTrips(kRoundTripsPerIteration);
@@ -90,8 +85,10 @@ void PortMonitorRoundTrip(benchmark::State& state, bool pinned) {
     state.SetItemsProcessed(state.iterations() * kRoundTripsPerIteration);
 }
 
+// ---- framework: two dispatchers, a port monitor on each end of a connected pair ----
+
 void BM_PortMonitorRoundTrip(benchmark::State& state) {
-    PortMonitorRoundTrip(state, false);
+    RoundTrips<vok::bench::PortMonitorPair>(state, false);
 }
 BENCHMARK(BM_PortMonitorRoundTrip)
     ->UseRealTime()
@@ -99,7 +96,7 @@ BENCHMARK(BM_PortMonitorRoundTrip)
     ->ComputeStatistics("min", Fastest);
 
 void BM_PortMonitorRoundTripPinned(benchmark::State& state) {
-    PortMonitorRoundTrip(state, true);
+    RoundTrips<vok::bench::PortMonitorPair>(state, true);
 }
 BENCHMARK(BM_PortMonitorRoundTripPinned)
     ->UseRealTime()
@@ -108,63 +105,8 @@ BENCHMARK(BM_PortMonitorRoundTripPinned)
 
 // ---- baseline: GLib idle sources attached to each other's context ----
 
-struct GlibSide {
-    GMainContext* context = g_main_context_new();
-    GMainLoop* loop = g_main_loop_new(context, FALSE);
-    GlibSide* peer = nullptr;
-    int remaining = 0;
-    vok::Event* done = nullptr;
-    ~GlibSide() {
-        g_main_loop_unref(loop);
-        g_main_context_unref(context);
-    }
-};
-
-gboolean GlibHop(gpointer data);
-
-void PostTo(GlibSide* to) {
-    GSource* source = g_idle_source_new();
-    g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    g_source_set_callback(source, &GlibHop, to, nullptr);
-    g_source_attach(source, to->context);
-    g_source_unref(source);
-}
-
-gboolean GlibHop(gpointer data) {
-    GlibSide* side = static_cast<GlibSide*>(data);
-    if (side->done != nullptr && --side->remaining == 0) {
-        side->done->Signal();
-    } else {
-        PostTo(side->peer);
-    }
-    return G_SOURCE_REMOVE;
-}
-
-void GlibIdleSourceRoundTrip(benchmark::State& state, bool pinned) {
-    OneCpu cpu(pinned);
-    GlibSide a, b;
-    a.peer = &b;
-    b.peer = &a;
-    vok::Event done;
-    a.done = &done;
-    std::thread ta([&]() { g_main_loop_run(a.loop); });
-    std::thread tb([&]() { g_main_loop_run(b.loop); });
-    const long switches = ContextSwitches();
-    for (auto _ : state) {
-        done.Reset();
-        a.remaining = kRoundTripsPerIteration;  // read by a's thread after the post below
-        PostTo(&b);
-        done.Wait();
-    }
-    ReportSwitches(state, switches);
-    g_main_loop_quit(a.loop);
-    g_main_loop_quit(b.loop);
-    ta.join();
-    tb.join();
-    state.SetItemsProcessed(state.iterations() * kRoundTripsPerIteration);
-}
 void BM_GlibIdleSourceRoundTrip(benchmark::State& state) {
-    GlibIdleSourceRoundTrip(state, false);
+    RoundTrips<vok::bench::GlibIdlePair>(state, false);
 }
 BENCHMARK(BM_GlibIdleSourceRoundTrip)
     ->UseRealTime()
@@ -172,7 +114,7 @@ BENCHMARK(BM_GlibIdleSourceRoundTrip)
     ->ComputeStatistics("min", Fastest);
 
 void BM_GlibIdleSourceRoundTripPinned(benchmark::State& state) {
-    GlibIdleSourceRoundTrip(state, true);
+    RoundTrips<vok::bench::GlibIdlePair>(state, true);
 }
 BENCHMARK(BM_GlibIdleSourceRoundTripPinned)
     ->UseRealTime()
@@ -181,44 +123,13 @@ BENCHMARK(BM_GlibIdleSourceRoundTripPinned)
 
 // ---- floor: eventfd ping-pong ----
 
-void EventfdRoundTrip(benchmark::State& state, bool pinned) {
-    OneCpu cpu(pinned);
-    int ping = eventfd(0, EFD_CLOEXEC);
-    int pong = eventfd(0, EFD_CLOEXEC);
-    std::thread echo([&]() {
-        uint64_t value = 0;
-        for (;;) {
-            if (read(ping, &value, sizeof value) != sizeof value || value == 2) {
-                return;
-            }
-            value = 1;
-            (void)!write(pong, &value, sizeof value);
-        }
-    });
-    uint64_t value = 1;
-    const long switches = ContextSwitches();
-    for (auto _ : state) {
-        for (int i = 0; i < kRoundTripsPerIteration; ++i) {
-            value = 1;
-            (void)!write(ping, &value, sizeof value);
-            (void)!read(pong, &value, sizeof value);
-        }
-    }
-    ReportSwitches(state, switches);
-    value = 2;
-    (void)!write(ping, &value, sizeof value);
-    echo.join();
-    close(ping);
-    close(pong);
-    state.SetItemsProcessed(state.iterations() * kRoundTripsPerIteration);
-}
 void BM_EventfdRoundTrip(benchmark::State& state) {
-    EventfdRoundTrip(state, false);
+    RoundTrips<vok::bench::EventfdPair>(state, false);
 }
 BENCHMARK(BM_EventfdRoundTrip)->UseRealTime()->Repetitions(5)->ComputeStatistics("min", Fastest);
 
 void BM_EventfdRoundTripPinned(benchmark::State& state) {
-    EventfdRoundTrip(state, true);
+    RoundTrips<vok::bench::EventfdPair>(state, true);
 }
 BENCHMARK(BM_EventfdRoundTripPinned)
     ->UseRealTime()

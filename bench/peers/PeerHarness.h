@@ -9,11 +9,11 @@
 #include <sys/resource.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
+
+#include "Dispatcher/BatchDone.h"
 
 namespace peers {
 
@@ -30,29 +30,8 @@ inline double MeasureSeconds() {
     return seconds > 0 ? seconds : 0.5;
 }
 
-// The end of a batch, signalled by a loop thread to the measuring thread. Reset before the batch
-// starts; any thread may signal; one thread waits.
-class Done {
-  public:
-    void Reset() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        done_ = false;
-    }
-    void Signal() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        done_ = true;
-        cond_.notify_one();
-    }
-    void Wait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        cond_.wait(lock, [this]() { return done_; });
-    }
-
-  private:
-    std::mutex mutex_;  // guards done_
-    std::condition_variable cond_;
-    bool done_ = false;
-};
+// The end of a batch, signalled by a loop thread to the measuring thread.
+using Done = vok::bench::BatchDone;
 
 // batch(n) performs n operations and returns once they are done. One batch warms up, then
 // batches run until MeasureSeconds() have passed; the result line covers those.
