@@ -291,12 +291,14 @@ void WritePng(const std::string& base, const Section& section, const char* mode,
     }
     data.close();
     std::ofstream script(base + ".gp");
-    script << "set terminal pngcairo size 900," << 120 + 30 * rows.size() << "\n"
+    const char* unit = std::strcmp(section.unit, "us") == 0 ? "µs" : "ns";
+    script << "set terminal pngcairo size 1100," << 120 + 30 * rows.size() << "\n"
            << "set output '" << base << ".png'\n"
-           << "set title \"" << section.title << " (" << mode << ", median " << section.unit
-           << ")\"\nset style fill solid\nset yrange [-0.5:" << rows.size() - 0.5
-           << "]\nset xrange [0:*]\nunset key\nset lmargin 50\n"
-           << "plot '" << base << ".dat' using ($2*0.5):0:($2*0.5):(0.35):($3 ? 0xe8590c : "
+           << "set title \"" << section.title << "\"\n"
+           << "set xlabel \"median per operation, " << unit << " (" << mode << ")\"\n"
+           << "set style fill solid\nset yrange [" << rows.size() - 0.5
+           << ":-0.5]\nset xrange [0:*]\nunset key\nset lmargin 50\n"
+           << "plot '" << base << ".dat' using ($2*0.5):0:($2*0.5):(0.35):($3 > 0 ? 0xe8590c : "
            << "0x748ffc):yticlabels(1) with boxxyerror lc rgb variable\n";
     script.close();
     const std::string command = "gnuplot '" + base + ".gp'";
