@@ -185,9 +185,11 @@ std::string Table(const Section& section, const char* mode, const std::vector<Su
     char line[256];
     out << section.title << " — "
         << (std::strcmp(mode, "pinned") == 0 ? "pinned to one CPU" : "unpinned") << "\n";
-    std::snprintf(line, sizeof line, "  %-52s %9s %9s %8s %6s %9s %9s\n", "peer",
-                  (std::string("median ") + unit).c_str(), (std::string("min ") + unit).c_str(),
-                  "csw/op", "runs", "peer/vok", "vok/peer");
+    // "µ" takes two bytes and one column.
+    const int width = std::strcmp(section.unit, "us") == 0 ? 10 : 9;
+    std::snprintf(line, sizeof line, "  %-52s %*s %*s %8s %6s %9s %9s\n", "peer", width,
+                  (std::string("median ") + unit).c_str(), width,
+                  (std::string("min ") + unit).c_str(), "csw/op", "runs", "peer/vok", "vok/peer");
     out << line;
     for (const Summary& row : rows) {
         std::snprintf(line, sizeof line, "  %-52s %9.*f %9.*f %8.2f %6d %9.2f %9.2f\n",
@@ -350,7 +352,8 @@ int main(int argc, char** argv) {
     report << "Peer benchmarks, " << stamp << ", " << repetitions
            << " interleaved runs per peer and mode; csw = voluntary + involuntary context "
               "switches of the measuring process (getrusage) per operation; bus: the "
-              "dbus-daemon's own switches are not counted.\n"
+              "dbus-daemon's own switches are not counted. peer/vok = the peer's median over "
+              "vok's, vok/peer = vok's over the peer's.\n"
            << "Machine at start: " << machineBefore << "\nMachine at end:   " << Machine()
            << "\n\n";
     const bool png = HaveProgram("gnuplot");
