@@ -6,7 +6,7 @@ PREFIX ?= /usr/local
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?=
 
-.PHONY: all deps build test sanitize tsan armhf-test bench install demo format clean
+.PHONY: all deps build test sanitize tsan armhf-test bench bench-peers install demo format clean
 
 all: build
 
@@ -49,6 +49,14 @@ bench: deps
 	cmake --build build-bench -j$(JOBS)
 	bash scripts/run-bench.sh build-bench
 
+# vok beside peer frameworks (eventfd, sd-event, Qt 5, CAF, GLib, sd-bus, sdbus-c++), pinned to
+# one CPU and unpinned; tables and charts go to build-peers/results. PEER_REPETITIONS (default 5).
+bench-peers:
+	@bash scripts/deps.sh base peers
+	cmake -S . -B build-peers -DCMAKE_BUILD_TYPE=Release -DVOK_BUILD_PEERS=ON -DVOK_BUILD_TESTS=OFF $(CMAKE_FLAGS)
+	cmake --build build-peers -j$(JOBS)
+	bash scripts/bench-peers.sh build-peers $(PEER_REPETITIONS)
+
 # Installs libraries, headers and pkg-config files under $(DESTDIR)$(PREFIX).
 install: build
 	DESTDIR=$(DESTDIR) cmake --install $(BUILD) --prefix $(PREFIX)
@@ -61,4 +69,4 @@ format:
 	find include Src platform apps tests bench -name '*.[ch]' -o -name '*.cpp' | xargs -r clang-format -i
 
 clean:
-	rm -rf build build-asan build-tsan build-armhf build-bench build-install
+	rm -rf build build-asan build-tsan build-armhf build-bench build-peers build-install
