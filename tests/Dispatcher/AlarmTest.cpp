@@ -1,8 +1,12 @@
 // Alarms through the power service (vok-powerd or a fake) and through the fallback timer.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,6 +17,7 @@
 #include "support/LogCapture.h"
 #include "vok/RdAlarm.h"
 #include "vok/RdKvCall.h"
+#include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
 #include "vok/VokError.h"
 #include "vok/VokKvClient.h"
@@ -24,11 +29,39 @@ using Clock = std::chrono::steady_clock;
 using test::FakeService;
 using test::PowerDaemon;
 using test::Pump;
-using ::testing::MatchesRegex;
+using ::testing::HasSubstr;
+
+const int kCritical = 2;
 
 long long MsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
+
+// vok-powerd that the test can stop and continue (SIGSTOP: alive and on the bus, but deaf).
+class PausablePowerDaemon {
+  public:
+    PausablePowerDaemon() {
+        process_.Start({VOK_POWERD, "--log"}, true, true);
+        while (process_.ReadLine().find("ready") != 0) {
+        }
+    }
+    ~PausablePowerDaemon() {
+        process_.Kill(SIGCONT);
+        process_.Kill(SIGTERM);
+        process_.Wait();
+    }
+    void Signal(int signal) { process_.Kill(signal); }
+    // Reads output lines until one contains text.
+    void WaitForLine(const std::string& text) {
+        for (std::string line = process_.ReadLine(); line.find(text) == std::string::npos;
+             line = process_.ReadLine()) {
+            ASSERT_FALSE(line.empty()) << "vok-powerd ended before \"" << text << "\"";
+        }
+    }
+
+  private:
+    test::ChildProcess process_;
+};
 
 class AlarmTest : public ::testing::Test {
   protected:
@@ -36,64 +69,129 @@ class AlarmTest : public ::testing::Test {
     void WaitForPower(bool up) {
         Pump(dispatcher_, [&]() { return Power()->IsConnected() == up; });
     }
+    // Pumps until ms have passed since start.
+    void PumpUntil(Clock::time_point start, long long ms) {
+        Settle(static_cast<unsigned>(std::max(0LL, ms - MsSince(start))));
+    }
+    // Pumps until a timer of ms fires: anything due before it has had its chance.
+    void Settle(unsigned ms) {
+        bool done = false;
+        RdTimerBase marker(dispatcher_, [&]() { done = true; });
+        marker.Schedule(ms);
+        Pump(dispatcher_, [&]() { return done; });
+    }
 
-    test::Watchdog watchdog_{std::chrono::seconds(180)};
+    test::Watchdog watchdog_{std::chrono::seconds(240)};
     RuntimeDispatcher dispatcher_;
     int fired_ = 0;
 };
 
-TEST(AlarmRelativeTimeTest, IntervalsBecomeHoursMinutesSeconds) {
-    EXPECT_EQ("00:00:00", RdAlarmImpl::RelativeTime(500));
-    EXPECT_EQ("00:00:59", RdAlarmImpl::RelativeTime(59999));
-    EXPECT_EQ("00:01:30", RdAlarmImpl::RelativeTime(90500));
+TEST(AlarmRelativeTimeTest, IntervalsRoundUpToWholeSeconds) {
+    EXPECT_EQ("00:00:00", RdAlarmImpl::RelativeTime(0));
+    EXPECT_EQ("00:00:01", RdAlarmImpl::RelativeTime(1));
+    EXPECT_EQ("00:00:02", RdAlarmImpl::RelativeTime(1500));
+    EXPECT_EQ("00:01:31", RdAlarmImpl::RelativeTime(90500));
     EXPECT_EQ("01:00:00", RdAlarmImpl::RelativeTime(3600000));
-    EXPECT_EQ("23:59:59", RdAlarmImpl::RelativeTime(100000000));
+    EXPECT_EQ("23:59:59", RdAlarmImpl::RelativeTime(86399001));
+    EXPECT_EQ("23:59:59", RdAlarmImpl::RelativeTime(4294967295u));
 }
 
-TEST_F(AlarmTest, WithoutThePowerServiceTheTimerFiresIt) {
+TEST_F(AlarmTest, WithoutThePowerServiceTheTimerFiresItOnce) {
     RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
     const Clock::time_point start = Clock::now();
     alarm.Schedule(300);
     Pump(dispatcher_, [&]() { return fired_ == 1; });
     EXPECT_GE(MsSince(start), 300);
-    test::PumpFor(dispatcher_, 100);
+    Settle(100);
     EXPECT_EQ(1, fired_);
 }
 
-TEST_F(AlarmTest, FiresThroughThePowerService) {
-    PowerDaemon powerd;
-    powerd.Start();
-    RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
-    WaitForPower(true);
-    alarm.Schedule(1000);
-    Pump(dispatcher_, [&]() { return fired_ == 1; });
-    EXPECT_TRUE(powerd.WaitForLine("alarmAdd id=1 relative_time=00:00:01 subscribed=1"));
-    EXPECT_TRUE(powerd.WaitForLine("fired id=1"));
+TEST_F(AlarmTest, ChangeCbFromInsideTheCallbackKeepsTheRunningCallableAlive) {
+    std::unique_ptr<RdAlarmBase> alarm;
+    const std::string tag(64, 't');  // on the heap, inside the callable
+    std::string seen;
+    alarm.reset(new RdAlarmBase(dispatcher_, [&alarm, &seen, tag]() {
+        alarm->ChangeCb([]() {});
+        seen = tag;  // the replaced callable still runs here
+    }));
+    alarm->Schedule(0);
+    Pump(dispatcher_, [&]() { return !seen.empty(); });
+    EXPECT_EQ(tag, seen);
 }
 
-TEST_F(AlarmTest, PowerServiceDeathMovesTheAlarmToTheTimerWithItsFullInterval) {
+TEST_F(AlarmTest, ThroughThePowerServiceAFractionalIntervalIsRoundedUpNotDown) {
     PowerDaemon powerd;
     powerd.Start();
     RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
     WaitForPower(true);
+    const Clock::time_point start = Clock::now();
     alarm.Schedule(1500);
-    ASSERT_TRUE(powerd.WaitForLine("alarmAdd id=1"));
-    powerd.Kill();
-    WaitForPower(false);
-    const Clock::time_point moved = Clock::now();
     Pump(dispatcher_, [&]() { return fired_ == 1; });
-    EXPECT_GE(MsSince(moved), 1400);  // the whole interval again, measured from the move
+    EXPECT_GE(MsSince(start), 1500);
+    EXPECT_TRUE(powerd.HasLine("alarmAdd id=1 relative_time=00:00:02 subscribed=1"));
+    EXPECT_TRUE(powerd.WaitForLine("fired id=1"));
 }
 
-TEST_F(AlarmTest, PowerServiceStartMovesAScheduledAlarmBack) {
+// Kills and restarts vok-powerd while alarms run; each alarm must fire once, at its due time
+// (never early; late by at most the rounding to seconds and the service's grace). The number of
+// rounds comes from VOK_ALARM_RESTART_ROUNDS (default 3); the timing error is printed.
+TEST_F(AlarmTest, PowerServiceRestartsKeepTheDueTime) {
+    const char* roundsText = std::getenv("VOK_ALARM_RESTART_ROUNDS");
+    const int rounds = roundsText != nullptr ? std::atoi(roundsText) : 3;
+    const unsigned intervalMs = 4000;
+    long long minError = 1 << 30;
+    long long maxError = -(1 << 30);
+    std::unique_ptr<PowerDaemon> powerd(new PowerDaemon);
+    powerd->Start();
     RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
-    alarm.Schedule(4000);  // on the timer: no power service yet
-    PowerDaemon powerd;
-    powerd.Start();
     WaitForPower(true);
-    ASSERT_TRUE(powerd.WaitForLine("alarmAdd id=1 relative_time=00:00:04"));
-    Pump(dispatcher_, [&]() { return fired_ == 1; });
-    EXPECT_TRUE(powerd.WaitForLine("fired id=1"));
+    for (int round = 0; round < rounds; ++round) {
+        fired_ = 0;
+        const Clock::time_point start = Clock::now();
+        alarm.Schedule(intervalMs);
+        // Two moves per round: to the timer when the service dies, back when it returns; the
+        // service restarts twice within the interval.
+        for (long long at : {1000LL, 2500LL}) {
+            PumpUntil(start, at);
+            powerd->Kill();
+            WaitForPower(false);
+            powerd.reset(new PowerDaemon);
+            powerd->Start();
+            WaitForPower(true);
+        }
+        Pump(dispatcher_, [&]() { return fired_ == 1; });
+        const long long error = MsSince(start) - intervalMs;
+        minError = std::min(minError, error);
+        maxError = std::max(maxError, error);
+        EXPECT_GE(error, 0) << "round " << round;
+        EXPECT_LT(error, 2000) << "round " << round;  // a restarted interval is late by >= 2500
+    }
+    Settle(200);
+    EXPECT_EQ(1, fired_);
+    std::printf(
+        "alarm timing error over %d power service restart rounds: min %lld ms, max %lld ms\n",
+        rounds, minError, maxError);
+}
+
+TEST_F(AlarmTest, HungPowerServiceLetsTheTimerFireTheAlarmOnce) {
+    test::LogCapture log;
+    PausablePowerDaemon powerd;
+    RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
+    WaitForPower(true);
+    powerd.Signal(SIGSTOP);
+    const Clock::time_point start = Clock::now();
+    alarm.Schedule(500);
+    Pump(
+        dispatcher_, [&]() { return fired_ == 1; }, 20);
+    EXPECT_GE(MsSince(start), 500);
+    EXPECT_FALSE(log.Matching("no answer from the power service").empty());
+    // Awake again, the service answers the abandoned request: the alarm is taken back there and
+    // its notice never reaches the callback.
+    powerd.Signal(SIGCONT);
+    powerd.WaitForLine("alarmAdd id=1");
+    powerd.WaitForLine("id=1");  // removed, or cancelled with its subscription
+    Settle(1500);
+    EXPECT_EQ(1, fired_);
 }
 
 TEST_F(AlarmTest, CancelBeforeTheIdArrivedRemovesThatAlarmAtTheService) {
@@ -108,37 +206,6 @@ TEST_F(AlarmTest, CancelBeforeTheIdArrivedRemovesThatAlarmAtTheService) {
     EXPECT_EQ(0, fired_);
 }
 
-TEST_F(AlarmTest, PowerServiceAnswersMalformedRequestsAndKeepsServing) {
-    PowerDaemon powerd;
-    powerd.Start();
-    std::vector<std::string> replies;
-    RdKvCall call(RdKelvraUtils::GetKvHandle(dispatcher_),
-                  [&](KVMessage* reply) { replies.push_back(KVMessageGetPayload(reply)); });
-    const struct {
-        const char* method;
-        const char* payload;
-    } bad[] = {
-        {"time/alarmAdd", "{\"relative_time\":\"1:2\"}"},
-        {"time/alarmAdd", "{\"relative_time\":\"24:00:00\"}"},
-        {"time/alarmAdd", "{\"relative_time\":5}"},
-        {"time/alarmRemove", "{\"alarmId\":\"x\"}"},
-        {"time/alarmRemove", "{\"alarmId\":12345}"},
-    };
-    for (const auto& request : bad) {
-        replies.clear();
-        call.Call("com.orvex.power", request.method, request.payload);
-        Pump(dispatcher_, [&]() { return !replies.empty(); });
-        EXPECT_THAT(replies[0], MatchesRegex(".*\"returnValue\": *false.*\"errorCode\": *[0-9]+.*"
-                                             "\"errorText\": *\".+\".*"))
-            << request.payload;
-    }
-    RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
-    WaitForPower(true);
-    alarm.Schedule(500);
-    Pump(dispatcher_, [&]() { return fired_ == 1; });
-    EXPECT_TRUE(powerd.WaitForLine("fired id=1"));
-}
-
 TEST_F(AlarmTest, RejectedAddFallsBackToTheTimer) {
     FakeService power(dispatcher_, "com.orvex.power");
     power.AddMethod("time/alarmAdd", [](const std::string&) {
@@ -147,14 +214,18 @@ TEST_F(AlarmTest, RejectedAddFallsBackToTheTimer) {
     });
     RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
     WaitForPower(true);
+    const Clock::time_point start = Clock::now();
     alarm.Schedule(200);
     Pump(dispatcher_, [&]() { return fired_ == 1; });
+    EXPECT_GE(MsSince(start), 200);
     ASSERT_EQ(1u, power.Requests("time/alarmAdd").size());
-    EXPECT_EQ("{\"subscribe\":true, \"key\":\"com.orvex.vok\",\"relative_time\":\"00:00:00\"}",
+    EXPECT_EQ("{\"subscribe\":true, \"key\":\"com.orvex.vok\",\"relative_time\":\"00:00:01\"}",
               power.Requests("time/alarmAdd")[0]);
 }
 
-TEST_F(AlarmTest, MalformedRepliesRaiseAndLeaveTheAlarmUsable) {
+// A service that lies, ends the request early or never answers: a critical line (for faults) and
+// the timer fires the alarm once, on time; nothing is thrown out of the loop.
+TEST_F(AlarmTest, MisbehavingPowerServiceNeverLosesTheAlarm) {
     std::vector<std::string> next;
     FakeService power(dispatcher_, "com.orvex.power");
     power.AddMethod("time/alarmAdd", [&](const std::string&) { return next; });
@@ -162,53 +233,39 @@ TEST_F(AlarmTest, MalformedRepliesRaiseAndLeaveTheAlarmUsable) {
                     [](const std::string&) { return std::vector<std::string>{"{}"}; });
     RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
     WaitForPower(true);
+    const std::string id = "{\"returnValue\":true,\"alarmId\":7}";
     const struct {
-        std::vector<std::string> replies;
-        const char* function;
-        const char* text;
+        std::vector<std::string> replies;  // "" keeps the request open
+        const char* logged;
     } cases[] = {
-        {{"not json"}, "AlarmCallbackFunc", "bad json string"},
-        {{"{\"returnValue\":1}"}, "AlarmCallbackFunc", "bad returnValue type"},
-        {{"{\"alarmId\":\"7\"}"}, "AlarmCallbackFunc", "bad alarmId type"},
-        {{"{\"returnValue\":true,\"alarmId\":7}", "{\"alarmId\":7,\"fired\":1}"},
-         "HasFired",
-         "bad fired type"},
+        {{"not json", ""}, "bad json string"},
+        {{"{\"returnValue\":1}", ""}, "bad returnValue type"},
+        {{"{\"alarmId\":\"7\"}", ""}, "bad alarmId type"},
+        {{"{\"alarmId\":1.5}", ""}, "bad alarmId value"},
+        {{id, "{\"alarmId\":7,\"fired\":1}", ""}, "bad fired type"},
+        {{id, "{\"returnValue\":true,\"alarmId\":7,\"removed\":true}"}, "ended the request"},
+        {{id}, "ended the request"},
+        {{id, "{\"returnValue\":true,\"alarmId\":7,\"fired\":true}"}, "early"},
+        {{id, "{\"returnValue\":true,\"alarmId\":8,\"fired\":true}", ""}, "overdue"},
+        {{"", ""}, "no answer"},
     };
     for (const auto& c : cases) {
+        test::LogCapture log;
         next = c.replies;
-        alarm.Schedule(60000);
-        try {
-            Pump(
-                dispatcher_, [] { return false; }, 10);
-            ADD_FAILURE() << "no exception for " << c.text;
-        } catch (const VokProgramErrorException& e) {
-            EXPECT_EQ(kVokErrFailed, e.GetErr());
-            EXPECT_THAT(e.what(), MatchesRegex(std::string(c.function) +
-                                               ":Src/Utils/RuntimeDispatcher/Linux/RdAlarmImpl:"
-                                               "[0-9]+:" +
-                                               c.text));
+        fired_ = 0;
+        const Clock::time_point start = Clock::now();
+        alarm.Schedule(300);
+        Pump(
+            dispatcher_, [&]() { return fired_ == 1; }, 20);
+        EXPECT_GE(MsSince(start), 300) << c.logged;
+        const std::vector<test::LogLine> lines = log.Matching(c.logged);
+        ASSERT_EQ(1u, lines.size()) << c.logged;
+        if (std::string(c.logged) != "no answer" && std::string(c.logged) != "overdue") {
+            EXPECT_EQ(kCritical, lines[0].level) << c.logged;
         }
-        alarm.Cancel();
     }
-    // Still usable: a good exchange fires it.
-    next = {"{\"returnValue\":true,\"alarmId\":9}",
-            "{\"returnValue\":true,\"alarmId\":9,\"fired\":true}"};
-    alarm.Schedule(60000);
-    Pump(dispatcher_, [&]() { return fired_ == 1; });
-}
-
-TEST_F(AlarmTest, FiredNotificationForAnotherIdIsIgnored) {
-    FakeService power(dispatcher_, "com.orvex.power");
-    power.AddMethod("time/alarmAdd", [](const std::string&) {
-        return std::vector<std::string>{"{\"returnValue\":true,\"alarmId\":3}",
-                                        "{\"returnValue\":true,\"alarmId\":4,\"fired\":true}", ""};
-    });
-    RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
-    WaitForPower(true);
-    alarm.Schedule(60000);
-    Pump(dispatcher_, [&]() { return power.Requests("time/alarmAdd").size() == 1; });
-    test::PumpFor(dispatcher_, 200);
-    EXPECT_EQ(0, fired_);
+    Settle(200);
+    EXPECT_EQ(1, fired_);
 }
 
 }  // namespace
