@@ -1,6 +1,7 @@
 // Alarms through the power service (vok-powerd or a fake) and through the fallback timer.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <json-c/json.h>
 #include <signal.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "AlarmBook.h"
 #include "BusTestSupport.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/RdAlarmImpl.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
@@ -29,7 +31,7 @@ using Clock = std::chrono::steady_clock;
 using test::FakeService;
 using test::PowerDaemon;
 using test::Pump;
-using ::testing::HasSubstr;
+using ::testing::ContainsRegex;
 
 const int kCritical = 2;
 
@@ -266,6 +268,142 @@ TEST_F(AlarmTest, MisbehavingPowerServiceNeverLosesTheAlarm) {
     }
     Settle(200);
     EXPECT_EQ(1, fired_);
+}
+
+// The power service's request handling, without a bus: clients are named by their sender.
+class PowerdRequestTest : public ::testing::Test {
+  protected:
+    typedef powerd::AlarmBook Book;
+    Book::Outcome Add(const char* sender, const char* time = "00:00:05") {
+        return book_.Handle(
+            "time/alarmAdd",
+            ("{\"subscribe\":true,\"relative_time\":\"" + std::string(time) + "\"}").c_str(),
+            sender, 0);
+    }
+    Book::Outcome Remove(const char* sender, uint32_t id) {
+        return book_.Handle("time/alarmRemove",
+                            ("{\"alarmId\":" + std::to_string(id) + "}").c_str(), sender, 0);
+    }
+    // The errorCode of a refusal; 0 when the reply is not a well-formed refusal.
+    static int ErrorCode(const std::string& reply) {
+        json_object* json = json_tokener_parse(reply.c_str());
+        json_object *ok = nullptr, *code = nullptr, *text = nullptr;
+        int result = 0;
+        if (json_object_object_get_ex(json, "returnValue", &ok) &&
+            json_object_is_type(ok, json_type_boolean) && !json_object_get_boolean(ok) &&
+            json_object_object_get_ex(json, "errorCode", &code) &&
+            json_object_object_get_ex(json, "errorText", &text) &&
+            json_object_get_string_len(text) > 0) {
+            result = json_object_get_int(code);
+        }
+        json_object_put(json);
+        return result;
+    }
+
+    Book book_;
+};
+
+TEST_F(PowerdRequestTest, MalformedRequestsGetClearRefusals) {
+    const uint32_t id = Add(":1.1").added;
+    ASSERT_NE(0u, id);
+    const struct {
+        const char* method;
+        const char* payload;
+        int code;
+    } bad[] = {
+        {"time/alarmAdd", nullptr, powerd::kPowerErrBadPayload},
+        {"time/alarmAdd", "[1]", powerd::kPowerErrBadPayload},
+        {"time/alarmAdd", "{\"subscribe\":true,\"relative_time\":\"00:00:01\"} x",
+         powerd::kPowerErrBadPayload},
+        {"time/alarmAdd", "{\"relative_time\":\"00:00:01\"}", powerd::kPowerErrNotSubscribed},
+        {"time/alarmAdd", "{\"subscribe\":true,\"relative_time\":\"1:2\"}",
+         powerd::kPowerErrBadTime},
+        {"time/alarmAdd", "{\"subscribe\":true,\"relative_time\":\"24:00:00\"}",
+         powerd::kPowerErrBadTime},
+        {"time/alarmAdd", "{\"subscribe\":true,\"relative_time\":\"-0:00:01\"}",
+         powerd::kPowerErrBadTime},
+        {"time/alarmAdd", "{\"subscribe\":true,\"relative_time\":\"00:00:01x\"}",
+         powerd::kPowerErrBadTime},
+        {"time/alarmAdd", "{\"subscribe\":true,\"relative_time\":\" 0:00:01\"}",
+         powerd::kPowerErrBadTime},
+        {"time/alarmAdd", "{\"subscribe\":true,\"relative_time\":5}", powerd::kPowerErrBadTime},
+        {"time/alarmRemove", "{\"alarmId\":\"1\"}", powerd::kPowerErrBadId},
+        {"time/alarmRemove", "{\"alarmId\":1.5}", powerd::kPowerErrBadId},
+        {"time/alarmRemove", "{\"alarmId\":1.0}", powerd::kPowerErrBadId},
+        {"time/alarmRemove", "{\"alarmId\":4294967297}", powerd::kPowerErrBadId},
+        {"time/alarmRemove", "{\"alarmId\":1e300}", powerd::kPowerErrBadId},
+        {"time/alarmRemove", "{\"alarmId\":NaN}", powerd::kPowerErrBadId},
+        {"time/alarmRemove", "{\"alarmId\":-4294967295}", powerd::kPowerErrBadId},
+        {"time/alarmRemove", "{\"alarmId\":12345}", powerd::kPowerErrUnknownId},
+        {"time/alarmFoo", "{}", powerd::kPowerErrUnknownMethod},
+    };
+    for (const auto& request : bad) {
+        const Book::Outcome outcome = book_.Handle(request.method, request.payload, ":1.1", 0);
+        EXPECT_EQ(request.code, ErrorCode(outcome.reply))
+            << (request.payload ? request.payload : "NULL") << " -> " << outcome.reply;
+        EXPECT_EQ(0u, outcome.added + outcome.removed);
+    }
+    EXPECT_EQ(1u, book_.Count());  // 4294967297 did not wrap onto alarm 1
+}
+
+TEST_F(PowerdRequestTest, OnlyTheOwnerRemovesAnAlarmAndEachClientHasALimit) {
+    std::vector<uint32_t> ids;
+    for (size_t i = 0; i < Book::kMaxAlarmsPerClient; ++i) {
+        ids.push_back(Add(":1.1").added);
+        ASSERT_NE(0u, ids.back());
+    }
+    EXPECT_EQ(powerd::kPowerErrTooMany, ErrorCode(Add(":1.1").reply));
+    const uint32_t other = Add(":1.2").added;
+    EXPECT_NE(0u, other);  // one client's limit leaves the others alone
+    EXPECT_EQ(powerd::kPowerErrNotOwner, ErrorCode(Remove(":1.2", ids[0]).reply));
+    EXPECT_EQ(ids[0], Remove(":1.1", ids[0]).removed);
+    EXPECT_NE(0u, Add(":1.1").added);  // room again
+    EXPECT_TRUE(book_.Drop(other));    // the client left
+    EXPECT_EQ(powerd::kPowerErrUnknownId, ErrorCode(Remove(":1.2", other).reply));
+}
+
+TEST_F(PowerdRequestTest, AlarmsComeDueInTimeOrder) {
+    const uint32_t three = Add(":1.1", "00:00:03").added;
+    const uint32_t one = Add(":1.1", "00:00:01").added;
+    const uint32_t two = Add(":1.2", "00:00:02").added;
+    EXPECT_EQ(1000000000, book_.NextDue());
+    EXPECT_EQ(std::vector<uint32_t>({one, two}), book_.TakeDue(2000000000));
+    EXPECT_EQ(3000000000, book_.NextDue());
+    EXPECT_TRUE(book_.Drop(three));
+    EXPECT_EQ(-1, book_.NextDue());
+}
+
+// Through the bus: the service tells its clients apart by their bus names, and an alarm ends
+// when its client leaves.
+TEST_F(AlarmTest, PowerServiceKnowsWhichClientOwnsAnAlarm) {
+    PowerDaemon powerd;
+    powerd.Start();
+    GMainContext* context = RuntimeDispatcher::GetImpl(dispatcher_)->GetContext();
+    powerd.WakeOnLine(context);
+    KVHandle* owner = nullptr;
+    ASSERT_TRUE(KVRegister(nullptr, &owner, nullptr));
+    ASSERT_TRUE(KVGmainAttach(owner, context, nullptr));
+    std::vector<std::string> ownerReplies;
+    auto collect = [](KVHandle*, KVMessage* reply, void* list) {
+        static_cast<std::vector<std::string>*>(list)->push_back(KVMessageGetPayload(reply));
+        return true;
+    };
+    ASSERT_TRUE(KVCall(owner, "kelvra://com.orvex.power/time/alarmAdd",
+                       "{\"subscribe\":true,\"relative_time\":\"00:10:00\"}", collect,
+                       &ownerReplies, nullptr, nullptr));
+    Pump(dispatcher_, [&]() { return !ownerReplies.empty(); });
+    ASSERT_THAT(ownerReplies[0], ContainsRegex("\"alarmId\": *1\\b"));
+
+    std::vector<std::string> replies;
+    RdKvCall other(RdKelvraUtils::GetKvHandle(dispatcher_),
+                   [&](KVMessage* reply) { replies.push_back(KVMessageGetPayload(reply)); });
+    other.Call("com.orvex.power", "time/alarmRemove", "{\"alarmId\":1}");
+    Pump(dispatcher_, [&]() { return !replies.empty(); });
+    EXPECT_THAT(replies[0], ContainsRegex("\"errorCode\": *6\\b"));
+    EXPECT_EQ(1u, ownerReplies.size());  // no "removed" end for the owner
+
+    KVUnregister(owner, nullptr);
+    Pump(dispatcher_, [&]() { return powerd.HasLine("cancelled id=1"); });
 }
 
 }  // namespace
