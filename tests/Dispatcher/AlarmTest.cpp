@@ -1,7 +1,6 @@
-// Alarms through the power service (vok-powerd or a fake) and through the fallback timer.
+// Alarms through the power service (vok-powerd or a fake) or the timer; vok-powerd's requests.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <json-c/json.h>
 #include <signal.h>
 
 #include <algorithm>
@@ -21,19 +20,15 @@
 #include "vok/RdKvCall.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
-#include "vok/VokError.h"
 #include "vok/VokKvClient.h"
 
 namespace vok {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using test::FakeService;
 using test::PowerDaemon;
 using test::Pump;
 using ::testing::ContainsRegex;
-
-const int kCritical = 2;
 
 long long MsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
@@ -44,8 +39,7 @@ class PausablePowerDaemon {
   public:
     PausablePowerDaemon() {
         process_.Start({VOK_POWERD, "--log"}, true, true);
-        while (process_.ReadLine().find("ready") != 0) {
-        }
+        WaitForLine("ready");
     }
     ~PausablePowerDaemon() {
         process_.Kill(SIGCONT);
@@ -53,12 +47,12 @@ class PausablePowerDaemon {
         process_.Wait();
     }
     void Signal(int signal) { process_.Kill(signal); }
-    // Reads output lines until one contains text.
     void WaitForLine(const std::string& text) {
-        for (std::string line = process_.ReadLine(); line.find(text) == std::string::npos;
-             line = process_.ReadLine()) {
+        std::string line;
+        do {
+            line = process_.ReadLine();
             ASSERT_FALSE(line.empty()) << "vok-powerd ended before \"" << text << "\"";
-        }
+        } while (line.find(text) == std::string::npos);
     }
 
   private:
@@ -67,19 +61,15 @@ class PausablePowerDaemon {
 
 class AlarmTest : public ::testing::Test {
   protected:
-    VokKvClient* Power() { return RdKelvraUtils::GetVokKvClient(dispatcher_, "com.orvex.power"); }
     void WaitForPower(bool up) {
-        Pump(dispatcher_, [&]() { return Power()->IsConnected() == up; });
-    }
-    // Pumps until ms have passed since start.
-    void PumpUntil(Clock::time_point start, long long ms) {
-        Settle(static_cast<unsigned>(std::max(0LL, ms - MsSince(start))));
+        VokKvClient* power = RdKelvraUtils::GetVokKvClient(dispatcher_, "com.orvex.power");
+        Pump(dispatcher_, [&]() { return power->IsConnected() == up; });
     }
     // Pumps until a timer of ms fires: anything due before it has had its chance.
-    void Settle(unsigned ms) {
+    void Settle(long long ms) {
         bool done = false;
         RdTimerBase marker(dispatcher_, [&]() { done = true; });
-        marker.Schedule(ms);
+        marker.Schedule(static_cast<unsigned>(std::max(0LL, ms)));
         Pump(dispatcher_, [&]() { return done; });
     }
 
@@ -88,24 +78,9 @@ class AlarmTest : public ::testing::Test {
     int fired_ = 0;
 };
 
-TEST(AlarmRelativeTimeTest, IntervalsRoundUpToWholeSeconds) {
-    EXPECT_EQ("00:00:00", RdAlarmImpl::RelativeTime(0));
-    EXPECT_EQ("00:00:01", RdAlarmImpl::RelativeTime(1));
+TEST(AlarmRelativeTimeTest, IntervalsRoundUpToWholeSecondsAndAtMostADay) {
     EXPECT_EQ("00:00:02", RdAlarmImpl::RelativeTime(1500));
-    EXPECT_EQ("00:01:31", RdAlarmImpl::RelativeTime(90500));
-    EXPECT_EQ("01:00:00", RdAlarmImpl::RelativeTime(3600000));
     EXPECT_EQ("23:59:59", RdAlarmImpl::RelativeTime(86399001));
-    EXPECT_EQ("23:59:59", RdAlarmImpl::RelativeTime(4294967295u));
-}
-
-TEST_F(AlarmTest, WithoutThePowerServiceTheTimerFiresItOnce) {
-    RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
-    const Clock::time_point start = Clock::now();
-    alarm.Schedule(300);
-    Pump(dispatcher_, [&]() { return fired_ == 1; });
-    EXPECT_GE(MsSince(start), 300);
-    Settle(100);
-    EXPECT_EQ(1, fired_);
 }
 
 TEST_F(AlarmTest, ChangeCbFromInsideTheCallbackKeepsTheRunningCallableAlive) {
@@ -134,15 +109,14 @@ TEST_F(AlarmTest, ThroughThePowerServiceAFractionalIntervalIsRoundedUpNotDown) {
     EXPECT_TRUE(powerd.WaitForLine("fired id=1"));
 }
 
-// Kills and restarts vok-powerd while alarms run; each alarm must fire once, at its due time
-// (never early; late by at most the rounding to seconds and the service's grace). The number of
-// rounds comes from VOK_ALARM_RESTART_ROUNDS (default 3); the timing error is printed.
+// Kills and restarts vok-powerd twice within each alarm's interval; each alarm must fire once, at
+// its due time (never early; late by at most the rounding to seconds). The number of rounds
+// comes from VOK_ALARM_RESTART_ROUNDS (default 3); the timing error is printed.
 TEST_F(AlarmTest, PowerServiceRestartsKeepTheDueTime) {
     const char* roundsText = std::getenv("VOK_ALARM_RESTART_ROUNDS");
     const int rounds = roundsText != nullptr ? std::atoi(roundsText) : 3;
-    const unsigned intervalMs = 4000;
-    long long minError = 1 << 30;
-    long long maxError = -(1 << 30);
+    const long long intervalMs = 4000;
+    long long minError = 1 << 30, maxError = -(1 << 30);
     std::unique_ptr<PowerDaemon> powerd(new PowerDaemon);
     powerd->Start();
     RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
@@ -151,10 +125,8 @@ TEST_F(AlarmTest, PowerServiceRestartsKeepTheDueTime) {
         fired_ = 0;
         const Clock::time_point start = Clock::now();
         alarm.Schedule(intervalMs);
-        // Two moves per round: to the timer when the service dies, back when it returns; the
-        // service restarts twice within the interval.
         for (long long at : {1000LL, 2500LL}) {
-            PumpUntil(start, at);
+            Settle(at - MsSince(start));
             powerd->Kill();
             WaitForPower(false);
             powerd.reset(new PowerDaemon);
@@ -170,9 +142,8 @@ TEST_F(AlarmTest, PowerServiceRestartsKeepTheDueTime) {
     }
     Settle(200);
     EXPECT_EQ(1, fired_);
-    std::printf(
-        "alarm timing error over %d power service restart rounds: min %lld ms, max %lld ms\n",
-        rounds, minError, maxError);
+    std::printf("alarm timing error over %d power service restarts: min %lld ms, max %lld ms\n",
+                2 * rounds, minError, maxError);
 }
 
 TEST_F(AlarmTest, HungPowerServiceLetsTheTimerFireTheAlarmOnce) {
@@ -186,7 +157,7 @@ TEST_F(AlarmTest, HungPowerServiceLetsTheTimerFireTheAlarmOnce) {
     Pump(
         dispatcher_, [&]() { return fired_ == 1; }, 20);
     EXPECT_GE(MsSince(start), 500);
-    EXPECT_FALSE(log.Matching("no answer from the power service").empty());
+    EXPECT_EQ(1u, log.Matching("no answer from the power service").size());
     // Awake again, the service answers the abandoned request: the alarm is taken back there and
     // its notice never reaches the callback.
     powerd.Signal(SIGCONT);
@@ -196,60 +167,34 @@ TEST_F(AlarmTest, HungPowerServiceLetsTheTimerFireTheAlarmOnce) {
     EXPECT_EQ(1, fired_);
 }
 
-TEST_F(AlarmTest, CancelBeforeTheIdArrivedRemovesThatAlarmAtTheService) {
-    PowerDaemon powerd;
-    powerd.Start();
-    RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
-    WaitForPower(true);
-    powerd.WakeOnLine(RuntimeDispatcher::GetImpl(dispatcher_)->GetContext());
-    alarm.Schedule(30000);
-    alarm.Cancel();  // the add request's reply has not arrived yet
-    Pump(dispatcher_, [&]() { return powerd.HasLine("alarmRemove id=1"); });
-    EXPECT_EQ(0, fired_);
-}
-
-TEST_F(AlarmTest, RejectedAddFallsBackToTheTimer) {
-    FakeService power(dispatcher_, "com.orvex.power");
-    power.AddMethod("time/alarmAdd", [](const std::string&) {
-        return std::vector<std::string>{
-            "{\"returnValue\":false,\"errorCode\":1,\"errorText\":\"no\"}"};
-    });
-    RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
-    WaitForPower(true);
-    const Clock::time_point start = Clock::now();
-    alarm.Schedule(200);
-    Pump(dispatcher_, [&]() { return fired_ == 1; });
-    EXPECT_GE(MsSince(start), 200);
-    ASSERT_EQ(1u, power.Requests("time/alarmAdd").size());
-    EXPECT_EQ("{\"subscribe\":true, \"key\":\"com.orvex.vok\",\"relative_time\":\"00:00:01\"}",
-              power.Requests("time/alarmAdd")[0]);
-}
-
-// A service that lies, ends the request early or never answers: a critical line (for faults) and
-// the timer fires the alarm once, on time; nothing is thrown out of the loop.
+// A service that refuses, lies, ends the request early or never answers: a line at the level
+// given, and the timer fires the alarm once, not early; nothing is thrown out of the loop.
 TEST_F(AlarmTest, MisbehavingPowerServiceNeverLosesTheAlarm) {
     std::vector<std::string> next;
-    FakeService power(dispatcher_, "com.orvex.power");
+    test::FakeService power(dispatcher_, "com.orvex.power");
     power.AddMethod("time/alarmAdd", [&](const std::string&) { return next; });
     power.AddMethod("time/alarmRemove",
                     [](const std::string&) { return std::vector<std::string>{"{}"}; });
     RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
     WaitForPower(true);
     const std::string id = "{\"returnValue\":true,\"alarmId\":7}";
+    const int kCritical = 2, kError = 3, kWarning = 4;
     const struct {
         std::vector<std::string> replies;  // "" keeps the request open
         const char* logged;
+        int level;
     } cases[] = {
-        {{"not json", ""}, "bad json string"},
-        {{"{\"returnValue\":1}", ""}, "bad returnValue type"},
-        {{"{\"alarmId\":\"7\"}", ""}, "bad alarmId type"},
-        {{"{\"alarmId\":1.5}", ""}, "bad alarmId value"},
-        {{id, "{\"alarmId\":7,\"fired\":1}", ""}, "bad fired type"},
-        {{id, "{\"returnValue\":true,\"alarmId\":7,\"removed\":true}"}, "ended the request"},
-        {{id}, "ended the request"},
-        {{id, "{\"returnValue\":true,\"alarmId\":7,\"fired\":true}"}, "early"},
-        {{id, "{\"returnValue\":true,\"alarmId\":8,\"fired\":true}", ""}, "overdue"},
-        {{"", ""}, "no answer"},
+        {{"{\"returnValue\":false,\"errorCode\":1,\"errorText\":\"no\"}"}, "refused", kWarning},
+        {{"not json", ""}, "bad json string", kCritical},
+        {{"{\"returnValue\":1}", ""}, "bad returnValue type", kCritical},
+        {{"{\"alarmId\":\"7\"}", ""}, "bad alarmId type", kCritical},
+        {{"{\"alarmId\":1.5}", ""}, "bad alarmId value", kCritical},
+        {{id, "{\"alarmId\":7,\"fired\":1}", ""}, "bad fired type", kCritical},
+        {{id, "{\"returnValue\":true,\"alarmId\":7,\"removed\":true}"}, "ended the", kCritical},
+        {{id}, "ended the request", kCritical},
+        {{id, "{\"returnValue\":true,\"alarmId\":7,\"fired\":true}"}, "early", kCritical},
+        {{id, "{\"returnValue\":true,\"alarmId\":8,\"fired\":true}", ""}, "overdue", kError},
+        {{"", ""}, "no answer", kError},
     };
     for (const auto& c : cases) {
         test::LogCapture log;
@@ -262,86 +207,63 @@ TEST_F(AlarmTest, MisbehavingPowerServiceNeverLosesTheAlarm) {
         EXPECT_GE(MsSince(start), 300) << c.logged;
         const std::vector<test::LogLine> lines = log.Matching(c.logged);
         ASSERT_EQ(1u, lines.size()) << c.logged;
-        if (std::string(c.logged) != "no answer" && std::string(c.logged) != "overdue") {
-            EXPECT_EQ(kCritical, lines[0].level) << c.logged;
-        }
+        EXPECT_EQ(c.level, lines[0].level) << c.logged;
     }
     Settle(200);
     EXPECT_EQ(1, fired_);
+    EXPECT_EQ("{\"subscribe\":true, \"key\":\"com.orvex.vok\",\"relative_time\":\"00:00:01\"}",
+              power.Requests("time/alarmAdd")[0]);
 }
 
 // The power service's request handling, without a bus: clients are named by their sender.
 class PowerdRequestTest : public ::testing::Test {
   protected:
     typedef powerd::AlarmBook Book;
-    Book::Outcome Add(const char* sender, const char* time = "00:00:05") {
-        return book_.Handle(
-            "time/alarmAdd",
-            ("{\"subscribe\":true,\"relative_time\":\"" + std::string(time) + "\"}").c_str(),
-            sender, 0);
+    Book::Outcome Add(const char* sender) {
+        return book_.Handle("time/alarmAdd", "{\"subscribe\":true,\"relative_time\":\"00:00:05\"}",
+                            sender, 0);
     }
     Book::Outcome Remove(const char* sender, uint32_t id) {
-        return book_.Handle("time/alarmRemove",
-                            ("{\"alarmId\":" + std::to_string(id) + "}").c_str(), sender, 0);
+        const std::string payload = "{\"alarmId\":" + std::to_string(id) + "}";
+        return book_.Handle("time/alarmRemove", payload.c_str(), sender, 0);
     }
-    // The errorCode of a refusal; 0 when the reply is not a well-formed refusal.
+    // The errorCode of a refusal with a non-empty errorText, else 0.
     static int ErrorCode(const std::string& reply) {
-        json_object* json = json_tokener_parse(reply.c_str());
-        json_object *ok = nullptr, *code = nullptr, *text = nullptr;
-        int result = 0;
-        if (json_object_object_get_ex(json, "returnValue", &ok) &&
-            json_object_is_type(ok, json_type_boolean) && !json_object_get_boolean(ok) &&
-            json_object_object_get_ex(json, "errorCode", &code) &&
-            json_object_object_get_ex(json, "errorText", &text) &&
-            json_object_get_string_len(text) > 0) {
-            result = json_object_get_int(code);
-        }
-        json_object_put(json);
-        return result;
+        int code = 0;
+        const char* form = "{\"returnValue\":false,\"errorCode\":%d,\"errorText\":\"%*[^\"]\"}";
+        return std::sscanf(reply.c_str(), form, &code) == 1 ? code : 0;
     }
 
     Book book_;
 };
 
 TEST_F(PowerdRequestTest, MalformedRequestsGetClearRefusals) {
-    const uint32_t id = Add(":1.1").added;
-    ASSERT_NE(0u, id);
+    ASSERT_EQ(1u, Add(":1.1").added);
+    const char* add = "time/alarmAdd";
+    const char* remove = "time/alarmRemove";
     const struct {
         const char* method;
         const char* payload;
         int code;
     } bad[] = {
-        {"time/alarmAdd", nullptr, powerd::kPowerErrBadPayload},
-        {"time/alarmAdd", "[1]", powerd::kPowerErrBadPayload},
-        {"time/alarmAdd", "{\"subscribe\":true,\"relative_time\":\"00:00:01\"} x",
-         powerd::kPowerErrBadPayload},
-        {"time/alarmAdd", "{\"relative_time\":\"00:00:01\"}", powerd::kPowerErrNotSubscribed},
-        {"time/alarmAdd", "{\"subscribe\":true,\"relative_time\":\"1:2\"}",
-         powerd::kPowerErrBadTime},
-        {"time/alarmAdd", "{\"subscribe\":true,\"relative_time\":\"24:00:00\"}",
-         powerd::kPowerErrBadTime},
-        {"time/alarmAdd", "{\"subscribe\":true,\"relative_time\":\"-0:00:01\"}",
-         powerd::kPowerErrBadTime},
-        {"time/alarmAdd", "{\"subscribe\":true,\"relative_time\":\"00:00:01x\"}",
-         powerd::kPowerErrBadTime},
-        {"time/alarmAdd", "{\"subscribe\":true,\"relative_time\":\" 0:00:01\"}",
-         powerd::kPowerErrBadTime},
-        {"time/alarmAdd", "{\"subscribe\":true,\"relative_time\":5}", powerd::kPowerErrBadTime},
-        {"time/alarmRemove", "{\"alarmId\":\"1\"}", powerd::kPowerErrBadId},
-        {"time/alarmRemove", "{\"alarmId\":1.5}", powerd::kPowerErrBadId},
-        {"time/alarmRemove", "{\"alarmId\":1.0}", powerd::kPowerErrBadId},
-        {"time/alarmRemove", "{\"alarmId\":4294967297}", powerd::kPowerErrBadId},
-        {"time/alarmRemove", "{\"alarmId\":1e300}", powerd::kPowerErrBadId},
-        {"time/alarmRemove", "{\"alarmId\":NaN}", powerd::kPowerErrBadId},
-        {"time/alarmRemove", "{\"alarmId\":-4294967295}", powerd::kPowerErrBadId},
-        {"time/alarmRemove", "{\"alarmId\":12345}", powerd::kPowerErrUnknownId},
-        {"time/alarmFoo", "{}", powerd::kPowerErrUnknownMethod},
+        {add, nullptr, powerd::kPowerErrBadPayload},
+        {add, "{\"subscribe\":true,\"relative_time\":\"00:00:01\"} x", powerd::kPowerErrBadPayload},
+        {add, "{\"relative_time\":\"00:00:01\"}", powerd::kPowerErrNotSubscribed},
+        {add, "{\"subscribe\":true,\"relative_time\":\"24:00:00\"}", powerd::kPowerErrBadTime},
+        {add, "{\"subscribe\":true,\"relative_time\":\"-0:00:01\"}", powerd::kPowerErrBadTime},
+        {add, "{\"subscribe\":true,\"relative_time\":\"00:00:01x\"}", powerd::kPowerErrBadTime},
+        {remove, "{\"alarmId\":\"1\"}", powerd::kPowerErrBadId},
+        {remove, "{\"alarmId\":1.5}", powerd::kPowerErrBadId},
+        {remove, "{\"alarmId\":4294967297}", powerd::kPowerErrBadId},
+        {remove, "{\"alarmId\":1e300}", powerd::kPowerErrBadId},
+        {remove, "{\"alarmId\":NaN}", powerd::kPowerErrBadId},
+        {remove, "{\"alarmId\":-4294967295}", powerd::kPowerErrBadId},
+        {remove, "{\"alarmId\":12345}", powerd::kPowerErrUnknownId},
     };
     for (const auto& request : bad) {
         const Book::Outcome outcome = book_.Handle(request.method, request.payload, ":1.1", 0);
         EXPECT_EQ(request.code, ErrorCode(outcome.reply))
             << (request.payload ? request.payload : "NULL") << " -> " << outcome.reply;
-        EXPECT_EQ(0u, outcome.added + outcome.removed);
     }
     EXPECT_EQ(1u, book_.Count());  // 4294967297 did not wrap onto alarm 1
 }
@@ -350,27 +272,12 @@ TEST_F(PowerdRequestTest, OnlyTheOwnerRemovesAnAlarmAndEachClientHasALimit) {
     std::vector<uint32_t> ids;
     for (size_t i = 0; i < Book::kMaxAlarmsPerClient; ++i) {
         ids.push_back(Add(":1.1").added);
-        ASSERT_NE(0u, ids.back());
     }
     EXPECT_EQ(powerd::kPowerErrTooMany, ErrorCode(Add(":1.1").reply));
     const uint32_t other = Add(":1.2").added;
     EXPECT_NE(0u, other);  // one client's limit leaves the others alone
     EXPECT_EQ(powerd::kPowerErrNotOwner, ErrorCode(Remove(":1.2", ids[0]).reply));
     EXPECT_EQ(ids[0], Remove(":1.1", ids[0]).removed);
-    EXPECT_NE(0u, Add(":1.1").added);  // room again
-    EXPECT_TRUE(book_.Drop(other));    // the client left
-    EXPECT_EQ(powerd::kPowerErrUnknownId, ErrorCode(Remove(":1.2", other).reply));
-}
-
-TEST_F(PowerdRequestTest, AlarmsComeDueInTimeOrder) {
-    const uint32_t three = Add(":1.1", "00:00:03").added;
-    const uint32_t one = Add(":1.1", "00:00:01").added;
-    const uint32_t two = Add(":1.2", "00:00:02").added;
-    EXPECT_EQ(1000000000, book_.NextDue());
-    EXPECT_EQ(std::vector<uint32_t>({one, two}), book_.TakeDue(2000000000));
-    EXPECT_EQ(3000000000, book_.NextDue());
-    EXPECT_TRUE(book_.Drop(three));
-    EXPECT_EQ(-1, book_.NextDue());
 }
 
 // Through the bus: the service tells its clients apart by their bus names, and an alarm ends
