@@ -12,6 +12,7 @@
 namespace vok {
 namespace {
 
+using test::CountingSink;
 using test::IfaceCounter;
 using test::IntendedLeakScope;
 using test::LogCapture;
@@ -97,8 +98,10 @@ TEST_F(InterfaceTest, CountersFollowCreateWriteReadAndFree) {
     iface->FreeMessage(copy);
     iface->FreeMessage(two);
     iface->DiscardCommandPort(port);
-    EXPECT_TRUE(ThrowsMm([&] { iface->CreateCommandMessage(0, nullptr); }, "CreateMessageT",
+    EXPECT_TRUE(ThrowsMm([&] { iface->CreateCommandMessage(0, nullptr); }, "CreateCommandMessage",
                          kIfacePath, "NULL arg."));
+    EXPECT_TRUE(ThrowsMm([&] { iface->CreateConnectionMessage(0, nullptr); },
+                         "CreateConnectionMessage", kIfacePath, "NULL arg."));
     EXPECT_TRUE(ThrowsMm([&] { iface->CreateConnectedPair(iface, nullptr); }, "CreateConnectedPair",
                          kIfacePath, "NULL arg."));
 
@@ -166,18 +169,122 @@ TEST_F(InterfaceTest, DestructionReportsLeakedPortsAndMessages) {
     expected.insert(expected.end(), rest.begin(), rest.end());
     EXPECT_EQ(expected, LeakLines(capture));
     EXPECT_EQ(2, IfaceCounter("leaky", "msgsLeakedByUser"));
-    EXPECT_EQ(2, Outstanding());  // Reported, not freed.
+    // Reported, not freed; closing the pair left a peer-closed and an unreachable notice queued.
+    EXPECT_EQ(4, Outstanding());
 }
 
-TEST_F(InterfaceTest, MessageHeldByOneInterfaceCannotBeFreedThroughAnother) {
+// Once reported, leaked ports are closed: unreachable, the peer told, their queued messages
+// kept, every call on them refused, and nothing leads back to the destroyed interface.
+TEST_F(InterfaceTest, LeakedPortsAreClosedAndInert) {
+    MessageMoverInterface* keeper = framework_->CreateInterface("keeper");
+    MessageMoverInterface* leaky = framework_->CreateInterface("leaky");
+    MmCommandPort* client = keeper->CreateCommandPort();
+    MmCommandPort* service;
+    MmConnectionPort* leakedEnd;
+    MmConnectionPort* keeperEnd = nullptr;
+    MmCommandMessageHandle msg;
+    {
+        IntendedLeakScope leak;
+        service = leaky->CreateCommandServicePort(9);
+        leakedEnd = leaky->CreateConnectedPair(keeper, &keeperEnd);
+        keeper->CreateCommandMessage(0, &msg);
+        msg.SetMessageName({20, 1});
+        msg.SetDestinationAddress(9);
+        ASSERT_EQ(kVokErrNone, client->WriteMessage(msg, nullptr));  // Queued, then leaked.
+    }
+    framework_->DiscardInterface(leaky);
+    MmConnectionMessageHandle notice;
+    EXPECT_EQ(kVokErrPeerClosed, keeperEnd->ReadMessage(&notice));
+    keeper->CreateCommandMessage(0, &msg);
+    msg.SetMessageName({20, 2});
+    msg.SetDestinationAddress(9);
+    ASSERT_EQ(kVokErrNone, client->WriteMessage(msg, nullptr));
+    ASSERT_EQ(kVokErrNone, client->ReadMessage(&msg));
+    MmMessageName name;
+    EXPECT_EQ(kMmPortNotReachableMsg, *msg.GetMessageName(&name));
+    keeper->FreeMessage(msg);
+    keeper->DiscardConnectionPort(keeperEnd);  // Its close finds no port at the leaked end.
+
+    const char kPortPath[] = "Src/Core/MessageMover/MmfPortImplTemplate";
+    const char kDiscarded[] = "Port's interface was discarded.";
+    CountingSink sink;
+    const std::vector<std::function<void()>> calls = {
+        [&] { service->GetAddress(); },
+        [&] { service->ReadMessage(&msg); },
+        [&] { service->WriteMessage(msg, nullptr); },
+        [&] { leakedEnd->ReadMessage(&notice); },
+        [&] { leakedEnd->RegisterPortEventSignalSink(sink); },
+        [&] { leakedEnd->UnregisterPortEventSignalSink(); },
+        [&] { leakedEnd->WatchPortEvents(false, false, false); },
+        [&] { leakedEnd->GetPortState(nullptr, nullptr, nullptr); },
+    };
+    for (const std::function<void()>& call : calls) {
+        EXPECT_TRUE(ThrowsMm(call, "RequireInterface", kPortPath, kDiscarded));
+    }
+    keeper->DiscardCommandPort(client);
+    framework_->DiscardInterface(keeper);
+    EXPECT_EQ(1, Outstanding());  // The message still queued at the leaked service port.
+}
+
+// Held by another interface or as the other handle kind: refused before anything changes.
+TEST_F(InterfaceTest, MessageNotHeldIsRefusedWithNothingChanged) {
     MessageMoverInterface* owner = framework_->CreateInterface("owner");
     MessageMoverInterface* other = framework_->CreateInterface("other");
+    MmConnectionPort* peer = nullptr;
+    MmConnectionPort* otherEnd = other->CreateConnectedPair(other, &peer);
     MmConnectionMessageHandle msg;
     owner->CreateConnectionMessage(0, &msg);
-    EXPECT_DEATH(other->FreeMessage(msg), "list node not found");
+    msg.SetMessageName({20, 1});
+    const char kListPath[] = "Src/Core/MessageMover/MmfIntrusiveListTemplate";
+    const char kNotHeld[] = "ERROR: link not on list or invalid link";
+    LogCapture capture;
+    EXPECT_TRUE(ThrowsMm([&] { other->FreeMessage(msg); }, "RemoveAt", kListPath, kNotHeld));
+    EXPECT_TRUE(ThrowsMm([&] { owner->FreeMessage(MmCommandMessageHandle(msg.GetBinding())); },
+                         "RemoveAt", kListPath, kNotHeld));
+    EXPECT_TRUE(
+        ThrowsMm([&] { otherEnd->WriteMessage(msg, nullptr); }, "RemoveAt", kListPath, kNotHeld));
+    EXPECT_TRUE(ThrowsMm([&] { other->DuplicateConnectionMessage(msg); }, "CheckHeld",
+                         "Src/Core/MessageMover/MmfMessageTrackerTemplate", kNotHeld));
+    EXPECT_EQ(4u, capture
+                      .Matching(std::string("THROWING EXCEPTION ") +
+                                "VokProgramErrorExceptionmsg<" + kNotHeld)
+                      .size());
+    EXPECT_EQ(0u, msg.GetBinding().GetDestinationAddress());
+    EXPECT_EQ(1, Outstanding());
+    EXPECT_EQ(1, IfaceCounter("owner", "msgsHeldByUser"));
+    EXPECT_EQ(0, IfaceCounter("other", "msgsHeldByUser"));
     owner->FreeMessage(msg);
+    other->DiscardConnectionPort(otherEnd);
+    other->DiscardConnectionPort(peer);
     framework_->DiscardInterface(other);
     framework_->DiscardInterface(owner);
+}
+
+// A corrupt message met by a port's or an interface's destructor is logged and quarantined;
+// the destructor finishes, and stopping the framework lists the quarantine.
+TEST(InterfaceCorruptionTest, DestructorsQuarantineCorruptMessages) {
+    MessageMoverFramework* framework = MessageMoverFramework::StartMessageMoverFramework("x");
+    MessageMoverInterface* iface = framework->CreateInterface("corrupt");
+    MmConnectionPort* b = nullptr;
+    MmConnectionPort* a = iface->CreateConnectedPair(iface, &b);
+    {
+        IntendedLeakScope leak;  // Quarantined messages are never freed.
+        MmConnectionMessageHandle held, queued;
+        static_cast<uint8_t*>(iface->CreateConnectionMessage(2, &held))[2] = 0;
+        uint8_t* payload = static_cast<uint8_t*>(iface->CreateConnectionMessage(2, &queued));
+        queued.SetMessageName({20, 1});
+        ASSERT_EQ(kVokErrNone, a->WriteMessage(queued, nullptr));
+        payload[2] = 0;
+    }
+    LogCapture capture;
+    iface->DiscardConnectionPort(b);
+    iface->DiscardConnectionPort(a);
+    framework->DiscardInterface(iface);
+    EXPECT_EQ(2u, capture.Matching("Corrupted payload memory guard; msg ptr=").size());
+    EXPECT_EQ(2, test::CounterValue("root.vok.MessageMover.quarantinedMessages"));
+    EXPECT_EQ(0, IfaceCounter("corrupt", "msgsHeldByPorts"));
+    MessageMoverFramework::StopMessageMoverFramework(framework);
+    EXPECT_EQ(2u, capture.Matching("ReportQuarantine: Quarantined corrupt message <").size());
 }
 
 TEST_F(InterfaceTest, PortDiscardedTwiceIsRefusedByTheTracker) {

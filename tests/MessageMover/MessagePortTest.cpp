@@ -32,7 +32,7 @@ class MessagePortTest : public test::MmFrameworkTest {
             iface_->DiscardConnectionPort(b_);
         }
         framework_->DiscardInterface(iface_);
-        EXPECT_EQ(0, Outstanding());
+        EXPECT_EQ(quarantined_, Outstanding());
         MmFrameworkTest::TearDown();
     }
     VokError_t Write(MmConnectionPort* port, uint32_t msgId, MmMessageSerial_t serial = 0,
@@ -60,6 +60,7 @@ class MessagePortTest : public test::MmFrameworkTest {
     MessageMoverInterface* iface_ = nullptr;
     MmConnectionPort* a_ = nullptr;
     MmConnectionPort* b_ = nullptr;
+    int32_t quarantined_ = 0;  // Messages a test left in quarantine.
 };
 
 TEST_F(MessagePortTest, SinkIsTriggeredOncePerEdgeToReadable) {
@@ -199,26 +200,65 @@ TEST_F(MessagePortTest, FailedCommandWriteLeavesTheMessageWithTheWriter) {
     iface_->DiscardCommandPort(port);
 }
 
-TEST_F(MessagePortTest, DiagOptionsLogEachMessageOnItsContext) {
-    ASSERT_EQ(7u, iface_->SetDiagOptions(0, 7));
+// Writing is logged by the writer's interface's option, delivery and reading by the reader's.
+TEST_F(MessagePortTest, EachMessageIsLoggedByTheOptionsOfTheInterfaceItPasses) {
+    MessageMoverInterface* reader = framework_->CreateInterface("reader");
+    MmConnectionPort* readEnd = nullptr;
+    MmConnectionPort* writeEnd = iface_->CreateConnectedPair(reader, &readEnd);
     test::ScopedLogLevel write("VOK.MessageMover.Msg.Write", kLogLevelDebug);
     test::ScopedLogLevel deliver("VOK.MessageMover.Msg.Deliver", kLogLevelDebug);
     test::ScopedLogLevel read("VOK.MessageMover.Msg.Read", kLogLevelDebug);
-    LogCapture capture;
-    Write(a_, 1);
-    MmConnectionMessageHandle msg;
-    Read(b_, &msg);
-    iface_->FreeMessage(msg);
     const size_t dumpLines = (kMmfMessageHeaderSize + 4 + 15) / 16;
-    for (const char* context : {"VOK.MessageMover.Msg.Write", "VOK.MessageMover.Msg.Deliver",
-                                "VOK.MessageMover.Msg.Read"}) {
-        size_t lines = 0;
-        for (const test::LogLine& line : capture.Lines()) {
-            lines += line.context == context;
+    for (const uint32_t writerOptions : {1u, 6u}) {
+        iface_->SetDiagOptions(0xFFFFFFFF, writerOptions);
+        reader->SetDiagOptions(0xFFFFFFFF, 7 & ~writerOptions);
+        LogCapture capture;
+        Write(writeEnd, 1);
+        MmConnectionMessageHandle msg;
+        ASSERT_EQ(kVokErrNone, readEnd->ReadMessage(&msg));
+        reader->FreeMessage(msg);
+        const bool logged = writerOptions == 1;  // Else each side has only the other's bits.
+        for (const char* context : {"VOK.MessageMover.Msg.Write", "VOK.MessageMover.Msg.Deliver",
+                                    "VOK.MessageMover.Msg.Read"}) {
+            size_t lines = 0;
+            for (const test::LogLine& line : capture.Lines()) {
+                lines += line.context == context;
+            }
+            EXPECT_EQ(logged ? dumpLines : 0, lines) << context << " " << writerOptions;
         }
-        EXPECT_EQ(dumpLines, lines) << context;
     }
-    EXPECT_EQ(0u, iface_->SetDiagOptions(0xFFFFFFFF, 0));
+    iface_->SetDiagOptions(0xFFFFFFFF, 0);
+    iface_->DiscardConnectionPort(writeEnd);
+    reader->DiscardConnectionPort(readEnd);
+    framework_->DiscardInterface(reader);
+}
+
+// A corrupt message at the head of the queue is thrown for once and quarantined; the counters
+// stay exact and the next read returns the next message.
+TEST_F(MessagePortTest, CorruptMessageAtTheHeadIsQuarantined) {
+    uint8_t* payload;
+    {
+        test::IntendedLeakScope leak;  // Quarantined messages are never freed.
+        MmConnectionMessageHandle msg;
+        payload = static_cast<uint8_t*>(iface_->CreateConnectionMessage(3, &msg));
+        msg.SetMessageName({10, 1});
+        ASSERT_EQ(kVokErrNone, a_->WriteMessage(msg, nullptr));
+    }
+    Write(a_, 2);
+    payload[3] = 0;
+    LogCapture capture;
+    MmConnectionMessageHandle msg;
+    EXPECT_TRUE(ThrowsMm([&] { b_->ReadMessage(&msg); }, "ValidateMessage",
+                         "Src/Core/MessageMover/MmfMessageManager",
+                         "Corrupted payload memory guard"));
+    EXPECT_EQ(1u, capture.Matching("Corrupted payload memory guard; msg ptr=").size());
+    EXPECT_EQ(1, test::CounterValue("root.vok.MessageMover.quarantinedMessages"));
+    EXPECT_EQ(1, IfaceCounter("port", "msgsHeldByPorts"));
+    EXPECT_EQ(2u, Read(b_, &msg));
+    EXPECT_FALSE(Readable(b_));
+    iface_->FreeMessage(msg);
+    EXPECT_EQ(1, Outstanding());  // Only the quarantined message.
+    quarantined_ = 1;
 }
 
 }  // namespace
