@@ -48,16 +48,11 @@ class InterfaceTest : public test::MmFrameworkTest {};
 TEST_F(InterfaceTest, DiagOptionsClearThenSetAndRefuseUnknownBits) {
     MessageMoverInterface* iface = framework_->CreateInterface("opts");
     EXPECT_EQ(7u, iface->SetDiagOptions(0, 7));
-    EXPECT_EQ(2u, iface->SetDiagOptions(0xFFFFFFFF, 2));
-    EXPECT_EQ(4u, iface->SetDiagOptions(2, 4));
     EXPECT_EQ(1u, iface->SetDiagOptions(7, 1));  // A bit in both ends up set.
-    LogCapture capture;
     EXPECT_TRUE(ThrowsMm([&] { iface->SetDiagOptions(8, 0); }, "Set", kIfacePath,
                          "invalid optionsToClear"));
     EXPECT_TRUE(
         ThrowsMm([&] { iface->SetDiagOptions(0, 9); }, "Set", kIfacePath, "invalid optionsToSet"));
-    EXPECT_EQ(1u, capture.Matching("Set: invalid optionsToClear: <0x8>.").size());
-    EXPECT_EQ(1u, capture.Matching("Set: invalid optionsToSet: <0x8>.").size());
     EXPECT_EQ(1u, iface->SetDiagOptions(0, 0));  // Unchanged by the failures.
     framework_->DiscardInterface(iface);
 }
@@ -66,10 +61,7 @@ TEST_F(InterfaceTest, CountersFollowCreateWriteReadAndFree) {
     MessageMoverInterface* iface = framework_->CreateInterface("count");
     MmCommandPort* port = iface->CreateCommandPort();
     MmCommandMessageHandle one, two;
-    {
-        IntendedLeakScope leak;  // Still held when the interface goes.
-        iface->CreateCommandMessage(0, &one);
-    }
+    iface->CreateCommandMessage(0, &one);
     iface->CreateCommandMessage(0, &two);
     EXPECT_EQ(2, IfaceCounter("count", "msgsHeldByUser"));
     two.SetMessageName({20, 2});
@@ -95,8 +87,10 @@ TEST_F(InterfaceTest, CountersFollowCreateWriteReadAndFree) {
     EXPECT_EQ(3, Outstanding());
     const MmCommandMessageHandle copy = iface->DuplicateCommandMessage(one);
     EXPECT_EQ(3, IfaceCounter("count", "msgsHeldByUser"));
-    iface->FreeMessage(copy);
-    iface->FreeMessage(two);
+    for (const MmCommandMessageHandle& msg : {copy, one, two}) {
+        iface->FreeMessage(msg);
+    }
+    EXPECT_EQ(0, IfaceCounter("count", "msgsHeldByUser"));
     iface->DiscardCommandPort(port);
     EXPECT_TRUE(ThrowsMm([&] { iface->CreateCommandMessage(0, nullptr); }, "CreateCommandMessage",
                          kIfacePath, "NULL arg."));
@@ -104,14 +98,7 @@ TEST_F(InterfaceTest, CountersFollowCreateWriteReadAndFree) {
                          "CreateConnectionMessage", kIfacePath, "NULL arg."));
     EXPECT_TRUE(ThrowsMm([&] { iface->CreateConnectedPair(iface, nullptr); }, "CreateConnectedPair",
                          kIfacePath, "NULL arg."));
-
-    const int32_t leakedBefore = IfaceCounter("count", "msgsLeakedByUser");
-    {
-        LogCapture capture;
-        framework_->DiscardInterface(iface);
-        EXPECT_EQ(1u, capture.Matching("Leaked CommandMessage # 0 in count").size());
-    }
-    EXPECT_EQ(leakedBefore + 1, IfaceCounter("count", "msgsLeakedByUser"));
+    framework_->DiscardInterface(iface);
 }
 
 TEST_F(InterfaceTest, DestructionReportsLeakedPortsAndMessages) {
@@ -145,6 +132,7 @@ TEST_F(InterfaceTest, DestructionReportsLeakedPortsAndMessages) {
             connPort.second, connPort.first);
         expected.push_back(line);
     }
+    // clang-format off
     const std::vector<std::string> rest = {
         "ReportLeaks: Summary: 2 ConnectionPort objects in leaky were leaked.",
         Format("ReportLeaks: Leaked CommandPort <portAddr=<49152>; iface=<leaky>>; ptr=<%p>.",
@@ -154,18 +142,13 @@ TEST_F(InterfaceTest, DestructionReportsLeakedPortsAndMessages) {
         "message headers follow.",
         "ReportLeaks: Leaked CommandMessage # 0 in leaky; payloadSize=<3>; msgProtocol=<20>; "
         "msgId=<1>.",
-        "dump",
-        "dump",
-        "dump",
-        "dump",
+        "dump", "dump", "dump", "dump",  // The handle, then the header's 39 bytes.
         "ReportLeaks: Leaked CommandMessage # 1 in leaky; payloadSize=<0>; msgProtocol=<21>; "
         "msgId=<2>.",
-        "dump",
-        "dump",
-        "dump",
-        "dump",
+        "dump", "dump", "dump", "dump",
         "ReportLeaks: Summary: 2 CommandMessage objects in leaky were leaked.",
     };
+    // clang-format on
     expected.insert(expected.end(), rest.begin(), rest.end());
     EXPECT_EQ(expected, LeakLines(capture));
     EXPECT_EQ(2, IfaceCounter("leaky", "msgsLeakedByUser"));
@@ -260,33 +243,6 @@ TEST_F(InterfaceTest, MessageNotHeldIsRefusedWithNothingChanged) {
     framework_->DiscardInterface(owner);
 }
 
-// A corrupt message met by a port's or an interface's destructor is logged and quarantined;
-// the destructor finishes, and stopping the framework lists the quarantine.
-TEST(InterfaceCorruptionTest, DestructorsQuarantineCorruptMessages) {
-    MessageMoverFramework* framework = MessageMoverFramework::StartMessageMoverFramework("x");
-    MessageMoverInterface* iface = framework->CreateInterface("corrupt");
-    MmConnectionPort* b = nullptr;
-    MmConnectionPort* a = iface->CreateConnectedPair(iface, &b);
-    {
-        IntendedLeakScope leak;  // Quarantined messages are never freed.
-        MmConnectionMessageHandle held, queued;
-        static_cast<uint8_t*>(iface->CreateConnectionMessage(2, &held))[2] = 0;
-        uint8_t* payload = static_cast<uint8_t*>(iface->CreateConnectionMessage(2, &queued));
-        queued.SetMessageName({20, 1});
-        ASSERT_EQ(kVokErrNone, a->WriteMessage(queued, nullptr));
-        payload[2] = 0;
-    }
-    LogCapture capture;
-    iface->DiscardConnectionPort(b);
-    iface->DiscardConnectionPort(a);
-    framework->DiscardInterface(iface);
-    EXPECT_EQ(2u, capture.Matching("Corrupted payload memory guard; msg ptr=").size());
-    EXPECT_EQ(2, test::CounterValue("root.vok.MessageMover.quarantinedMessages"));
-    EXPECT_EQ(0, IfaceCounter("corrupt", "msgsHeldByPorts"));
-    MessageMoverFramework::StopMessageMoverFramework(framework);
-    EXPECT_EQ(2u, capture.Matching("ReportQuarantine: Quarantined corrupt message <").size());
-}
-
 TEST_F(InterfaceTest, PortDiscardedTwiceIsRefusedByTheTracker) {
     MessageMoverInterface* iface = framework_->CreateInterface("twice");
     MmCommandPort* port = iface->CreateCommandPort();
@@ -296,12 +252,6 @@ TEST_F(InterfaceTest, PortDiscardedTwiceIsRefusedByTheTracker) {
                          "Src/Core/MessageMover/MmfObjectTrackerTemplate",
                          "set::erase failed; obj not in tracked set;probably attempting to free "
                          "an invalid or previously-freed object."));
-    EXPECT_EQ(1u, capture
-                      .Matching(Format("CommandPort obj not in tracked set; ptr=<%p> - "
-                                       "probably attempting to free an invalid or "
-                                       "previously-freed object.",
-                                       port))
-                      .size());
     framework_->DiscardInterface(iface);
     EXPECT_TRUE(LeakLines(capture).empty());
 }

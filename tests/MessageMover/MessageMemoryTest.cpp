@@ -55,17 +55,15 @@ TEST_F(MessageMemoryTest, HeaderFieldsSitAtTheirOffsets) {
     msg.SetInResponseToSerial(0x05060708);
     msg.SetSenderAddress(0x090A0B0C);
     msg.SetDestinationAddress(0x0D0E0F10);
+    // clang-format off
     const uint8_t expected[44] = {
-        0xFE, 0xED, 0xFA, 0xCE, 1,    static_cast<uint8_t>(kMmfMessageHeaderSize),  // 0
-        0x23, 0x01, 0x00, 0x00, 0x44, 0x33,
-        0x22, 0x11, 0x55,  // 6
-        0x34, 0x12, 0x00, 0x00, 0xBC, 0x9A,
-        0x78, 0x56,  // 15
-        0x04, 0x03, 0x02, 0x01, 0x08, 0x07,
-        0x06, 0x05,  // 23
-        0x0C, 0x0B, 0x0A, 0x09, 0x10, 0x0F,
-        0x0E, 0x0D, 0x00,         // 31
-        40,   0x00, 0x01, 0x00};  // 40
+        0xFE, 0xED, 0xFA, 0xCE, 1, static_cast<uint8_t>(kMmfMessageHeaderSize),  // 0
+        0x23, 0x01, 0x00, 0x00, 0x44, 0x33, 0x22, 0x11, 0x55,                   // 6
+        0x34, 0x12, 0x00, 0x00, 0xBC, 0x9A, 0x78, 0x56,                         // 15
+        0x04, 0x03, 0x02, 0x01, 0x08, 0x07, 0x06, 0x05,                         // 23
+        0x0C, 0x0B, 0x0A, 0x09, 0x10, 0x0F, 0x0E, 0x0D, 0x00,                   // 31
+        40, 0x00, 0x01, 0x00};                                                  // 40
+    // clang-format on
     for (size_t offset = 0; offset < sizeof expected; ++offset) {
         EXPECT_EQ(expected[offset], Block(msg)[offset]) << "offset " << offset;
     }
@@ -219,33 +217,22 @@ TEST_F(MessageMemoryTest, ProtocolRangesOfTheHandleKinds) {
     Manager().CreateMessage(0, &base);
     MmCommandMessageHandle command(base);
     MmConnectionMessageHandle connection(base);
-    base.SetMessageName({3, 1});
-    for (uint32_t ok : {4u, 0xBFFFu}) {
-        command.SetMessageName({ok, 1});
-        connection.SetMessageName({ok, 2});
-    }
+    const MmMessageName internal = {3, 1}, highest = {0xBFFF, 2}, above = {0xC000, 1};
+    base.SetMessageName(internal);
+    command.SetMessageName({4, 1});
+    connection.SetMessageName(highest);
     const char* kUserBounds = "protocolId is out of end-user bounds.";
-    for (uint32_t bad : {0u, 3u, 0xC000u}) {
-        EXPECT_TRUE(ThrowsMm(
-            [&] {
-                command.SetMessageName({bad, 1});
-            },
-            "SetMessageName", "Src/Core/MessageMover/MmCommandMessageHandle", kUserBounds));
-        EXPECT_TRUE(ThrowsMm(
-            [&] {
-                connection.SetMessageName({bad, 1});
-            },
-            "SetMessageName", "Src/Core/MessageMover/MmConnectionMessageHandle", kUserBounds));
+    for (const MmMessageName& bad : {MmMessageName{0, 1}, internal, above}) {
+        EXPECT_TRUE(ThrowsMm([&] { command.SetMessageName(bad); }, "SetMessageName",
+                             "Src/Core/MessageMover/MmCommandMessageHandle", kUserBounds));
+        EXPECT_TRUE(ThrowsMm([&] { connection.SetMessageName(bad); }, "SetMessageName",
+                             "Src/Core/MessageMover/MmConnectionMessageHandle", kUserBounds));
     }
-    EXPECT_TRUE(ThrowsMm(
-        [&] {
-            base.SetMessageName({0xC000, 1});
-        },
-        "SetMessageName", "Src/Core/MessageMover/MmBaseMessageHandle",
-        "protocolId is out of bounds."));
+    EXPECT_TRUE(ThrowsMm([&] { base.SetMessageName(above); }, "SetMessageName",
+                         "Src/Core/MessageMover/MmBaseMessageHandle",
+                         "protocolId is out of bounds."));
     MmMessageName name;
-    EXPECT_EQ(0xBFFFu, base.GetMessageName(&name)->protocolId);  // Failed setters changed nothing.
-    EXPECT_EQ(2u, name.msgId);
+    EXPECT_EQ(highest, *base.GetMessageName(&name));  // Failed setters changed nothing.
     Manager().FreeMessage(base);
 }
 
