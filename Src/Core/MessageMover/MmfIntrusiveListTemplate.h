@@ -28,6 +28,7 @@ class MmfIntrusiveLinkT {
     // Checks the node's signature.
     bool IsLinked() const { return LinkedListNodeIsLinked(&node_) != 0; }
     LinkedListLinkType* GetNode() { return &node_; }
+    const LinkedListLinkType* GetNode() const { return &node_; }
 
     // The link of a node (NULL for NULL).
     static MmfIntrusiveLinkT* FromNode(LinkedListLinkType* node) {
@@ -59,10 +60,12 @@ class MmfIntrusiveListT {
     int32_t GetCount() { return LinkedListGetCount(&head_); }
 
     // Whether link is in this list. Compares addresses only, so a link of another list (or of
-    // none) is answered without being touched. Linear.
-    bool Contains(const Link& link) {
-        for (Link* current = GetFirst(); current != nullptr; current = GetNext(*current)) {
-            if (current == &link) {
+    // none) is answered without being touched. Linear; it follows the nodes itself, since the
+    // list has no lock callback and its owner serialises access, and leaves the nodes' checks to
+    // the operation that follows.
+    bool Contains(const Link& link) const {
+        for (const LinkedListLinkType* node = head_.firstP; node != nullptr; node = node->next) {
+            if (node == link.GetNode()) {
                 return true;
             }
         }

@@ -56,6 +56,15 @@ const MmfMessageHandleBlock* HandleBlockOf(const void* block) {
                                                           kMmfHdrPackedSize);
 }
 
+// Out of line, so that allocating and releasing a small block stays as short as it was.
+__attribute__((noinline, cold)) void AddLargeBlock(const void* block) {
+    LargeBlocks().Add(HandleBlockOf(block));
+}
+
+__attribute__((noinline, cold)) void RemoveLargeBlock(const void* block) {
+    LargeBlocks().Remove(HandleBlockOf(block));
+}
+
 // calcPayloadGuardOffsetFromPayloadSize without a call for a size in bounds.
 uint32_t GuardOffset(uint32_t payloadSize) {
     return payloadSize <= kMmfMaxPayloadSize ? payloadSize + kMmfMessageHeaderSize
@@ -116,7 +125,7 @@ void* MmfMessageManager::AllocateBlock(uint32_t payloadSize, uint32_t* allocSize
     const uint32_t size = GuardOffset(payloadSize) + kMmfPayloadGuardSize;
     void* block = ::operator new(size);
     if (size >= kMmfLargeBlockSize) {
-        LargeBlocks().Add(HandleBlockOf(block));
+        AddLargeBlock(block);
     }
     if (allocSize != nullptr) {
         *allocSize = size;
@@ -127,7 +136,7 @@ void* MmfMessageManager::AllocateBlock(uint32_t payloadSize, uint32_t* allocSize
 
 void MmfMessageManager::ReleaseBlock(MmfBaseMessageHeader* header, bool isLarge) {
     if (isLarge) {
-        LargeBlocks().Remove(HandleBlockOf(header));
+        RemoveLargeBlock(header);
     }
     ::operator delete(header);
     outstandingMsgs_.Dec();

@@ -75,7 +75,7 @@ MmfMessagePort::~MmfMessagePort() {
     gMmfLogger.Debug("Freed %d leftover messages.", freed);
 }
 
-MmBaseMessageHandle MmfMessagePort::TakeFront() {
+inline MmBaseMessageHandle MmfMessagePort::TakeFront() {
     MmfMessageLink& link = readerInfo_.queue.RemoveFront();
     AdjustMsgsHeldByPorts(-1);
     try {
