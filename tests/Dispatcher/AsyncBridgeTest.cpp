@@ -59,6 +59,25 @@ TEST_F(AsyncBridgeTest, TriggerInsideTheCallbackRunsOnceMore) {
     EXPECT_EQ(2, runs);
 }
 
+TEST_F(AsyncBridgeTest, ChangeCbInsideTheCallbackKeepsTheRunningOneUntilItReturns) {
+    auto token = std::make_shared<int>(0);
+    std::weak_ptr<int> captured = token;
+    bool aliveAfterChange = false;
+    int second = 0;
+    std::unique_ptr<RdAsyncBridge> bridge;
+    bridge.reset(new RdAsyncBridge(dispatcher_, [&, token]() {
+        bridge->ChangeCb([&]() { ++second; });
+        aliveAfterChange = !captured.expired();
+        bridge->Trigger();
+    }));
+    token.reset();
+    bridge->Trigger();
+    Drain();
+    EXPECT_TRUE(aliveAfterChange);
+    EXPECT_TRUE(captured.expired());
+    EXPECT_EQ(1, second);
+}
+
 TEST_F(AsyncBridgeTest, DestroyedBridgeNeverRunsItsPendingCallback) {
     int runs = 0;
     auto bridge = std::make_unique<RdAsyncBridge>(dispatcher_, [&]() { ++runs; });

@@ -90,6 +90,24 @@ TEST_F(DescriptorMonitorTest, HangUpIsReportedAsReadable) {
     EXPECT_FALSE(reports_[0].writable);
 }
 
+TEST_F(DescriptorMonitorTest, ChangeCbInsideTheCallbackKeepsTheRunningOneUntilItReturns) {
+    auto token = std::make_shared<int>(0);
+    std::weak_ptr<int> captured = token;
+    bool aliveAfterChange = false;
+    std::unique_ptr<RdDescriptorMonitorBase> monitor;
+    monitor.reset(new RdDescriptorMonitorBase(fds_[1], dispatcher_, [&, token](bool, bool, bool) {
+        monitor->ChangeCb(Recorder());
+        aliveAfterChange = !captured.expired();
+    }));
+    token.reset();
+    monitor->SetEventMask(false, true, false);
+    Step();
+    EXPECT_TRUE(aliveAfterChange);
+    EXPECT_TRUE(captured.expired());
+    Step();
+    EXPECT_EQ(1u, reports_.size());
+}
+
 TEST_F(DescriptorMonitorTest, WritableAndDestroyInsideCallback) {
     std::unique_ptr<RdDescriptorMonitorBase> monitor;
     int calls = 0;

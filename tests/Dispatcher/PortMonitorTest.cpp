@@ -94,6 +94,25 @@ TEST_F(PortMonitorTest, CallbackReadingOneMessageIsCalledAgainUntilEmpty) {
     EXPECT_FALSE(ReadOne());
 }
 
+TEST_F(PortMonitorTest, ChangeCbInsideTheCallbackKeepsTheRunningOneUntilItReturns) {
+    auto token = std::make_shared<int>(0);
+    std::weak_ptr<int> captured = token;
+    bool aliveAfterChange = false;
+    int second = 0;
+    std::unique_ptr<RdPortMonitor> monitor;
+    monitor.reset(new RdPortMonitor(*end_, dispatcher_, [&, token](bool, bool, bool) {
+        monitor->ChangeCb([&](bool, bool, bool) { second += ReadOne() ? 1 : 0; });
+        aliveAfterChange = !captured.expired();
+    }));
+    token.reset();
+    monitor->SetEventMask(true, false, false);
+    WriteToEnd(2);
+    Drain();
+    EXPECT_TRUE(aliveAfterChange);
+    EXPECT_TRUE(captured.expired());
+    EXPECT_EQ(2, second);
+}
+
 TEST_F(PortMonitorTest, MonitorMayBeDestroyedInsideItsCallback) {
     std::unique_ptr<RdPortMonitor> monitor;
     int calls = 0;

@@ -110,7 +110,7 @@ TEST_F(TimerTest, CallbackMayRearmOrDestroyItsTimer) {
     EXPECT_EQ(nullptr, timer);
 }
 
-TEST_F(TimerTest, ChangeCbKeepsTheArming) {
+TEST_F(TimerTest, ChangeCbKeepsTheArmingAndMayRunInsideTheCallback) {
     int first = 0;
     int second = 0;
     RdTimerBase timer(dispatcher_, [&]() { ++first; });
@@ -119,6 +119,24 @@ TEST_F(TimerTest, ChangeCbKeepsTheArming) {
     Step();
     EXPECT_EQ(0, first);
     EXPECT_EQ(1, second);
+
+    // Replaced from inside its own call: the running callable (and what it captured) lives
+    // until the dispatch returns, then it is released.
+    auto token = std::make_shared<int>(0);
+    std::weak_ptr<int> captured = token;
+    bool aliveAfterChange = false;
+    timer.ChangeCb([&, token]() {
+        timer.ChangeCb([&]() { ++second; });
+        aliveAfterChange = !captured.expired();
+        timer.Schedule(0);
+    });
+    token.reset();
+    timer.Schedule(0);
+    Step();
+    EXPECT_TRUE(aliveAfterChange);
+    EXPECT_TRUE(captured.expired());
+    Step();
+    EXPECT_EQ(2, second);
 }
 
 TEST_F(TimerTest, CallbackExceptionsStopTheLoopAndLeaveRun) {
