@@ -310,7 +310,19 @@ TEST_F(ShellTest, RepeatedCyclesLeakNothing) {
     }
 }
 
-TEST(ShellDeathTest, BladeThrowingOutOfRunStopsTheProcessWithItsName) {
+TEST_F(ShellTest, StartedShellDestroyedWithoutRequestStopStopsEveryBlade) {
+    auto loaders = MakeLoaders(3);
+    ShellHarness h(Raw(loaders));
+    h.shell->StartUp();
+    h.shell.reset();
+    EXPECT_EQ(1, h.completions.load());
+    for (auto& loader : loaders) {
+        EXPECT_EQ(1, loader->blade.stopEvents.load());
+        EXPECT_EQ(1, loader->unloads.load());
+    }
+}
+
+TEST(ShellDeathTest, ExceptionsOutOfBladeOrShellThreadStopTheProcessWithTheirName) {
     EXPECT_DEATH(
         {
             TestLoader thrower("thrower", kBladeStartModeAuto);
@@ -322,6 +334,15 @@ TEST(ShellDeathTest, BladeThrowingOutOfRunStopsTheProcessWithItsName) {
             h.done.Wait();
         },
         "Blade <thrower> threw an exception out of Run: boom");
+    // The completion callback runs on the shell thread.
+    EXPECT_DEATH(
+        {
+            VokShell shell(VokShellDaemonInfo("testd", ""), {},
+                           []() { throw std::runtime_error("completion failed"); });
+            shell.StartUp();
+            shell.RequestStop();
+        },
+        "crit \\[VOK.Thread\\] .*Thread <VokShell> ended by an exception: completion failed");
 }
 
 }  // namespace
