@@ -239,8 +239,11 @@ static void Emit(const ZtLogContextImpl* c, int level, const char* message) {
     }
     pthread_rwlock_unlock(&gHookLock);
 
+    long tid = (long)syscall(SYS_gettid);
     if (gUseSyslog) {
-        syslog(level < 0 || level > 7 ? LOG_ERR : level, "[%s] %s", c->name, message);
+        /* syslog adds its own timestamp and takes the level as the priority. */
+        syslog(level < 0 || level > 7 ? LOG_ERR : level, "[%s] (tid %ld) %s", c->name, tid,
+               message);
         return;
     }
     struct timespec now;
@@ -252,7 +255,6 @@ static void Emit(const ZtLogContextImpl* c, int level, const char* message) {
 
     char stackLine[1024];
     char* line = stackLine;
-    long tid = (long)syscall(SYS_gettid);
     const char* fmt = "%s.%06ldZ %s [%s] (tid %ld) %s\n";
     int len = snprintf(stackLine, sizeof stackLine, fmt, stamp, (long)(now.tv_nsec / 1000),
                        ZtLogLevelName(level), c->name, tid, message);

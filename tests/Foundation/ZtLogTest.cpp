@@ -1,14 +1,51 @@
 // The logging library: configuration from the environment, output hook, dumps, threads.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <syslog.h>
+#include <unistd.h>
 #include <ztlog/ztlog.h>
 
-#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "support/LogCapture.h"
 
+// Receives what the library sends to syslog (ZTLOG_OUTPUT=syslog), in place of the C library's
+// syslog, so that no test line reaches the machine's log.
+std::string gSyslogLine;
+int gSyslogPriority = -1;
+
+extern "C" void syslog(int priority, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    char line[1024];
+    vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    gSyslogPriority = priority;
+    gSyslogLine = line;
+}
+// The fortified form of syslog, for builds that use it.
+extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    char line[1024];
+    vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    gSyslogPriority = priority;
+    gSyslogLine = line;
+}
+
 namespace {
+
+long ThreadId() {
+    return static_cast<long>(syscall(SYS_gettid));
+}
 
 int32_t ThresholdOf(const char* name) {
     ZtLogContext* ctx = nullptr;
@@ -82,6 +119,64 @@ TEST(ZtLogTest, DumpWritesOffsetHexAndAscii) {
     EXPECT_EQ("00000000: 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50  |ABCDEFGHIJKLMNOP|",
               lines[0].message);
     EXPECT_EQ("00000010: 71 72 0a                                         |qr.|", lines[1].message);
+}
+
+TEST(ZtLogOutputTest, StandardErrorGetsOneLineWithTimestampLevelContextAndThreadId) {
+    // Standard error is a pipe while two threads log (no hook is installed).
+    ZtLogContext* ctx = nullptr;
+    ZtLogGetContext("Zt", &ctx);  // Configured first: its own warnings are not part of this.
+    int pipeFds[2];
+    ASSERT_EQ(0, pipe(pipeFds));
+    const int savedStderr = dup(STDERR_FILENO);
+    dup2(pipeFds[1], STDERR_FILENO);
+    close(pipeFds[1]);
+    ZtLogPrint(ctx, 2, "first %d\n", 1);
+    long otherId = 0;
+    std::thread other([&]() {
+        otherId = ThreadId();
+        ZtLogPrint(ctx, 3, "second");
+    });
+    other.join();
+    ZtLogPrint(ctx, 4, "dropped");
+    dup2(savedStderr, STDERR_FILENO);
+    close(savedStderr);
+    std::string output;
+    char buffer[512];
+    ssize_t n;
+    while ((n = read(pipeFds[0], buffer, sizeof buffer)) > 0) {
+        output.append(buffer, static_cast<size_t>(n));
+    }
+    close(pipeFds[0]);
+
+    std::vector<std::string> lines;
+    std::istringstream stream(output);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    ASSERT_EQ(2u, lines.size()) << output;
+    const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6}Z";
+    EXPECT_THAT(lines[0], ::testing::MatchesRegex(stamp + " crit \\[Zt\\] \\(tid " +
+                                                  std::to_string(ThreadId()) + "\\) first 1"));
+    EXPECT_THAT(lines[1], ::testing::MatchesRegex(stamp + " err \\[Zt\\] \\(tid " +
+                                                  std::to_string(otherId) + "\\) second"));
+}
+
+TEST(ZtLogOutputDeathTest, SyslogGetsContextAndThreadId) {
+    // A fresh process, so that the output is chosen from the environment on first use.
+    EXPECT_EXIT(
+        {
+            setenv("ZTLOG_OUTPUT", "syslog", 1);
+            ZtLogContext* ctx = nullptr;
+            ZtLogGetContext("Zt", &ctx);
+            ZtLogPrint(ctx, 2, "to syslog");
+            const std::string expected = "[Zt] (tid " + std::to_string(ThreadId()) + ") to syslog";
+            if (gSyslogPriority != LOG_CRIT || gSyslogLine != expected) {
+                fprintf(stderr, "syslog got <%d> <%s>\n", gSyslogPriority, gSyslogLine.c_str());
+                std::_Exit(1);
+            }
+            std::_Exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 TEST(ZtLogTest, ConcurrentLoggingLosesNothing) {

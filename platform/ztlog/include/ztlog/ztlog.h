@@ -13,7 +13,8 @@
  * instead of standard error.
  *
  * Every function is thread-safe. Each line is written whole, with one write, as
- * "TIMESTAMP LEVEL [CONTEXT] (tid N) MESSAGE".
+ * "TIMESTAMP LEVEL [CONTEXT] (tid N) MESSAGE" (UTC, microseconds; N is the kernel thread id);
+ * syslog receives "[CONTEXT] (tid N) MESSAGE" at the line's level as its priority.
  */
 #ifndef ZTLOG_ZTLOG_H
 #define ZTLOG_ZTLOG_H
