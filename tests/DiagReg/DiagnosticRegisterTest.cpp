@@ -130,17 +130,6 @@ TEST_F(DiagnosticRegisterTest, PathWithoutRootPrefixIsRejectedAndNothingIsCreate
     EXPECT_EQ(nullptr, DiagnosticRegisterCounter::QueryGroup("vok."));
 }
 
-TEST_F(DiagnosticRegisterTest, NullOutputArgumentsAreBadArguments) {
-    try {
-        DiagnosticRegisterCounter::Query("root.a", nullptr);
-        FAIL() << "no exception";
-    } catch (const VokProgramErrorException& e) {
-        EXPECT_EQ(kVokErrBadArg, e.GetErr());
-        EXPECT_THAT(e.what(), ::testing::EndsWith(":NULL arg"));
-    }
-    EXPECT_THROW(DiagnosticRegisterString::Query("root.a", nullptr), VokProgramErrorException);
-}
-
 TEST_F(DiagnosticRegisterTest, SwapExchangesRegisters) {
     DiagnosticRegisterCounter x("root.swap.x", 1);
     DiagnosticRegisterCounter y("root.swap.y", 2);

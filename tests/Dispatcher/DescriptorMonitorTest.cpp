@@ -6,7 +6,6 @@
 #include <memory>
 #include <vector>
 
-#include "Src/Utils/RuntimeDispatcher/Linux/RdDescriptorMonitorImpl.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "support/LogCapture.h"
 #include "vok/RdDescriptorMonitor.h"
@@ -41,20 +40,6 @@ class DescriptorMonitorTest : public ::testing::Test {
     int fds_[2] = {-1, -1};
     std::vector<Report> reports_;
 };
-
-TEST(DescriptorConditionTest, MasksMapToTheirConditions) {
-    auto c = [](bool r, bool w, bool e) {
-        return static_cast<unsigned>(RdDescriptorMonitorImpl::ConditionFor(r, w, e));
-    };
-    EXPECT_EQ(0u, c(false, false, false));
-    EXPECT_EQ(0x39u, c(true, false, false));
-    EXPECT_EQ(0x3Cu, c(false, true, false));
-    EXPECT_EQ(0x3Au, c(false, false, true));
-    EXPECT_EQ(0x3Du, c(true, true, false));
-    EXPECT_EQ(0x3Bu, c(true, false, true));
-    EXPECT_EQ(0x3Eu, c(false, true, true));
-    EXPECT_EQ(0x3Fu, c(true, true, true));
-}
 
 TEST_F(DescriptorMonitorTest, ReadableWhileDataWaitsAndNotWithEmptyMask) {
     RdDescriptorMonitorBase monitor(fds_[0], dispatcher_, Recorder());

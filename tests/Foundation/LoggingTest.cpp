@@ -83,23 +83,6 @@ TEST(FuncLoggerTest, WritesEnteringAndLeavingEvenWhenThrowing) {
     EXPECT_EQ(kLogLevelDebug, lines[3].level);
 }
 
-TEST(MmfDiagTest, LoggersUseTheirFixedContexts) {
-    LogCapture capture;
-    MmfDiag::GetLogger().Critical("a");
-    MmfDiag::GetMsgReadLogger().Critical("b");
-    MmfDiag::GetMsgDeliveryLogger().Critical("c");
-    MmfDiag::GetMsgWriteLogger().Critical("d");
-    MmfDiag::GetLeakLogger().Critical("e");
-    auto lines = capture.Lines();
-    ASSERT_EQ(5u, lines.size());
-    EXPECT_EQ("VOK.MessageMover", lines[0].context);
-    EXPECT_EQ("VOK.MessageMover.Msg.Read", lines[1].context);
-    EXPECT_EQ("VOK.MessageMover.Msg.Deliver", lines[2].context);
-    EXPECT_EQ("VOK.MessageMover.Msg.Write", lines[3].context);
-    EXPECT_EQ("VOK.MessageMover.Leak", lines[4].context);
-    EXPECT_EQ(&MmfDiag::GetLogger(), &MmfDiag::GetLogger());
-}
-
 void ThrowsLogged(const Logger& logger) {
     FuncLogger trace(logger, __func__, nullptr);
     VOK_THROW_LOGGED_PROGRAM_ERROR(logger, "MmfMessageMgr is not ready for access");
