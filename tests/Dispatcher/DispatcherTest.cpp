@@ -109,6 +109,10 @@ TEST(DispatcherExceptionTest, SecondExceptionBeforeRunReturnsIsLoggedAtCriticalL
     ASSERT_EQ(1u, lines.size());
     EXPECT_EQ(kLogLevelCritical, lines[0].level);
     EXPECT_EQ("VOK.Dispatcher", lines[0].context);
+    // Nothing is left over: the loop runs again normally.
+    RdTimerBase stop(dispatcher, [&]() { dispatcher.RequestStop(); });
+    stop.Schedule(0);
+    EXPECT_NO_THROW(dispatcher.Run());
 }
 
 TEST(DispatcherExceptionTest, LoopSteppedByTheApplicationHandsExceptionsToItsHandler) {

@@ -49,16 +49,6 @@ class TimerTest : public ::testing::Test {
     RuntimeDispatcher dispatcher_;
 };
 
-TEST_F(TimerTest, ScheduleZeroFiresOnTheNextIterationOnce) {
-    int fired = 0;
-    RdTimerBase timer(dispatcher_, [&]() { ++fired; });
-    timer.Schedule(0);
-    Step();
-    EXPECT_EQ(1, fired);
-    Step();
-    EXPECT_EQ(1, fired);
-}
-
 TEST_F(TimerTest, NeverFiresEarly) {
     bool fired = false;
     long long elapsed = 0;
@@ -139,25 +129,11 @@ TEST_F(TimerTest, ChangeCbKeepsTheArmingAndMayRunInsideTheCallback) {
     EXPECT_EQ(2, second);
 }
 
-TEST_F(TimerTest, CallbackExceptionsStopTheLoopAndLeaveRun) {
-    RdTimerBase empty(dispatcher_, std::function<void()>());
-    empty.Schedule(0);
+TEST_F(TimerTest, EmptyCallbackRaisesOutOfRunAndTheTimerMayBeDestroyedAfterwards) {
+    auto empty = std::make_unique<RdTimerBase>(dispatcher_, std::function<void()>());
+    empty->Schedule(0);
     EXPECT_THROW(dispatcher_.Run(), std::bad_function_call);
-
-    // The loop stays usable, and the timer that threw may be destroyed afterwards.
-    int later = 0;
-    auto thrower =
-        std::make_unique<RdTimerBase>(dispatcher_, []() { throw std::runtime_error("x"); });
-    RdTimerBase next(dispatcher_, [&]() {
-        ++later;
-        dispatcher_.RequestStop();
-    });
-    thrower->Schedule(0);
-    EXPECT_THROW(dispatcher_.Run(), std::runtime_error);
-    thrower.reset();
-    next.Schedule(0);
-    dispatcher_.Run();
-    EXPECT_EQ(1, later);
+    empty.reset();
 }
 
 // Counts the loop's polls, i.e. its wake-ups.
