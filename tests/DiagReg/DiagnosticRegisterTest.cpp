@@ -119,10 +119,7 @@ TEST_F(DiagnosticRegisterTest, PathWithoutRootPrefixIsRejectedAndNothingIsCreate
     } catch (const VokProgramErrorException& e) {
         EXPECT_EQ(kVokErrBadArg, e.GetErr());
         EXPECT_THAT(e.what(),
-                    ::testing::MatchesRegex(
-                        "validateRegisterPath:Src/Utils/DiagnosticRegisterImpl:[0-9]+:"
-                        "diagReg path begins with invalid prefix\\. Expected <root\\.>, but actual "
-                        "path is: <vok\\.x>"));
+                    ::testing::HasSubstr("Expected <root.>, but actual path is: <vok.x>"));
     }
     EXPECT_THROW(DiagnosticRegisterString("root", "v"), VokProgramErrorException);
     Info info{};

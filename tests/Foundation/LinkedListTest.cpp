@@ -132,26 +132,19 @@ TEST_F(LinkedListDeathTest, InvariantAssertionsCarryTheirExplanation) {
     // A freed or never-initialised node has no signature.
     Item garbage;
     std::memset(&garbage, 0, sizeof garbage);
-    EXPECT_DEATH(LinkedListNodeIsLinked(&garbage.node),
-                 "\\(\\(listNodeP->signature == 0xEDFEADDEUL\\)\\) && \\(1 \\|\\| "
-                 "\\(\\(\"bad list node signature\"\\)\\)\\)");
+    EXPECT_DEATH(LinkedListNodeIsLinked(&garbage.node), "bad list node signature");
     // An unlinked node where a linked one is required.
-    EXPECT_DEATH(LinkedListGetNext(&head_, &items_[1].node),
-                 "\\(\\(listNodeP->isLinked\\)\\) && \\(1 \\|\\| \\(\\(\"list node not "
-                 "linked\"\\)\\)\\)");
-    EXPECT_DEATH(LinkedListDequeue(&head_, &items_[1].node), "list node not linked");
+    EXPECT_DEATH(LinkedListGetNext(&head_, &items_[1].node), "list node not linked");
     // A node linked into another list.
     LinkedListHeadType other;
     LinkedListHeadInit(&other);
     LinkedListEnqueueTail(&other, &items_[2].node);
     LinkedListEnqueueTail(&head_, &items_[3].node);
-    EXPECT_DEATH(LinkedListDequeue(&head_, &items_[2].node),
-                 "0 && \\(\\(\"list node not found\"\\)\\)");
+    EXPECT_DEATH(LinkedListDequeue(&head_, &items_[2].node), "list node not found");
     // A corrupted head: a tail with no nodes counted.
     head_.numNodes = 0;
     EXPECT_DEATH(LinkedListEnqueueTail(&head_, &items_[0].node),
-                 "\\(\\(listHeadP->numNodes > 0\\)\\) && \\(1 \\|\\| \\(\\(\"non-NULL tail -- "
-                 ">= 1 nodes expected\"\\)\\)\\)");
+                 "non-NULL tail -- >= 1 nodes expected");
 }
 
 }  // namespace
