@@ -32,7 +32,7 @@ static ZtLogContextImpl* gDefaultContext;
 static ZtLogRule* gRules;
 static size_t gRuleCount;
 static int gDefaultLevel = kZtLogWarning;
-static int gUseSyslog;
+static int gUseSyslog; /* Read and written atomically: ZtLogSetSyslogOutput may change it. */
 
 /* Held for reading while a hook runs, for writing while the hook changes. */
 static pthread_rwlock_t gHookLock = PTHREAD_RWLOCK_INITIALIZER;
@@ -172,7 +172,8 @@ static void Init(void) {
         ParseLevels(levels);
     }
     const char* output = getenv("ZTLOG_OUTPUT");
-    gUseSyslog = output != NULL && strcmp(output, "syslog") == 0;
+    __atomic_store_n(&gUseSyslog, output != NULL && strcmp(output, "syslog") == 0,
+                     __ATOMIC_RELAXED);
     pthread_mutex_lock(&gContextsLock);
     gDefaultContext = CreateLocked("default");
     pthread_mutex_unlock(&gContextsLock);
@@ -213,6 +214,11 @@ int ZtLogSetLevel(const char* name, int level) {
     return 0;
 }
 
+void ZtLogSetSyslogOutput(int enable) {
+    pthread_once(&gInitOnce, Init);
+    __atomic_store_n(&gUseSyslog, enable != 0, __ATOMIC_RELAXED);
+}
+
 void ZtLogSetOutputHook(ZtLogOutputHook hook, void* user) {
     pthread_rwlock_wrlock(&gHookLock);
     gHook = hook;
@@ -240,7 +246,7 @@ static void Emit(const ZtLogContextImpl* c, int level, const char* message) {
     pthread_rwlock_unlock(&gHookLock);
 
     long tid = (long)syscall(SYS_gettid);
-    if (gUseSyslog) {
+    if (__atomic_load_n(&gUseSyslog, __ATOMIC_RELAXED)) {
         /* syslog adds its own timestamp and takes the level as the priority. */
         syslog(level < 0 || level > 7 ? LOG_ERR : level, "[%s] (tid %ld) %s", c->name, tid,
                message);

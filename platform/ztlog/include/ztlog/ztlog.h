@@ -64,6 +64,10 @@ void ZtLogDumpData(ZtLogContext* ctx, int level, const void* data, size_t len, i
  * NULL name or a level outside 0..7. */
 int ZtLogSetLevel(const char* name, int level);
 
+/* Sends lines to syslog (enable non-zero) or to standard error from now on, whatever ZTLOG_OUTPUT
+ * said: a daemon may switch once it has detached from its terminal. */
+void ZtLogSetSyslogOutput(int enable);
+
 /* Receives every line instead of the normal output: the level, the context name and the message
  * text without timestamp or trailing newline. */
 typedef void (*ZtLogOutputHook)(void* user, int level, const char* contextName,
