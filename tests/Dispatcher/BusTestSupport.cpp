@@ -31,11 +31,11 @@ class BusEnvironment : public ::testing::Environment {
 }  // namespace
 
 bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int limitSeconds) {
-    RuntimeDispatcherImpl* impl = RuntimeDispatcher::GetImpl(dispatcher);
+    CallbackExceptions raised(dispatcher);
     const bool reached = IterateUntil(
-        impl->GetContext(),
+        RuntimeDispatcher::GetImpl(dispatcher)->GetContext(),
         [&]() {
-            impl->RethrowPending();
+            raised.RethrowFirst();
             return done();
         },
         limitSeconds);
@@ -46,9 +46,9 @@ bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int 
 }
 
 void PumpFor(RuntimeDispatcher& dispatcher, int ms) {
-    RuntimeDispatcherImpl* impl = RuntimeDispatcher::GetImpl(dispatcher);
-    IterateFor(impl->GetContext(), static_cast<unsigned>(ms));
-    impl->RethrowPending();
+    CallbackExceptions raised(dispatcher);
+    IterateFor(RuntimeDispatcher::GetImpl(dispatcher)->GetContext(), static_cast<unsigned>(ms));
+    raised.RethrowFirst();
 }
 
 FakeService::FakeService(RuntimeDispatcher& dispatcher, const char* serviceName) {
