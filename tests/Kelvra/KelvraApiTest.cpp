@@ -1,6 +1,7 @@
 // The bus library's API within one process: bad input, bus address selection, and the service
 // side's rules for replies, subscriptions and cancels, with client and service on one context.
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <cstdlib>
 #include <string>
@@ -284,37 +285,62 @@ TEST_F(KelvraServiceTest, ReplyFunctionsMayEndTheirCallOrTheHandle) {
     EXPECT_TRUE(afterwards.replies.empty());
 }
 
-// The bus going away ends open calls and subscriptions on both sides instead of leaving them
-// waiting; later calls fail at once.
-TEST_F(KelvraServiceTest, LosingTheBusEndsWhatIsOpen) {
+// The bus restarting at the same address: what was open ends, a call made meanwhile gets its
+// error reply from the loop, and the same handles come back with their service name, methods
+// and status watches.
+TEST_F(KelvraServiceTest, HandlesSurviveABusRestart) {
     PrivateBus bus;
     setenv("KELVRA_BUS_ADDRESS", bus.Start().c_str(), 1);
-    {
-        Handle service(context_, "com.orvex.lost");
-        Handle client(context_);
-        setenv("KELVRA_BUS_ADDRESS", TestBusAddress().c_str(), 1);
-        ASSERT_TRUE(KVRegisterMethod(service.get(), "a/keep", Keep, this, nullptr));
-        ReplyLog status;
-        ReplyLog stream;
-        ASSERT_TRUE(client.Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
-                                "{\"serviceName\":\"com.orvex.lost\"}", &status));
-        ASSERT_TRUE(client.Call("kelvra://com.orvex.lost/a/keep", "{}", &stream));
-        ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 1 && status.replies.size() == 1; }));
-        ASSERT_TRUE(status.replies[0].Bool("connected"));
-        ASSERT_TRUE(KVSubscriptionAdd(service.get(), requests_[0], Cancelled, this, nullptr));
+    Handle service(context_, "com.orvex.lost");
+    Handle client(context_);
+    setenv("KELVRA_BUS_ADDRESS", TestBusAddress().c_str(), 1);
+    std::vector<bool> links;
+    ASSERT_TRUE(KVSetConnectionFunc(
+        client.get(),
+        [](KVHandle*, bool up, void* links) {
+            static_cast<std::vector<bool>*>(links)->push_back(up);
+        },
+        &links, nullptr));
+    ASSERT_TRUE(KVRegisterMethod(service.get(), "a/keep", Keep, this, nullptr));
+    const std::string uri = "kelvra://com.orvex.lost/a/keep";
+    ReplyLog status;
+    ReplyLog stream;
+    ASSERT_TRUE(client.Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
+                            "{\"serviceName\":\"com.orvex.lost\"}", &status));
+    ASSERT_TRUE(client.Call(uri, "{}", &stream));
+    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 1 && status.replies.size() == 1; }));
+    ASSERT_TRUE(status.replies[0].Bool("connected"));
+    ASSERT_TRUE(KVSubscriptionAdd(service.get(), requests_[0], Cancelled, this, nullptr));
 
-        bus.Stop();
-        ASSERT_TRUE(WaitFor([&]() {
-            return cancels_ == 1 && stream.replies.size() == 1 && status.replies.size() == 2;
-        }));
-        EXPECT_TRUE(stream.replies[0].last);
-        EXPECT_EQ(KV_ERROR_BUS, stream.replies[0].Number("errorCode"));
-        EXPECT_FALSE(status.replies[1].Bool("connected"));
-        EXPECT_FALSE(status.replies[1].last);
-        error_.Failed(client.Call("kelvra://com.orvex.lost/a/keep", "{}", &stream, error_.get()),
-                      KV_ERROR_BUS);
-        error_.Failed(KVReply(service.get(), requests_[0], "{}", error_.get()), KV_ERROR_CLOSED);
-    }
+    bus.Kill(SIGKILL);
+    ASSERT_TRUE(WaitFor([&]() {
+        return cancels_ == 1 && stream.replies.size() == 1 && status.replies.size() == 2 &&
+               links.size() == 1;
+    }));
+    EXPECT_FALSE(links[0]);
+    EXPECT_FALSE(KVIsConnected(client.get()));
+    EXPECT_TRUE(stream.replies[0].last);
+    EXPECT_EQ(KV_ERROR_BUS_UNAVAILABLE, stream.replies[0].Number("errorCode"));
+    EXPECT_FALSE(status.replies[1].Bool("connected"));
+    EXPECT_FALSE(status.replies[1].last);
+    error_.Failed(KVReply(service.get(), requests_[0], "{}", error_.get()), KV_ERROR_CLOSED);
+    ReplyLog meanwhile;
+    ASSERT_TRUE(client.Call(uri, "{}", &meanwhile));
+    EXPECT_TRUE(meanwhile.replies.empty());  // not from inside KVCall
+    ASSERT_TRUE(WaitFor([&]() { return meanwhile.replies.size() == 1; }));
+    EXPECT_TRUE(meanwhile.replies[0].last);
+    EXPECT_EQ(KV_ERROR_BUS_UNAVAILABLE, meanwhile.replies[0].Number("errorCode"));
+
+    bus.Restart();
+    ASSERT_TRUE(WaitFor([&]() { return status.replies.size() == 3 && links.size() == 2; }));
+    EXPECT_TRUE(status.replies[2].Bool("connected"));
+    EXPECT_TRUE(links[1]);
+    ReplyLog again;
+    ASSERT_TRUE(client.Call(uri, "{}", &again));
+    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 2; }));
+    EXPECT_TRUE(KVReply(service.get(), requests_[1], "{\"back\":true}", error_.get()));
+    ASSERT_TRUE(WaitFor([&]() { return again.replies.size() == 1; }));
+    EXPECT_TRUE(again.replies[0].Bool("back"));
 }
 
 }  // namespace

@@ -36,9 +36,25 @@
  * service released the request unanswered or left before replying (KV_ERROR_NO_REPLY), the
  * service left the bus while a subscription was open (KV_ERROR_SERVICE_GONE).
  *
- * A handle whose bus goes away (the daemon exits) ends its open calls with a last reply of
- * KV_ERROR_BUS, reports every watched service as not connected, cancels the subscriptions it
- * serves (cancel functions run), and fails later calls with KV_ERROR_BUS. It does not reconnect.
+ * Losing the bus and getting it back
+ * ----------------------------------
+ * A lost bus (the daemon exits or is restarted) is an expected event. The handle stays valid, and
+ * everything the application holds (the handle, its methods, its open status calls) keeps
+ * working across it. When the connection closes, the handle, from its context:
+ *   - ends every open call to a service with a last reply KV_ERROR_BUS_UNAVAILABLE;
+ *   - reports every watched service as not connected (open status calls stay open);
+ *   - closes every request it serves: subscriptions end as if their clients had left (cancel
+ *     functions run), because those clients lost their connections too;
+ *   - calls the connection function (KVSetConnectionFunc) with false;
+ *   - connects again to the same address, first after 100 ms, then after twice the previous
+ *     wait, at most 5 s apart, from a timeout on the attached context (no busy loop). A handle
+ *     that owns a service name owns it again before it counts as connected (while another
+ *     connection holds the name it keeps trying); its registered methods stay registered.
+ * Once connected again it follows its watched names anew (status calls report the current
+ * state when it differs from the last one reported) and calls the connection function with true.
+ * While the handle has no connection, KVCall still succeeds: a status call gets its first reply
+ * (not connected) from the loop, and a call to a service gets, from the loop, a last reply
+ * KV_ERROR_BUS_UNAVAILABLE; nothing is delivered inside KVCall itself.
  *
  * Threads
  * -------
@@ -93,7 +109,9 @@ typedef enum KVErrorCode {
     KV_ERROR_METHOD_FAILED = 14,   /* the service's method function returned false */
     KV_ERROR_NOT_A_SERVICE = 15,   /* an anonymous handle cannot register methods */
     KV_ERROR_EXISTS = 16,          /* the method or subscription is already registered */
-    KV_ERROR_PROTOCOL = 17         /* the peer answered with something that is not kelvra */
+    KV_ERROR_PROTOCOL = 17,        /* the peer answered with something that is not kelvra */
+    KV_ERROR_BUS_UNAVAILABLE = 18  /* no bus connection now (lost, or not made yet); the handle
+                                      reconnects by itself: try again later */
 } KVErrorCode;
 
 typedef struct KVError {
@@ -117,8 +135,24 @@ KELVRA_EXPORT void KVErrorFree(KVError* error);
 
 /* Connects to the bus. serviceName NULL makes an anonymous client; otherwise the handle owns
  * that well-known name (KV_ERROR_NAME_TAKEN when another connection does). Requests for the
- * service are queued until the handle is attached: register its methods before. */
+ * service are queued until the handle is attached: register its methods before. Fails with
+ * KV_ERROR_BUS when the bus cannot be reached. */
 KELVRA_EXPORT bool KVRegister(const char* serviceName, KVHandle** handle, KVError* error);
+
+/* KVRegisterWithFlags: when the bus cannot be reached now, make the handle all the same; it
+ * starts without a connection and connects, once attached, as after a lost bus (see above). */
+#define KV_REGISTER_ALLOW_NO_BUS 1u
+/* KVRegister with flags (a bitwise or of KV_REGISTER_*; 0 is KVRegister). */
+KELVRA_EXPORT bool KVRegisterWithFlags(const char* serviceName, unsigned flags, KVHandle** handle,
+                                       KVError* error);
+/* Called on the attached context with false when the handle loses its bus connection and with
+ * true when it has connected (and owns its service name) again. */
+typedef void (*KVConnectionFunc)(KVHandle* handle, bool connected, void* userData);
+/* Sets the handle's connection function (NULL: none). */
+KELVRA_EXPORT bool KVSetConnectionFunc(KVHandle* handle, KVConnectionFunc func, void* userData,
+                                       KVError* error);
+/* True while the handle has a bus connection (and owns its service name). */
+KELVRA_EXPORT bool KVIsConnected(KVHandle* handle);
 /* Delivers the handle's replies, requests and notifications on context (NULL: the global
  * default context). Once per handle. */
 KELVRA_EXPORT bool KVGmainAttach(KVHandle* handle, GMainContext* context, KVError* error);
