@@ -22,6 +22,9 @@ typedef struct _GMainContext GMainContext;
 namespace vok {
 namespace test {
 
+// The private bus of the test program (KELVRA_BUS_ADDRESS points at it).
+PrivateBus& TestBus();
+
 // Iterates the dispatcher's context until done() holds; rethrows an exception a callback raised.
 // Fails the test after limitSeconds.
 bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int limitSeconds = 60);
