@@ -313,8 +313,7 @@ bool KVCall(KVHandle* handle, const char* uri, const char* payload, KVReplyFunc 
         KvErrorSet(error, KV_ERROR_INVALID_ARGUMENT, "NULL reply function");
         return false;
     }
-    if (payload == NULL || !g_utf8_validate(payload, -1, NULL)) {
-        KvErrorSet(error, KV_ERROR_BAD_PAYLOAD, "The payload is NULL or not UTF-8 text");
+    if (!KvCheckPayload(payload, error)) {
         return false;
     }
     char* service = NULL;

@@ -42,6 +42,19 @@ gboolean KvCheckHandle(KVHandle* handle, KVError* error) {
     return TRUE;
 }
 
+gboolean KvCheckPayload(const char* payload, KVError* error) {
+    if (payload == NULL || !g_utf8_validate(payload, -1, NULL)) {
+        KvErrorSet(error, KV_ERROR_BAD_PAYLOAD, "The payload is NULL or not UTF-8 text");
+        return FALSE;
+    }
+    if (strnlen(payload, KV_MAX_PAYLOAD_SIZE + 1) > KV_MAX_PAYLOAD_SIZE) {
+        KvErrorSet(error, KV_ERROR_PAYLOAD_TOO_LARGE, "The payload is longer than %u bytes",
+                   KV_MAX_PAYLOAD_SIZE);
+        return FALSE;
+    }
+    return TRUE;
+}
+
 char* KvErrorPayload(int code, const char* text) {
     json_object* reply = json_object_new_object();
     json_object_object_add(reply, "returnValue", json_object_new_boolean(0));

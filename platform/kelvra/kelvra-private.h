@@ -169,6 +169,8 @@ gboolean KvLinkUp(KVHandle* handle);
 void KvForgetSerial(KVHandle* handle, guint32 serial);
 void KvPendingFree(KVPending* pending);
 void KvScheduleDispatch(KVHandle* handle);
+/* Checks a payload the application gives: not NULL, UTF-8, at most KV_MAX_PAYLOAD_SIZE. */
+gboolean KvCheckPayload(const char* payload, KVError* error);
 /* {"returnValue":false,"errorCode":code,"errorText":text}, to be g_free'd. */
 char* KvErrorPayload(int code, const char* text);
 KVMessage* KvMessageNew(KVHandle* handle, KVMessageKind kind, char* payload);

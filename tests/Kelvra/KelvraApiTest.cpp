@@ -1,5 +1,6 @@
 // The bus library's API within one process: bad input, bus address selection, and the service
 // side's rules for replies, subscriptions and cancels, with client and service on one context.
+#include <gio/gio.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -283,6 +284,51 @@ TEST_F(KelvraServiceTest, ReplyFunctionsMayEndTheirCallOrTheHandle) {
     EXPECT_EQ(1, cancelling.seen);
     EXPECT_EQ(1, unregistering.seen);
     EXPECT_TRUE(afterwards.replies.empty());
+}
+
+// Payloads above the limit are refused before anything is sent, and the handles stay usable; a
+// service answers such a request that reaches it around the library with an error reply.
+TEST_F(KelvraServiceTest, OversizedPayloadsAreRefused) {
+    Register("a/keep", Keep);
+    const std::string over = "{\"x\":\"" + std::string(KV_MAX_PAYLOAD_SIZE - 7, 'x') + "\"}";
+    const std::string most = over.substr(0, 6) + over.substr(7);
+    ReplyLog refused;
+    error_.Failed(client_.Call(Uri("a/keep"), over, &refused, error_.get()),
+                  KV_ERROR_PAYLOAD_TOO_LARGE);
+    ReplyLog log;
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), most, &log));
+    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 1; }));
+    error_.Failed(KVReply(service_.get(), requests_[0], over.c_str(), error_.get()),
+                  KV_ERROR_PAYLOAD_TOO_LARGE);
+    EXPECT_TRUE(KVReply(service_.get(), requests_[0], most.c_str(), error_.get()));
+    ASSERT_TRUE(WaitFor([&]() { return log.replies.size() == 1; }));
+    EXPECT_EQ(most, log.replies[0].payload);
+
+    GDBusConnection* raw = g_dbus_connection_new_for_address_sync(
+        TestBusAddress().c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, nullptr);
+    ASSERT_NE(nullptr, raw);
+    GVariant* answer = nullptr;
+    g_main_context_push_thread_default(context_);
+    g_dbus_connection_call(
+        raw, name_.c_str(), "/a", "com.orvex.kelvra.Method", "keep",
+        g_variant_new("(st)", over.c_str(), static_cast<guint64>(1)), G_VARIANT_TYPE("(sb)"),
+        G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
+        [](GObject* connection, GAsyncResult* result, gpointer answer) {
+            *static_cast<GVariant**>(answer) =
+                g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, nullptr);
+        },
+        &answer);
+    g_main_context_pop_thread_default(context_);
+    ASSERT_TRUE(WaitFor([&]() { return answer != nullptr; }));
+    const char* payload = nullptr;
+    g_variant_get(answer, "(&sb)", &payload, nullptr);
+    EXPECT_EQ(KV_ERROR_PAYLOAD_TOO_LARGE, (Reply{payload, true, nullptr}.Number("errorCode")));
+    EXPECT_EQ(1u, requests_.size());
+    g_variant_unref(answer);
+    g_object_unref(raw);
 }
 
 // The bus restarting at the same address: what was open ends, a call made meanwhile gets its
