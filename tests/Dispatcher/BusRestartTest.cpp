@@ -80,32 +80,32 @@ class Blade : public ServiceBlade, public VokBladeLoaderInterface {
     std::string name_;
 };
 
-// Serves kService's "echo/once" with its own bus handle.
+// Serves kService's "echo/once" with a bus handle of its own.
 class ServiceBladeImpl : public Blade {
   public:
     using Blade::Blade;
 
   private:
     void Start(RuntimeDispatcher& dispatcher) override {
-        ASSERT_TRUE(KVRegister(kService, &handle_, nullptr));
-        KVRegisterMethod(handle_, "echo/once", &ServiceBladeImpl::Echo, nullptr, nullptr);
-        KVGmainAttach(handle_, RuntimeDispatcher::GetImpl(dispatcher)->GetContext(), nullptr);
+        service_.reset(new test::FakeService(dispatcher, kService));
+        service_->AddMethod("echo/once", [](const std::string& payload) {
+            return std::vector<std::string>{payload};
+        });
     }
-    void Finish() override { KVUnregister(handle_, nullptr); }
-    static bool Echo(KVHandle* handle, KVMessage* request, void*) {
-        return KVReply(handle, request, KVMessageGetPayload(request), nullptr);
-    }
+    void Finish() override { service_.reset(); }
 
-    KVHandle* handle_ = nullptr;
+    std::unique_ptr<test::FakeService> service_;
 };
 
-// Calls the service every 20 ms through the dispatcher's bus handle; records the last answer
-// and the errors.
+// Calls the service every 20 ms through the dispatcher's bus handle and follows its status
+// through the dispatcher's client.
 class CallerBlade : public Blade {
   public:
     using Blade::Blade;
-    Clock::time_point lastAnswer;  // Guarded by the board.
-    int errors = 0;                // Guarded by the board.
+    // Guarded by the board.
+    Clock::time_point lastAnswer;
+    int errors = 0;
+    std::vector<bool> heard;
 
   private:
     void Start(RuntimeDispatcher& dispatcher) override {
@@ -115,8 +115,12 @@ class CallerBlade : public Blade {
             call_->Call(kService, "echo/once", "{\"returnValue\":true}");
         }));
         timer_->Schedule(0);
+        client_ = RdKelvraUtils::GetVokKvClient(dispatcher, kService);
+        client_->AddRegStatusObserver(
+            this, [this](bool up) { board_->Update([&]() { heard.push_back(up); }); });
     }
     void Finish() override {
+        client_->RemoveRegStatusObserver(this);
         timer_.reset();
         call_.reset();
     }
@@ -124,34 +128,12 @@ class CallerBlade : public Blade {
         JsonToken payload;
         const bool answered = payload.ParseJsonString(KVMessageGetPayload(reply)) &&
                               payload.ObjectFindPair("returnValue")->BooleanGetValue();
-        board_->Update([&]() {
-            if (answered) {
-                lastAnswer = Clock::now();
-            } else {
-                ++errors;
-            }
-        });
+        board_->Update([&]() { answered ? (void)(lastAnswer = Clock::now()) : (void)++errors; });
         timer_->Schedule(20);
     }
 
     std::unique_ptr<RdKvCall> call_;
     std::unique_ptr<RdTimerBase> timer_;
-};
-
-// Follows the service's status through the dispatcher's client.
-class WatcherBlade : public Blade {
-  public:
-    using Blade::Blade;
-    std::vector<bool> heard;  // Guarded by the board.
-
-  private:
-    void Start(RuntimeDispatcher& dispatcher) override {
-        client_ = RdKelvraUtils::GetVokKvClient(dispatcher, kService);
-        client_->AddRegStatusObserver(
-            this, [this](bool up) { board_->Update([&]() { heard.push_back(up); }); });
-    }
-    void Finish() override { client_->RemoveRegStatusObserver(this); }
-
     VokKvClient* client_ = nullptr;
 };
 
@@ -161,40 +143,37 @@ TEST(BusRestartTest, EveryBladeIsBackToNormalSoonAfterTheBusReturns) {
     Board board;
     ServiceBladeImpl service(&board, "service");
     CallerBlade callers[] = {{&board, "caller1"}, {&board, "caller2"}};
-    WatcherBlade watcher(&board, "watcher");
     bool stopped = false;
-    VokShell shell(VokShellDaemonInfo("bus-restart", ""),
-                   {&service, &callers[0], &callers[1], &watcher},
+    VokShell shell(VokShellDaemonInfo("bus-restart", ""), {&service, &callers[0], &callers[1]},
                    [&]() { board.Update([&]() { stopped = true; }); });
     shell.StartUp();
-    // Every caller has had an answer since when.
-    auto answeredSince = [&](Clock::time_point since) {
+    // Every caller has heard the service's status last as up (or down) and, when up, has had an
+    // answer since a time.
+    auto allHeard = [&](bool up, Clock::time_point since) {
         for (const CallerBlade& caller : callers) {
-            if (caller.lastAnswer <= since) {
+            if (caller.heard.empty() || caller.heard.back() != up ||
+                (up && caller.lastAnswer <= since)) {
                 return false;
             }
         }
         return true;
     };
-    ASSERT_TRUE(board.WaitUntil(
-        [&]() { return answeredSince(Clock::time_point()) && watcher.heard.size() == 1; },
-        std::chrono::seconds(60)));
+    ASSERT_TRUE(board.WaitUntil([&]() { return allHeard(true, Clock::time_point()); },
+                                std::chrono::seconds(60)));
 
     // A short outage, then one long enough for the waits between attempts to grow.
     for (int outage : {1, 50}) {
+        int before = 0;
+        board.Update([&]() { before = callers[0].errors; });
         test::TestBus().Kill(SIGKILL);
         const Clock::time_point down = Clock::now();
         ASSERT_TRUE(board.WaitUntil(
-            [&]() {
-                return callers[0].errors >= outage && callers[1].errors >= outage &&
-                       !watcher.heard.back();
-            },
+            [&]() { return callers[0].errors - before >= outage && allHeard(false, down); },
             std::chrono::seconds(60)));
         test::TestBus().Restart();
         const Clock::time_point restarted = Clock::now();
         ASSERT_TRUE(
-            board.WaitUntil([&]() { return answeredSince(restarted) && watcher.heard.back(); },
-                            std::chrono::seconds(60)));
+            board.WaitUntil([&]() { return allHeard(true, restarted); }, std::chrono::seconds(60)));
         const auto back =
             std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - restarted);
         const auto away = std::chrono::duration_cast<std::chrono::milliseconds>(restarted - down);
@@ -204,7 +183,9 @@ TEST(BusRestartTest, EveryBladeIsBackToNormalSoonAfterTheBusReturns) {
         EXPECT_LT(back.count(), 10000);
     }
     board.Update([&]() {
-        EXPECT_EQ((std::vector<bool>{true, false, true, false, true}), watcher.heard);
+        for (const CallerBlade& caller : callers) {
+            EXPECT_EQ((std::vector<bool>{true, false, true, false, true}), caller.heard);
+        }
     });
     shell.RequestStop();
     ASSERT_TRUE(board.WaitUntil([&]() { return stopped; }, std::chrono::seconds(60)));

@@ -44,6 +44,8 @@ class FakeService {
     void AddMethod(const std::string& method, Method answer);
     // Payloads received by method, in order.
     std::vector<std::string> Requests(const std::string& method) const;
+    // True while the service is on the bus and owns its name.
+    bool Connected() const { return KVIsConnected(handle_); }
 
   private:
     static bool MethodCb(KVHandle* handle, KVMessage* request, void* self);
