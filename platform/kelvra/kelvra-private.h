@@ -130,9 +130,10 @@ struct KVHandle {
     char* address;     /* the bus address, chosen once at registration */
     KVLinkState link;
     GDBusConnection* connection; /* NULL while the link is down */
-    /* GDBus queues the connection's own notifications ("closed" when the bus goes away) on the
-     * context current when it was made: this private one, polled from the handle's source once
-     * attached, and released after the connection, which frees what is queued there. */
+    /* GDBus queues what it has for the handle on a context of the handle's choosing: this
+     * private one, for every connection the handle makes. It carries the connections' own
+     * notifications ("closed" when the bus goes away), the filters' releases and the results of
+     * connection attempts; the handle's source polls it once attached, and it is released last. */
     GMainContext* connectionContext;
     gulong closedHandler;
     gpointer connectionContextTag; /* the source's watch of connectionContext's wake-up */
