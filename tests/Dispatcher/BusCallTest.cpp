@@ -221,7 +221,7 @@ TEST(BusCallDeathTest, DISABLED_ExceptionWithoutADispatcherIsCriticalAndFatal) {
             call.Call("com.test.nobody", "x/y", "{}");
             test::IterateUntil(context, []() { return false; });
         },
-        "critical.*from a callback");
+        "Exception out of a callback that no dispatcher owns.*from a callback");
 }
 
 }  // namespace
