@@ -33,9 +33,9 @@
  * {"returnValue":false,"errorCode":N,"errorText":"..."}, N a KVErrorCode: no such service
  * (KV_ERROR_NO_SERVICE), no such method (KV_ERROR_NO_METHOD), a payload that is not a JSON object
  * (KV_ERROR_BAD_PAYLOAD), a payload above KV_MAX_PAYLOAD_SIZE (KV_ERROR_PAYLOAD_TOO_LARGE), the
- * method failed (KV_ERROR_METHOD_FAILED), no reply came because the
- * service released the request unanswered or left before replying (KV_ERROR_NO_REPLY), the
- * service left the bus while a subscription was open (KV_ERROR_SERVICE_GONE).
+ * method failed (KV_ERROR_METHOD_FAILED), no reply came because the service released the request
+ * unanswered or left before replying (KV_ERROR_NO_REPLY), the service left the bus while a
+ * subscription was open (KV_ERROR_SERVICE_GONE), the bus went away (KV_ERROR_BUS_UNAVAILABLE).
  *
  * Losing the bus and getting it back
  * ----------------------------------
@@ -164,9 +164,9 @@ KELVRA_EXPORT bool KVIsConnected(KVHandle* handle);
 /* Delivers the handle's replies, requests and notifications on context (NULL: the global
  * default context). Once per handle. */
 KELVRA_EXPORT bool KVGmainAttach(KVHandle* handle, GMainContext* context, KVError* error);
-/* Closes the connection (giving up the service name), drops every open call without further
- * callbacks, and releases the handle. Messages still referenced stay valid, but replies to them
- * fail. */
+/* Closes the connection (giving up the service name), stops reconnecting, drops every open call
+ * without further callbacks, and releases the handle. Messages still referenced stay valid, but
+ * replies to them fail. */
 KELVRA_EXPORT bool KVUnregister(KVHandle* handle, KVError* error);
 
 /* Calls uri with a JSON payload; replyFunc receives every reply until the last one or until
