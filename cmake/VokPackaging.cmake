@@ -45,24 +45,36 @@ set(CPACK_PACKAGE_NAME vok)
 set(CPACK_PACKAGE_VENDOR "vok developers")
 set(CPACK_PACKAGE_CONTACT "${VOK_DEB_MAINTAINER}")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL runtime dev tools)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# The tools link the libraries of the runtime package, which no installed package provides yet:
+# dpkg-shlibdeps finds them in the build tree, and the component dependency below names them.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "")
+foreach(library vok ztlog kelvra)
+  get_target_property(dir ${library} BINARY_DIR)
+  list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${dir})
+endforeach()
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+# Only the runtime package holds shared objects: its shlibs file lets other packages depend on it.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
+# The first line of each description is the package's synopsis. CPackDeb puts the project-wide
+# summary in front of it unless that summary is CPack's own default, so it is set to that.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${CMAKE_PROJECT_NAME} built using CMake")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${VOK_DEB_RUNTIME})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+# dpkg runs ldconfig through this trigger when the libraries come or go.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/debian/triggers)
 string(CONCAT CPACK_COMPONENT_RUNTIME_DESCRIPTION
-       "Framework library for long-running system daemons\n"
+       "framework library for long-running system daemons\n"
        "vok hosts a daemon's service blades on threads of their own, passes messages\n"
        "between them, and runs GLib event loops with timers, alarms and calls on the\n"
        "platform bus. This package holds the shared libraries: libvok, the logging\n"
@@ -73,7 +85,7 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libglib2.0-dev, libjson-c-dev")
 set(CPACK_COMPONENT_DEV_DEPENDS runtime)
 string(CONCAT CPACK_COMPONENT_DEV_DESCRIPTION
-       "Framework library for long-running system daemons (development files)\n"
+       "framework library for long-running system daemons - development files\n"
        "Headers of vok, libztlog and libkelvra, with pkg-config files and the CMake\n"
        "package (find_package(vok CONFIG) gives vok::vok, vok::ztlog, vok::kelvra).")
 
@@ -81,7 +93,7 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vok-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
 string(CONCAT CPACK_COMPONENT_TOOLS_DESCRIPTION
-       "Framework library for long-running system daemons (tools)\n"
+       "framework library for long-running system daemons - tools\n"
        "kv-call calls a service on the platform bus, vok-console exercises the\n"
        "message passing by hand, and vok-powerd is the reference power service.")
 
