@@ -82,14 +82,18 @@ deb-host:
 	cmake --build build-deb -j$(JOBS)
 	cd build-deb && cpack
 
+# GNUInstallDirs picks the multiarch library directory only for native builds: it is named here.
 # dpkg-shlibdeps takes the armhf libraries and what their packages declare from the sysroot.
 deb-armhf:
 	@bash scripts/deps.sh base armhf packaging
 	sysroot=$$(bash scripts/armhf-sysroot.sh) && \
 	cmake -S . -B build-deb-armhf -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/armhf-toolchain.cmake \
-	  -DVOK_ARMHF_SYSROOT=$$sysroot -DCMAKE_INSTALL_PREFIX=/usr -DVOK_BUILD_TESTS=OFF $(CMAKE_FLAGS)
+	  -DVOK_ARMHF_SYSROOT=$$sysroot -DCMAKE_INSTALL_PREFIX=/usr \
+	  -DCMAKE_INSTALL_LIBDIR=lib/arm-linux-gnueabihf -DVOK_BUILD_TESTS=OFF $(CMAKE_FLAGS)
 	cmake --build build-deb-armhf -j$(JOBS)
-	cd build-deb-armhf && cpack
+	sysroot=$$(bash scripts/armhf-sysroot.sh) && \
+	bash cmake/sysroot-dpkg-db.sh $$sysroot build-deb-armhf/sysroot-dpkg && \
+	cd build-deb-armhf && DEB_HOST_ARCH=armhf DPKG_ADMINDIR=$(CURDIR)/build-deb-armhf/sysroot-dpkg cpack
 
 format:
 	find include Src platform apps tests bench -name '*.[ch]' -o -name '*.cpp' | xargs -r clang-format -i

@@ -28,12 +28,14 @@ set(VOK_DEB_MAINTAINER "vok developers <vok-dev@orvex.example>")
 # Debian wants a copyright file and a compressed changelog in every package's doc directory.
 # They are installed only when a component is asked for by name, as cpack does.
 set(VOK_DEB_DOC_DIR ${CMAKE_BINARY_DIR}/debian-doc)
+# The date honours SOURCE_DATE_EPOCH, for packages that rebuild bit for bit.
 string(TIMESTAMP VOK_DEB_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
-file(WRITE ${VOK_DEB_DOC_DIR}/changelog "vok (${PROJECT_VERSION}) unstable; urgency=medium\n\n  * Release ${PROJECT_VERSION}.\n\n -- ${VOK_DEB_MAINTAINER}  ${VOK_DEB_DATE}\n")
-find_program(VOK_GZIP gzip)
-if(VOK_GZIP)
-  execute_process(COMMAND ${VOK_GZIP} -9nf ${VOK_DEB_DOC_DIR}/changelog)
-endif()
+string(CONCAT VOK_DEB_CHANGELOG
+       "vok (${PROJECT_VERSION}) unstable; urgency=medium\n\n"
+       "  * Release ${PROJECT_VERSION}.\n\n"
+       " -- ${VOK_DEB_MAINTAINER}  ${VOK_DEB_DATE}\n")
+file(WRITE ${VOK_DEB_DOC_DIR}/changelog "${VOK_DEB_CHANGELOG}")
+execute_process(COMMAND gzip -9nf ${VOK_DEB_DOC_DIR}/changelog COMMAND_ERROR_IS_FATAL ANY)
 foreach(component package IN ZIP_LISTS VOK_DEB_COMPONENTS VOK_DEB_PACKAGES)
   install(FILES ${CMAKE_CURRENT_LIST_DIR}/debian/copyright ${VOK_DEB_DOC_DIR}/changelog.gz
           DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package}
@@ -58,6 +60,17 @@ foreach(library vok ztlog kelvra)
   get_target_property(dir ${library} BINARY_DIR)
   list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${dir})
 endforeach()
+# A cross build packages for the target's architecture, and dpkg-shlibdeps takes the system
+# libraries from the sysroot (`make deb-armhf` also points it at a dpkg database of the sysroot's
+# packages, made by cmake/sysroot-dpkg-db.sh, so that it finds their shlibs and symbols files).
+if(CMAKE_CROSSCOMPILING)
+  execute_process(COMMAND dpkg-architecture -t ${CMAKE_LIBRARY_ARCHITECTURE} -qDEB_HOST_ARCH
+                  OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_ARCHITECTURE
+                  OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+  list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+       ${CMAKE_SYSROOT}/lib/${CMAKE_LIBRARY_ARCHITECTURE}
+       ${CMAKE_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
+endif()
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)

@@ -21,11 +21,8 @@ for deb in "$sysroot"/var/cache/apt/archives/*.deb; do
     dpkg-deb -f "$deb" >"$control"
     package=$(sed -n 's/^Package: //p' "$control")
     arch=$(sed -n 's/^Architecture: //p' "$control")
+    # Without an info/format file dpkg reads the database's files by plain package name.
     name=$package
-    # dpkg keys the files of a Multi-Arch: same package by package:arch.
-    if grep -qx 'Multi-Arch: same' "$control"; then
-        name="$package:$arch"
-    fi
     grep -qx "$arch" "$db/arch" || [ "$arch" = all ] || echo "$arch" >>"$db/arch"
     { sed '/^Status:/d' "$control"; echo "Status: install ok installed"; echo; } >>"$db/status"
     dpkg-deb -c "$deb" | awk -v root="$sysroot" '{ p = substr($6, 2); sub("/$", "", p); print root p }' \
