@@ -1,6 +1,6 @@
 // two-blades: a service and its client in one daemon, plus a call on the platform bus.
 //
-// The "service" blade opens a command service port under a well-known service identifier and
+// The "server" blade opens a command service port under a well-known service identifier and
 // answers every request with a reply carrying the same number. The "client" blade sends it a
 // request every half second from a timer and prints the replies. At start the client also asks
 // the bus whether the power service is up; without a bus it says so and carries on.
@@ -33,8 +33,8 @@ const vok::MmServiceIdentifier_t kServiceId = 100;
 const vok::MmMessageName kRequest = {300, 1};
 const vok::MmMessageName kReply = {300, 2};
 
-// Answers requests on the service port. Everything runs on the blade's own thread.
-class ServiceBlade : public vok::ServiceBlade {
+// The server: answers requests on the service port. Everything runs on the blade's own thread.
+class ServerBlade : public vok::ServiceBlade {
   public:
     void Run(vok::ServiceBladeEnvironment* environment) override {
         vok::RuntimeDispatcher dispatcher;
@@ -176,16 +176,15 @@ int main() {
     sigaddset(&signals, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-    Loader<ServiceBlade> service("service");
+    Loader<ServerBlade> server("server");
     Loader<ClientBlade> client("client");
     {
         vok::VokShell shell(vok::VokShellDaemonInfo("two-blades", "the two-blade example"),
-                            {&service, &client}, []() { kill(getpid(), SIGUSR1); });
+                            {&server, &client}, []() { kill(getpid(), SIGUSR1); });
         shell.StartUp();
-        int signal = 0;
-        while (sigwait(&signals, &signal) != 0 || signal != SIGUSR1) {
-            if (signal == SIGTERM || signal == SIGINT) {
-                shell.RequestStop();
+        for (int signal = 0; signal != SIGUSR1;) {
+            if (sigwait(&signals, &signal) == 0 && signal != SIGUSR1) {
+                shell.RequestStop();  // SIGTERM or SIGINT: the blades stop, then SIGUSR1 comes.
             }
         }
     }
