@@ -209,7 +209,7 @@ TEST_F(BusCallTest, CallsAndStatusSurviveABusRestart) {
 
 // A bus callback's exception on a handle that no dispatcher registered must not unwind through
 // the bus library's C code: the process logs it at critical level and ends.
-TEST(BusCallDeathTest, DISABLED_ExceptionWithoutADispatcherIsCriticalAndFatal) {
+TEST(BusCallDeathTest, ExceptionWithoutADispatcherIsCriticalAndFatal) {
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_DEATH(
         {
