@@ -43,8 +43,8 @@ inline JsonTokenImpl* JsonPimplFromCjson(json_object* value) {
 }
 
 // True when text[0, length) is one JSON value by RFC 8259 with white space around it, whose
-// numbers json-c holds without loss: integers within int64_t or uint64_t, other numbers finite
-// as a double. UTF-8 is left to json-c's tokener.
+// numbers json-c holds without loss (integers within int64_t or uint64_t, other numbers finite
+// as a double) and whose strings are UTF-8 by JsonIsUtf8.
 bool JsonIsStrictDocument(const char* text, size_t length);
 
 // True when text[0, length) is well-formed UTF-8 (no overlong forms, no surrogates).

@@ -136,13 +136,14 @@ class StrictScanner {
         return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
     }
 
-    // The escapes and the absence of raw control characters; json-c checks the UTF-8.
+    // The escapes, no raw control characters, and UTF-8 by the same rule the writer applies
+    // (json-c's own check lets overlong forms through).
     bool String() {
-        ++p_;  // '"'
+        const char* start = ++p_;  // after '"'
         while (!AtEnd()) {
             const unsigned char c = static_cast<unsigned char>(*p_++);
             if (c == '"') {
-                return true;
+                return JsonIsUtf8(start, static_cast<size_t>(p_ - 1 - start));
             }
             if (c < 0x20) {
                 return false;
