@@ -54,10 +54,6 @@ TEST(JsonTokenTest, ValueTypesOfBuiltAndParsedValues) {
     EXPECT_TRUE(token.HasValue());
     EXPECT_EQ(JsonToken::kValueTypeNull, token.GetValueType());
     EXPECT_EQ("null", Encode(token));
-    token.MakeArray();
-    EXPECT_EQ(JsonToken::kValueTypeArray, token.GetValueType());
-    token.MakeObject();
-    EXPECT_EQ(JsonToken::kValueTypeObject, token.GetValueType());
     token.Reset();
     EXPECT_FALSE(token.HasValue());
 
