@@ -49,6 +49,8 @@ typedef enum Phase {
 
 /* How long the tidy-up after the deadline may take before the watchdog ends the process. */
 #define KV_CLOSING_GRACE_SECONDS 2
+/* Longer timeouts are this long (about three years), which time_t holds on every target. */
+#define KV_MAX_TIMEOUT_SECONDS 1e8
 
 /* The --timeout watchdog: a thread of its own, started before connecting and joined at the end.
  */
@@ -178,6 +180,9 @@ static void Abandon(const char* format, double seconds, int status) {
 }
 
 static void AddSeconds(struct timespec* time, double seconds) {
+    if (seconds > KV_MAX_TIMEOUT_SECONDS) {
+        seconds = KV_MAX_TIMEOUT_SECONDS;
+    }
     double whole = (double)(time_t)seconds;
     time->tv_sec += (time_t)whole;
     time->tv_nsec += (long)((seconds - whole) * 1e9);
@@ -237,7 +242,7 @@ static void WatchdogSetPhase(Watchdog* watchdog, Phase phase, int status) {
     pthread_mutex_unlock(&watchdog->lock);
 }
 
-/* Starts the watchdog for a run of seconds from now; NULL (and no bound) if it cannot start. */
+/* Starts the watchdog for a run of seconds from now; exits when it cannot. */
 static Watchdog* WatchdogStart(double seconds, State* state) {
     Watchdog* watchdog = g_new0(Watchdog, 1);
     pthread_condattr_t attributes;
@@ -251,8 +256,9 @@ static Watchdog* WatchdogStart(double seconds, State* state) {
     watchdog->state = state;
     clock_gettime(CLOCK_MONOTONIC, &watchdog->deadline);
     AddSeconds(&watchdog->deadline, seconds);
-    if (pthread_create(&watchdog->thread, NULL, WatchdogMain, watchdog) != 0) {
-        fprintf(stderr, "kv-call: cannot start the timeout watchdog: %s\n", strerror(errno));
+    int error = pthread_create(&watchdog->thread, NULL, WatchdogMain, watchdog);
+    if (error != 0) {
+        fprintf(stderr, "kv-call: cannot start the timeout watchdog: %s\n", strerror(error));
         exit(1);
     }
     return watchdog;
