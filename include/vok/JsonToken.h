@@ -88,8 +88,8 @@ class JsonToken {
     // Integers are returned as doubles.
     double NumberGetValue() const;
     // The encoding of the value, owned by the value and valid until it changes. It is always
-    // JSON: a value that JSON cannot say (a NaN or infinite double, a string that is not UTF-8,
-    // both only reachable through SetNewPimpl) throws std::invalid_argument instead.
+    // JSON: a value that JSON cannot say (a string or name that is not UTF-8, or a NaN or
+    // infinite double adopted through SetNewPimpl) throws std::invalid_argument instead.
     const char* GenerateJsonEncodingAndPeek() const;
     // Replaces the value with the parsed document and returns true; returns false and leaves the
     // token unchanged when text is not exactly one JSON value (RFC 8259, UTF-8, white space

@@ -107,7 +107,7 @@ TEST(JsonTokenTest, AcceptedDocumentsAreWrittenBackAsJson) {
     }
 }
 
-TEST(JsonTokenTest, NonFiniteNumbersAreNeverWritten) {
+TEST(JsonTokenTest, WhatJsonCannotSayIsNeverWritten) {
     JsonToken object;
     object.MakeObject();
     const double kNotFinite[] = {std::nan(""), HUGE_VAL, -HUGE_VAL};
@@ -128,6 +128,10 @@ TEST(JsonTokenTest, NonFiniteNumbersAreNeverWritten) {
     adopted.ArraySetElement(-1, &element);
     ExpectThrowText<std::invalid_argument>([&]() { adopted.GenerateJsonEncodingAndPeek(); },
                                            "JSON encoding generator failed: not a finite number");
+    JsonToken latin1;
+    latin1.MakeString("caf\xe9");
+    ExpectThrowText<std::invalid_argument>([&]() { latin1.GenerateJsonEncodingAndPeek(); },
+                                           "JSON encoding generator failed: string is not UTF-8");
 }
 
 TEST(JsonTokenTest, StoringMovesOwnershipIntoTheContainer) {
