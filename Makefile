@@ -5,9 +5,12 @@ JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?=
+FUZZ_SECONDS ?= 60
+# Seconds per fuzz harness in `make test` (0 skips them).
+FUZZ_TEST_SECONDS ?= 5
 
 .PHONY: all deps build test sanitize tsan armhf-test bench bench-peers install demo format clean \
-	deb deb-host deb-armhf
+	deb deb-host deb-armhf fuzz fuzz-run
 
 all: build
 
@@ -20,6 +23,13 @@ build: deps
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS) $(CTEST_FLAGS)
+	@if [ "$(FUZZ_TEST_SECONDS)" = 0 ]; then :; \
+	elif bash tests/fuzz/run-fuzzers.sh --check; then \
+	  $(MAKE) --no-print-directory fuzz-run FUZZ_SECONDS=$(FUZZ_TEST_SECONDS); \
+	else \
+	  echo "make test: clang-14 with libFuzzer is not installed, fuzz harnesses skipped" \
+	       "(bash scripts/deps.sh fuzz installs it)"; \
+	fi
 
 # AddressSanitizer + UndefinedBehaviorSanitizer build of the library and the whole suite.
 sanitize: deps
@@ -44,6 +54,18 @@ armhf-test:
 	  -DVOK_ARMHF_SYSROOT=$$sysroot $(CMAKE_FLAGS)
 	cmake --build build-armhf -j$(JOBS)
 	cd build-armhf && VOK_DEATH_TEST_STYLE=fast ctest --output-on-failure -j$(JOBS) $(CTEST_FLAGS)
+
+# Every libFuzzer harness of tests/fuzz for FUZZ_SECONDS each, in a clang build of its own with
+# ASan and UBSan; prints the executions per harness.
+fuzz: deps
+	@bash scripts/deps.sh fuzz
+	@$(MAKE) --no-print-directory fuzz-run
+
+fuzz-run:
+	cmake -S . -B build-fuzz -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
+	  -DVOK_FUZZ=ON $(CMAKE_FLAGS)
+	cmake --build build-fuzz -j$(JOBS) --target vok_fuzzers
+	bash tests/fuzz/run-fuzzers.sh build-fuzz $(FUZZ_SECONDS)
 
 bench: deps
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVOK_BUILD_BENCH=ON -DVOK_BUILD_TESTS=OFF $(CMAKE_FLAGS)
@@ -100,4 +122,4 @@ format:
 
 clean:
 	rm -rf build build-asan build-tsan build-armhf build-bench build-peers build-install \
-	  build-deb build-deb-armhf
+	  build-deb build-deb-armhf build-fuzz

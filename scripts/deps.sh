@@ -1,6 +1,6 @@
 #!/bin/bash
 # Installs the Debian packages a target needs, only when some are missing.
-# Usage: deps.sh [base] [armhf] [tools] [peers] [packaging]
+# Usage: deps.sh [base] [armhf] [tools] [peers] [packaging] [fuzz]
 set -euo pipefail
 
 declare -A groups=(
@@ -11,6 +11,8 @@ declare -A groups=(
     [peers]="qtbase5-dev libcaf-dev libsystemd-dev libsdbus-c++-dev"
     # `make deb`: CPack's DEB generator runs dpkg-shlibdeps and file; lintian judges the result.
     [packaging]="dpkg-dev file lintian"
+    # libFuzzer harnesses: clang, its fuzzer library and the sanitizer runtimes.
+    [fuzz]="clang-14 libfuzzer-14-dev libclang-rt-14-dev"
 )
 
 wanted=()
