@@ -150,7 +150,7 @@ TEST_F(DiagnosticRegisterTest, SwapExchangesRegisters) {
     EXPECT_EQ(3, QueryOrFail("root.swap.y").value);
 }
 
-TEST_F(DiagnosticRegisterTest, ConcurrentPublishersAndQueriesLoseNoUpdate) {
+TEST_F(DiagnosticRegisterTest, ConcurrentPublishersAndQueriesLoseNoUpdateNorWatermark) {
     test::Watchdog watchdog;
     const int kThreads = 4;
     const int kIncrements = 20000;
@@ -161,6 +161,11 @@ TEST_F(DiagnosticRegisterTest, ConcurrentPublishersAndQueriesLoseNoUpdate) {
             DiagnosticRegisterCounter c("root.mt.count", 0);
             for (int i = 0; i < kIncrements; ++i) {
                 c.Inc();
+                if (i % 100 == 0) {
+                    Info info{};
+                    c.Get(&info);
+                    EXPECT_TRUE(info.low <= info.value && info.value <= info.high);
+                }
                 if (i % 1000 == 0) {
                     delete DiagnosticRegisterCounter::QueryGroup("root.mt.");
                     DiagnosticRegisterCounter extra("root.mt.t" + std::to_string(t), i);
@@ -171,7 +176,10 @@ TEST_F(DiagnosticRegisterTest, ConcurrentPublishersAndQueriesLoseNoUpdate) {
     for (auto& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(kThreads * kIncrements, QueryOrFail("root.mt.count").value);
+    const Info info = QueryOrFail("root.mt.count");
+    EXPECT_EQ(kThreads * kIncrements, info.value);
+    EXPECT_EQ(kThreads * kIncrements, info.high);
+    EXPECT_EQ(0, info.low);
 }
 
 TEST(DiagnosticRegisterTableDeathTest, UnrefBelowZeroIsAnAssertion) {

@@ -1,6 +1,10 @@
 // Message ports, their events, and the command and connection port rules.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
+#include <thread>
+
 #include "MmTestSupport.h"
 #include "Src/Core/MessageMover/MmfMessageManager.h"
 #include "support/LogCapture.h"
@@ -85,6 +89,45 @@ TEST_F(MessagePortTest, SinkIsTriggeredOncePerEdgeToReadable) {
     EXPECT_FALSE(Readable(b_));
     Write(a_, 3);
     EXPECT_EQ(2, sink.count);
+    b_->UnregisterPortEventSignalSink();
+}
+
+// The woken reader's first steps take the port's locks, and its reply takes the writer's: a
+// writer still holding any of them while triggering would make the two threads take turns.
+TEST_F(MessagePortTest, SinkIsTriggeredWithNoLockHeld) {
+    struct Sink : SimpleAsyncInterface {
+        void Trigger() override {
+            if (count++ == 0) {
+                helper = std::thread(onFirst);
+                freeOfLocks = finished.get_future().wait_for(std::chrono::seconds(5)) ==
+                              std::future_status::ready;
+            }
+        }
+        std::atomic<int> count{0};
+        std::function<void()> onFirst;
+        std::thread helper;
+        std::promise<void> finished;
+        bool freeOfLocks = false;
+    } sink;
+    sink.onFirst = [&] {
+        MmConnectionMessageHandle msg;
+        if (Read(b_, &msg) == 1) {
+            iface_->FreeMessage(msg);
+        }
+        Write(b_, 2);
+        MmConnectionPort* c = nullptr;
+        MmConnectionPort* d = iface_->CreateConnectedPair(iface_, &c);
+        iface_->DiscardConnectionPort(c);
+        iface_->DiscardConnectionPort(d);
+        sink.finished.set_value();
+    };
+    b_->RegisterPortEventSignalSink(sink);
+    Write(a_, 1);
+    sink.helper.join();
+    EXPECT_TRUE(sink.freeOfLocks);
+    MmConnectionMessageHandle msg;
+    EXPECT_EQ(2u, Read(a_, &msg));
+    iface_->FreeMessage(msg);
     b_->UnregisterPortEventSignalSink();
 }
 

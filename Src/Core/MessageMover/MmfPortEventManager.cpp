@@ -1,9 +1,27 @@
 #include "Src/Core/MessageMover/MmfPortEventManager.h"
 
+#include <sched.h>
+
 #include "Src/Core/MessageMover/MmfTrace.h"
 #include "vok/SimpleAsyncInterface.h"
 
 namespace vok {
+
+void MmfPendingTrigger::Fire() {
+    MmfPortEventManager* const mgr = pMgr_;
+    if (mgr == nullptr) {
+        return;
+    }
+    pMgr_ = nullptr;
+    try {
+        pSink_->Trigger();
+    } catch (const std::exception& e) {
+        gMmfLogger.Error("Port Event Signal Sink ptr=<%p> failed to trigger: %s",
+                         static_cast<void*>(pSink_), e.what());
+    }
+    // The last touch of the manager: once it is down, the manager may be gone.
+    mgr->triggersInFlight_.fetch_sub(1, std::memory_order_release);
+}
 
 MmfPortEventManager::MmfPortEventManager()
     : readable_(false),
@@ -12,8 +30,21 @@ MmfPortEventManager::MmfPortEventManager()
       watchReadable_(false),
       watchWritable_(false),
       watchException_(false),
-      pSink_(nullptr) {
+      pSink_(nullptr),
+      triggersInFlight_(0) {
     MMF_TRACE(this);
+}
+
+MmfPortEventManager::~MmfPortEventManager() {
+    WaitForTriggersInFlight();
+}
+
+void MmfPortEventManager::WaitForTriggersInFlight() const {
+    // A trigger in flight is a few instructions on a thread that holds none of our locks; let it
+    // run (on one core it needs this thread's slice).
+    while (triggersInFlight_.load(std::memory_order_acquire) != 0) {
+        sched_yield();
+    }
 }
 
 void MmfPortEventManager::SetInitialPortState(bool readable, bool writable, bool exception) {
@@ -26,7 +57,7 @@ void MmfPortEventManager::SetInitialPortState(bool readable, bool writable, bool
     exception_ = exception;
 }
 
-void MmfPortEventManager::SetReadable() {
+void MmfPortEventManager::SetReadable(MmfPendingTrigger* pending) {
     MMF_TRACE(this);
     MutexLocker lock(stateLock_);
     const bool tracing = MmfIsTracing();
@@ -40,7 +71,9 @@ void MmfPortEventManager::SetReadable() {
             gMmfLogger.Debug("Triggering Port Event Signal Sink ptr=<%p>.",
                              static_cast<void*>(pSink_));
         }
-        pSink_->Trigger();
+        triggersInFlight_.fetch_add(1, std::memory_order_relaxed);
+        pending->pMgr_ = this;
+        pending->pSink_ = pSink_;
     }
 }
 
@@ -68,13 +101,16 @@ void MmfPortEventManager::RegisterPortEventSignalSink(SimpleAsyncInterface& sink
 
 void MmfPortEventManager::UnregisterPortEventSignalSink() {
     MMF_TRACE(this);
-    MutexLocker lock(stateLock_);
-    gMmfLogger.Debug("Unregistering Port Event Signal Sink; was ptr=<%p>.",
-                     static_cast<void*>(pSink_));
-    pSink_ = nullptr;
-    watchReadable_ = false;
-    watchWritable_ = false;
-    watchException_ = false;
+    {
+        MutexLocker lock(stateLock_);
+        gMmfLogger.Debug("Unregistering Port Event Signal Sink; was ptr=<%p>.",
+                         static_cast<void*>(pSink_));
+        pSink_ = nullptr;
+        watchReadable_ = false;
+        watchWritable_ = false;
+        watchException_ = false;
+    }
+    WaitForTriggersInFlight();
 }
 
 void MmfPortEventManager::WatchPortEvents(bool readable, bool writable, bool exception) {
