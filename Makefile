@@ -6,7 +6,8 @@ PREFIX ?= /usr/local
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?=
 
-.PHONY: all deps build test sanitize tsan armhf-test bench bench-peers install demo format clean
+.PHONY: all deps build test sanitize tsan armhf-test bench bench-peers install demo format clean \
+	deb deb-host deb-armhf
 
 all: build
 
@@ -65,8 +66,38 @@ install: build
 demo: build
 	bash scripts/demo.sh $(BUILD)
 
+# Debian packages libvok0, libvok-dev and vok-tools, made by CPack from a build installed under
+# /usr: build-deb/ for this machine, build-deb-armhf/ for armhf (`make deb ARCH=armhf` or
+# `make deb-armhf`, cross-built against the sysroot of armhf-test).
+ARCH ?=
+ifeq ($(ARCH),armhf)
+deb: deb-armhf
+else
+deb: deb-host
+endif
+
+deb-host:
+	@bash scripts/deps.sh base packaging
+	cmake -S . -B build-deb -DCMAKE_INSTALL_PREFIX=/usr -DVOK_BUILD_TESTS=OFF $(CMAKE_FLAGS)
+	cmake --build build-deb -j$(JOBS)
+	cd build-deb && cpack
+
+# GNUInstallDirs picks the multiarch library directory only for native builds: it is named here.
+# dpkg-shlibdeps takes the armhf libraries and what their packages declare from the sysroot.
+deb-armhf:
+	@bash scripts/deps.sh base armhf packaging
+	sysroot=$$(bash scripts/armhf-sysroot.sh) && \
+	cmake -S . -B build-deb-armhf -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/armhf-toolchain.cmake \
+	  -DVOK_ARMHF_SYSROOT=$$sysroot -DCMAKE_INSTALL_PREFIX=/usr \
+	  -DCMAKE_INSTALL_LIBDIR=lib/arm-linux-gnueabihf -DVOK_BUILD_TESTS=OFF $(CMAKE_FLAGS)
+	cmake --build build-deb-armhf -j$(JOBS)
+	sysroot=$$(bash scripts/armhf-sysroot.sh) && \
+	bash cmake/sysroot-dpkg-db.sh $$sysroot build-deb-armhf/sysroot-dpkg && \
+	cd build-deb-armhf && DEB_HOST_ARCH=armhf DPKG_ADMINDIR=$(CURDIR)/build-deb-armhf/sysroot-dpkg cpack
+
 format:
 	find include Src platform apps tests bench -name '*.[ch]' -o -name '*.cpp' | xargs -r clang-format -i
 
 clean:
-	rm -rf build build-asan build-tsan build-armhf build-bench build-peers build-install
+	rm -rf build build-asan build-tsan build-armhf build-bench build-peers build-install \
+	  build-deb build-deb-armhf
