@@ -41,6 +41,7 @@ class MmfPortEventManager : public PortEventInterface {
     ~MmfPortEventManager() override;
 
     void SetInitialPortState(bool readable, bool writable, bool exception);
+    // The port calls these two under its reader lock only, so they never race each other.
     void SetReadable(MmfPendingTrigger* pending);
     void SetNotReadable();
 
@@ -53,14 +54,17 @@ class MmfPortEventManager : public PortEventInterface {
     friend class MmfPendingTrigger;
     void WaitForTriggersInFlight() const;
 
-    Mutex stateLock_;  // Protects every field below.
-    bool readable_;
-    bool writable_;
-    bool exception_;
+    // The state flags are atomics, so a message passing costs no lock here unless it makes the
+    // port readable while a sink is registered.
+    std::atomic<bool> readable_;
+    std::atomic<bool> writable_;
+    std::atomic<bool> exception_;
+    Mutex stateLock_;  // Protects the watch flags, and every change of pSink_.
     bool watchReadable_;
     bool watchWritable_;
     bool watchException_;
-    SimpleAsyncInterface* pSink_;  // Not owned; NULL when none is registered.
+    // Not owned; NULL when none is registered. Read without the lock only to skip taking it.
+    std::atomic<SimpleAsyncInterface*> pSink_;
     // Pending triggers armed and not yet fired; raised under stateLock_, lowered without it.
     std::atomic<int> triggersInFlight_;
 };
