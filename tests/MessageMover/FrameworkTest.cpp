@@ -55,8 +55,7 @@ void PinTo(int core) {
 class ManyWritersTest : public test::MmFrameworkTest {
   public:
     static const int kWriters = 4;
-    // 100000 messages in all; sanitized runs are several times slower.
-    static const int kMessagesPerWriter = VOK_MM_FREED_MEMORY_CHECKED ? 6250 : 25000;
+    static const int kMessagesPerWriter = 25000;
     int core_ = 0;  // The one core of the test's threads.
 
     struct Payload {
