@@ -6,7 +6,7 @@ PREFIX ?= /usr/local
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?=
 
-.PHONY: all deps build test sanitize tsan armhf-test bench install demo format clean
+.PHONY: all deps build test sanitize tsan armhf-test bench install demo soak valgrind format clean
 
 all: build
 
@@ -56,6 +56,21 @@ install: build
 # A private bus, vok-powerd and the demo daemon for DEMO_SECONDS (default 10), then stopped.
 demo: build
 	bash scripts/demo.sh $(BUILD)
+
+# The demo under load for SOAK_SECONDS (default 600) while vok-powerd and the bus daemon are killed
+# and started again; fails when the demo's memory, descriptors or threads grow, a process dies or
+# an alarm is missed, doubled or early. See scripts/soak.sh for the knobs.
+soak: deps
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS) --target vok-demo vok-powerd
+	bash scripts/soak.sh $(BUILD)
+
+# The suite's test programs under valgrind's memcheck: no error and no definite leak.
+valgrind: deps
+	@bash scripts/deps.sh valgrind
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS)
+	bash scripts/valgrind.sh $(BUILD)
 
 format:
 	find include Src platform apps tests bench -name '*.[ch]' -o -name '*.cpp' | xargs -r clang-format -i

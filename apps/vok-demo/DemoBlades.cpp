@@ -204,8 +204,10 @@ class ClientBlade : public DemoBlade {
     }
 
     void Report() {
-        Say("client", "%lu round trips in the last %u ms, slowest %ld us, %lu not reachable",
-            periodTrips_, pace_.reportMs, static_cast<long>(periodSlowestUs_), periodUnreachable_);
+        Say("client",
+            "at +%.3f ms: %lu round trips in the last %u ms, slowest %ld us, %lu not reachable",
+            SinceStartMs(NowNs()), periodTrips_, pace_.reportMs,
+            static_cast<long>(periodSlowestUs_), periodUnreachable_);
         periodTrips_ = 0;
         periodSlowestUs_ = 0;
         periodUnreachable_ = 0;
@@ -393,8 +395,8 @@ class BusBlade : public DemoBlade {
     }
 
     void Report() {
-        Say("bus", "%lu bus calls answered in the last %u ms, %lu failed", periodAnswered_,
-            pace_.reportMs, periodFailed_);
+        Say("bus", "at +%.3f ms: %lu bus calls answered in the last %u ms, %lu failed",
+            SinceStartMs(NowNs()), periodAnswered_, pace_.reportMs, periodFailed_);
         periodAnswered_ = 0;
         periodFailed_ = 0;
     }
