@@ -1,12 +1,13 @@
 #!/bin/bash
 # Installs the Debian packages a target needs, only when some are missing.
-# Usage: deps.sh [base] [armhf] [tools]
+# Usage: deps.sh [base] [armhf] [tools] [valgrind]
 set -euo pipefail
 
 declare -A groups=(
     [base]="build-essential cmake pkg-config libglib2.0-dev libjson-c-dev libgtest-dev libgmock-dev libbenchmark-dev dbus-daemon"
     [armhf]="g++-arm-linux-gnueabihf qemu-user debootstrap"
     [tools]="valgrind clang-format"
+    [valgrind]="valgrind"
 )
 
 wanted=()

@@ -222,6 +222,11 @@ CONF
         done
         if alive "$demoPid"; then
             failures+=("vok-demo did not stop within 30 s of SIGTERM")
+            # Where it hangs, when a debugger is at hand.
+            if command -v gdb >/dev/null; then
+                gdb -p "$demoPid" -batch -ex 'thread apply all bt' >"$out/hang.txt" 2>&1 || true
+                failures+=("its threads' stacks are in $out/hang.txt")
+            fi
             kill -KILL "$demoPid"
         fi
         status=0
