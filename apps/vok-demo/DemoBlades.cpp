@@ -57,7 +57,7 @@ int64_t NowNs() {
         .count();
 }
 
-// The reference of the times the alarm blade prints.
+// The origin of the times the blades print.
 const int64_t kProgramStartNs = NowNs();
 
 // Milliseconds since the program started, with microseconds.
