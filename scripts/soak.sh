@@ -168,7 +168,8 @@ CONF
     printf 'time_s\tevent\n' >"$out/events.tsv"
     printf 'time_s\trss_kb\tfds\tthreads\n' >"$out/samples.tsv"
 
-    local t status endMs=$((seconds * 1000)) nextSample=0 powerdStartAt
+    # The first sample once the demo has started its blades.
+    local t status endMs=$((seconds * 1000)) nextSample=$((sampleEvery * 1000)) powerdStartAt
     local nextPowerdKill=$((powerdEvery > 0 ? powerdEvery * 1000 : endMs + 1))
     local nextBus=$((busEvery > 0 ? busEvery * 1000 : endMs + 1))
     powerdStartAt=$((endMs + 1))
@@ -250,14 +251,16 @@ fi
 
 # ---- the figures ----
 echo
-echo "=== the demo's figures (every ${sampleEvery} s; events since the sample before)"
-awk -F'\t' -v events="$out/events.tsv" '
+echo "=== the demo's figures (every ${sampleEvery} s; events since the sample before;" \
+    "~: reconnecting, left out of the growth check)"
+awk -F'\t' -v events="$out/events.tsv" -v recovery="$recovery" '
     BEGIN {
         while ((getline line < events) > 0) {
             split(line, f, "\t")
             if (f[1] != "time_s") { et[++ne] = f[1]; ev[ne] = f[2] }
+            if (f[2] ~ /^bus daemon/) restart[++nr] = f[1]
         }
-        printf "%9s %10s %5s %8s  %s\n", "time (s)", "RSS (KiB)", "fds", "threads", "events"
+        printf "%10s %10s %5s %8s  %s\n", "time (s) ", "RSS (KiB)", "fds", "threads", "events"
         e = 1
     }
     NR > 1 {
@@ -267,7 +270,9 @@ awk -F'\t' -v events="$out/events.tsv" '
             e++
         }
         gsub(/vok-powerd killed, vok-powerd started/, "vok-powerd restarted", what)
-        printf "%9.1f %10d %5d %8d  %s\n", $1, $2, $3, $4, what
+        mark = " "
+        for (i = 1; i <= nr; i++) if ($1 + 0 >= restart[i] && $1 + 0 < restart[i] + recovery) mark = "~"
+        printf "%9.1f%s %10d %5d %8d  %s\n", $1, mark, $2, $3, $4, what
     }' "$out/samples.tsv"
 
 # A chart of each figure: one column per sample (the highest of each group when there are more
