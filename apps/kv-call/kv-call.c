@@ -6,15 +6,22 @@
  * (adding "subscribe": true to an object payload that does not say) and prints replies until the
  * last one, N replies (--count), S seconds (--timeout), or SIGINT/SIGTERM. Exit status: 0 when the
  * replies asked for came, 1 for bad arguments or a bus failure, 2 when the timeout or a signal
- * ended the wait before them. */
+ * ended the wait before them.
+ *
+ * --timeout bounds the whole run, connecting included: a bus that accepts the connection and
+ * never answers holds KVRegister for ever, so a watchdog thread ends the process at the deadline
+ * with a one-line message on standard error. */
 #include <errno.h>
 #include <glib-unix.h>
 #include <glib.h>
 #include <json-c/json.h>
 #include <kelvra/kelvra.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
+#include <unistd.h>
 
 typedef struct Options {
     const char* uri;
@@ -31,6 +38,32 @@ typedef struct State {
     gboolean ended; /* the call has ended (last reply) */
     int status;
 } State;
+
+/* Where the main thread is, as the watchdog sees it. */
+typedef enum Phase {
+    PHASE_CONNECTING, /* registering, attaching or sending the call: nothing can stop it */
+    PHASE_WAITING,    /* in the loop, which the watchdog stops at the deadline */
+    PHASE_CLOSING,    /* cancelling and unregistering, with status decided */
+    PHASE_DONE
+} Phase;
+
+/* How long the tidy-up after the deadline may take before the watchdog ends the process. */
+#define KV_CLOSING_GRACE_SECONDS 2
+/* Longer timeouts are this long (about three years), which time_t holds on every target. */
+#define KV_MAX_TIMEOUT_SECONDS 1e8
+
+/* The --timeout watchdog: a thread of its own, started before connecting and joined at the end.
+ */
+typedef struct Watchdog {
+    pthread_mutex_t lock;   /* Protects phase and status. */
+    pthread_cond_t changed; /* Signalled when phase changes. */
+    Phase phase;
+    int status;               /* PHASE_CLOSING: the exit status main will return */
+    struct timespec deadline; /* CLOCK_MONOTONIC */
+    double seconds;
+    State* state;
+    pthread_t thread;
+} Watchdog;
 
 static void Usage(void) {
     fprintf(stderr, "usage: kv-call URI JSON [--subscribe] [--count N] [--timeout S]\n");
@@ -124,6 +157,124 @@ static gboolean OnStop(gpointer data) {
     return G_SOURCE_REMOVE;
 }
 
+/* The deadline in the loop: as OnStop, and says so when the replies asked for did not come. */
+static gboolean OnTimeout(gpointer data) {
+    State* state = data;
+    OnStop(state);
+    if (state->status != 0) {
+        fprintf(stderr, "kv-call: no reply within %g s\n", state->options->timeout);
+    }
+    return G_SOURCE_REMOVE;
+}
+
+/* One line on standard error in one write, then the process ends: the main thread may be stuck
+ * anywhere, so nothing it holds is touched. */
+static void Abandon(const char* format, double seconds, int status) {
+    char line[128];
+    int length = snprintf(line, sizeof line, format, seconds);
+    if (length > 0) {
+        ssize_t written = write(STDERR_FILENO, line, (size_t)length);
+        (void)written;
+    }
+    _exit(status);
+}
+
+static void AddSeconds(struct timespec* time, double seconds) {
+    if (seconds > KV_MAX_TIMEOUT_SECONDS) {
+        seconds = KV_MAX_TIMEOUT_SECONDS;
+    }
+    double whole = (double)(time_t)seconds;
+    time->tv_sec += (time_t)whole;
+    time->tv_nsec += (long)((seconds - whole) * 1e9);
+    if (time->tv_nsec >= 1000000000L) {
+        time->tv_sec += 1;
+        time->tv_nsec -= 1000000000L;
+    }
+}
+
+/* Waits until phase leaves from or the deadline passes; lock held. True when it left. */
+static gboolean WaitPhaseChange(Watchdog* watchdog, Phase from, const struct timespec* deadline) {
+    while (watchdog->phase == from) {
+        if (pthread_cond_timedwait(&watchdog->changed, &watchdog->lock, deadline) == ETIMEDOUT) {
+            return watchdog->phase != from;
+        }
+    }
+    return TRUE;
+}
+
+static void* WatchdogMain(void* data) {
+    Watchdog* watchdog = data;
+    pthread_mutex_lock(&watchdog->lock);
+    while (watchdog->phase != PHASE_DONE) {
+        Phase phase = watchdog->phase;
+        if (WaitPhaseChange(watchdog, phase, &watchdog->deadline)) {
+            continue;
+        }
+        if (phase == PHASE_CONNECTING) {
+            Abandon("kv-call: no answer from the bus within %g s\n", watchdog->seconds, 2);
+        }
+        if (phase == PHASE_WAITING) {
+            /* The loop ends the wait on its own thread; GLib sources may be added from any. */
+            g_idle_add(OnTimeout, watchdog->state);
+        }
+        struct timespec grace = watchdog->deadline;
+        AddSeconds(&grace, KV_CLOSING_GRACE_SECONDS);
+        while (watchdog->phase != PHASE_DONE &&
+               WaitPhaseChange(watchdog, watchdog->phase, &grace)) {
+        }
+        if (watchdog->phase != PHASE_DONE) {
+            Abandon("kv-call: the bus did not let go within %g s\n", watchdog->seconds,
+                    watchdog->phase == PHASE_CLOSING ? watchdog->status : 2);
+        }
+    }
+    pthread_mutex_unlock(&watchdog->lock);
+    return NULL;
+}
+
+static void WatchdogSetPhase(Watchdog* watchdog, Phase phase, int status) {
+    if (watchdog == NULL) {
+        return;
+    }
+    pthread_mutex_lock(&watchdog->lock);
+    watchdog->phase = phase;
+    watchdog->status = status;
+    pthread_cond_signal(&watchdog->changed);
+    pthread_mutex_unlock(&watchdog->lock);
+}
+
+/* Starts the watchdog for a run of seconds from now; exits when it cannot. */
+static Watchdog* WatchdogStart(double seconds, State* state) {
+    Watchdog* watchdog = g_new0(Watchdog, 1);
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    pthread_mutex_init(&watchdog->lock, NULL);
+    pthread_cond_init(&watchdog->changed, &attributes);
+    pthread_condattr_destroy(&attributes);
+    watchdog->phase = PHASE_CONNECTING;
+    watchdog->seconds = seconds;
+    watchdog->state = state;
+    clock_gettime(CLOCK_MONOTONIC, &watchdog->deadline);
+    AddSeconds(&watchdog->deadline, seconds);
+    int error = pthread_create(&watchdog->thread, NULL, WatchdogMain, watchdog);
+    if (error != 0) {
+        fprintf(stderr, "kv-call: cannot start the timeout watchdog: %s\n", strerror(error));
+        exit(1);
+    }
+    return watchdog;
+}
+
+static void WatchdogStop(Watchdog* watchdog) {
+    if (watchdog == NULL) {
+        return;
+    }
+    WatchdogSetPhase(watchdog, PHASE_DONE, 0);
+    pthread_join(watchdog->thread, NULL);
+    pthread_cond_destroy(&watchdog->changed);
+    pthread_mutex_destroy(&watchdog->lock);
+    g_free(watchdog);
+}
+
 int main(int argc, char** argv) {
     Options options;
     if (!ParseArgs(argc, argv, &options)) {
@@ -137,14 +288,13 @@ int main(int argc, char** argv) {
     char* payload =
         options.subscribe ? SubscribePayload(options.payload) : g_strdup(options.payload);
     KVMessageToken token = 0;
+    Watchdog* watchdog = options.timeout > 0 ? WatchdogStart(options.timeout, &state) : NULL;
     if (!KVRegister(NULL, &handle, &error) || !KVGmainAttach(handle, NULL, &error) ||
         !KVCall(handle, options.uri, payload, OnReply, &state, &token, &error)) {
         fprintf(stderr, "kv-call: %s\n", error.message);
         state.status = 1;
     } else {
-        if (options.timeout > 0) {
-            g_timeout_add((guint)(options.timeout * 1000.0 + 0.5), OnStop, &state);
-        }
+        WatchdogSetPhase(watchdog, PHASE_WAITING, 0);
         g_unix_signal_add(SIGINT, OnStop, &state);
         g_unix_signal_add(SIGTERM, OnStop, &state);
         g_main_loop_run(state.loop);
@@ -152,9 +302,11 @@ int main(int argc, char** argv) {
             KVCallCancel(handle, token, NULL);
         }
     }
+    WatchdogSetPhase(watchdog, PHASE_CLOSING, state.status);
     if (handle != NULL) {
         KVUnregister(handle, NULL);
     }
+    WatchdogStop(watchdog);
     KVErrorFree(&error);
     g_free(payload);
     g_main_loop_unref(state.loop);

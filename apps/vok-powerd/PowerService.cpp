@@ -1,68 +1,38 @@
 #include "PowerService.h"
 
 #include <sys/timerfd.h>
+#include <time.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdarg>
 #include <cstring>
-
-#include "vok/JsonObjectFindResult.h"
-#include "vok/JsonToken.h"
-#include "vok/KelvraSvcUtils.h"
 
 namespace vok {
 namespace powerd {
 
-namespace {
-
-// errorCode values of this service's error replies.
-enum PowerError {
-    kPowerErrBadPayload = 1,  // not a JSON object
-    kPowerErrBadTime = 2,     // "relative_time" missing or not HH:MM:SS
-    kPowerErrBadId = 3,       // "alarmId" missing or not a number
-    kPowerErrUnknownId = 4,   // no alarm with that id
-    kPowerErrTimer = 5,       // the timer could not be made
-};
-
-}  // namespace
-
-// One pending alarm: its timer and, for a subscribed request, the request to answer.
-struct PowerService::Alarm {
-    Alarm(PowerService* service, uint32_t alarmId, int timerFd)
-        : owner(service), id(alarmId), fd(timerFd) {}
-    ~Alarm() {
-        monitor.reset();
-        if (request != nullptr) {
-            KVMessageUnref(request);
-        }
-        close(fd);
-    }
-    PowerService* owner;
-    uint32_t id;
-    int fd;
-    KVMessage* request = nullptr;  // Referenced while the subscription lasts.
-    std::unique_ptr<RdDescriptorMonitorBase> monitor;
-};
-
 PowerService::PowerService(RuntimeDispatcher& dispatcher, KVHandle* handle, FILE* requestLog)
-    : dispatcher_(dispatcher),
-      handle_(handle),
-      requestLog_(requestLog),
-      clockId_(CLOCK_BOOTTIME_ALARM),
-      nextId_(1) {
+    : handle_(handle), requestLog_(requestLog), clockId_(CLOCK_BOOTTIME_ALARM), timerFd_(-1) {
     // CLOCK_BOOTTIME_ALARM needs CAP_WAKE_ALARM; without it the alarms still count suspended
     // time but cannot wake the device.
-    const int fd = timerfd_create(CLOCK_BOOTTIME_ALARM, TFD_CLOEXEC | TFD_NONBLOCK);
-    if (fd < 0) {
+    timerFd_ = timerfd_create(CLOCK_BOOTTIME_ALARM, TFD_CLOEXEC | TFD_NONBLOCK);
+    if (timerFd_ < 0) {
         clockId_ = CLOCK_BOOTTIME;
-    } else {
-        close(fd);
+        timerFd_ = timerfd_create(CLOCK_BOOTTIME, TFD_CLOEXEC | TFD_NONBLOCK);
+    }
+    if (timerFd_ >= 0) {
+        timerMonitor_.reset(new RdDescriptorMonitorBase(
+            timerFd_, dispatcher, [this](bool, bool, bool) { TimerExpired(); }));
+        timerMonitor_->SetEventMask(true, false, false);
     }
 }
 
 PowerService::~PowerService() {
-    alarms_.clear();
+    timerMonitor_.reset();
+    if (timerFd_ >= 0) {
+        close(timerFd_);
+    }
+    for (auto& open : requests_) {
+        KVMessageUnref(open.second);
+    }
 }
 
 const char* PowerService::ClockName() const {
@@ -70,175 +40,110 @@ const char* PowerService::ClockName() const {
 }
 
 bool PowerService::RegisterMethods(KVError* error) {
-    return KVRegisterMethod(handle_, "time/alarmAdd", &PowerService::AlarmAddCb, this, error) &&
-           KVRegisterMethod(handle_, "time/alarmRemove", &PowerService::AlarmRemoveCb, this, error);
+    return KVRegisterMethod(handle_, "time/alarmAdd", &PowerService::RequestCb, this, error) &&
+           KVRegisterMethod(handle_, "time/alarmRemove", &PowerService::RequestCb, this, error);
 }
 
-long PowerService::ParseRelativeTime(const char* text) {
-    unsigned h = 0, m = 0, s = 0;
-    int consumed = 0;
-    if (text == nullptr || std::strlen(text) != 8 ||
-        std::sscanf(text, "%2u:%2u:%2u%n", &h, &m, &s, &consumed) != 3 || consumed != 8 || h > 23 ||
-        m > 59 || s > 59) {
-        return -1;
-    }
-    return static_cast<long>(h) * 3600 + m * 60 + s;
+int64_t PowerService::NowNs() const {
+    struct timespec now;
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
 
-void PowerService::Log(const char* format, ...) {
-    if (requestLog_ == nullptr) {
-        return;
+void PowerService::Log(const std::string& line) {
+    if (requestLog_ != nullptr) {
+        std::fprintf(requestLog_, "%s\n", line.c_str());
+        std::fflush(requestLog_);
     }
-    va_list args;
-    va_start(args, format);
-    std::vfprintf(requestLog_, format, args);
-    va_end(args);
-    std::fputc('\n', requestLog_);
-    std::fflush(requestLog_);
 }
 
-void PowerService::ReplyError(KVMessage* request, int code, const char* text) {
-    JsonToken reply;
-    reply.MakeObject();
-    KelvraSvcUtilAddStandardReplyValues(&reply, false, code, text);
-    KVReplyLast(handle_, request, reply.GenerateJsonEncodingAndPeek(), nullptr);
-}
-
-bool PowerService::AlarmAddCb(KVHandle*, KVMessage* request, void* self) {
-    return static_cast<PowerService*>(self)->AlarmAdd(request);
-}
-
-bool PowerService::AlarmRemoveCb(KVHandle*, KVMessage* request, void* self) {
-    return static_cast<PowerService*>(self)->AlarmRemove(request);
-}
-
-int PowerService::NewTimerFd() {
-    return timerfd_create(clockId_, TFD_CLOEXEC | TFD_NONBLOCK);
-}
-
-bool PowerService::AlarmAdd(KVMessage* request) {
-    JsonToken payload;
-    if (!payload.ParseJsonString(KVMessageGetPayload(request)) ||
-        payload.GetValueType() != JsonToken::kValueTypeObject) {
-        Log("alarmAdd rejected: payload is not a JSON object");
-        ReplyError(request, kPowerErrBadPayload, "payload is not a JSON object");
-        return true;
-    }
-    JsonObjectConstFindResult time = payload.ObjectFindPair("relative_time");
-    const long seconds = time->GetValueType() == JsonToken::kValueTypeString
-                             ? ParseRelativeTime(time->StringPeekValue())
-                             : -1;
-    if (seconds < 0) {
-        Log("alarmAdd rejected: bad relative_time");
-        ReplyError(request, kPowerErrBadTime, "relative_time must be a string HH:MM:SS");
-        return true;
-    }
-    const int fd = NewTimerFd();
-    if (fd < 0) {
-        Log("alarmAdd failed: timerfd_create: %s", std::strerror(errno));
-        ReplyError(request, kPowerErrTimer, std::strerror(errno));
-        return true;
-    }
-    // A zero interval would disarm the timer: fire after a nanosecond instead.
-    struct itimerspec spec;
-    std::memset(&spec, 0, sizeof spec);
-    spec.it_value.tv_sec = seconds;
-    spec.it_value.tv_nsec = seconds == 0 ? 1 : 0;
-    if (timerfd_settime(fd, 0, &spec, nullptr) != 0) {
-        const int err = errno;
-        close(fd);
-        Log("alarmAdd failed: timerfd_settime: %s", std::strerror(err));
-        ReplyError(request, kPowerErrTimer, std::strerror(err));
-        return true;
-    }
-    const uint32_t id = nextId_++;
-    std::unique_ptr<Alarm> alarm(new Alarm(this, id, fd));
-    alarm->monitor.reset(
-        new RdDescriptorMonitorBase(fd, dispatcher_, [this, id](bool, bool, bool) { Fired(id); }));
-    alarm->monitor->SetEventMask(true, false, false);
-    if (KVMessageIsSubscription(request) &&
-        KVSubscriptionAdd(handle_, request, &PowerService::SubscriptionCancelledCb, alarm.get(),
-                          nullptr)) {
-        alarm->request = KVMessageRef(request);
-    }
-    JsonToken reply;
-    reply.MakeObject();
-    reply.ObjectSetBooleanPair("returnValue", true);
-    reply.ObjectSetNumberPair("alarmId", static_cast<int>(id));
-    KVReply(handle_, request, reply.GenerateJsonEncodingAndPeek(), nullptr);
-    Log("alarmAdd id=%lu relative_time=%s subscribed=%d", static_cast<unsigned long>(id),
-        time->StringPeekValue(), alarm->request != nullptr ? 1 : 0);
-    alarms_[id] = std::move(alarm);
+bool PowerService::RequestCb(KVHandle*, KVMessage* request, void* self) {
+    static_cast<PowerService*>(self)->Serve(request);
     return true;
 }
 
-bool PowerService::AlarmRemove(KVMessage* request) {
-    JsonToken payload;
-    if (!payload.ParseJsonString(KVMessageGetPayload(request)) ||
-        payload.GetValueType() != JsonToken::kValueTypeObject) {
-        Log("alarmRemove rejected: payload is not a JSON object");
-        ReplyError(request, kPowerErrBadPayload, "payload is not a JSON object");
-        return true;
+void PowerService::Serve(KVMessage* request) {
+    AlarmBook::Outcome outcome =
+        book_.Handle(KVMessageGetMethod(request), KVMessageGetPayload(request),
+                     KVMessageGetSender(request), NowNs());
+    if (outcome.added != 0) {
+        // The request stays open: the alarm's notice goes there, and its end ends the alarm.
+        if (KVSubscriptionAdd(handle_, request, &PowerService::SubscriptionCancelledCb, this,
+                              nullptr)) {
+            requests_[outcome.added] = KVMessageRef(request);
+            KVReply(handle_, request, outcome.reply.c_str(), nullptr);
+        } else {
+            book_.Drop(outcome.added);
+            outcome.logLine += " failed: the request could not be kept open";
+            KVReplyLast(
+                handle_, request,
+                AlarmBook::ErrorReply(kPowerErrTimer, "the request could not be kept open").c_str(),
+                nullptr);
+        }
+    } else {
+        KVReplyLast(handle_, request, outcome.reply.c_str(), nullptr);
     }
-    JsonObjectConstFindResult idValue = payload.ObjectFindPair("alarmId");
-    if (idValue->GetValueType() != JsonToken::kValueTypeNumber || idValue->NumberGetValue() < 0) {
-        Log("alarmRemove rejected: bad alarmId");
-        ReplyError(request, kPowerErrBadId, "alarmId must be a number");
-        return true;
+    if (outcome.removed != 0) {
+        EndRequest(outcome.removed, AlarmBook::RemovedReply(outcome.removed));
     }
-    const uint32_t id = static_cast<uint32_t>(idValue->NumberGetValue());
-    Log("alarmRemove id=%lu", static_cast<unsigned long>(id));
-    if (alarms_.find(id) == alarms_.end()) {
-        ReplyError(request, kPowerErrUnknownId, "no such alarm");
-        return true;
-    }
-    Alarm* alarm = alarms_[id].get();
-    if (alarm->request != nullptr) {
-        // End the add request's subscription if its client has not cancelled it yet.
-        JsonToken last;
-        last.MakeObject();
-        last.ObjectSetBooleanPair("returnValue", true);
-        last.ObjectSetNumberPair("alarmId", static_cast<int>(id));
-        last.ObjectSetBooleanPair("removed", true);
-        KVReplyLast(handle_, alarm->request, last.GenerateJsonEncodingAndPeek(), nullptr);
-    }
-    Drop(id);
-    JsonToken reply;
-    reply.MakeObject();
-    KelvraSvcUtilAddStandardReplyValues(&reply, true, 0, nullptr);
-    KVReplyLast(handle_, request, reply.GenerateJsonEncodingAndPeek(), nullptr);
-    return true;
+    Log(outcome.logLine);
+    ArmTimer();
 }
 
-void PowerService::Fired(uint32_t id) {
-    auto it = alarms_.find(id);
-    if (it == alarms_.end()) {
+void PowerService::EndRequest(uint32_t id, const std::string& reply) {
+    auto it = requests_.find(id);
+    if (it == requests_.end()) {
         return;
     }
+    KVMessage* request = it->second;
+    requests_.erase(it);
+    KVReplyLast(handle_, request, reply.c_str(), nullptr);
+    KVMessageUnref(request);
+}
+
+void PowerService::TimerExpired() {
     uint64_t expirations = 0;
-    if (read(it->second->fd, &expirations, sizeof expirations) != sizeof expirations) {
+    if (read(timerFd_, &expirations, sizeof expirations) != sizeof expirations) {
         return;  // Spurious wake-up: not expired yet.
     }
-    Log("fired id=%lu", static_cast<unsigned long>(id));
-    if (it->second->request != nullptr) {
-        JsonToken reply;
-        reply.MakeObject();
-        reply.ObjectSetBooleanPair("returnValue", true);
-        reply.ObjectSetNumberPair("alarmId", static_cast<int>(id));
-        reply.ObjectSetBooleanPair("fired", true);
-        KVReplyLast(handle_, it->second->request, reply.GenerateJsonEncodingAndPeek(), nullptr);
+    for (uint32_t id : book_.TakeDue(NowNs())) {
+        Log("fired id=" + std::to_string(id));
+        EndRequest(id, AlarmBook::FiredReply(id));
     }
-    Drop(id);
+    ArmTimer();
 }
 
-void PowerService::Drop(uint32_t id) {
-    alarms_.erase(id);
+void PowerService::ArmTimer() {
+    if (timerFd_ < 0) {
+        return;
+    }
+    // Absolute on the timer's clock, which counts as CLOCK_BOOTTIME does; zero disarms.
+    const int64_t due = book_.NextDue();
+    struct itimerspec spec;
+    std::memset(&spec, 0, sizeof spec);
+    if (due >= 0) {
+        spec.it_value.tv_sec = static_cast<time_t>(due / 1000000000);
+        spec.it_value.tv_nsec = static_cast<long>(due % 1000000000);
+        if (spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0) {
+            spec.it_value.tv_nsec = 1;
+        }
+    }
+    timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &spec, nullptr);
 }
 
-void PowerService::SubscriptionCancelledCb(KVHandle*, KVMessage*, void* alarm) {
-    Alarm* a = static_cast<Alarm*>(alarm);
-    a->owner->Log("cancelled id=%lu", static_cast<unsigned long>(a->id));
-    a->owner->Drop(a->id);
+void PowerService::SubscriptionCancelledCb(KVHandle*, KVMessage* request, void* self) {
+    PowerService* service = static_cast<PowerService*>(self);
+    for (auto it = service->requests_.begin(); it != service->requests_.end(); ++it) {
+        if (it->second == request) {
+            const uint32_t id = it->first;
+            service->requests_.erase(it);
+            KVMessageUnref(request);
+            service->book_.Drop(id);
+            service->Log("cancelled id=" + std::to_string(id));
+            service->ArmTimer();
+            return;
+        }
+    }
 }
 
 }  // namespace powerd

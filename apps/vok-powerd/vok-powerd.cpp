@@ -52,7 +52,12 @@ class PowerBlade : public ServiceBlade {
         }
         {
             powerd::PowerService service(dispatcher, handle, log_ ? stdout : nullptr);
-            if (!service.RegisterMethods(&error) || !KVGmainAttach(handle, context, &error)) {
+            if (!service.HasTimer()) {
+                std::fprintf(stderr, "vok-powerd: cannot make a timer\n");
+                gFailed = true;
+                (*shell_)->RequestStop();
+            } else if (!service.RegisterMethods(&error) ||
+                       !KVGmainAttach(handle, context, &error)) {
                 Fail(error);
             } else {
                 if (log_) {

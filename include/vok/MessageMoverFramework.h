@@ -17,7 +17,9 @@ class MessageMoverFramework {
     // The name is for the caller's records. The caller owns the result until it passes it to
     // StopMessageMoverFramework.
     static MessageMoverFramework* StartMessageMoverFramework(const std::string& name);
-    // Reports leaked interfaces on VOK.MessageMover.Leak, then destroys the framework.
+    // Reports leaked interfaces, then the messages found corrupt (kept in a quarantine, counted
+    // in root.vok.MessageMover.quarantinedMessages, never freed), on VOK.MessageMover.Leak; then
+    // destroys the framework.
     static void StopMessageMoverFramework(MessageMoverFramework* framework);
 
     // Names need not be unique; interfaces of one name share their counters.

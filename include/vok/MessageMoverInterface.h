@@ -13,9 +13,10 @@ namespace vok {
 // What one user of the MessageMover (a blade, the shell, a tool) does everything through: ports,
 // messages and message logging. It accounts for what its user holds: the counters
 // root.vok.MessageMover.Iface.NAME.msgsHeldByUser, .msgsLeakedByUser and .msgsHeldByPorts, and
-// a leak report of ports and messages not given back when it is discarded. Any thread may use
-// it. Created by MessageMoverFramework::CreateInterface and destroyed by its DiscardInterface,
-// never while another thread still uses it or its ports.
+// a leak report of ports and messages not given back when it is discarded. Ports still open
+// then are closed (unreachable, their peers told) and left inert: every call on them throws. Any
+// thread may use it. Created by MessageMoverFramework::CreateInterface and destroyed by its
+// DiscardInterface, never while another thread still uses it or its ports.
 class MessageMoverInterface {
   public:
     // A connected pair: this interface holds the returned end, peerInterface (which may be this
@@ -36,7 +37,10 @@ class MessageMoverInterface {
         const MmConnectionMessageHandle& msg) = 0;
     virtual void* CreateCommandMessage(uint32_t payloadSize, MmCommandMessageHandle* msg) = 0;
     virtual MmCommandMessageHandle DuplicateCommandMessage(const MmCommandMessageHandle& msg) = 0;
-    // Gives back a message the user holds (created, duplicated or read, and not written).
+    // Gives back a message the user holds (created, duplicated or read, and not written). Freeing,
+    // writing or duplicating a message this interface's user does not hold (held elsewhere or as
+    // the other handle kind) throws "ERROR: link not on list or invalid link" and changes
+    // nothing; a handle kept after its message was freed or written throws as stale.
     virtual void FreeMessage(const MmConnectionMessageHandle& msg) = 0;
     virtual void FreeMessage(const MmCommandMessageHandle& msg) = 0;
     // Message logging of this interface's ports: bit 0 (1) written, bit 1 (2) delivered, bit 2

@@ -47,7 +47,7 @@ class MmfMessageManager;
 class MmBaseMessageHandle {
   public:
     // An empty handle: every accessor throws "NULL handle block pointer".
-    MmBaseMessageHandle() : pBlock_(nullptr), bindingNumber_(0) {}
+    MmBaseMessageHandle() : pBlock_(nullptr), bindingNumber_(0), isLargeBlock_(false) {}
     // Checks the binding and the message at once.
     MmBaseMessageHandle(MmfMessageHandleBlock* block, uint16_t bindingNumber);
     MmBaseMessageHandle(const MmBaseMessageHandle& other) = default;
@@ -81,6 +81,10 @@ class MmBaseMessageHandle {
 
     MmfMessageHandleBlock* pBlock_;
     uint16_t bindingNumber_;
+    // Set when the message's block is large enough that freeing it may hand its pages back to the
+    // kernel: such a block is looked up among the live blocks before it is read. Fits in the
+    // padding after the binding number, so a handle is still two words.
+    bool isLargeBlock_;
 };
 
 // What both kinds of user message handle offer: the base handle's operations except the

@@ -13,10 +13,11 @@ class RdAlarmImpl;
 
 // Like a timer (Schedule, Cancel, ChangeCb), but set as an alarm of the power service
 // "com.orvex.power" while that service is up, so it can wake a suspended device; while the
-// service is down it runs on an ordinary dispatcher timer. A status change of the service moves
-// a scheduled alarm to the other mechanism with its full interval. Intervals through the service
-// are whole seconds, at most 23:59:59. Create (which registers the dispatcher on the bus), use
-// and destroy on the dispatcher's thread; the callback runs there and may destroy the alarm.
+// service is down, or does not answer, or answers nonsense, it runs on an ordinary dispatcher
+// timer. Moving between the two keeps the due time. The callback runs once per Schedule and never
+// early (the service is asked for whole seconds, rounded up). Create (which registers the
+// dispatcher on the bus), use and destroy on the dispatcher's thread; the callback runs there and
+// may destroy the alarm or change its callback.
 class RdAlarmBase : private Uncopyable {
   public:
     RdAlarmBase(RuntimeDispatcher& dispatcher, std::function<void()> callback);

@@ -2,6 +2,9 @@
 #ifndef VOK_RUNTIMEDISPATCHER_H
 #define VOK_RUNTIMEDISPATCHER_H
 
+#include <exception>
+#include <functional>
+
 #include "vok/VokTypes.h"
 
 typedef struct _GMainContext GMainContext;
@@ -23,11 +26,19 @@ class RuntimeDispatcher : private Uncopyable {
     virtual ~RuntimeDispatcher();
 
     // Runs the loop on the calling thread until RequestStop; returns at once if it already runs.
-    // An exception that leaves any callback of the loop stops the loop and is rethrown here.
+    // An exception that leaves any callback of the loop stops the loop and is rethrown here; a
+    // further one before Run returns is logged at critical level and dropped.
     void Run();
     // Makes a running Run return; does nothing when the loop is not running (a stop requested
     // before Run starts is lost).
     void RequestStop();
+
+    // Receives, on the owning thread, each exception that leaves a callback while no Run is in
+    // progress (the application steps the context or runs the GLib loop itself). It may store,
+    // log or rethrow-and-catch the exception; whatever it throws ends the process. Without a
+    // handler (or after setting an empty one) the exception is logged at critical level on
+    // "VOK.Dispatcher" and the process aborts.
+    void SetExceptionHandler(std::function<void(std::exception_ptr)> handler);
 
     // The dispatcher's GLib loop, for code that must drive GLib directly.
     static GMainLoop* GetInternalLoop(RuntimeDispatcher& dispatcher);

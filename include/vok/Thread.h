@@ -11,7 +11,8 @@ class ThreadImpl;
 
 // A joinable thread that runs a nullary callable. The owner starts it once and joins it once,
 // from any thread but the one it runs; destroying the object neither stops nor joins the thread,
-// so the owner must have joined it. Not copyable.
+// so the owner must have joined it. An exception that leaves the callable is logged at critical
+// level on "VOK.Thread" with the thread's name, and the process aborts. Not copyable.
 class ThreadBase {
   public:
     ThreadBase(const std::string& name, const std::function<void()>& entry);

@@ -7,6 +7,9 @@
 #include <vok/DiagnosticRegister.h>
 #include <vok/Event.h>
 #include <vok/InteractiveTestManager.h>
+#include <vok/JsonArrayUtils.h>
+#include <vok/JsonObjectFindResult.h>
+#include <vok/JsonObjectUtils.h>
 #include <vok/JsonToken.h>
 #include <vok/KelvraSvcUtils.h>
 #include <vok/Logger.h>
@@ -17,9 +20,19 @@
 #include <vok/MmMessageHandle.h>
 #include <vok/Mutex.h>
 #include <vok/PortEventInterface.h>
+#include <vok/RdAlarm.h>
+#include <vok/RdAsyncBridge.h>
+#include <vok/RdDescriptorMonitor.h>
+#include <vok/RdKvCall.h>
+#include <vok/RdPortMonitor.h>
+#include <vok/RdTimer.h>
+#include <vok/RuntimeDispatcher.h>
 #include <vok/SimpleAsyncInterface.h>
 #include <vok/Thread.h>
 #include <vok/VokError.h>
+#include <vok/VokKvClient.h>
+#include <vok/VokShell.h>
+#include <vok/Version.h>
 #include <vok/VokTypes.h>
 
 #endif  // VOK_VOK_H

@@ -143,9 +143,19 @@ static void SendStatus(KVHandle* handle, KVCallRecord* call, gboolean connected)
     Deliver(handle, call, StatusPayload(call->name, connected), FALSE);
 }
 
-void KvClientOnStatusDue(KVHandle* handle, KVMessageToken token) {
+void KvClientOnLocalDue(KVHandle* handle, KVMessageToken token) {
     KVCallRecord* call = FindCall(handle, token);
-    if (call == NULL || call->statusSent) {
+    if (call == NULL) {
+        return;
+    }
+    if (call->kind == KV_CALL_REMOTE) {
+        if (call->unavailable) {
+            DeliverError(handle, call, KV_ERROR_BUS_UNAVAILABLE,
+                         "The bus is unavailable: the call was made without a bus connection");
+        }
+        return;
+    }
+    if (call->statusSent) {
         return;
     }
     KVWatch* watch = g_hash_table_lookup(handle->watches, call->name);
@@ -163,8 +173,10 @@ void KvClientOnOwnerChanged(KVHandle* handle, const char* name, const char* oldO
     g_hash_table_iter_init(&iter, handle->calls);
     while (g_hash_table_iter_next(&iter, NULL, &value)) {
         KVCallRecord* call = value;
+        /* A status call hears of changes once it has its first reply; the owner's first answer
+         * (also after a reconnect) reaches every status call of the name. */
         if ((call->kind == KV_CALL_STATUS && strcmp(call->name, name) == 0 &&
-             call->statusSent != initial) ||
+             (initial || call->statusSent)) ||
             (call->kind == KV_CALL_REMOTE && newOwner == NULL &&
              g_strcmp0(call->owner, name) == 0)) {
             g_array_append_val(tokens, call->token);
@@ -190,7 +202,7 @@ void KvClientOnOwnerChanged(KVHandle* handle, const char* name, const char* oldO
                 continue;
             }
         }
-        if (initial || call->connected != connected) {
+        if (!call->statusSent || call->connected != connected) {
             SendStatus(handle, call, connected);
         }
     }
@@ -212,7 +224,8 @@ void KvClientOnBusLost(KVHandle* handle) {
             continue;
         }
         if (call->kind == KV_CALL_REMOTE) {
-            DeliverError(handle, call, KV_ERROR_BUS, "The connection to the bus was lost");
+            DeliverError(handle, call, KV_ERROR_BUS_UNAVAILABLE,
+                         "The bus is unavailable: the connection was lost");
         } else if (!call->statusSent || call->connected) {
             SendStatus(handle, call, FALSE);
         }
@@ -251,6 +264,19 @@ static gboolean StartStatusCall(KVHandle* handle, const char* payload, KVReplyFu
     return TRUE;
 }
 
+/* A call made while the handle has no connection: its error reply comes from the loop. */
+static void StartUnavailableCall(KVHandle* handle, const char* service, KVReplyFunc func,
+                                 void* userData, KVMessageToken* token) {
+    KVCallRecord* call =
+        AddCall(handle, ++handle->lastToken, KV_CALL_REMOTE, func, userData, service);
+    call->unavailable = TRUE;
+    g_queue_push_tail(&handle->localItems, g_memdup2(&call->token, sizeof call->token));
+    KvScheduleDispatch(handle);
+    if (token != NULL) {
+        *token = call->token;
+    }
+}
+
 static gboolean StartRemoteCall(KVHandle* handle, const char* service, const char* path,
                                 const char* member, const char* payload, KVReplyFunc func,
                                 void* userData, KVMessageToken* token, KVError* error) {
@@ -287,8 +313,7 @@ bool KVCall(KVHandle* handle, const char* uri, const char* payload, KVReplyFunc 
         KvErrorSet(error, KV_ERROR_INVALID_ARGUMENT, "NULL reply function");
         return false;
     }
-    if (payload == NULL || !g_utf8_validate(payload, -1, NULL)) {
-        KvErrorSet(error, KV_ERROR_BAD_PAYLOAD, "The payload is NULL or not UTF-8 text");
+    if (!KvCheckPayload(payload, error)) {
         return false;
     }
     char* service = NULL;
@@ -299,14 +324,17 @@ bool KVCall(KVHandle* handle, const char* uri, const char* payload, KVReplyFunc 
         return false;
     }
     gboolean ok = FALSE;
-    if (handle->unregistered || handle->busLost) {
-        KvErrorSet(error, KV_ERROR_BUS, "The handle is unregistered or lost its bus connection");
+    if (handle->unregistered) {
+        KvErrorSet(error, KV_ERROR_BUS, "The handle is unregistered");
     } else if (handle->source == NULL) {
         KvErrorSet(error, KV_ERROR_NOT_ATTACHED, "The handle is not attached to a context");
     } else {
         char* key = KvMethodKey(path, member);
         if (strcmp(service, KV_STATUS_SERVICE) == 0 && strcmp(key, KV_STATUS_METHOD) == 0) {
             ok = StartStatusCall(handle, payload, replyFunc, userData, token, error);
+        } else if (!KvLinkUp(handle)) {
+            StartUnavailableCall(handle, service, replyFunc, userData, token);
+            ok = TRUE;
         } else {
             ok = StartRemoteCall(handle, service, path, member, payload, replyFunc, userData, token,
                                  error);
@@ -329,7 +357,7 @@ bool KVCallCancel(KVHandle* handle, KVMessageToken token, KVError* error) {
                    (unsigned long long)token);
         return false;
     }
-    if (call->kind == KV_CALL_REMOTE) {
+    if (call->kind == KV_CALL_REMOTE && !call->unavailable && KvLinkUp(handle)) {
         /* Before the first reply the service is reached by its name; afterwards the connection
          * that replied holds the subscription. */
         GDBusMessage* cancel =

@@ -32,7 +32,7 @@ static ZtLogContextImpl* gDefaultContext;
 static ZtLogRule* gRules;
 static size_t gRuleCount;
 static int gDefaultLevel = kZtLogWarning;
-static int gUseSyslog;
+static int gUseSyslog; /* Read and written atomically: ZtLogSetSyslogOutput may change it. */
 
 /* Held for reading while a hook runs, for writing while the hook changes. */
 static pthread_rwlock_t gHookLock = PTHREAD_RWLOCK_INITIALIZER;
@@ -172,7 +172,8 @@ static void Init(void) {
         ParseLevels(levels);
     }
     const char* output = getenv("ZTLOG_OUTPUT");
-    gUseSyslog = output != NULL && strcmp(output, "syslog") == 0;
+    __atomic_store_n(&gUseSyslog, output != NULL && strcmp(output, "syslog") == 0,
+                     __ATOMIC_RELAXED);
     pthread_mutex_lock(&gContextsLock);
     gDefaultContext = CreateLocked("default");
     pthread_mutex_unlock(&gContextsLock);
@@ -213,6 +214,11 @@ int ZtLogSetLevel(const char* name, int level) {
     return 0;
 }
 
+void ZtLogSetSyslogOutput(int enable) {
+    pthread_once(&gInitOnce, Init);
+    __atomic_store_n(&gUseSyslog, enable != 0, __ATOMIC_RELAXED);
+}
+
 void ZtLogSetOutputHook(ZtLogOutputHook hook, void* user) {
     pthread_rwlock_wrlock(&gHookLock);
     gHook = hook;
@@ -239,8 +245,11 @@ static void Emit(const ZtLogContextImpl* c, int level, const char* message) {
     }
     pthread_rwlock_unlock(&gHookLock);
 
-    if (gUseSyslog) {
-        syslog(level < 0 || level > 7 ? LOG_ERR : level, "[%s] %s", c->name, message);
+    long tid = (long)syscall(SYS_gettid);
+    if (__atomic_load_n(&gUseSyslog, __ATOMIC_RELAXED)) {
+        /* syslog adds its own timestamp and takes the level as the priority. */
+        syslog(level < 0 || level > 7 ? LOG_ERR : level, "[%s] (tid %ld) %s", c->name, tid,
+               message);
         return;
     }
     struct timespec now;
@@ -252,7 +261,6 @@ static void Emit(const ZtLogContextImpl* c, int level, const char* message) {
 
     char stackLine[1024];
     char* line = stackLine;
-    long tid = (long)syscall(SYS_gettid);
     const char* fmt = "%s.%06ldZ %s [%s] (tid %ld) %s\n";
     int len = snprintf(stackLine, sizeof stackLine, fmt, stamp, (long)(now.tv_nsec / 1000),
                        ZtLogLevelName(level), c->name, tid, message);

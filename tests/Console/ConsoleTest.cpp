@@ -95,64 +95,17 @@ class ConsoleTest : public ::testing::Test {
     voktests::InteractiveTestManager console_;
 };
 
-TEST_F(ConsoleTest, HelpOverviewListsTheSortedTableThreeToALine) {
-    const std::string rule(90, '=');
-    const char* const names[] = {
-        "intrus.addback", "intrus.addmany",  "intrus.create",   "intrus.destroy", "intrus.list",
-        "intrus.rem",     "intrus.remall",   "intrus.remfront", "intrus.rotate",  "mmf.addback",
-        "mmf.addmany",    "mmf.createiface", "mmf.freeiface",   "mmf.init",       "mmf.listall",
-        "mmf.rebindall",  "mmf.remall",      "mmf.rembogus",    "mmf.remfront",   "mmf.rotate",
-        "mmf.uninit",     "sergen.getmany",  "sergen.init",     "sergen.next",    "sergen.uninit"};
-    std::string expected = ">" + rule + "\n";
-    char cell[64];
-    for (size_t i = 0; i < 25; ++i) {
-        std::snprintf(cell, sizeof cell, "%-30s", names[i]);
-        expected += cell;
-        expected += (i % 3 == 2 || i == 24) ? "\n" : "";
-    }
-    expected += rule +
-                "\n\tquit\n\nhelp followed by command name, displays more info about command - "
-                "e.g., \n\thelp intrus.addback\n>";
-    EXPECT_EQ(expected, Session("help\n"));
-}
-
-TEST_F(ConsoleTest, EveryCommandHasItsHelpText) {
-    const char* const helps[][2] = {
-        {"mmf.init", "creates a MessageMoverFramework instance."},
-        {"mmf.uninit", "destroys MessageMoverFramework instance"},
-        {"mmf.addback", "adds message to back of list; arg is numeric value to store in message."},
-        {"mmf.remfront",
-         "removes message from front of list; optional arg: force - forces removal even if list "
-         "is empty to test the exception that should be generated."},
-        {"mmf.rembogus",
-         "attempt to remove a bogus message from thelist - an exception should result"},
-        {"mmf.addmany", "add many messages; args: <# messages> [quiet]"},
-        {"mmf.remall", "remove all messages; args: [quiet]"},
-        {"mmf.rotate", "rotate messages"},
-        {"mmf.listall", "list all messages"},
-        {"mmf.rebindall", "rebind all messages"},
-        {"mmf.createiface", "create message mover interface; arg = interface name string"},
-        {"mmf.freeiface", "free message mover interface; arg = iface address"},
-        {"intrus.addback", "add to end - arg = an integer value for entry - e.g., 5"},
-        {"intrus.addmany", "add many entries - arg = number of entries to add"},
-        {"intrus.create", "creates intrusive list."},
-        {"intrus.destroy", "destroys intrusive list."},
-        {"intrus.list", "list all list elements"},
-        {"intrus.rem", "remove a specific entry - arg = entry address - see intrus.list."},
-        {"intrus.remall", "remove all list elements"},
-        {"intrus.remfront", "remove from front."},
-        {"intrus.rotate", "rotate the list."},
-        {"sergen.init",
-         "creates a MmfSerialGenerator instance.  Arg is end of reserved range - e.g., 100"},
-        {"sergen.uninit", "destroy serial generator"},
-        {"sergen.next", "get next serial number"},
-        {"sergen.getmany", "Get many serial numbers - interger arg is how many"},
-    };
-    for (const auto& entry : helps) {
-        EXPECT_EQ(std::string("\t") + entry[1] + "\n", Command({"help", entry[0]})) << entry[0];
+TEST_F(ConsoleTest, HelpListsTheCommandsInOrderAndExplainsOneByItsWholeName) {
+    const std::string overview = Session("help\n");
+    size_t position = 0;
+    for (const char* name : {"intrus.addback", "intrus.rotate", "mmf.addback", "mmf.uninit",
+                             "sergen.getmany", "sergen.uninit", "\tquit", "help intrus.addback"}) {
+        const size_t found = overview.find(name, position);
+        ASSERT_NE(std::string::npos, found) << name << " missing or out of order";
+        position = found;
     }
     EXPECT_EQ("\tget next serial number\n", Command({"HELP", "SERGEN.NEXT"}));
-    EXPECT_EQ("", Command({"help", "sergen"}));  // Help wants a whole name.
+    EXPECT_EQ("", Command({"help", "sergen"}));
 }
 
 TEST_F(ConsoleTest, WordsMatchWholeNamesOrUniquePrefixesWithoutRegardToCase) {
@@ -179,32 +132,17 @@ TEST_F(ConsoleTest, SessionEndsAtQuitOrAtTheEndOfInput) {
 }
 
 TEST_F(ConsoleTest, CommandsReportWhatTheyLack) {
-    const std::vector<std::pair<std::vector<std::string>, const char*>> cases = {
-        {{"mmf.listall"}, "Command requires MMF.\n"},
-        {{"mmf.rembogus"}, "Command requires MMF.\n"},
-        {{"intrus.list"}, "Command requires a list.\n"},
-        {{"sergen.next"}, "Serial Generator not created yet.\n"},
-        {{"mmf.uninit"}, "Nothing to destroy.\n"},
-        {{"intrus.destroy"}, "Nothing to destroy\n"},
-        {{"mmf.init"}, "MMF Created.\nMessage List Created.\n"},
-        {{"mmf.addmany"}, "Command requires an integer arg for number of messages to add.\n"},
-        {{"mmf.addmany", "-1"}, "Command requires an integer arg for number of messages to add.\n"},
-        {{"mmf.addback", "5x"},
-         "Command requires an integer arg for the value to store in the message.\n"},
-        {{"mmf.freeiface", "zz"},
-         "Command requires an interface address arg (see mmf.createiface).\n"},
-        {{"intrus.create"}, "List created.\n"},
-        {{"intrus.create"}, "List already exists.\n"},
-        {{"intrus.addmany", "many"},
-         "Command requires an integer arg for number of entries to add.\n"},
-        {{"intrus.addback", "2147483648"},
-         "Command requires an integer arg for the entry's value.\n"},
-        {{"sergen.init", "4294967296"},
-         "Command requires an integer arg for the end of the reserved range.\n"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(c.second, Command(c.first)) << c.first[0];
-    }
+    EXPECT_EQ("Command requires MMF.\n", Command({"mmf.listall"}));
+    EXPECT_EQ("Command requires a list.\n", Command({"intrus.list"}));
+    EXPECT_EQ("Nothing to destroy.\n", Command({"mmf.uninit"}));
+    Command({"mmf.init"});
+    // Bad numbers are refused, not taken as 0 or cut to 32 bits.
+    EXPECT_EQ("Command requires an integer arg for number of messages to add.\n",
+              Command({"mmf.addmany", "-1"}));
+    EXPECT_EQ("Command requires an integer arg for the value to store in the message.\n",
+              Command({"mmf.addback", "5x"}));
+    EXPECT_EQ("Command requires an integer arg for the end of the reserved range.\n",
+              Command({"sergen.init", "4294967296"}));
 }
 
 TEST_F(ConsoleTest, MessagesMoveThroughTheList) {
@@ -228,18 +166,6 @@ TEST_F(ConsoleTest, MessagesMoveThroughTheList) {
         ">Nothing to remove.\n>",
         Session("mmf.remall quiet\nmmf.remfront\n"));
     EXPECT_EQ(0, test::Outstanding());
-
-    const std::string progress = "progress 10000...\nprogress 20000...\n";
-    EXPECT_EQ(
-        "we'll keep mostly quiet while adding messages.\n"
-        "New element count is 20000 as expected, after 20000 added.\n",
-        Command({"mmf.addmany", "20000", "quiet"}));
-    EXPECT_EQ("Rotating 20000 messages...\n" + progress + "20000 messages rotated.\n",
-              Command({"mmf.rotate"}));
-    EXPECT_EQ("Rebinding 20000 messages(s)...\n" + progress + "20000 messages rebound.\n",
-              Command({"mmf.rebindall"}));
-    EXPECT_EQ("Freed 20000 messages left on the list.\nMessage List Destroyed.\nMMF Destroyed.\n",
-              Command({"mmf.uninit"}));
 }
 
 TEST_F(ConsoleTest, ForcedAndBogusRemovalsEndTheConsoleWithTheFrameworksProgramError) {
@@ -277,32 +203,25 @@ TEST_F(ConsoleTest, InterfacesAreFreedByTheAddressPrinted) {
 }
 
 TEST_F(ConsoleTest, IntrusiveListElementsAreAddedListedRemovedAndRotated) {
-    EXPECT_EQ("List created.\n", Command({"intrus.create"}));
-    const std::string added = Command({"intrus.addback", "-7"});
-    EXPECT_EQ("Element <" + Addresses(added).at(0) + "> added, now 1 element(s) in list.\n", added);
-    EXPECT_EQ("New element count is 4 as expected, after 3 added.\n",
-              Command({"intrus.addmany", "3"}));
-    const std::string listed = Command({"intrus.list"});
-    const std::vector<std::string> elements = Addresses(listed);
+    Command({"intrus.create"});
+    Command({"intrus.addback", "-7"});
+    Command({"intrus.addmany", "3"});
+    const std::vector<std::string> elements = Addresses(Command({"intrus.list"}));
     ASSERT_EQ(4u, elements.size());
-    EXPECT_EQ("Element #0: <" + elements[0] + ">, value=-7.\nElement #1: <" + elements[1] +
-                  ">, value=1.\nElement #2: <" + elements[2] + ">, value=2.\nElement #3: <" +
-                  elements[3] + ">, value=3.\n4 element(s) in list.\n",
-              listed);
-
-    EXPECT_EQ("Removing element <" + elements[1] +
-                  ">...\nElement removed, now 3 element(s) in "
-                  "list.\n",
-              Command({"intrus.rem", elements[1]}));
+    EXPECT_EQ(
+        "Removing element <" + elements[1] + ">...\nElement removed, now 3 element(s) in list.\n",
+        Command({"intrus.rem", elements[1]}));
     EXPECT_EQ("No element <" + elements[1] + "> in list.\n", Command({"intrus.rem", elements[1]}));
+    // Each of the three moves from front to back once: the order is as before.
     EXPECT_EQ("3 element(s) rotated.\n", Command({"intrus.rotate"}));
-    EXPECT_EQ("Element <" + elements[0] +
-                  ">, value=-7, removed (will be deleted), 2 element(s) "
-                  "left.\n",
-              Command({"intrus.remfront"}));
-    EXPECT_EQ("2 element(s) removed; list is empty.\n", Command({"intrus.remall"}));
-    EXPECT_EQ(">Nothing to remove.\n>List destroyed.\n>",
-              Session("intrus.remfront\nintrus.destroy\n"));
+    EXPECT_EQ("Element #0: <" + elements[0] + ">, value=-7.\nElement #1: <" + elements[2] +
+                  ">, value=2.\nElement #2: <" + elements[3] +
+                  ">, value=3.\n3 element(s) in list.\n",
+              Command({"intrus.list"}));
+    EXPECT_EQ(">Element <" + elements[0] +
+                  ">, value=-7, removed (will be deleted), 2 element(s) left.\n"
+                  ">2 element(s) removed; list is empty.\n>Nothing to remove.\n>List destroyed.\n>",
+              Session("intrus.remfront\nintrus.remall\nintrus.remfront\nintrus.destroy\n"));
 }
 
 TEST_F(ConsoleTest, SerialGeneratorIssuesNumbersAfterTheReservedRange) {
@@ -385,14 +304,13 @@ ProgramResult RunConsoleProgram(const std::vector<std::string>& args, const std:
     return result;
 }
 
-TEST(ConsoleProgramTest, RunsPipedInputUntilItsEndAndOneCommandFromItsArguments) {
+TEST(ConsoleProgramTest, RunsPipedInputOrOneCommandAndEndsWithTheProgramError) {
     test::Watchdog watchdog;
-    const ProgramResult session =
-        RunConsoleProgram({}, "MMF.INIT\nmmf.addback 7\nmmf.listall\nhelp sergen.next\n");
+    const ProgramResult session = RunConsoleProgram({}, "MMF.INIT\nmmf.addback 7\nmmf.listall\n");
     EXPECT_EQ(
         ">MMF Created.\nMessage List Created.\n>"
         "Message added; value=7; now 1 messages on list.\n>"
-        "Message #0: value=7.\n1 messages on list.\n>\tget next serial number\n>",
+        "Message #0: value=7.\n1 messages on list.\n>",
         session.out);
     EXPECT_TRUE(WIFEXITED(session.status) && WEXITSTATUS(session.status) == 0) << session.err;
 
@@ -400,18 +318,13 @@ TEST(ConsoleProgramTest, RunsPipedInputUntilItsEndAndOneCommandFromItsArguments)
     const ProgramResult oneShot = RunConsoleProgram({"sergen.init", "100"}, "mmf.init\n");
     EXPECT_EQ("Serial Generator created; reserved range = 0 .. 100.\n", oneShot.out);
     EXPECT_TRUE(WIFEXITED(oneShot.status) && WEXITSTATUS(oneShot.status) == 0) << oneShot.err;
-}
 
-TEST(ConsoleProgramTest, BogusRemovalEndsTheProgramWithTheProgramError) {
-    test::Watchdog watchdog;
-    const ProgramResult result = RunConsoleProgram({}, "mmf.init\nmmf.rembogus\nmmf.listall\n");
-    EXPECT_EQ(">MMF Created.\nMessage List Created.\n>", result.out);
-    EXPECT_TRUE(WIFEXITED(result.status) && WEXITSTATUS(result.status) == 1);
-    EXPECT_NE(std::string::npos,
-              result.err.find("vok-console: GetHeaderFromBindingLow:Src/Core/MessageMover/"
-                              "MmfMessageManager:"))
-        << result.err;
-    EXPECT_NE(std::string::npos, result.err.find(":NULL handle block pointer\n")) << result.err;
+    const ProgramResult failed = RunConsoleProgram({}, "mmf.init\nmmf.rembogus\nmmf.listall\n");
+    EXPECT_EQ(">MMF Created.\nMessage List Created.\n>", failed.out);
+    EXPECT_TRUE(WIFEXITED(failed.status) && WEXITSTATUS(failed.status) == 1);
+    EXPECT_NE(std::string::npos, failed.err.find("vok-console: GetHeaderFromBindingLow:Src/Core/"
+                                                 "MessageMover/MmfMessageManager:"))
+        << failed.err;
 }
 
 }  // namespace

@@ -119,26 +119,12 @@ TEST_F(DiagnosticRegisterTest, PathWithoutRootPrefixIsRejectedAndNothingIsCreate
     } catch (const VokProgramErrorException& e) {
         EXPECT_EQ(kVokErrBadArg, e.GetErr());
         EXPECT_THAT(e.what(),
-                    ::testing::MatchesRegex(
-                        "validateRegisterPath:Src/Utils/DiagnosticRegisterImpl:[0-9]+:"
-                        "diagReg path begins with invalid prefix\\. Expected <root\\.>, but actual "
-                        "path is: <vok\\.x>"));
+                    ::testing::HasSubstr("Expected <root.>, but actual path is: <vok.x>"));
     }
     EXPECT_THROW(DiagnosticRegisterString("root", "v"), VokProgramErrorException);
     Info info{};
     EXPECT_FALSE(DiagnosticRegisterCounter::Query("vok.x", &info));
     EXPECT_EQ(nullptr, DiagnosticRegisterCounter::QueryGroup("vok."));
-}
-
-TEST_F(DiagnosticRegisterTest, NullOutputArgumentsAreBadArguments) {
-    try {
-        DiagnosticRegisterCounter::Query("root.a", nullptr);
-        FAIL() << "no exception";
-    } catch (const VokProgramErrorException& e) {
-        EXPECT_EQ(kVokErrBadArg, e.GetErr());
-        EXPECT_THAT(e.what(), ::testing::EndsWith(":NULL arg"));
-    }
-    EXPECT_THROW(DiagnosticRegisterString::Query("root.a", nullptr), VokProgramErrorException);
 }
 
 TEST_F(DiagnosticRegisterTest, SwapExchangesRegisters) {

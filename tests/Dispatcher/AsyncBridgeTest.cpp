@@ -45,18 +45,25 @@ TEST_F(AsyncBridgeTest, TriggersBeforeTheLoopRunsCoalesceIntoOneRun) {
     EXPECT_EQ(1, runs);
 }
 
-TEST_F(AsyncBridgeTest, TriggerInsideTheCallbackRunsOnceMore) {
-    int runs = 0;
+TEST_F(AsyncBridgeTest, ChangeCbAndTriggersInsideTheCallback) {
+    // The running callable lives until it returns; two triggers made inside it give one run.
+    auto token = std::make_shared<int>(0);
+    std::weak_ptr<int> captured = token;
+    bool aliveAfterChange = false;
+    int second = 0;
     std::unique_ptr<RdAsyncBridge> bridge;
-    bridge.reset(new RdAsyncBridge(dispatcher_, [&]() {
-        if (++runs == 1) {
-            bridge->Trigger();
-            bridge->Trigger();
-        }
+    bridge.reset(new RdAsyncBridge(dispatcher_, [&, token]() {
+        bridge->ChangeCb([&]() { ++second; });
+        aliveAfterChange = !captured.expired();
+        bridge->Trigger();
+        bridge->Trigger();
     }));
+    token.reset();
     bridge->Trigger();
     Drain();
-    EXPECT_EQ(2, runs);
+    EXPECT_TRUE(aliveAfterChange);
+    EXPECT_TRUE(captured.expired());
+    EXPECT_EQ(1, second);
 }
 
 TEST_F(AsyncBridgeTest, DestroyedBridgeNeverRunsItsPendingCallback) {

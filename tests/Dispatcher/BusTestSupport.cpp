@@ -21,21 +21,24 @@ class BusEnvironment : public ::testing::Environment {
     void SetUp() override { setenv("KELVRA_BUS_ADDRESS", bus_.Start().c_str(), 1); }
     void TearDown() override { bus_.Stop(); }
 
-  private:
     PrivateBus bus_;
 };
 
-::testing::Environment* const kBusEnvironment =
-    ::testing::AddGlobalTestEnvironment(new BusEnvironment);
+BusEnvironment* const kBusEnvironment =
+    static_cast<BusEnvironment*>(::testing::AddGlobalTestEnvironment(new BusEnvironment));
 
 }  // namespace
 
+PrivateBus& TestBus() {
+    return kBusEnvironment->bus_;
+}
+
 bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int limitSeconds) {
-    RuntimeDispatcherImpl* impl = RuntimeDispatcher::GetImpl(dispatcher);
+    CallbackExceptions raised(dispatcher);
     const bool reached = IterateUntil(
-        impl->GetContext(),
+        RuntimeDispatcher::GetImpl(dispatcher)->GetContext(),
         [&]() {
-            impl->RethrowPending();
+            raised.RethrowFirst();
             return done();
         },
         limitSeconds);
@@ -46,9 +49,9 @@ bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int 
 }
 
 void PumpFor(RuntimeDispatcher& dispatcher, int ms) {
-    RuntimeDispatcherImpl* impl = RuntimeDispatcher::GetImpl(dispatcher);
-    IterateFor(impl->GetContext(), static_cast<unsigned>(ms));
-    impl->RethrowPending();
+    CallbackExceptions raised(dispatcher);
+    IterateFor(RuntimeDispatcher::GetImpl(dispatcher)->GetContext(), static_cast<unsigned>(ms));
+    raised.RethrowFirst();
 }
 
 FakeService::FakeService(RuntimeDispatcher& dispatcher, const char* serviceName) {

@@ -6,7 +6,6 @@
 #include <memory>
 #include <vector>
 
-#include "Src/Utils/RuntimeDispatcher/Linux/RdDescriptorMonitorImpl.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "support/LogCapture.h"
 #include "vok/RdDescriptorMonitor.h"
@@ -42,20 +41,6 @@ class DescriptorMonitorTest : public ::testing::Test {
     std::vector<Report> reports_;
 };
 
-TEST(DescriptorConditionTest, MasksMapToTheirConditions) {
-    auto c = [](bool r, bool w, bool e) {
-        return static_cast<unsigned>(RdDescriptorMonitorImpl::ConditionFor(r, w, e));
-    };
-    EXPECT_EQ(0u, c(false, false, false));
-    EXPECT_EQ(0x39u, c(true, false, false));
-    EXPECT_EQ(0x3Cu, c(false, true, false));
-    EXPECT_EQ(0x3Au, c(false, false, true));
-    EXPECT_EQ(0x3Du, c(true, true, false));
-    EXPECT_EQ(0x3Bu, c(true, false, true));
-    EXPECT_EQ(0x3Eu, c(false, true, true));
-    EXPECT_EQ(0x3Fu, c(true, true, true));
-}
-
 TEST_F(DescriptorMonitorTest, ReadableWhileDataWaitsAndNotWithEmptyMask) {
     RdDescriptorMonitorBase monitor(fds_[0], dispatcher_, Recorder());
     ASSERT_EQ(1, write(fds_[1], "x", 1));
@@ -88,6 +73,24 @@ TEST_F(DescriptorMonitorTest, HangUpIsReportedAsReadable) {
     EXPECT_TRUE(reports_[0].readable);
     EXPECT_TRUE(reports_[0].exception);
     EXPECT_FALSE(reports_[0].writable);
+}
+
+TEST_F(DescriptorMonitorTest, ChangeCbInsideTheCallbackKeepsTheRunningOneUntilItReturns) {
+    auto token = std::make_shared<int>(0);
+    std::weak_ptr<int> captured = token;
+    bool aliveAfterChange = false;
+    std::unique_ptr<RdDescriptorMonitorBase> monitor;
+    monitor.reset(new RdDescriptorMonitorBase(fds_[1], dispatcher_, [&, token](bool, bool, bool) {
+        monitor->ChangeCb(Recorder());
+        aliveAfterChange = !captured.expired();
+    }));
+    token.reset();
+    monitor->SetEventMask(false, true, false);
+    Step();
+    EXPECT_TRUE(aliveAfterChange);
+    EXPECT_TRUE(captured.expired());
+    Step();
+    EXPECT_EQ(1u, reports_.size());
 }
 
 TEST_F(DescriptorMonitorTest, WritableAndDestroyInsideCallback) {

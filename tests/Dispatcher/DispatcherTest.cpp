@@ -2,11 +2,15 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "support/LogCapture.h"
 #include "vok/Event.h"
+#include "vok/Logger.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
 
@@ -74,6 +78,73 @@ TEST(DispatcherTest, RequestStopFromAnotherThread) {
     });
     dispatcher.Run();
     stopper.join();
+}
+
+std::string TextOf(std::exception_ptr exception) {
+    try {
+        std::rethrow_exception(exception);
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+}
+
+TEST(DispatcherExceptionTest, SecondExceptionBeforeRunReturnsIsLoggedAtCriticalLevel) {
+    test::Watchdog watchdog;
+    test::LogCapture capture;
+    RuntimeDispatcher dispatcher;
+    // Both expire in the same iteration, so both run before the loop can stop.
+    RdTimerBase first(dispatcher, []() { throw std::runtime_error("first"); });
+    RdTimerBase second(dispatcher, []() { throw std::runtime_error("second"); });
+    first.Schedule(0);
+    second.Schedule(0);
+    std::string thrown;
+    try {
+        dispatcher.Run();
+    } catch (const std::runtime_error& e) {
+        thrown = e.what();
+    }
+    ASSERT_TRUE(thrown == "first" || thrown == "second") << thrown;
+    const std::string dropped = thrown == "first" ? "second" : "first";
+    auto lines = capture.Matching(": " + dropped);
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ(kLogLevelCritical, lines[0].level);
+    EXPECT_EQ("VOK.Dispatcher", lines[0].context);
+    // Nothing is left over: the loop runs again normally.
+    RdTimerBase stop(dispatcher, [&]() { dispatcher.RequestStop(); });
+    stop.Schedule(0);
+    EXPECT_NO_THROW(dispatcher.Run());
+}
+
+TEST(DispatcherExceptionTest, LoopSteppedByTheApplicationHandsExceptionsToItsHandler) {
+    test::Watchdog watchdog;
+    RuntimeDispatcher dispatcher;
+    std::vector<std::string> handled;
+    dispatcher.SetExceptionHandler(
+        [&](std::exception_ptr exception) { handled.push_back(TextOf(exception)); });
+    RdTimerBase thrower(dispatcher, []() { throw std::runtime_error("stepped"); });
+    thrower.Schedule(0);
+    g_main_context_iteration(RuntimeDispatcher::GetImpl(dispatcher)->GetContext(), FALSE);
+    EXPECT_EQ(std::vector<std::string>{"stepped"}, handled);
+    // Nothing stale is left for a later Run.
+    RdTimerBase stop(dispatcher, [&]() { dispatcher.RequestStop(); });
+    stop.Schedule(0);
+    EXPECT_NO_THROW(dispatcher.Run());
+}
+
+TEST(DispatcherDeathTest, ExceptionWithNobodyToTakeItIsLoggedAndAborts) {
+    // The default handler of a loop the application steps itself.
+    EXPECT_DEATH(
+        {
+            RuntimeDispatcher dispatcher;
+            RdTimerBase thrower(dispatcher, []() { throw std::runtime_error("stepped alone"); });
+            thrower.Schedule(0);
+            g_main_context_iteration(RuntimeDispatcher::GetImpl(dispatcher)->GetContext(), FALSE);
+        },
+        "crit \\[VOK.Dispatcher\\] .*: stepped alone");
+    // A bus callback of a handle that no dispatcher registered.
+    EXPECT_DEATH(RuntimeDispatcherImpl::RunGuardedOn(
+                     nullptr, []() { throw std::runtime_error("no dispatcher"); }),
+                 "crit \\[VOK.Dispatcher\\] .*: no dispatcher");
 }
 
 }  // namespace

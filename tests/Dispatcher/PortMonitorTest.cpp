@@ -63,22 +63,10 @@ class PortMonitorTest : public ::testing::Test {
     MmConnectionPort* peer_ = nullptr;
 };
 
-TEST_F(PortMonitorTest, AlreadyReadablePortIsReportedWhenTheMaskIsSet) {
-    WriteToEnd(1);
-    int calls = 0;
-    RdPortMonitor monitor(*end_, dispatcher_, [&](bool r, bool, bool) {
-        EXPECT_TRUE(r);
-        ++calls;
-        ReadOne();
-    });
-    Drain();
-    EXPECT_EQ(0, calls);  // no mask yet
-    monitor.SetEventMask(true, false, false);
-    Drain();
-    EXPECT_EQ(1, calls);
-}
-
-TEST_F(PortMonitorTest, CallbackReadingOneMessageIsCalledAgainUntilEmpty) {
+TEST_F(PortMonitorTest, ReadablePortIsReportedOnceMaskedAndUntilEmpty) {
+    // Messages that wait before the mask is set are reported without a new port event; a
+    // callback that reads one message at a time is called again until none is left.
+    WriteToEnd(2);
     int calls = 0;
     int read = 0;
     RdPortMonitor monitor(*end_, dispatcher_, [&](bool r, bool, bool) {
@@ -86,12 +74,32 @@ TEST_F(PortMonitorTest, CallbackReadingOneMessageIsCalledAgainUntilEmpty) {
         ++calls;
         read += ReadOne() ? 1 : 0;
     });
+    Drain();
+    EXPECT_EQ(0, calls);  // no mask yet
     monitor.SetEventMask(true, false, false);
-    WriteToEnd(5);
+    WriteToEnd(3);
     Drain();
     EXPECT_EQ(5, read);
     EXPECT_EQ(5, calls);
-    EXPECT_FALSE(ReadOne());
+}
+
+TEST_F(PortMonitorTest, ChangeCbInsideTheCallbackKeepsTheRunningOneUntilItReturns) {
+    auto token = std::make_shared<int>(0);
+    std::weak_ptr<int> captured = token;
+    bool aliveAfterChange = false;
+    int second = 0;
+    std::unique_ptr<RdPortMonitor> monitor;
+    monitor.reset(new RdPortMonitor(*end_, dispatcher_, [&, token](bool, bool, bool) {
+        monitor->ChangeCb([&](bool, bool, bool) { second += ReadOne() ? 1 : 0; });
+        aliveAfterChange = !captured.expired();
+    }));
+    token.reset();
+    monitor->SetEventMask(true, false, false);
+    WriteToEnd(2);
+    Drain();
+    EXPECT_TRUE(aliveAfterChange);
+    EXPECT_TRUE(captured.expired());
+    EXPECT_EQ(2, second);
 }
 
 TEST_F(PortMonitorTest, MonitorMayBeDestroyedInsideItsCallback) {

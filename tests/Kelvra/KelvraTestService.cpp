@@ -2,8 +2,6 @@
 // Runs until SIGTERM or "test/quit".
 //   test/echo       {"returnValue":true,"echo":PAYLOAD}
 //   test/subscribe  with "subscribe":true, a subscription: {"returnValue":true,"n":0} at once
-//   test/tick       one reply {"n":N} to every subscription, then {"returnValue":true,"sent":K}
-//   test/end        the last reply to every subscription, then {"returnValue":true}
 //   test/events     a subscription told {"cancelled":N} whenever a subscription is cancelled
 //   test/noreply    releases the request unanswered; test/fail returns false
 #include <glib-unix.h>
@@ -21,7 +19,6 @@ struct Service {
     GMainLoop* loop = nullptr;
     std::vector<KVMessage*> subscriptions;  // each with a reference of ours
     std::vector<KVMessage*> watchers;       // test/events subscriptions, with a reference
-    int ticks = 0;
     int cancels = 0;
 };
 
@@ -65,28 +62,6 @@ bool Subscribe(KVHandle* handle, KVMessage* request, void* data) {
         service->subscriptions.push_back(KVMessageRef(request));
     }
     Reply(service, request, "{\"returnValue\":true,\"n\":0}");
-    return true;
-}
-
-bool Tick(KVHandle*, KVMessage* request, void* data) {
-    Service* service = static_cast<Service*>(data);
-    ++service->ticks;
-    for (KVMessage* subscription : service->subscriptions) {
-        Reply(service, subscription, "{\"n\":" + std::to_string(service->ticks) + "}");
-    }
-    Reply(service, request,
-          "{\"returnValue\":true,\"sent\":" + std::to_string(service->subscriptions.size()) + "}");
-    return true;
-}
-
-bool End(KVHandle* handle, KVMessage* request, void* data) {
-    Service* service = static_cast<Service*>(data);
-    for (KVMessage* subscription : service->subscriptions) {
-        KVReplyLast(handle, subscription, "{\"returnValue\":true,\"ended\":true}", nullptr);
-        KVMessageUnref(subscription);
-    }
-    service->subscriptions.clear();
-    Reply(service, request, "{\"returnValue\":true}");
     return true;
 }
 
@@ -138,7 +113,6 @@ int main(int argc, char** argv) {
         const char* name;
         KVMethodFunc func;
     } methods[] = {{"test/echo", Echo},     {"test/subscribe", Subscribe},
-                   {"test/tick", Tick},     {"test/end", End},
                    {"test/events", Events}, {"test/noreply", NoReply},
                    {"test/fail", Fail},     {"test/quit", Quit}};
     for (const auto& method : methods) {

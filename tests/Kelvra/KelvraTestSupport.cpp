@@ -43,7 +43,7 @@ double Reply::Number(const char* name) const {
 
 bool ReplyLog::Func(KVHandle*, KVMessage* reply, void* self) {
     static_cast<ReplyLog*>(self)->replies.push_back(
-        {KVMessageGetPayload(reply), KVMessageIsLastReply(reply), g_thread_self()});
+        {KVMessageGetPayload(reply), KVMessageIsLastReply(reply)});
     return true;
 }
 

@@ -25,7 +25,6 @@ const std::string& TestBusAddress();
 struct Reply {
     std::string payload;
     bool last;
-    GThread* thread;
 
     // The payload parsed; a failed parse leaves the token unpopulated.
     bool Bool(const char* name) const;

@@ -1,8 +1,14 @@
 // kv-call against the test service: output lines and exit status.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -36,6 +42,66 @@ Outcome RunKvCall(const std::vector<std::string>& args) {
     outcome.output = process.ReadAll();
     outcome.status = ExitStatus(&process);
     return outcome;
+}
+
+// A unix socket that takes connections and never says a word: a bus that hangs.
+class SilentBus {
+  public:
+    SilentBus() {
+        char pattern[] = "/tmp/vok-silent-bus-XXXXXX";
+        dir_ = mkdtemp(pattern);
+        path_ = dir_ + "/socket";
+        fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
+        EXPECT_EQ(0, bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address));
+        EXPECT_EQ(0, listen(fd_, 8));
+    }
+    ~SilentBus() {
+        close(fd_);
+        unlink(path_.c_str());
+        rmdir(dir_.c_str());
+    }
+    SilentBus(const SilentBus&) = delete;
+    SilentBus& operator=(const SilentBus&) = delete;
+    std::string Address() const { return "unix:path=" + path_; }
+
+  private:
+    std::string dir_;
+    std::string path_;
+    int fd_ = -1;
+};
+
+TEST(KvCallTest, TimeoutBoundsTheWholeRunAgainstABusThatNeverAnswers) {
+    Watchdog watchdog;
+    SilentBus bus;
+    for (const char* subscribe : {"", "--subscribe"}) {
+        // Through sh: the bus address for kv-call alone, and its standard error captured too.
+        std::vector<std::string> argv = {
+            "/bin/sh",
+            "-c",
+            "KELVRA_BUS_ADDRESS=\"$0\" exec $VOK_TEST_EMULATOR \"$@\" 2>&1",
+            bus.Address(),
+            KV_CALL,
+            "kelvra://com.x/a/b",
+            "{}",
+            "--timeout",
+            "1"};
+        if (*subscribe != '\0') {
+            argv.push_back(subscribe);
+        }
+        const auto start = std::chrono::steady_clock::now();
+        ChildProcess process;
+        process.Start(argv, false, true);
+        const std::string output = process.ReadAll();
+        const int status = ExitStatus(&process);
+        const auto elapsed = std::chrono::steady_clock::now() - start;
+        EXPECT_NE(0, status) << subscribe;
+        EXPECT_EQ("kv-call: no answer from the bus within 1 s\n", output) << subscribe;
+        EXPECT_GE(elapsed, std::chrono::seconds(1));
+        EXPECT_LT(elapsed, std::chrono::seconds(30));
+    }
 }
 
 TEST(KvCallTest, PrintsRepliesAsJsonLines) {

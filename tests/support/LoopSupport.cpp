@@ -2,6 +2,8 @@
 
 #include <glib.h>
 
+#include "vok/RuntimeDispatcher.h"
+
 namespace vok {
 namespace test {
 
@@ -43,6 +45,26 @@ void IterateFor(GMainContext* context, unsigned milliseconds) {
     bool expired = false;
     IterateWithDeadline(
         context, [&expired]() { return expired; }, g_timeout_source_new(milliseconds), &expired);
+}
+
+CallbackExceptions::CallbackExceptions(RuntimeDispatcher& dispatcher) : dispatcher_(dispatcher) {
+    dispatcher_.SetExceptionHandler([this](std::exception_ptr exception) {
+        if (!first_) {
+            first_ = exception;
+        }
+    });
+}
+
+CallbackExceptions::~CallbackExceptions() {
+    dispatcher_.SetExceptionHandler(nullptr);
+}
+
+void CallbackExceptions::RethrowFirst() {
+    if (first_) {
+        std::exception_ptr exception = first_;
+        first_ = nullptr;
+        std::rethrow_exception(exception);
+    }
 }
 
 }  // namespace test

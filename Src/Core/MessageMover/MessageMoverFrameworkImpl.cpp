@@ -59,6 +59,7 @@ void MessageMoverFrameworkImpl::DiscardInterface(MessageMoverInterface* iface) {
 void MessageMoverFrameworkImpl::ShutDown() {
     MMF_TRACE(this);
     ifaceTracker_.ReportLeaks();
+    messageMgr_.ReportQuarantine();
     shutDown_ = true;
 }
 

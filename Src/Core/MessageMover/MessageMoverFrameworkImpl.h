@@ -24,7 +24,8 @@ class MessageMoverFrameworkImpl : public MessageMoverFramework {
 
     MessageMoverInterface* CreateInterface(const std::string& name) override;
     void DiscardInterface(MessageMoverInterface* iface) override;
-    // Reports the interfaces that were never discarded; they are not destroyed.
+    // Reports the interfaces that were never discarded, then the quarantined messages; neither
+    // is destroyed.
     void ShutDown();
 
     // For the MessageMover's own classes. Throw until both managers exist.

@@ -11,9 +11,9 @@ const uint32_t kMaxProtocolId = 0xBFFF;
 }  // namespace
 
 MmBaseMessageHandle::MmBaseMessageHandle(MmfMessageHandleBlock* block, uint16_t bindingNumber)
-    : pBlock_(block), bindingNumber_(bindingNumber) {
+    : pBlock_(block), bindingNumber_(bindingNumber), isLargeBlock_(false) {
     MMF_TRACE(this);
-    MmfMessageManager::ValidateMessageBinding(*this);
+    MmfMessageManager::MarkLargeBlock(this);
 }
 
 uint8_t MmBaseMessageHandle::GetMessageType() const {

@@ -13,7 +13,10 @@ class MmfCommandPortImpl : public MmfPortImplT<MmCommandPort, MmCommandMessageHa
     MmfCommandPortImpl(MmfMessageMoverInterfaceImpl* iface, MessageMoverFrameworkImpl* framework,
                        MmfPortAddress address);
 
-    MmPortAddress_t GetAddress() const override { return messagePort_.GetAddress(); }
+    MmPortAddress_t GetAddress() const override {
+        RequireInterface();
+        return messagePort_.GetAddress();
+    }
 };
 
 }  // namespace vok

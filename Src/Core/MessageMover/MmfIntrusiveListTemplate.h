@@ -1,9 +1,9 @@
 // Not public API. Typed intrusive lists over the checked linked list.
 //
 // An object embeds an MmfIntrusiveLinkT and is queued by it, so queueing never allocates. The
-// lists do not own their objects and have no lock: their owner serialises access. Misuse the
-// checked list detects (a link already linked, a link of another list, a corrupt node) stops the
-// process.
+// lists do not own their objects and have no lock: their owner serialises access. RemoveAt
+// refuses a link of another list with an exception; the checked list stops the process for what
+// only corruption explains (a link already linked being added, a corrupt node).
 #ifndef VOK_SRC_CORE_MESSAGEMOVER_MMFINTRUSIVELISTTEMPLATE_H
 #define VOK_SRC_CORE_MESSAGEMOVER_MMFINTRUSIVELISTTEMPLATE_H
 
@@ -28,6 +28,7 @@ class MmfIntrusiveLinkT {
     // Checks the node's signature.
     bool IsLinked() const { return LinkedListNodeIsLinked(&node_) != 0; }
     LinkedListLinkType* GetNode() { return &node_; }
+    const LinkedListLinkType* GetNode() const { return &node_; }
 
     // The link of a node (NULL for NULL).
     static MmfIntrusiveLinkT* FromNode(LinkedListLinkType* node) {
@@ -58,9 +59,24 @@ class MmfIntrusiveListT {
     Link* GetNext(Link& link) { return Link::FromNode(LinkedListGetNext(&head_, link.GetNode())); }
     int32_t GetCount() { return LinkedListGetCount(&head_); }
 
+    // Whether link is in this list. Compares addresses only, so a link of another list (or of
+    // none) is answered without being touched. Linear; it follows the nodes itself, since the
+    // list has no lock callback and its owner serialises access, and leaves the nodes' checks to
+    // the operation that follows.
+    bool Contains(const Link& link) const {
+        for (const LinkedListLinkType* node = head_.firstP; node != nullptr; node = node->next) {
+            if (node == link.GetNode()) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // Throws "ERROR: link not on list or invalid link", with nothing changed, for a link that
+    // is not in this list.
     void RemoveAt(Link& link) {
         MMF_TRACE(this);
-        if (LinkedListDequeue(&head_, link.GetNode()) == nullptr) {
+        if (!Contains(link) || LinkedListDequeue(&head_, link.GetNode()) == nullptr) {
             MMF_THROW("ERROR: link not on list or invalid link");
         }
     }

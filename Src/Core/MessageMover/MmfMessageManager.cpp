@@ -1,6 +1,7 @@
 #include "Src/Core/MessageMover/MmfMessageManager.h"
 
 #include <new>
+#include <unordered_set>
 
 namespace vok {
 
@@ -21,6 +22,47 @@ void InitHandleBlock(MmfMessageHandleBlock* block, uint8_t headerOffset) {
     block->headerOffset = headerOffset;
     block->bindingNumber = 1;
     block->link.Init(block);
+}
+
+// The handle blocks of the large blocks that are allocated, in every framework of the process.
+class LargeBlockSet {
+  public:
+    void Add(const MmfMessageHandleBlock* block) {
+        MutexLocker lock(lock_);
+        blocks_.insert(block);
+    }
+    void Remove(const MmfMessageHandleBlock* block) {
+        MutexLocker lock(lock_);
+        blocks_.erase(block);
+    }
+    bool Contains(const MmfMessageHandleBlock* block) {
+        MutexLocker lock(lock_);
+        return blocks_.count(block) != 0;
+    }
+
+  private:
+    Mutex lock_;  // Protects blocks_. A leaf: nothing else is taken under it.
+    std::unordered_set<const MmfMessageHandleBlock*> blocks_;
+};
+
+// Never destroyed, so a handle checked during exit still finds it.
+LargeBlockSet& LargeBlocks() {
+    static LargeBlockSet* const blocks = new LargeBlockSet;
+    return *blocks;
+}
+
+const MmfMessageHandleBlock* HandleBlockOf(const void* block) {
+    return reinterpret_cast<const MmfMessageHandleBlock*>(static_cast<const uint8_t*>(block) +
+                                                          kMmfHdrPackedSize);
+}
+
+// Out of line, so that allocating and releasing a small block stays as short as it was.
+__attribute__((noinline, cold)) void AddLargeBlock(const void* block) {
+    LargeBlocks().Add(HandleBlockOf(block));
+}
+
+__attribute__((noinline, cold)) void RemoveLargeBlock(const void* block) {
+    LargeBlocks().Remove(HandleBlockOf(block));
 }
 
 // calcPayloadGuardOffsetFromPayloadSize without a call for a size in bounds.
@@ -48,9 +90,12 @@ void initMessageHandleBlock(MmfMessageHandleBlock* block, uint8_t headerOffset) 
 }
 
 MmfMessageManager::MmfMessageManager(MessageMoverFrameworkImpl& framework)
-    : framework_(framework), outstandingMsgs_(kMmfOutstandingMsgsDiagRegPath, 0) {
+    : framework_(framework),
+      outstandingMsgs_(kMmfOutstandingMsgsDiagRegPath, 0),
+      quarantinedMsgs_(kMmfQuarantinedMsgsDiagRegPath, 0) {
     MMF_TRACE(this);
     outstandingMsgs_.Reset(0);
+    quarantinedMsgs_.Reset(0);
 }
 
 MmfMessageManager::~MmfMessageManager() {
@@ -72,12 +117,16 @@ void* MmfMessageManager::AllocateMessageMemory(uint32_t payloadSize, uint32_t* a
 
 void MmfMessageManager::FreeMessageMemory(MmfBaseMessageHeader* header) {
     MMF_TRACE(this);
-    ReleaseBlock(header);
+    // The block's size is not known here (it may have no header yet).
+    ReleaseBlock(header, true);
 }
 
 void* MmfMessageManager::AllocateBlock(uint32_t payloadSize, uint32_t* allocSize) {
     const uint32_t size = GuardOffset(payloadSize) + kMmfPayloadGuardSize;
     void* block = ::operator new(size);
+    if (size >= kMmfLargeBlockSize) {
+        AddLargeBlock(block);
+    }
     if (allocSize != nullptr) {
         *allocSize = size;
     }
@@ -85,7 +134,10 @@ void* MmfMessageManager::AllocateBlock(uint32_t payloadSize, uint32_t* allocSize
     return block;
 }
 
-void MmfMessageManager::ReleaseBlock(MmfBaseMessageHeader* header) {
+void MmfMessageManager::ReleaseBlock(MmfBaseMessageHeader* header, bool isLarge) {
+    if (isLarge) {
+        RemoveLargeBlock(header);
+    }
     ::operator delete(header);
     outstandingMsgs_.Dec();
 }
@@ -115,7 +167,8 @@ void MmfMessageManager::FreeMessage(const MmBaseMessageHandle& handle) {
         MMF_THROW("Message being freed still in queue");
     }
     header.SetSignature(0);
-    ReleaseBlock(&header);
+    header.handleBlock.bindingNumber = 0;
+    ReleaseBlock(&header, handle.isLargeBlock_);
 }
 
 void MmfMessageManager::RebindMessage(MmBaseMessageHandle* handle) {
@@ -204,7 +257,9 @@ MmfBaseMessageHeader& MmfMessageManager::GetHeaderFromBindingLow(
     if (block == nullptr) {
         MMF_THROW("NULL handle block pointer");
     }
-    if (block->bindingNumber != handle.bindingNumber_) {
+    // A released large block may be unmapped; it has no binding any more.
+    if ((handle.isLargeBlock_ && !IsLiveLargeBlock(block)) ||
+        block->bindingNumber != handle.bindingNumber_) {
         MMF_THROW("binding number mismatch");
     }
     return *reinterpret_cast<MmfBaseMessageHeader*>(reinterpret_cast<uint8_t*>(block) -
@@ -217,6 +272,42 @@ MmfBaseMessageHeader& MmfMessageManager::GetHeaderFromBindingTraced(
     MmfBaseMessageHeader& header = GetHeaderFromBindingLow(handle);
     ValidateMessage(header);
     return header;
+}
+
+bool MmfMessageManager::IsLiveLargeBlock(const MmfMessageHandleBlock* block) {
+    return LargeBlocks().Contains(block);
+}
+
+void MmfMessageManager::Quarantine(MmfMessageLink& link) {
+    MMF_TRACE(this);
+    const MmfBaseMessageHeader* header = reinterpret_cast<const MmfBaseMessageHeader*>(
+        reinterpret_cast<const uint8_t*>(link.GetOwner()) - kMmfHdrPackedSize);
+    gMmfLogger.Critical("%s: message <%p> is corrupt; it is kept in quarantine and never freed.",
+                        __func__, static_cast<const void*>(header));
+    {
+        MutexLocker lock(quarantineLock_);
+        quarantine_.push_back(header);
+    }
+    quarantinedMsgs_.Inc();
+}
+
+void MmfMessageManager::ReportQuarantine() {
+    MMF_TRACE(this);
+    std::vector<const MmfBaseMessageHeader*> quarantined;
+    {
+        MutexLocker lock(quarantineLock_);
+        quarantined = quarantine_;
+    }
+    if (quarantined.empty()) {
+        return;
+    }
+    const Logger& leakLogger = MmfDiag::GetLeakLogger();
+    for (const MmfBaseMessageHeader* header : quarantined) {
+        leakLogger.Warning("%s: Quarantined corrupt message <%p>; never freed.", __func__,
+                           static_cast<const void*>(header));
+    }
+    leakLogger.Warning("%s: Summary: %ld corrupt messages were kept in quarantine.", __func__,
+                       static_cast<long>(quarantined.size()));
 }
 
 void MmfMessageManager::LogMessage(const MmBaseMessageHandle& handle, const Logger& logger,

@@ -11,12 +11,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <vector>
 
 #include "Src/Core/MessageMover/MmfIntrusiveListTemplate.h"
 #include "Src/Core/MessageMover/MmfTrace.h"
 #include "vok/DiagnosticRegister.h"
 #include "vok/Logger.h"
 #include "vok/MmMessageHandle.h"
+#include "vok/Mutex.h"
 
 namespace vok {
 
@@ -27,6 +29,7 @@ class MessageMoverFrameworkImpl;
 constexpr char kMmfDiagRegGroupPath[] = VOK_MMF_DIAG_REG_GROUP_PATH;
 constexpr char kMmfIfaceDiagRegGroupPath[] = VOK_MMF_DIAG_REG_GROUP_PATH "Iface.";
 constexpr char kMmfOutstandingMsgsDiagRegPath[] = VOK_MMF_DIAG_REG_GROUP_PATH "outstandingMessages";
+constexpr char kMmfQuarantinedMsgsDiagRegPath[] = VOK_MMF_DIAG_REG_GROUP_PATH "quarantinedMessages";
 constexpr char kMmfIfaceMsgsHeldByUserDiagRegName[] = "msgsHeldByUser";
 constexpr char kMmfIfaceMsgsLeakedByUserDiagRegName[] = "msgsLeakedByUser";
 constexpr char kMmfIfaceMsgsHeldByPortsDiagRegName[] = "msgsHeldByPorts";
@@ -130,6 +133,10 @@ constexpr uint8_t kMmfHeaderVersion = 1;
 constexpr uint32_t kMmfMaxMessageDumpSize = 0x2800;
 // Message type of the framework's link-control messages.
 constexpr uint8_t kMmfLinkControlMsgType = 4;
+// Blocks of at least this size are large: the allocator may hand their pages back to the kernel
+// when they are freed, so a handle to one looks the block up among the live large blocks before
+// it reads it. Smaller blocks stay in the allocator's own bins and are read directly.
+constexpr uint32_t kMmfLargeBlockSize = 4096;
 
 // Offset of the guard from the block start. Throws "paylodSize out of bounds" above 0xFFFFBB.
 uint32_t calcPayloadGuardOffsetFromPayloadSize(uint32_t payloadSize);
@@ -138,9 +145,11 @@ void initMessageHandleBlock(MmfMessageHandleBlock* block, uint8_t headerOffset);
 
 // Owner of the rules of message memory, one per framework. Allocation, freeing and duplication
 // count blocks in the register root.vok.MessageMover.outstandingMessages; the validating
-// operations are static and need only a handle. No lock: a message is touched by one thread at
-// a time (writer, then connection manager and receiving port under their locks, then reader).
-// Destroying the manager frees no messages; those still allocated stay counted.
+// operations are static and need only a handle. A message is touched by one thread at a time
+// (writer, then connection manager and receiving port under their locks, then reader). Messages
+// found corrupt are kept in a quarantine, counted in root.vok.MessageMover.quarantinedMessages
+// and never freed. Any thread may use it. Destroying the manager frees no messages; those still
+// allocated stay counted.
 class MmfMessageManager {
   public:
     typedef void (Logger::*DumpFunction)(const void* data, size_t length) const;
@@ -161,7 +170,8 @@ class MmfMessageManager {
     // A new message (type 0, name 0/0, no serials or addresses) with an uninitialised payload;
     // fills *handle and returns the payload.
     void* CreateMessage(uint32_t payloadSize, MmBaseMessageHandle* handle);
-    // Refuses a message that is still in a list; zeroes the signature before releasing it.
+    // Refuses a message that is still in a list. Zeroes the signature and the binding number
+    // before releasing the block, so a handle kept afterwards is stale.
     void FreeMessage(const MmBaseMessageHandle& handle);
     // Moves the message to a new owner: advances the binding number (skipping 0) so that every
     // earlier handle is stale, and rewrites *handle. Refuses a message that is in a list.
@@ -185,6 +195,14 @@ class MmfMessageManager {
     static void ValidateMessageBinding(const MmBaseMessageHandle& handle) {
         (void)GetHeaderFromBinding(handle);
     }
+    // For a handle made from a block that is allocated: checks it as it is, then sets its
+    // large-block mark from the message's checked size.
+    static void MarkLargeBlock(MmBaseMessageHandle* handle) {
+        handle->isLargeBlock_ = false;
+        const uint32_t payloadSize = GetHeaderFromBinding(*handle).GetPayloadSize();
+        handle->isLargeBlock_ =
+            payloadSize + kMmfMessageHeaderSize + kMmfPayloadGuardSize >= kMmfLargeBlockSize;
+    }
     static void* GetPayloadPtrFromBinding(const MmBaseMessageHandle& handle,
                                           uint32_t* payloadSize) {
         MmfBaseMessageHeader& header = GetHeaderFromBinding(handle);
@@ -206,12 +224,20 @@ class MmfMessageManager {
     static void LogMessage(const MmBaseMessageHandle& handle, const Logger& logger,
                            DumpFunction dump);
 
+    // Takes over the message whose link this is, after it failed validation (which logged it
+    // with its dump): it is counted and kept, never freed, since none of its memory can be
+    // trusted. The caller has taken it out of every list it can.
+    void Quarantine(MmfMessageLink& link);
+    // Lists the quarantined messages on the leak log; they stay allocated.
+    void ReportQuarantine();
+
   private:
     // The header when the handle is current and the message passes every check of
     // ValidateMessage, else NULL. Reports nothing.
     static MmfBaseMessageHeader* FindSoundHeader(const MmBaseMessageHandle& handle) {
         MmfMessageHandleBlock* block = handle.pBlock_;
-        if (block == nullptr || block->bindingNumber != handle.bindingNumber_) {
+        if (block == nullptr || (handle.isLargeBlock_ && !IsLiveLargeBlock(block)) ||
+            block->bindingNumber != handle.bindingNumber_) {
             return nullptr;
         }
         MmfBaseMessageHeader* header = reinterpret_cast<MmfBaseMessageHeader*>(
@@ -230,20 +256,27 @@ class MmfMessageManager {
         return guard == kMmfPayloadGuard ? header : nullptr;
     }
     static MmfBaseMessageHeader& GetHeaderFromBindingTraced(const MmBaseMessageHandle& handle);
+    // Whether the large block whose handle block this is has not been released.
+    static bool IsLiveLargeBlock(const MmfMessageHandleBlock* block);
     // The work of AllocateMessageMemory and FreeMessageMemory, for the manager's own use.
     void* AllocateBlock(uint32_t payloadSize, uint32_t* allocSize);
-    void ReleaseBlock(MmfBaseMessageHeader* header);
-    // What the checking constructor of MmBaseMessageHandle does, without a call.
+    // isLarge: the block may be in the set of live large blocks.
+    void ReleaseBlock(MmfBaseMessageHeader* header, bool isLarge);
+    // What the checking constructor of MmBaseMessageHandle does, without a call. The block is
+    // allocated, so it is checked as it is and then marked large by its checked size.
     static MmBaseMessageHandle MakeHandle(MmfMessageHandleBlock* block, uint16_t bindingNumber) {
         MmBaseMessageHandle handle;
         handle.pBlock_ = block;
         handle.bindingNumber_ = bindingNumber;
-        ValidateMessageBinding(handle);
+        MarkLargeBlock(&handle);
         return handle;
     }
 
     MessageMoverFrameworkImpl& framework_;
     DiagnosticRegisterCounter outstandingMsgs_;  // Blocks allocated and not yet released.
+    DiagnosticRegisterCounter quarantinedMsgs_;  // Messages in quarantine_.
+    Mutex quarantineLock_;  // Protects quarantine_. Taken last, after any port or tracker lock.
+    std::vector<const MmfBaseMessageHeader*> quarantine_;
 };
 
 }  // namespace vok

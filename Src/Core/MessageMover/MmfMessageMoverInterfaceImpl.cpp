@@ -52,8 +52,8 @@ MmfMessageMoverInterfaceImpl::MmfMessageMoverInterfaceImpl(MessageMoverFramework
       msgsHeldByPorts_(CounterPath(name, kMmfIfaceMsgsHeldByPortsDiagRegName), 0),
       connPortTracker_(name, "ConnectionPort", &GetConnPortInfoForObjectTracker),
       cmdPortTracker_(name, "CommandPort", &GetCmdPortInfoForObjectTracker),
-      connMsgTracker_(name, "ConnectionMessage", &msgsHeldByUser_),
-      cmdMsgTracker_(name, "CommandMessage", &msgsHeldByUser_) {
+      connMsgTracker_(name, "ConnectionMessage", &msgsHeldByUser_, pMsgMgr_),
+      cmdMsgTracker_(name, "CommandMessage", &msgsHeldByUser_, pMsgMgr_) {
     MMF_TRACE(this);
     // The leak count outlives the interface and the prune of ended work.
     msgsLeakedByUser_.SetLongevity(kLeakedCounterLongevity);
@@ -68,6 +68,33 @@ MmfMessageMoverInterfaceImpl::~MmfMessageMoverInterfaceImpl() {
     cmdPortTracker_.ReportLeaks();
     connMsgTracker_.ReportLeaks();
     cmdMsgTracker_.ReportLeaks();
+    CloseLeakedPorts();
+}
+
+void MmfMessageMoverInterfaceImpl::CloseLeakedPorts() {
+    MMF_TRACE(this);
+    // Each port leaves the registry, so nothing is delivered to it any more; a connection port
+    // first tells its peer, as a discard does. The port objects and their queued messages stay
+    // allocated (they are leaked); every later call on a port throws.
+    for (MmfConnectionPortImpl* port : connPortTracker_.TakeAll()) {
+        try {
+            port->ShutDown();
+            pConnMgr_->UnregisterPort(*port->GetMessagePort());
+        } catch (const std::exception& e) {
+            gMmfLogger.Critical("%s: closing leaked port <%p> failed: %s", __func__,
+                                static_cast<void*>(port), e.what());
+        }
+        port->Orphan();
+    }
+    for (MmfCommandPortImpl* port : cmdPortTracker_.TakeAll()) {
+        try {
+            pConnMgr_->UnregisterPort(*port->GetMessagePort());
+        } catch (const std::exception& e) {
+            gMmfLogger.Critical("%s: closing leaked port <%p> failed: %s", __func__,
+                                static_cast<void*>(port), e.what());
+        }
+        port->Orphan();
+    }
 }
 
 MmConnectionPort* MmfMessageMoverInterfaceImpl::CreateConnectedPair(
@@ -116,9 +143,6 @@ void MmfMessageMoverInterfaceImpl::DiscardCommandPort(MmCommandPort* port) {
 
 template <typename HandleT>
 void* MmfMessageMoverInterfaceImpl::CreateMessageT(uint32_t payloadSize, HandleT* msg) {
-    if (msg == nullptr) {
-        MMF_THROW("NULL arg.");
-    }
     MmBaseMessageHandle created;
     void* payload = pMsgMgr_->CreateMessage(payloadSize, &created);
     *msg = HandleT(created);
@@ -128,6 +152,7 @@ void* MmfMessageMoverInterfaceImpl::CreateMessageT(uint32_t payloadSize, HandleT
 
 template <typename HandleT>
 HandleT MmfMessageMoverInterfaceImpl::DuplicateMessageT(const HandleT& msg) {
+    GetMessageTracker(msg).CheckHeld(msg);
     const HandleT copy(pMsgMgr_->DuplicateMessage(msg.GetBinding()));
     GetMessageTracker(copy).Track(copy);
     return copy;
@@ -143,6 +168,9 @@ void MmfMessageMoverInterfaceImpl::FreeMessageT(const HandleT& msg) {
 void* MmfMessageMoverInterfaceImpl::CreateConnectionMessage(uint32_t payloadSize,
                                                             MmConnectionMessageHandle* msg) {
     MMF_TRACE(this);
+    if (msg == nullptr) {
+        MMF_THROW("NULL arg.");
+    }
     return CreateMessageT(payloadSize, msg);
 }
 
@@ -155,6 +183,9 @@ MmConnectionMessageHandle MmfMessageMoverInterfaceImpl::DuplicateConnectionMessa
 void* MmfMessageMoverInterfaceImpl::CreateCommandMessage(uint32_t payloadSize,
                                                          MmCommandMessageHandle* msg) {
     MMF_TRACE(this);
+    if (msg == nullptr) {
+        MMF_THROW("NULL arg.");
+    }
     return CreateMessageT(payloadSize, msg);
 }
 

@@ -21,7 +21,8 @@ class MmfMessageManager;
 // A named interface: creates and discards ports and messages for one user and accounts for what
 // the user holds (trackers and the three counters under root.vok.MessageMover.Iface.NAME.). Any
 // thread may use it. Created and destroyed by the framework; destruction reports leaked ports
-// and messages on the leak log and frees nothing.
+// and messages on the leak log and frees nothing, then closes the leaked ports: they leave the
+// registry and keep no way back to the interface.
 class MmfMessageMoverInterfaceImpl : public MessageMoverInterface {
   public:
     // The diagnostic option word: bit 0 logs written, bit 1 delivered, bit 2 read messages.
@@ -79,6 +80,7 @@ class MmfMessageMoverInterfaceImpl : public MessageMoverInterface {
   private:
     template <typename P>
     static std::string GetPortInfoForObjectTrackerT(const P& port);
+    void CloseLeakedPorts();
     template <typename HandleT>
     void* CreateMessageT(uint32_t payloadSize, HandleT* msg);
     template <typename HandleT>

@@ -65,13 +65,25 @@ MmfMessagePort::~MmfMessagePort() {
     MMF_TRACE(this);
     int freed = 0;
     while (!readerInfo_.queue.IsEmpty()) {
-        const MmBaseMessageHandle msg =
-            MmfMessageManager::GetBindingFromLink(readerInfo_.queue.RemoveFront());
-        AdjustMsgsHeldByPorts(-1);
-        pMsgMgr_->FreeMessage(msg);
-        ++freed;
+        try {
+            pMsgMgr_->FreeMessage(TakeFront());
+            ++freed;
+        } catch (const VokException&) {
+            // A corrupt message: TakeFront has quarantined it. The others are still freed.
+        }
     }
     gMmfLogger.Debug("Freed %d leftover messages.", freed);
+}
+
+inline MmBaseMessageHandle MmfMessagePort::TakeFront() {
+    MmfMessageLink& link = readerInfo_.queue.RemoveFront();
+    AdjustMsgsHeldByPorts(-1);
+    try {
+        return MmfMessageManager::GetBindingFromLink(link);
+    } catch (const VokException&) {
+        pMsgMgr_->Quarantine(link);  // The check has logged it with its dump.
+        throw;
+    }
 }
 
 void MmfMessagePort::SetInitialPortState(bool readable, bool writable, bool exception) {
@@ -140,8 +152,15 @@ VokError_t MmfMessagePort::ReadMessage(MmBaseMessageHandle* out) {
             eventMgr_.SetNotReadable();
             return kVokErrNoMessage;
         }
-        msg = MmfMessageManager::GetBindingFromLink(readerInfo_.queue.RemoveFront());
-        AdjustMsgsHeldByPorts(-1);
+        try {
+            msg = TakeFront();
+        } catch (const VokException&) {
+            // The corrupt message is out of the way; the next read returns the next one.
+            if (readerInfo_.queue.IsEmpty()) {
+                eventMgr_.SetNotReadable();
+            }
+            throw;
+        }
         if (IsPeerClosedMessage(msg)) {
             logger.Debug("%s: it's a <Peer Closed> Link Control Message.", __func__);
             readerInfo_.linkError = kVokErrPeerClosed;

@@ -32,7 +32,8 @@ class MmfMessageListT {
 
 // The sending and receiving end of a port: an address, a queue, a sequence-number generator for
 // what it writes and the port-event state. Any thread may write, read and use the port events.
-// Owned by its command or connection port; destroying it frees the messages still queued. Lock
+// Owned by its command or connection port; destroying it frees the messages still queued (and
+// quarantines those found corrupt; it never throws). Lock
 // order on a delivery: the writer's writeLock_, the connection manager's registry lock, then the
 // destination's readerLock_, then its queue lock or its event manager's state lock (never both).
 class MmfMessagePort : public PortEventInterface {
@@ -57,7 +58,8 @@ class MmfMessagePort : public PortEventInterface {
     // manager only, with its registry lock held.
     void AcceptIncomingMessage(const MmBaseMessageHandle& msg);
     // The oldest message into *out: 0, kVokErrNoMessage, or the sticky kVokErrPeerClosed once
-    // the peer's close has been read.
+    // the peer's close has been read. A corrupt message at the head is logged, quarantined and
+    // thrown for; the next read returns the next message.
     VokError_t ReadMessage(MmBaseMessageHandle* out);
 
     void RegisterPortEventSignalSink(SimpleAsyncInterface& sink) override;
@@ -73,6 +75,9 @@ class MmfMessagePort : public PortEventInterface {
         Mutex readerLock;       // Makes each accept and each read one step.
     };
 
+    // Takes the oldest message off the queue and counts it out of the port. A message that
+    // fails its check is quarantined, and the check's exception goes on.
+    MmBaseMessageHandle TakeFront();
     // The interface's option word (0 without an interface).
     uint32_t GetDiagOptions() const;
     void AdjustMsgsHeldByPorts(int32_t delta);

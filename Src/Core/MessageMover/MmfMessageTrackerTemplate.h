@@ -14,13 +14,16 @@ namespace vok {
 // that a user holds, linked into a list by their own links and counted in a register. A tracked
 // message is linked, so it cannot be queued, rebound or freed until it is untracked. Any thread
 // may use it. It never frees messages: destroying the tracker forgets them; ReportLeaks lists
-// them on the leak log.
+// them on the leak log and hands those found corrupt to the message manager's quarantine.
 template <typename T>
 class MmfMessageTrackerT {
   public:
     MmfMessageTrackerT(const std::string& containerName, const std::string& kindName,
-                       DiagnosticRegisterCounter* counter)
-        : containerName_(containerName), kindName_(kindName), pCounter_(counter) {}
+                       DiagnosticRegisterCounter* counter, MmfMessageManager* msgMgr)
+        : containerName_(containerName),
+          kindName_(kindName),
+          pCounter_(counter),
+          pMsgMgr_(msgMgr) {}
 
     // Checks the message first; a message in another list stops the process.
     void Track(const T& msg) {
@@ -33,7 +36,19 @@ class MmfMessageTrackerT {
         pCounter_->Inc();
     }
 
-    // Checks the message first; a message that is not in this list stops the process.
+    // Checks the message first. A message that is not in this list (held by another interface
+    // or as the other handle kind) throws "ERROR: link not on list or invalid link" and stays
+    // where it is.
+    void CheckHeld(const T& msg) {
+        MMF_TRACE(this);
+        MmfMessageLink& link = MmfMessageManager::GetLinkFromBinding(msg.GetBinding());
+        MutexLocker lock(mutex_);
+        if (!list_.Contains(link)) {
+            MMF_THROW("ERROR: link not on list or invalid link");
+        }
+    }
+
+    // Checks the message first; a message that is not in this list throws as CheckHeld does.
     void Untrack(const T& msg) {
         MMF_TRACE(this);
         MmfMessageLink& link = MmfMessageManager::GetLinkFromBinding(msg.GetBinding());
@@ -65,7 +80,15 @@ class MmfMessageTrackerT {
             T msg;
             {
                 MutexLocker lock(mutex_);
-                msg = T(MmfMessageManager::GetBindingFromLink(*list_.PeekAtIndex(i)));
+                MmfMessageLink& link = *list_.PeekAtIndex(i);
+                try {
+                    msg = T(MmfMessageManager::GetBindingFromLink(link));
+                } catch (const VokException&) {
+                    // Logged with its dump by the check. The report goes on; the list keeps the
+                    // message's link.
+                    pMsgMgr_->Quarantine(link);
+                    continue;
+                }
             }
             uint32_t payloadSize = 0;
             (void)msg.GetPayloadPtr(&payloadSize);
@@ -100,6 +123,7 @@ class MmfMessageTrackerT {
     const std::string containerName_;
     const std::string kindName_;
     DiagnosticRegisterCounter* const pCounter_;  // Not owned.
+    MmfMessageManager* const pMsgMgr_;           // Not owned; its quarantine takes corrupt ones.
     Mutex mutex_;                                // Protects list_.
     MmfMessageList list_;
 };

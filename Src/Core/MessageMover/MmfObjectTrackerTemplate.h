@@ -6,6 +6,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "Src/Core/MessageMover/MmfTrace.h"
 #include "vok/Mutex.h"
@@ -26,7 +27,7 @@ class MmfObjectTrackerT {
         : containerName_(containerName), kindName_(kindName), info_(info) {}
 
     // Throws when obj is already tracked.
-    void Track(const T_* obj) {
+    void Track(T_* obj) {
         MMF_TRACE(this);
         MutexLocker lock(mutex_);
         gMmfLogger.Debug("Tracking obj %s ptr=<%p>.", kindName_.c_str(),
@@ -78,6 +79,15 @@ class MmfObjectTrackerT {
         }
     }
 
+    // Every tracked object, in pointer order; nothing is tracked afterwards.
+    std::vector<T_*> TakeAll() {
+        MMF_TRACE(this);
+        MutexLocker lock(mutex_);
+        std::vector<T_*> taken(tracked_.begin(), tracked_.end());
+        tracked_.clear();
+        return taken;
+    }
+
   private:
     // Orders tracked objects by address and finds them by a pointer to one of their bases: the
     // tracked (live) object is converted to the base, the searched pointer is left alone.
@@ -93,7 +103,7 @@ class MmfObjectTrackerT {
             return std::less<const P*>()(a, b);
         }
     };
-    typedef std::set<const T_*, ByAddress> TrackedSet;
+    typedef std::set<T_*, ByAddress> TrackedSet;
 
     const std::string containerName_;
     const std::string kindName_;

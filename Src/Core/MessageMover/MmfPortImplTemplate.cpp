@@ -54,9 +54,17 @@ MmfPortImplT<PortBase, HandleT>::~MmfPortImplT() {
 }
 
 template <typename PortBase, typename HandleT>
+void MmfPortImplT<PortBase, HandleT>::RequireInterface() const {
+    if (pIface_ == nullptr) {
+        MMF_THROW("Port's interface was discarded.");
+    }
+}
+
+template <typename PortBase, typename HandleT>
 VokError_t MmfPortImplT<PortBase, HandleT>::WriteMessage(HandleT& msg,
                                                          MmMessageSerial_t* serialOut) {
     MMF_TRACE(this);
+    RequireInterface();
     const uint32_t protocolId =
         MmfMessageManager::GetHeaderFromBinding(msg.GetBinding()).GetProtocolId();
     if (protocolId == kLinkControlProtocolId) {
@@ -65,13 +73,14 @@ VokError_t MmfPortImplT<PortBase, HandleT>::WriteMessage(HandleT& msg,
             __func__, pIface_->GetName().c_str(), static_cast<long>(protocolId));
         MMF_THROW("Writing a user message with internal protocolId is not allowed.");
     }
-    if (peerAddress_ != 0) {
-        MmfMessageManager::GetHeaderFromBinding(msg.GetBinding()).SetDestAddress(peerAddress_);
-    }
+    // Only a message the writer holds is touched.
     MmfMessageTrackerT<HandleT>& tracker = pIface_->GetMessageTracker(msg);
     tracker.Untrack(msg);
     bool takenOver = false;
     const HeldMessageRestorer<HandleT> restorer(tracker, msg, takenOver);
+    if (peerAddress_ != 0) {
+        MmfMessageManager::GetHeaderFromBinding(msg.GetBinding()).SetDestAddress(peerAddress_);
+    }
     const VokError_t result = messagePort_.WriteMessage(msg.GetBinding(), serialOut, &takenOver);
     if (result == kVokErrUnreachable) {
         // A connection port's only destination is its peer; a command port's writer learns of
@@ -84,6 +93,7 @@ VokError_t MmfPortImplT<PortBase, HandleT>::WriteMessage(HandleT& msg,
 template <typename PortBase, typename HandleT>
 VokError_t MmfPortImplT<PortBase, HandleT>::ReadMessage(HandleT* msg) {
     MMF_TRACE(this);
+    RequireInterface();
     if (msg == nullptr) {
         MMF_THROW("NULL arg.");
     }
@@ -112,12 +122,14 @@ VokError_t MmfPortImplT<PortBase, HandleT>::ReadMessage(HandleT* msg) {
 template <typename PortBase, typename HandleT>
 void MmfPortImplT<PortBase, HandleT>::RegisterPortEventSignalSink(SimpleAsyncInterface& sink) {
     MMF_TRACE(this);
+    RequireInterface();
     messagePort_.RegisterPortEventSignalSink(sink);
 }
 
 template <typename PortBase, typename HandleT>
 void MmfPortImplT<PortBase, HandleT>::UnregisterPortEventSignalSink() {
     MMF_TRACE(this);
+    RequireInterface();
     messagePort_.UnregisterPortEventSignalSink();
 }
 
@@ -125,6 +137,7 @@ template <typename PortBase, typename HandleT>
 void MmfPortImplT<PortBase, HandleT>::WatchPortEvents(bool readable, bool writable,
                                                       bool exception) {
     MMF_TRACE(this);
+    RequireInterface();
     messagePort_.WatchPortEvents(readable, writable, exception);
 }
 
@@ -132,6 +145,7 @@ template <typename PortBase, typename HandleT>
 void MmfPortImplT<PortBase, HandleT>::GetPortState(bool* readable, bool* writable,
                                                    bool* exception) {
     MMF_TRACE(this);
+    RequireInterface();
     messagePort_.GetPortState(readable, writable, exception);
 }
 

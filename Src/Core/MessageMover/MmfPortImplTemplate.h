@@ -15,7 +15,9 @@ class MmfMessageMoverInterfaceImpl;
 // handle) around an MmfMessagePort. It keeps the interface's record of held messages in step: a
 // message read becomes held by the user, a message written stops being so. Any thread may use
 // it. Created by the connection manager for an interface, destroyed by the interface's discard
-// operation after unregistering; destroying it frees the messages still queued.
+// operation after unregistering; destroying it frees the messages still queued. A port still
+// open when its interface is discarded is orphaned instead: unregistered and never destroyed,
+// and every call on it throws.
 template <typename PortBase, typename HandleT>
 class MmfPortImplT : public PortBase {
   public:
@@ -35,16 +37,24 @@ class MmfPortImplT : public PortBase {
 
     MmfMessagePort* GetMessagePort() { return &messagePort_; }
     const MmfMessagePort* GetMessagePort() const { return &messagePort_; }
+    // NULL once orphaned.
     MmfMessageMoverInterfaceImpl* GetInterface() const { return pIface_; }
+    // Cuts the port from its interface, which is being destroyed; the port must be unregistered
+    // already. Its queue stays as it is.
+    void Orphan() { pIface_ = nullptr; }
 
   protected:
+    // Throws "Port's interface was discarded." for an orphaned port.
+    void RequireInterface() const;
+
     // peerAddress is 0 for a command port, which may write to any address and read from anyone.
     MmfPortImplT(MmfMessageMoverInterfaceImpl* iface, MessageMoverFrameworkImpl* framework,
                  MmfPortAddress address, MmfPortAddress peerAddress);
 
     MessageMoverFrameworkImpl* const pFramework_;
     MmfMessageManager* pMsgMgr_;  // Set once the message port has accepted the framework.
-    MmfMessageMoverInterfaceImpl* const pIface_;
+    // Set until the port is orphaned; used by the user's calls only, which check it first.
+    MmfMessageMoverInterfaceImpl* pIface_;
     const MmfPortAddress peerAddress_;
     MmfMessagePort messagePort_;
 };

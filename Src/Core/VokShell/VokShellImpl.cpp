@@ -1,9 +1,9 @@
 #include "Src/Core/VokShell/VokShellImpl.h"
 
 #include <cassert>
-#include <cstdlib>
 #include <exception>
 
+#include "Src/Utils/Linux/UncaughtException.h"
 #include "Src/Utils/VokThrow.h"
 #include "vok/DiagnosticRegister.h"
 #include "vok/MessageMoverFramework.h"
@@ -21,20 +21,13 @@ const uint8_t kStopEventMessageType = 3;
 
 // Blade code must not let exceptions escape: report which blade and what, then stop the process
 // (the blade's resources and the shell's stop handshake cannot be recovered).
-[[noreturn]] void BladeCodeThrew(const Logger& logger, const std::string& blade, const char* step,
-                                 const char* what) {
-    logger.Critical("Blade <%s> threw an exception out of %s: %s", blade.c_str(), step, what);
-    std::abort();
-}
-
 template <typename Fn>
 void RunBladeCode(const Logger& logger, const std::string& blade, const char* step, Fn&& fn) {
     try {
         fn();
-    } catch (const std::exception& e) {
-        BladeCodeThrew(logger, blade, step, e.what());
     } catch (...) {
-        BladeCodeThrew(logger, blade, step, "unknown exception");
+        const std::string what = "Blade <" + blade + "> threw an exception out of " + step;
+        AbortOnException(logger, what.c_str(), std::current_exception());
     }
 }
 

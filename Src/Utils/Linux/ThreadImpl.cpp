@@ -2,7 +2,11 @@
 
 #include <glib.h>
 
+#include <exception>
+
+#include "Src/Utils/Linux/UncaughtException.h"
 #include "Src/Utils/VokThrow.h"
+#include "vok/Logger.h"
 #include "vok/Thread.h"
 
 namespace vok {
@@ -11,8 +15,17 @@ ThreadImpl::ThreadImpl(const std::string& name, const std::function<void()>& ent
     : name_(name), pThread_(nullptr), entry_(entry) {}
 
 void* ThreadImpl::ThreadEntry(void* data) {
+    ThreadImpl* self = static_cast<ThreadImpl*>(data);
+    // An exception must not leave into GLib's thread code (that ends in std::terminate with no
+    // trace of where it came from): name the thread and what was thrown, then stop the process.
     // An empty callable raises std::bad_function_call here, on the new thread.
-    static_cast<ThreadImpl*>(data)->entry_();
+    try {
+        self->entry_();
+    } catch (...) {
+        static const Logger logger("VOK.Thread");
+        const std::string what = "Thread <" + self->name_ + "> ended by an exception";
+        AbortOnException(logger, what.c_str(), std::current_exception());
+    }
     return nullptr;
 }
 

@@ -41,11 +41,12 @@ bool Expired(const Timespec& expiry, const Timespec& now) {
            (expiry.tv_sec == now.tv_sec && expiry.tv_nsec <= now.tv_nsec);
 }
 
-// Hands an exception raised while GLib prepares or checks the source to its dispatcher.
+// Hands an exception raised while GLib prepares or checks the source to its dispatcher; it must
+// not unwind through GLib.
 void KeepForOwner(GSource* source) {
     RuntimeDispatcherImpl* owner = reinterpret_cast<GlibTimerSource*>(source)->owner;
     if (owner == nullptr) {
-        throw;
+        RuntimeDispatcherImpl::AbortOnOrphanException(std::current_exception());
     }
     owner->KeepException(std::current_exception());
 }

@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 
 #include "Src/Utils/RuntimeDispatcher/Linux/RdTimerImpl.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "Src/Utils/VokThrow.h"
 #include "vok/JsonObjectFindResult.h"
 #include "vok/JsonToken.h"
+#include "vok/Logger.h"
 #include "vok/RdAlarm.h"
 #include "vok/RdKvCall.h"
 #include "vok/RuntimeDispatcher.h"
@@ -20,6 +22,71 @@ namespace vok {
 namespace {
 
 const char kPowerService[] = "com.orvex.power";
+// The longest relative time the service takes: 23:59:59.
+const unsigned kMaxRelativeSeconds = 24 * 3600 - 1;
+
+const Logger& AlarmLogger() {
+    static const Logger logger("VOK.Dispatcher.Alarm");
+    return logger;
+}
+
+int64_t NowUs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_BOOTTIME, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+// The fields of a reply from the power service.
+struct AlarmReply {
+    bool hasReturnValue = false;
+    bool returnValue = false;
+    bool hasId = false;
+    uint32_t id = 0;
+    bool fired = false;
+};
+
+// Reads payload into *reply; returns what is wrong with it, or NULL when it is well formed.
+const char* ParseAlarmReply(const char* payload, AlarmReply* reply) {
+    JsonToken json;
+    if (payload == nullptr || !json.ParseJsonString(payload) ||
+        json.GetValueType() != JsonToken::kValueTypeObject) {
+        return "bad json string";
+    }
+    JsonObjectConstFindResult returnValue = json.ObjectFindPair("returnValue");
+    if (returnValue->HasValue()) {
+        if (returnValue->GetValueType() != JsonToken::kValueTypeBoolean) {
+            return "bad returnValue type";
+        }
+        reply->hasReturnValue = true;
+        reply->returnValue = returnValue->BooleanGetValue();
+    }
+    JsonObjectConstFindResult alarmId = json.ObjectFindPair("alarmId");
+    if (alarmId->HasValue()) {
+        if (alarmId->GetValueType() != JsonToken::kValueTypeNumber) {
+            return "bad alarmId type";
+        }
+        const double id = alarmId->NumberGetValue();
+        // Ids are 32-bit unsigned integers; anything else would alias another alarm.
+        if (!(id >= 0 && id <= 4294967295.0) ||
+            id != static_cast<double>(static_cast<int64_t>(id))) {
+            return "bad alarmId value";
+        }
+        reply->hasId = true;
+        reply->id = static_cast<uint32_t>(id);
+    }
+    JsonObjectConstFindResult fired = json.ObjectFindPair("fired");
+    if (fired->HasValue()) {
+        if (fired->GetValueType() != JsonToken::kValueTypeBoolean) {
+            return "bad fired type";
+        }
+        reply->fired = fired->BooleanGetValue();
+    }
+    return nullptr;
+}
+
+const char* Printable(const char* payload) {
+    return payload != nullptr ? payload : "(none)";
+}
 
 }  // namespace
 
@@ -33,7 +100,10 @@ RdAlarmImpl::RdAlarmImpl(RuntimeDispatcherImpl* dispatcher, std::function<void()
       client_(nullptr),
       currentCall_(nullptr),
       alarmId_(0),
-      alarmState_(kNoRequest) {
+      alarmState_(kNoRequest),
+      dueUs_(0),
+      serviceDueUs_(0),
+      running_(0) {
     client_ = dispatcher_->GetVokKvClient(kPowerService);
     timer_ = new RdTimerImpl(dispatcher_, [this]() { RdTimerCb(); });
     client_->AddRegStatusObserver(this, [this](bool connected) { RegStatusCb(connected); });
@@ -46,27 +116,26 @@ RdAlarmImpl::~RdAlarmImpl() {
     RemoveAllFromRemoveCallList();
 }
 
+unsigned RdAlarmImpl::RelativeSeconds(unsigned int milliseconds) {
+    const uint64_t seconds = (static_cast<uint64_t>(milliseconds) + 999) / 1000;
+    return seconds > kMaxRelativeSeconds ? kMaxRelativeSeconds : static_cast<unsigned>(seconds);
+}
+
 std::string RdAlarmImpl::RelativeTime(unsigned int milliseconds) {
-    unsigned hours = 0;
-    unsigned minutes = 0;
-    unsigned seconds = milliseconds / 1000;
-    if (seconds > 59) {
-        const unsigned m = seconds / 60;
-        seconds %= 60;
-        if (m <= 59) {
-            minutes = m;
-        } else if (m / 60 > 23) {
-            hours = 23;
-            minutes = 59;
-            seconds = 59;
-        } else {
-            hours = m / 60;
-            minutes = m % 60;
-        }
-    }
+    const unsigned seconds = RelativeSeconds(milliseconds);
     char text[16];
-    std::snprintf(text, sizeof text, "%02u:%02u:%02u", hours, minutes, seconds);
+    std::snprintf(text, sizeof text, "%02u:%02u:%02u", seconds / 3600, seconds / 60 % 60,
+                  seconds % 60);
     return text;
+}
+
+unsigned RdAlarmImpl::RemainingMs() const {
+    const int64_t left = dueUs_ - NowUs();
+    if (left <= 0) {
+        return 0;
+    }
+    const int64_t ms = (left + 999) / 1000;
+    return ms > UINT32_MAX ? UINT32_MAX : static_cast<unsigned>(ms);
 }
 
 void RdAlarmImpl::Schedule(unsigned int milliseconds) {
@@ -76,18 +145,27 @@ void RdAlarmImpl::Schedule(unsigned int milliseconds) {
 void RdAlarmImpl::StartAlarm(bool useTimer, unsigned int milliseconds) {
     Cancel();
     intervalMs_ = milliseconds;
-    if (useTimer) {
-        timer_->Schedule(milliseconds);
-    } else {
-        MakeAlarmCall(milliseconds);
-    }
+    dueUs_ = NowUs() + static_cast<int64_t>(milliseconds) * 1000;
     scheduled_ = true;
+    Arm(useTimer);
 }
 
 void RdAlarmImpl::Reschedule(bool useTimer) {
-    // The whole interval starts again from now.
     if (scheduled_) {
-        StartAlarm(useTimer, intervalMs_);
+        Arm(useTimer);
+    }
+}
+
+void RdAlarmImpl::Arm(bool useTimer) {
+    timer_->Cancel();
+    RemoveAlarm();
+    currentCall_ = nullptr;
+    alarmState_ = kNoRequest;
+    alarmId_ = 0;
+    if (useTimer) {
+        timer_->Schedule(RemainingMs());
+    } else {
+        MakeAlarmCall(RemainingMs());
     }
 }
 
@@ -104,64 +182,104 @@ void RdAlarmImpl::MakeAlarmCall(unsigned int milliseconds) {
         RelativeTime(milliseconds) + "\"}";
     currentCall_ = NewCall(&RdAlarmImpl::AlarmCallbackFunc);
     callList_.push_back(currentCall_);
-    currentCall_->Call(kPowerService, "time/alarmAdd", payload);
+    try {
+        currentCall_->Call(kPowerService, "time/alarmAdd", payload);
+    } catch (const VokResourceException& e) {
+        AlarmLogger().Critical("alarm %p: cannot ask the power service (%s); the timer takes over",
+                               static_cast<void*>(this), e.what());
+        RemoveFromCallList(currentCall_);
+        currentCall_ = nullptr;
+        timer_->Schedule(milliseconds);
+        return;
+    }
     alarmState_ = kAddSent;
+    serviceDueUs_ = NowUs() + static_cast<int64_t>(RelativeSeconds(milliseconds)) * 1000000;
+    timer_->Schedule(kAddReplyLimitMs);  // the guard until the service answers
 }
 
 void RdAlarmImpl::AlarmCallbackFunc(RdKvCall* call, void*, KVMessage* reply) {
-    JsonToken json;
+    Holder hold(this);  // the user's callback may destroy the alarm
     const char* payload = KVMessageGetPayload(reply);
-    if (payload == nullptr || !json.ParseJsonString(payload) ||
-        json.GetValueType() != JsonToken::kValueTypeObject) {
-        VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "bad json string");
-    }
-    JsonObjectConstFindResult returnValue = json.ObjectFindPair("returnValue");
-    if (returnValue->HasValue()) {
-        if (returnValue->GetValueType() != JsonToken::kValueTypeBoolean) {
-            VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "bad returnValue type");
-        }
-        if (!returnValue->BooleanGetValue()) {
-            const bool wasCurrent = call == currentCall_;
-            RemoveFromCallList(call);
-            if (wasCurrent) {
-                // The service rejected the alarm: the timer takes over with the full interval.
-                currentCall_ = nullptr;
-                Reschedule(true);
-            }
-            return;
-        }
-    }
-    uint32_t id = 0;
-    JsonObjectConstFindResult alarmId = json.ObjectFindPair("alarmId");
-    if (alarmId->HasValue()) {
-        if (alarmId->GetValueType() != JsonToken::kValueTypeNumber) {
-            VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "bad alarmId type");
-        }
-        id = static_cast<uint32_t>(static_cast<int64_t>(alarmId->NumberGetValue()));
-        if (call != currentCall_) {
-            // A reply to an abandoned request: take its alarm back unless it already fired.
-            const bool fired = HasFired(json);
-            RemoveFromCallList(call);
-            if (!fired) {
-                RemoveAlarm(id);
-            }
-            return;
-        }
-        if (alarmState_ == kAddSent) {
-            alarmState_ = kIdKnown;
-            alarmId_ = id;
-        }
-    }
-    if (alarmState_ != kIdKnown || alarmId_ != id) {
+    const bool last = KVMessageIsLastReply(reply);
+    if (call != currentCall_) {
+        StaleReply(call, payload, last);
         return;
     }
-    if (HasFired(json)) {
-        if (!scheduled_) {
-            VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "alarm fired when not scheduled");
+    CurrentReply(payload, last);
+    // A request that ended but is no longer the current one (the timer took over while its id
+    // was unknown) has nothing more to say.
+    if (last && call != currentCall_) {
+        RemoveFromCallList(call);
+    }
+}
+
+void RdAlarmImpl::CurrentReply(const char* payload, bool last) {
+    AlarmReply fields;
+    if (const char* fault = ParseAlarmReply(payload, &fields)) {
+        AlarmLogger().Critical(
+            "alarm %p: malformed reply from the power service (%s): %s; the timer takes over",
+            static_cast<void*>(this), fault, Printable(payload));
+        Arm(true);
+        return;
+    }
+    if (fields.hasReturnValue && !fields.returnValue) {
+        // A refusal is an answer, not a fault: the timer carries this firing.
+        AlarmLogger().Warning("alarm %p: the power service refused it: %s; the timer takes over",
+                              static_cast<void*>(this), Printable(payload));
+        Arm(true);
+        return;
+    }
+    if (fields.hasId && alarmState_ == kAddSent) {
+        alarmState_ = kIdKnown;
+        alarmId_ = fields.id;
+        // The guard now waits for the fired notice.
+        const int64_t noticeDueUs = serviceDueUs_ - NowUs() + kNoticeOverdueMs * 1000;
+        timer_->Schedule(noticeDueUs > 0 ? static_cast<unsigned>((noticeDueUs + 999) / 1000) : 0);
+    }
+    if (fields.fired && alarmState_ == kIdKnown && fields.hasId && fields.id == alarmId_) {
+        OnServiceFired();
+        return;
+    }
+    if (last) {
+        AlarmLogger().Critical(
+            "alarm %p: the power service ended the request unexpectedly: %s; the timer takes over",
+            static_cast<void*>(this), Printable(payload));
+        Arm(true);
+    }
+}
+
+void RdAlarmImpl::StaleReply(RdKvCall* call, const char* payload, bool last) {
+    // A reply to a request this alarm gave up: take its alarm back unless it already fired. A
+    // late fired notice is dropped here, so the callback runs once.
+    AlarmReply fields;
+    const char* fault = ParseAlarmReply(payload, &fields);
+    if (fault == nullptr && fields.hasId && (!fields.hasReturnValue || fields.returnValue)) {
+        RemoveFromCallList(call);
+        if (!fields.fired) {
+            RemoveAlarm(fields.id);
         }
-        alarmState_ = kNoRequest;
+    } else if (last || fault != nullptr || (fields.hasReturnValue && !fields.returnValue)) {
+        RemoveFromCallList(call);
+    }
+}
+
+void RdAlarmImpl::OnServiceFired() {
+    if (!scheduled_) {
+        VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "alarm fired when not scheduled");
+    }
+    alarmState_ = kNoRequest;  // nothing left to remove at the service
+    const int64_t now = NowUs();
+    if (now >= dueUs_) {
         Cancel();
         CallUserCb();
+    } else if (now >= serviceDueUs_) {
+        // The service kept its time, which was capped at 23:59:59: ask again for the rest.
+        Arm(false);
+    } else {
+        AlarmLogger().Critical(
+            "alarm %p: the power service fired it %lld ms early; the timer takes over",
+            static_cast<void*>(this), static_cast<long long>((serviceDueUs_ - now) / 1000));
+        Arm(true);
     }
 }
 
@@ -169,20 +287,28 @@ void RdAlarmImpl::AlarmRemoveCallbackFunc(RdKvCall* call, void*, KVMessage*) {
     RemoveFromRemoveCallList(call);
 }
 
-bool RdAlarmImpl::HasFired(const JsonToken& reply) {
-    JsonObjectConstFindResult fired = reply.ObjectFindPair("fired");
-    if (!fired->HasValue()) {
-        return false;
-    }
-    if (fired->GetValueType() != JsonToken::kValueTypeBoolean) {
-        VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "bad fired type");
-    }
-    return fired->BooleanGetValue();
-}
-
 void RdAlarmImpl::RdTimerCb() {
     if (!scheduled_) {
         VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "alarm fired when not scheduled");
+    }
+    if (currentCall_ != nullptr) {
+        // The guard: the service is silent (a hung service still owns its bus name).
+        if (alarmState_ == kAddSent) {
+            AlarmLogger().Error(
+                "alarm %p: no answer from the power service within %u ms; the timer takes over",
+                static_cast<void*>(this), kAddReplyLimitMs);
+        } else {
+            AlarmLogger().Error(
+                "alarm %p: the power service's notice of alarm %lu is overdue; the timer takes "
+                "over",
+                static_cast<void*>(this), static_cast<unsigned long>(alarmId_));
+        }
+        Arm(true);
+        return;
+    }
+    if (NowUs() < dueUs_) {
+        timer_->Schedule(RemainingMs());
+        return;
     }
     Cancel();
     CallUserCb();
@@ -190,6 +316,17 @@ void RdAlarmImpl::RdTimerCb() {
 
 void RdAlarmImpl::CallUserCb() {
     Holder hold(this);
+    // Declared after hold, so it runs first: callables retired by ChangeCb during the call are
+    // released once the outermost call has returned.
+    struct Running {
+        explicit Running(RdAlarmImpl* alarm) : alarm_(alarm) { ++alarm_->running_; }
+        ~Running() {
+            if (--alarm_->running_ == 0) {
+                alarm_->retired_.clear();
+            }
+        }
+        RdAlarmImpl* alarm_;
+    } running(this);
     callback_();  // std::bad_function_call when empty.
 }
 
@@ -263,6 +400,8 @@ void RdAlarmImpl::RemoveAllFromRemoveCallList() {
 void RdAlarmImpl::RegStatusCb(bool connected) {
     if (!connected) {
         currentCall_ = nullptr;
+        alarmState_ = kNoRequest;
+        alarmId_ = 0;
         RemoveAllFromCallList();
         RemoveAllFromRemoveCallList();
         if (useTimer_) {
@@ -280,7 +419,10 @@ void RdAlarmImpl::RegStatusCb(bool connected) {
 }
 
 void RdAlarmImpl::ChangeCb(std::function<void()> callback) {
-    callback_.swap(callback);
+    if (running_ > 0) {
+        retired_.push_back(std::move(callback_));  // it may be the one running
+    }
+    callback_ = std::move(callback);
 }
 
 void RdAlarmImpl::Discard() {

@@ -26,7 +26,7 @@ void RdAsyncBridgeImpl::Trigger() {
 }
 
 void RdAsyncBridgeImpl::ChangeCb(std::function<void()> callback) {
-    callback_.swap(callback);
+    callback_.Replace(std::move(callback));
 }
 
 void RdAsyncBridgeImpl::Discard() {

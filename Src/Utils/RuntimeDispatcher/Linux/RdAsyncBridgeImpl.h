@@ -6,6 +6,7 @@
 
 #include <functional>
 
+#include "Src/Utils/RuntimeDispatcher/Linux/RdCallback.h"
 #include "vok/Mutex.h"
 #include "vok/VokTypes.h"
 
@@ -30,7 +31,7 @@ class RdAsyncBridgeImpl : public RefCounted {
     ~RdAsyncBridgeImpl() override = default;
 
     RuntimeDispatcherImpl* dispatcher_;  // Not owned.
-    std::function<void()> callback_;
+    RdCallback<void()> callback_;
     Mutex lock_;       // Protects source_: makes the test-and-create atomic with its clearing.
     GSource* source_;  // The pending idle source, or null; the context holds its only reference.
 };

@@ -64,7 +64,7 @@ void RdDescriptorMonitorImpl::SetEventMask(bool read, bool write, bool exception
 }
 
 void RdDescriptorMonitorImpl::ChangeCb(std::function<void(bool, bool, bool)> callback) {
-    callback_.swap(callback);
+    callback_.Replace(std::move(callback));
 }
 
 void RdDescriptorMonitorImpl::Cancel() {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 
+#include "Src/Utils/RuntimeDispatcher/Linux/RdCallback.h"
 #include "vok/VokTypes.h"
 
 namespace vok {
@@ -34,7 +35,7 @@ class RdDescriptorMonitorImpl : public RefCounted {
 
     int32_t fd_;                         // Not owned.
     RuntimeDispatcherImpl* dispatcher_;  // Not owned.
-    std::function<void(bool, bool, bool)> callback_;
+    RdCallback<void(bool, bool, bool)> callback_;
     GIOChannel* channel_;  // Owned reference.
     GSource* source_;      // The current watch, or null; the context holds its only reference.
     bool watchRead_;

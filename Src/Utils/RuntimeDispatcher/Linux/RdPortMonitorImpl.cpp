@@ -42,7 +42,7 @@ void RdPortMonitorImpl::SetEventMask(bool read, bool write, bool exception) {
 }
 
 void RdPortMonitorImpl::ChangeCb(std::function<void(bool, bool, bool)> callback) {
-    callback_.swap(callback);
+    callback_.Replace(std::move(callback));
 }
 
 void RdPortMonitorImpl::CallbackFunc(RdAsyncBridge*, void*) {

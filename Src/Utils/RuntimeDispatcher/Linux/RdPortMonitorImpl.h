@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 
+#include "Src/Utils/RuntimeDispatcher/Linux/RdCallback.h"
 #include "vok/VokTypes.h"
 
 namespace vok {
@@ -33,7 +34,7 @@ class RdPortMonitorImpl : public RefCounted {
 
     PortEventInterface& port_;  // Not owned; outlives the monitor.
     RuntimeDispatcher& dispatcher_;
-    std::function<void(bool, bool, bool)> callback_;
+    RdCallback<void(bool, bool, bool)> callback_;
     bool maskRead_;
     bool maskWrite_;
     bool maskException_;

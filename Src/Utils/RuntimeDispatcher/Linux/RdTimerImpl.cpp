@@ -32,7 +32,7 @@ void RdTimerImpl::Cancel() {
 }
 
 void RdTimerImpl::ChangeCb(std::function<void()> callback) {
-    callback_.swap(callback);
+    callback_.Replace(std::move(callback));
 }
 
 void RdTimerImpl::Discard() {

@@ -6,6 +6,7 @@
 
 #include <functional>
 
+#include "Src/Utils/RuntimeDispatcher/Linux/RdCallback.h"
 #include "vok/VokTypes.h"
 
 namespace vok {
@@ -29,7 +30,7 @@ class RdTimerImpl : public RefCounted {
     ~RdTimerImpl() override;
 
     RuntimeDispatcherImpl* dispatcher_;  // Not owned.
-    std::function<void()> callback_;
+    RdCallback<void()> callback_;
     GSource* source_;  // The armed source, or null; the context holds its only reference.
 };
 

@@ -4,8 +4,10 @@
 
 #include <map>
 
+#include "Src/Utils/Linux/UncaughtException.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/Kelvra/VokKvError.h"
 #include "Src/Utils/VokThrow.h"
+#include "vok/Logger.h"
 #include "vok/Mutex.h"
 #include "vok/RuntimeDispatcher.h"
 #include "vok/VokKvClient.h"
@@ -13,6 +15,11 @@
 namespace vok {
 
 namespace {
+
+const Logger& DispatcherLogger() {
+    static const Logger logger("VOK.Dispatcher");
+    return logger;
+}
 
 // Which dispatcher a bus handle belongs to, so that bus callbacks can hand their exceptions to
 // it. Protects the map.
@@ -48,17 +55,34 @@ VokKvClient* RuntimeDispatcherImpl::GetVokKvClient(const std::string& serviceNam
     return clientMgr_->GetClient(serviceName);
 }
 
+namespace {
+
+// A lost bus is an expected event: the handle reconnects by itself; the log says what happened.
+void OnBusConnection(KVHandle*, bool connected, void*) {
+    static const Logger logger("VOK.Dispatcher.Bus");
+    if (connected) {
+        logger.Warning("bus connection restored");
+    } else {
+        logger.Warning("bus connection lost; reconnecting");
+    }
+}
+
+}  // namespace
+
 void RuntimeDispatcherImpl::InitKelvra() {
     if (kvHandle_ != nullptr) {
         return;
     }
+    // Made even when the bus is not there yet: calls then end through their callbacks with the
+    // bus-unavailable error, and the handle connects once the bus is up.
     VokKvError error;
-    error.result = KVRegister(nullptr, &kvHandle_, &error.error);
+    error.result = KVRegisterWithFlags(nullptr, KV_REGISTER_ALLOW_NO_BUS, &kvHandle_, &error.error);
     if (!error.result) {
         kvHandle_ = nullptr;
         VOK_THROW_RESOURCE_ERROR(kVokErrFailed, error.Message());
     }
-    error.result = KVGmainAttach(kvHandle_, context_, &error.error);
+    error.result = KVGmainAttach(kvHandle_, context_, &error.error) &&
+                   KVSetConnectionFunc(kvHandle_, &OnBusConnection, nullptr, &error.error);
     if (error.result) {
         MutexLocker lock(HandleRegistryLock());
         HandleRegistry()[kvHandle_] = this;
@@ -89,7 +113,8 @@ RuntimeDispatcherImpl::RuntimeDispatcherImpl(GMainContext* context)
     : context_(context != nullptr ? g_main_context_ref(context) : g_main_context_new()),
       loop_(nullptr),
       kvHandle_(nullptr),
-      clientMgr_(nullptr) {
+      clientMgr_(nullptr),
+      inRun_(false) {
     if (context_ != nullptr) {
         loop_ = g_main_loop_new(context_, FALSE);
         if (loop_ != nullptr) {
@@ -116,24 +141,48 @@ void RuntimeDispatcherImpl::Run() {
     if (g_main_loop_is_running(loop_)) {
         return;
     }
-    RethrowPending();
+    inRun_ = true;
     g_main_loop_run(loop_);
-    RethrowPending();
-}
-
-void RuntimeDispatcherImpl::KeepException(std::exception_ptr exception) noexcept {
-    if (!pending_) {
-        pending_ = exception;
-    }
-    g_main_loop_quit(loop_);
-}
-
-void RuntimeDispatcherImpl::RethrowPending() {
+    inRun_ = false;
     if (pending_) {
         std::exception_ptr exception = pending_;
         pending_ = nullptr;
         std::rethrow_exception(exception);
     }
+}
+
+void RuntimeDispatcherImpl::KeepException(std::exception_ptr exception) noexcept {
+    if (inRun_) {
+        if (!pending_) {
+            pending_ = exception;
+            g_main_loop_quit(loop_);
+        } else {
+            DispatcherLogger().Critical(
+                "Dispatcher %p: a further exception before Run returned is dropped: %s",
+                static_cast<void*>(this), DescribeException(exception).c_str());
+        }
+        return;
+    }
+    if (!handler_) {
+        AbortOnException(DispatcherLogger(),
+                         "Exception out of a dispatcher callback with no Run in progress",
+                         exception);
+    }
+    try {
+        handler_(exception);
+    } catch (...) {
+        AbortOnException(DispatcherLogger(), "Exception out of a dispatcher's exception handler",
+                         std::current_exception());
+    }
+}
+
+void RuntimeDispatcherImpl::SetExceptionHandler(std::function<void(std::exception_ptr)> handler) {
+    handler_ = std::move(handler);
+}
+
+void RuntimeDispatcherImpl::AbortOnOrphanException(std::exception_ptr exception) noexcept {
+    AbortOnException(DispatcherLogger(), "Exception out of a callback that no dispatcher owns",
+                     exception);
 }
 
 void RuntimeDispatcherImpl::RequestStop() {
@@ -152,6 +201,9 @@ void RuntimeDispatcher::Run() {
 }
 void RuntimeDispatcher::RequestStop() {
     impl_->RequestStop();
+}
+void RuntimeDispatcher::SetExceptionHandler(std::function<void(std::exception_ptr)> handler) {
+    impl_->SetExceptionHandler(std::move(handler));
 }
 GMainLoop* RuntimeDispatcher::GetInternalLoop(RuntimeDispatcher& dispatcher) {
     return dispatcher.impl_->GetLoop();

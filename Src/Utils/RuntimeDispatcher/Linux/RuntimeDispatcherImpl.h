@@ -5,6 +5,7 @@
 #include <glib.h>
 
 #include <exception>
+#include <functional>
 #include <string>
 
 typedef struct KVHandle KVHandle;
@@ -30,8 +31,11 @@ class RuntimeDispatcherImpl {
     GMainContext* GetContext() const { return context_; }
     GMainLoop* GetLoop() const { return loop_; }
 
-    // The dispatcher's bus handle, attached to its context; registers on first use and throws
-    // VokResourceException (kVokErrFailed) when the bus refuses (a later call tries again).
+    // The dispatcher's bus handle, attached to its context, made on first use. It lives as long
+    // as the dispatcher, across losses of the bus: without a bus (also at first use) its calls
+    // end through their callbacks with the bus-unavailable error, and it reconnects by itself.
+    // Throws VokResourceException (kVokErrFailed) only when no handle can be made at all (no
+    // bus address); a later call tries again.
     KVHandle* GetKvHandle();
     // The dispatcher's client of serviceName, created on first use.
     VokKvClient* GetVokKvClient(const std::string& serviceName);
@@ -40,10 +44,10 @@ class RuntimeDispatcherImpl {
     // The dispatcher whose bus handle this is, or null.
     static RuntimeDispatcherImpl* FromKvHandle(KVHandle* handle);
 
-    // Runs fn, a callback given to GLib or the bus library. An exception leaving it is kept,
-    // the loop is stopped, and Run rethrows it on the dispatcher's thread. C++ exceptions must
-    // not unwind through those C libraries: on ARM their frames have no unwind tables (the
-    // process would terminate), and elsewhere GLib's dispatch state would be left half done.
+    // Runs fn, a callback given to GLib or the bus library, and hands an exception leaving it to
+    // KeepException. C++ exceptions must not unwind through those C libraries: on ARM their
+    // frames have no unwind tables (the process would terminate), and elsewhere GLib's dispatch
+    // state would be left half done.
     template <typename Fn>
     void RunGuarded(Fn&& fn) noexcept {
         try {
@@ -52,27 +56,39 @@ class RuntimeDispatcherImpl {
             KeepException(std::current_exception());
         }
     }
-    // RunGuarded on dispatcher; without one (a bus handle that no dispatcher registered), fn runs
-    // as it is and its exceptions leave through the caller.
+    // RunGuarded on dispatcher. Without one (a bus handle that no dispatcher registered) nobody
+    // can take the exception: it is logged at critical level and the process aborts.
     template <typename Fn>
     static void RunGuardedOn(RuntimeDispatcherImpl* dispatcher, Fn&& fn) {
         if (dispatcher != nullptr) {
             dispatcher->RunGuarded(fn);
-        } else {
+            return;
+        }
+        try {
             fn();
+        } catch (...) {
+            AbortOnOrphanException(std::current_exception());
         }
     }
-    // Keeps the first exception of a loop run and stops the loop.
+    // An exception out of a callback of this dispatcher's loop. Inside Run, the first one is kept
+    // for Run to rethrow and the loop stops; a further one before Run returns is logged at
+    // critical level and dropped. Outside Run (the application steps the context itself) it goes
+    // to the exception handler at once.
     void KeepException(std::exception_ptr exception) noexcept;
-    // Rethrows and forgets a kept exception, if any (for code that steps the context itself).
-    void RethrowPending();
+    // Empty restores the default handler, which logs at critical level and aborts.
+    void SetExceptionHandler(std::function<void(std::exception_ptr)> handler);
+    // Logs an exception that no dispatcher can take (a bus handle or timer source without one)
+    // at critical level and aborts.
+    [[noreturn]] static void AbortOnOrphanException(std::exception_ptr exception) noexcept;
 
   private:
     GMainContext* context_;       // One owned reference.
     GMainLoop* loop_;             // Owned.
     KVHandle* kvHandle_;          // The bus registration; null until first needed.
     VokKvClientMgr* clientMgr_;   // Owned; null until first needed.
-    std::exception_ptr pending_;  // Raised by a callback, not yet rethrown by Run.
+    bool inRun_;                  // Run is driving the loop (not the application).
+    std::exception_ptr pending_;  // Raised by a callback during Run, not yet rethrown by it.
+    std::function<void(std::exception_ptr)> handler_;  // Empty: the default handler.
 };
 
 }  // namespace vok

@@ -13,7 +13,8 @@
  * instead of standard error.
  *
  * Every function is thread-safe. Each line is written whole, with one write, as
- * "TIMESTAMP LEVEL [CONTEXT] (tid N) MESSAGE".
+ * "TIMESTAMP LEVEL [CONTEXT] (tid N) MESSAGE" (UTC, microseconds; N is the kernel thread id);
+ * syslog receives "[CONTEXT] (tid N) MESSAGE" at the line's level as its priority.
  */
 #ifndef ZTLOG_ZTLOG_H
 #define ZTLOG_ZTLOG_H
@@ -62,6 +63,10 @@ void ZtLogDumpData(ZtLogContext* ctx, int level, const void* data, size_t len, i
 /* Sets the threshold of the context called name (creating it if needed). Returns 0, or -1 for a
  * NULL name or a level outside 0..7. */
 int ZtLogSetLevel(const char* name, int level);
+
+/* Sends lines to syslog (enable non-zero) or to standard error from now on, whatever ZTLOG_OUTPUT
+ * said: a daemon may switch once it has detached from its terminal. */
+void ZtLogSetSyslogOutput(int enable);
 
 /* Receives every line instead of the normal output: the level, the context name and the message
  * text without timestamp or trailing newline. */

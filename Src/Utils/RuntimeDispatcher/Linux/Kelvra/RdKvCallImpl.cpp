@@ -49,7 +49,10 @@ bool RdKvCallImpl::CallbackFunc(KVHandle*, KVMessage* message, void* data) {
     // pending_ stays set: a subscription gets replies until it is cancelled.
     RuntimeDispatcherImpl::RunGuardedOn(self->dispatcher_, [self, message]() {
         RefCounted::Holder hold(self);
-        self->callback_(message);  // std::bad_function_call when empty.
+        // A copy runs, so that ChangeCb from inside the callback does not destroy it while it
+        // runs.
+        const std::function<void(KVMessage*)> callback(self->callback_);
+        callback(message);  // std::bad_function_call when empty.
     });
     return true;
 }

@@ -1,0 +1,154 @@
+// libFuzzer harness of vok-powerd's request handling (AlarmBook), checked against a model.
+//
+// An input is a script, one request per line: the first byte picks the action ('a' add,
+// 'r' remove, 't' let time pass, 'd' the client's request ends, anything else an unknown method),
+// the second byte the client (four of them), the rest is the payload (for 't' and 'd' a number).
+// Properties: every reply is one strict JSON object with a boolean "returnValue"; refusals carry
+// an integer "errorCode" and a non-empty "errorText"; an accepted add names its new alarm; only
+// the owner removes an alarm; a client never holds more than the limit; alarms come due exactly
+// when the model says, in order of due time.
+#include <json-c/json.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "AlarmBook.h"
+
+namespace {
+
+using vok::powerd::AlarmBook;
+
+void Check(bool condition, const char* what) {
+    if (!condition) {
+        std::fprintf(stderr, "property broken: %s\n", what);
+        std::abort();
+    }
+}
+
+// The reply as a strict JSON object (ownership to the caller), or abort.
+json_object* ParseReply(const std::string& reply) {
+    json_tokener* tokener = json_tokener_new();
+    json_tokener_set_flags(tokener, JSON_TOKENER_STRICT);
+    json_object* value =
+        json_tokener_parse_ex(tokener, reply.c_str(), static_cast<int>(reply.size()));
+    const bool whole = json_tokener_get_error(tokener) == json_tokener_success &&
+                       json_tokener_get_parse_end(tokener) == reply.size();
+    json_tokener_free(tokener);
+    Check(whole && json_object_is_type(value, json_type_object), "reply is a JSON object");
+    return value;
+}
+
+// Checks the reply's shape; returns its returnValue and, for accepted adds, its alarmId.
+bool CheckReply(const std::string& reply, int64_t* alarmId) {
+    json_object* json = ParseReply(reply);
+    json_object* field = nullptr;
+    Check(json_object_object_get_ex(json, "returnValue", &field) &&
+              json_object_is_type(field, json_type_boolean),
+          "boolean returnValue");
+    const bool ok = json_object_get_boolean(field);
+    if (!ok) {
+        Check(json_object_object_get_ex(json, "errorCode", &field) &&
+                  json_object_is_type(field, json_type_int),
+              "integer errorCode");
+        Check(json_object_object_get_ex(json, "errorText", &field) &&
+                  json_object_is_type(field, json_type_string) &&
+                  json_object_get_string_len(field) > 0,
+              "errorText");
+    }
+    *alarmId =
+        json_object_object_get_ex(json, "alarmId", &field) ? json_object_get_int64(field) : -1;
+    json_object_put(json);
+    return ok;
+}
+
+struct ModelAlarm {
+    std::string sender;
+    int64_t dueNs;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    AlarmBook book;
+    std::map<uint32_t, ModelAlarm> model;
+    int64_t now = 0;
+    const std::string input(reinterpret_cast<const char*>(data), size);
+    size_t start = 0;
+    while (start < input.size()) {
+        size_t end = input.find('\n', start);
+        if (end == std::string::npos) {
+            end = input.size();
+        }
+        const std::string line = input.substr(start, end - start);
+        start = end + 1;
+        if (line.size() < 2) {
+            continue;
+        }
+        const std::string sender = ":1." + std::to_string(static_cast<unsigned char>(line[1]) % 4);
+        const std::string payload = line.substr(2);
+        if (line[0] == 't') {
+            now += static_cast<int64_t>(std::strtoul(payload.c_str(), nullptr, 10) % 100000) *
+                   1000000000;
+            std::vector<std::pair<int64_t, uint32_t>> expected;
+            for (const auto& alarm : model) {
+                if (alarm.second.dueNs <= now) {
+                    expected.push_back(std::make_pair(alarm.second.dueNs, alarm.first));
+                }
+            }
+            std::sort(expected.begin(), expected.end());
+            const std::vector<uint32_t> due = book.TakeDue(now);
+            Check(due.size() == expected.size(), "the alarms due come due");
+            for (size_t i = 0; i < due.size(); ++i) {
+                Check(due[i] == expected[i].second, "in order of due time");
+                model.erase(due[i]);
+            }
+        } else if (line[0] == 'd') {
+            const uint32_t id = static_cast<uint32_t>(std::strtoul(payload.c_str(), nullptr, 10));
+            Check(book.Drop(id) == (model.erase(id) == 1), "a dropped alarm existed");
+        } else {
+            const char* method = line[0] == 'a'   ? "time/alarmAdd"
+                                 : line[0] == 'r' ? "time/alarmRemove"
+                                                  : "time/alarmOther";
+            // Payloads with a NUL byte end there, as they would on the bus.
+            const AlarmBook::Outcome outcome =
+                book.Handle(method, payload.c_str(), sender.c_str(), now);
+            int64_t alarmId = -1;
+            const bool ok = CheckReply(outcome.reply, &alarmId);
+            Check(!(outcome.added != 0 && outcome.removed != 0), "one effect");
+            if (outcome.added != 0) {
+                Check(ok && alarmId == outcome.added && model.count(outcome.added) == 0,
+                      "an accepted add names a new alarm");
+                size_t owned = 0;
+                for (const auto& alarm : model) {
+                    owned += alarm.second.sender == sender ? 1 : 0;
+                }
+                Check(owned < AlarmBook::kMaxAlarmsPerClient, "per-client limit");
+                json_object* request = json_tokener_parse(payload.c_str());
+                const long seconds = AlarmBook::ParseRelativeTime(
+                    json_object_get_string(json_object_object_get(request, "relative_time")));
+                json_object_put(request);
+                Check(seconds >= 0, "an accepted time is HH:MM:SS");
+                model[outcome.added] = ModelAlarm{sender, now + seconds * 1000000000LL};
+            } else if (outcome.removed != 0) {
+                auto it = model.find(outcome.removed);
+                Check(ok && it != model.end() && it->second.sender == sender,
+                      "only the owner removes an alarm");
+                model.erase(it);
+            } else if (line[0] == 'r') {
+                Check(!ok, "a remove without effect is refused");
+            } else {
+                Check(!ok, "a request without effect is refused");
+            }
+        }
+        Check(book.Count() == model.size(), "the book holds the model's alarms");
+    }
+    return 0;
+}
