@@ -166,6 +166,9 @@ TEST_F(InterfaceTest, DestructionReportsLeakedPortsAndMessages) {
 // Once reported, leaked ports are closed: unreachable, the peer told, their queued messages
 // kept, every call on them refused, and nothing leads back to the destroyed interface.
 TEST_F(InterfaceTest, LeakedPortsAreClosedAndInert) {
+    if (test::RunningOnValgrind()) {
+        GTEST_SKIP() << "leaks ports on purpose";
+    }
     MessageMoverInterface* keeper = framework_->CreateInterface("keeper");
     MessageMoverInterface* leaky = framework_->CreateInterface("leaky");
     MmCommandPort* client = keeper->CreateCommandPort();
