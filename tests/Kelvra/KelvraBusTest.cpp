@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -137,6 +138,45 @@ TEST_F(KelvraBusTest, ServiceLearnsOfAClientLeavingTheBus) {
     other.Unregister();
     ASSERT_TRUE(WaitForReplies(&events, 2));
     EXPECT_EQ(1, events.replies[1].Number("cancelled"));
+}
+
+// A deadline bounds the first reply: a service that never answers, or answers just too late, ends
+// the call with a timeout error, the service learns of the cancel, and the late reply is dropped.
+TEST_F(KelvraBusTest, CallsWithATimeoutEndAtTheirDeadline) {
+    ReplyLog status;
+    WatchStatus(&status);
+    StartService(&status);
+    ReplyLog events;
+    ASSERT_TRUE(client_.Call(Uri("events"), "{}", &events));
+    ReplyLog stream;
+    ASSERT_TRUE(client_.Call(Uri("subscribe"), "{\"subscribe\":true}", &stream, nullptr, 200));
+    ASSERT_TRUE(WaitForReplies(&stream, 1));
+
+    using Clock = std::chrono::steady_clock;
+    auto start = Clock::now();
+    ReplyLog held;
+    ASSERT_TRUE(client_.Call(Uri("late"), "{\"subscribe\":true}", &held, nullptr, 200));
+    ASSERT_TRUE(WaitForReplies(&held, 1));
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(200));
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(20));
+    EXPECT_TRUE(held.replies[0].last);
+    EXPECT_EQ(KV_ERROR_TIMEOUT, held.replies[0].Number("errorCode"));
+    ASSERT_TRUE(WaitForReplies(&events, 2));
+    EXPECT_EQ(1, events.replies[1].Number("cancelled"));
+    EXPECT_FALSE(KVCallCancel(client_.get(), held.token, nullptr));
+
+    start = Clock::now();
+    ReplyLog slow;
+    ASSERT_TRUE(client_.Call(Uri("late"), "{\"blockMs\":300}", &slow, nullptr, 100));
+    ASSERT_TRUE(WaitForReplies(&slow, 1));
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(100));
+    EXPECT_EQ(KV_ERROR_TIMEOUT, slow.replies[0].Number("errorCode"));
+    // The service answers this only after the late reply.
+    EXPECT_TRUE(CallOnce("echo", "{}").Bool("returnValue"));
+    EXPECT_EQ(1u, slow.replies.size());
+    // The subscription had its first reply in time and stays open past its deadline.
+    EXPECT_EQ(1u, stream.replies.size());
+    EXPECT_FALSE(stream.replies[0].last);
 }
 
 // A service that leaves the bus ends the subscriptions it held open.

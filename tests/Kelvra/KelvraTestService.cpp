@@ -4,8 +4,11 @@
 //   test/subscribe  with "subscribe":true, a subscription: {"returnValue":true,"n":0} at once
 //   test/events     a subscription told {"cancelled":N} whenever a subscription is cancelled
 //   test/noreply    releases the request unanswered; test/fail returns false
+//   test/late       never answers (a subscription when asked for); with {"blockMs":N} blocks its
+//                   loop N ms, then answers {"returnValue":true,"late":true}
 #include <glib-unix.h>
 #include <glib.h>
+#include <json-c/json.h>
 #include <kelvra/kelvra.h>
 
 #include <cstdio>
@@ -19,6 +22,7 @@ struct Service {
     GMainLoop* loop = nullptr;
     std::vector<KVMessage*> subscriptions;  // each with a reference of ours
     std::vector<KVMessage*> watchers;       // test/events subscriptions, with a reference
+    std::vector<KVMessage*> held;           // test/late requests never answered, with a reference
     int cancels = 0;
 };
 
@@ -77,6 +81,26 @@ bool NoReply(KVHandle*, KVMessage*, void*) {
     return true;
 }
 
+// A service that hangs: the cancel of a client that gave up waits behind the reply.
+bool Late(KVHandle* handle, KVMessage* request, void* data) {
+    Service* service = static_cast<Service*>(data);
+    json_object* payload = json_tokener_parse(KVMessageGetPayload(request));
+    json_object* block = nullptr;
+    const bool blocks = json_object_object_get_ex(payload, "blockMs", &block);
+    const int64_t blockMs = json_object_get_int64(block);
+    json_object_put(payload);
+    if (blocks) {
+        g_usleep(static_cast<gulong>(blockMs) * 1000);
+        Reply(service, request, "{\"returnValue\":true,\"late\":true}");
+    } else if (KVMessageIsSubscription(request)) {
+        KVSubscriptionAdd(handle, request, OnCancel, service, nullptr);
+        service->subscriptions.push_back(KVMessageRef(request));
+    } else {
+        service->held.push_back(KVMessageRef(request));
+    }
+    return true;
+}
+
 bool Fail(KVHandle*, KVMessage*, void*) {
     return false;
 }
@@ -114,7 +138,8 @@ int main(int argc, char** argv) {
         KVMethodFunc func;
     } methods[] = {{"test/echo", Echo},     {"test/subscribe", Subscribe},
                    {"test/events", Events}, {"test/noreply", NoReply},
-                   {"test/fail", Fail},     {"test/quit", Quit}};
+                   {"test/fail", Fail},     {"test/quit", Quit},
+                   {"test/late", Late}};
     for (const auto& method : methods) {
         KVRegisterMethod(service.handle, method.name, method.func, &service, nullptr);
     }
@@ -122,6 +147,9 @@ int main(int argc, char** argv) {
     g_unix_signal_add(SIGTERM, OnTerm, &service);
     g_main_loop_run(service.loop);
     for (KVMessage* message : service.subscriptions) {
+        KVMessageUnref(message);
+    }
+    for (KVMessage* message : service.held) {
         KVMessageUnref(message);
     }
     for (KVMessage* message : service.watchers) {
