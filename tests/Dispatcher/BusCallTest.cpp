@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "BusTestSupport.h"
@@ -27,14 +30,18 @@ using test::FakeService;
 using test::Pump;
 using ::testing::MatchesRegex;
 
-// A last reply of the bus library saying that the bus is unavailable.
-bool IsUnavailableError(const std::string& payload) {
+// An error reply of the bus library with code whose text contains text.
+bool IsLibraryError(const std::string& payload, int code, const char* text) {
     JsonToken reply;
     return reply.ParseJsonString(payload.c_str()) &&
            !reply.ObjectFindPair("returnValue")->BooleanGetValue() &&
-           reply.ObjectFindPair("errorCode")->NumberGetValue() == KV_ERROR_BUS_UNAVAILABLE &&
-           std::string(reply.ObjectFindPair("errorText")->StringPeekValue()).find("unavailable") !=
+           reply.ObjectFindPair("errorCode")->NumberGetValue() == code &&
+           std::string(reply.ObjectFindPair("errorText")->StringPeekValue()).find(text) !=
                std::string::npos;
+}
+
+bool IsUnavailableError(const std::string& payload) {
+    return IsLibraryError(payload, KV_ERROR_BUS_UNAVAILABLE, "unavailable");
 }
 
 class BusCallTest : public ::testing::Test {
@@ -160,6 +167,57 @@ TEST_F(BusCallTest, MalformedStatusRepliesRaiseOnTheDispatcherThread) {
     feed("{\"connected\":true}");    // same as before: nobody is told
     EXPECT_EQ(0, notified);
     EXPECT_TRUE(client->IsConnected());
+}
+
+// A service that never answers and one that answers just after the deadline: the callback gets
+// the timeout error once and nothing after it.
+TEST_F(BusCallTest, CallsWithATimeoutEndAtTheDeadline) {
+    using Clock = std::chrono::steady_clock;
+    KVHandle* handle = RdKelvraUtils::GetKvHandle(dispatcher_);
+    FakeService quiet(dispatcher_, "com.test.quiet");
+    quiet.AddMethod("never/answer", [](const std::string&) {
+        return std::vector<std::string>{"", ""};  // stays open, unanswered
+    });
+    std::vector<std::string> replies;
+    // The callback destroys its own call.
+    std::unique_ptr<RdKvCall> call(new RdKvCall(handle, [&](KVMessage* reply) {
+        replies.push_back(KVMessageGetPayload(reply));
+        call.reset();
+    }));
+    auto start = Clock::now();
+    call->Call("com.test.quiet", "never/answer", "{}", 200);
+    Pump(dispatcher_, [&]() { return !replies.empty(); });
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(200));
+    EXPECT_TRUE(IsLibraryError(replies[0], KV_ERROR_TIMEOUT, "No reply within 200 ms"))
+        << replies[0];
+    EXPECT_FALSE(call);
+
+    // A service on a thread of its own whose loop blocks past the caller's deadline.
+    RuntimeDispatcher slowDispatcher;
+    FakeService slow(slowDispatcher, "com.test.slow");
+    slow.AddMethod("slow/answer", [](const std::string& payload) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        return std::vector<std::string>{payload};
+    });
+    std::thread serving([&]() { slowDispatcher.Run(); });
+    std::vector<std::string> late;
+    RdKvCall lateCall(handle,
+                      [&](KVMessage* reply) { late.push_back(KVMessageGetPayload(reply)); });
+    start = Clock::now();
+    lateCall.Call("com.test.slow", "slow/answer", "{\"n\":1}", 100);
+    Pump(dispatcher_, [&]() { return !late.empty(); });
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(100));
+    EXPECT_TRUE(IsLibraryError(late[0], KV_ERROR_TIMEOUT, "No reply within 100 ms")) << late[0];
+    // The service answers this call after the late reply of the first.
+    std::vector<std::string> next;
+    RdKvCall nextCall(handle,
+                      [&](KVMessage* reply) { next.push_back(KVMessageGetPayload(reply)); });
+    nextCall.Call("com.test.slow", "slow/answer", "{\"n\":2}", 30000);
+    Pump(dispatcher_, [&]() { return !next.empty(); });
+    EXPECT_EQ("{\"n\":2}", next[0]);
+    EXPECT_EQ(1u, late.size());
+    slowDispatcher.RequestStop();
+    serving.join();
 }
 
 // The bus killed and started again at the same address: nothing throws, calls open then or made
