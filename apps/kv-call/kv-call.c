@@ -268,6 +268,15 @@ static gboolean OnStop(gpointer data) {
     return G_SOURCE_REMOVE;
 }
 
+static gboolean OnSignal(gpointer data) {
+    State* state = data;
+    OnStop(state);
+    if (state->status != KV_EXIT_OK) {
+        fprintf(stderr, "kv-call: stopped by a signal before the replies came\n");
+    }
+    return G_SOURCE_REMOVE;
+}
+
 /* The end of a subscription's run: as OnStop, and says so when the replies asked for did not
  * come. */
 static gboolean OnTimeout(gpointer data) {
@@ -442,8 +451,8 @@ int main(int argc, char** argv) {
         if (watchdog != NULL && options.subscribe) {
             g_timeout_add(RemainingMs(watchdog), OnTimeout, &state);
         }
-        g_unix_signal_add(SIGINT, OnStop, &state);
-        g_unix_signal_add(SIGTERM, OnStop, &state);
+        g_unix_signal_add(SIGINT, OnSignal, &state);
+        g_unix_signal_add(SIGTERM, OnSignal, &state);
         g_main_loop_run(state.loop);
         if (!state.ended) {
             KVCallCancel(handle, token, NULL);

@@ -40,10 +40,6 @@ bool IsLibraryError(const std::string& payload, int code, const char* text) {
                std::string::npos;
 }
 
-bool IsUnavailableError(const std::string& payload) {
-    return IsLibraryError(payload, KV_ERROR_BUS_UNAVAILABLE, "unavailable");
-}
-
 class BusCallTest : public ::testing::Test {
   protected:
     test::Watchdog watchdog_;
@@ -237,7 +233,7 @@ TEST_F(BusCallTest, CallsAndStatusSurviveABusRestart) {
     test::LogCapture log;
     test::TestBus().Kill(SIGKILL);
     Pump(dispatcher_, [&]() { return replies.size() == 2; });
-    EXPECT_TRUE(IsUnavailableError(replies[1])) << replies[1];
+    EXPECT_TRUE(IsLibraryError(replies[1], KV_ERROR_BUS_UNAVAILABLE, "unavailable")) << replies[1];
     EXPECT_NO_THROW(call.Call("com.test.restart", "open/sub", "{\"n\":2}"));
     GlibRuntimeDispatcher late(RuntimeDispatcher::GetImpl(dispatcher_)->GetContext());
     std::vector<std::string> lateReplies;
@@ -247,8 +243,9 @@ TEST_F(BusCallTest, CallsAndStatusSurviveABusRestart) {
     EXPECT_EQ(2u, replies.size());  // nothing from inside Call
     EXPECT_TRUE(lateReplies.empty());
     Pump(dispatcher_, [&]() { return replies.size() == 3 && lateReplies.size() == 1; });
-    EXPECT_TRUE(IsUnavailableError(replies[2])) << replies[2];
-    EXPECT_TRUE(IsUnavailableError(lateReplies[0])) << lateReplies[0];
+    EXPECT_TRUE(IsLibraryError(replies[2], KV_ERROR_BUS_UNAVAILABLE, "unavailable")) << replies[2];
+    EXPECT_TRUE(IsLibraryError(lateReplies[0], KV_ERROR_BUS_UNAVAILABLE, "unavailable"))
+        << lateReplies[0];
 
     test::TestBus().Restart();
     KVHandle* lateHandle = RdKelvraUtils::GetKvHandle(late);

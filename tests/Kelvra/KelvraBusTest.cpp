@@ -125,23 +125,9 @@ TEST_F(KelvraBusTest, StatusFollowsTheServiceUntilCancelled) {
     EXPECT_EQ(5u, status.replies.size());
 }
 
-TEST_F(KelvraBusTest, ServiceLearnsOfAClientLeavingTheBus) {
-    ReplyLog status;
-    WatchStatus(&status);
-    StartService(&status);
-    ReplyLog events;
-    ASSERT_TRUE(client_.Call(Uri("events"), "{}", &events));
-    Handle other(context_);
-    ReplyLog stream;
-    ASSERT_TRUE(other.Call(Uri("subscribe"), "{\"subscribe\":true}", &stream));
-    ASSERT_TRUE(WaitForReplies(&stream, 1));
-    other.Unregister();
-    ASSERT_TRUE(WaitForReplies(&events, 2));
-    EXPECT_EQ(1, events.replies[1].Number("cancelled"));
-}
-
 // A deadline bounds the first reply: a service that never answers, or answers just too late, ends
-// the call with a timeout error, the service learns of the cancel, and the late reply is dropped.
+// the call with a timeout error, the service learns of the cancel (as of a client that leaves),
+// and the late reply is dropped.
 TEST_F(KelvraBusTest, CallsWithATimeoutEndAtTheirDeadline) {
     ReplyLog status;
     WatchStatus(&status);
@@ -164,6 +150,13 @@ TEST_F(KelvraBusTest, CallsWithATimeoutEndAtTheirDeadline) {
     ASSERT_TRUE(WaitForReplies(&events, 2));
     EXPECT_EQ(1, events.replies[1].Number("cancelled"));
     EXPECT_FALSE(KVCallCancel(client_.get(), held.token, nullptr));
+    Handle other(context_);
+    ReplyLog leaving;
+    ASSERT_TRUE(other.Call(Uri("subscribe"), "{\"subscribe\":true}", &leaving));
+    ASSERT_TRUE(WaitForReplies(&leaving, 1));
+    other.Unregister();
+    ASSERT_TRUE(WaitForReplies(&events, 3));
+    EXPECT_EQ(2, events.replies[2].Number("cancelled"));
 
     start = Clock::now();
     ReplyLog slow;

@@ -4,7 +4,8 @@
 //   test/subscribe  with "subscribe":true, a subscription: {"returnValue":true,"n":0} at once
 //   test/events     a subscription told {"cancelled":N} whenever a subscription is cancelled
 //   test/noreply    releases the request unanswered; test/fail returns false
-//   test/late       never answers (a subscription when asked for); with {"blockMs":N} blocks its
+//   test/late       never answers (told of cancels as test/subscribe); with {"blockMs":N} blocks
+//   its
 //                   loop N ms, then answers {"returnValue":true,"late":true}
 #include <glib-unix.h>
 #include <glib.h>
@@ -22,7 +23,6 @@ struct Service {
     GMainLoop* loop = nullptr;
     std::vector<KVMessage*> subscriptions;  // each with a reference of ours
     std::vector<KVMessage*> watchers;       // test/events subscriptions, with a reference
-    std::vector<KVMessage*> held;           // test/late requests never answered, with a reference
     int cancels = 0;
 };
 
@@ -92,11 +92,9 @@ bool Late(KVHandle* handle, KVMessage* request, void* data) {
     if (blocks) {
         g_usleep(static_cast<gulong>(blockMs) * 1000);
         Reply(service, request, "{\"returnValue\":true,\"late\":true}");
-    } else if (KVMessageIsSubscription(request)) {
+    } else {
         KVSubscriptionAdd(handle, request, OnCancel, service, nullptr);
         service->subscriptions.push_back(KVMessageRef(request));
-    } else {
-        service->held.push_back(KVMessageRef(request));
     }
     return true;
 }
@@ -147,9 +145,6 @@ int main(int argc, char** argv) {
     g_unix_signal_add(SIGTERM, OnTerm, &service);
     g_main_loop_run(service.loop);
     for (KVMessage* message : service.subscriptions) {
-        KVMessageUnref(message);
-    }
-    for (KVMessage* message : service.held) {
         KVMessageUnref(message);
     }
     for (KVMessage* message : service.watchers) {
