@@ -58,7 +58,8 @@ typedef enum Phase {
     PHASE_DONE
 } Phase;
 
-/* How long the tidy-up may take, past the deadline, before the watchdog ends the process. */
+/* How long the loop may overrun the deadline, and the tidy-up take past it, before the watchdog
+ * ends the process. */
 #define KV_CLOSING_GRACE_SECONDS 2
 /* Longer timeouts are this long (about 49 days): the call's deadline is 32-bit milliseconds. */
 #define KV_MAX_TIMEOUT_SECONDS 4294967.0
@@ -71,6 +72,7 @@ typedef struct Watchdog {
     Phase phase;
     int status;                   /* PHASE_CLOSING: the exit status main will return */
     struct timespec deadline;     /* CLOCK_MONOTONIC */
+    struct timespec backstop;     /* PHASE_WAITING: the deadline and the grace */
     struct timespec closingLimit; /* PHASE_CLOSING: when the watchdog gives up on it */
     double seconds;
     pthread_t thread;
@@ -258,7 +260,8 @@ static bool OnReply(KVHandle* handle, KVMessage* reply, void* data) {
     return true;
 }
 
-/* A signal: a subscription without --count ends normally, anything else too early. */
+/* Ends the wait (a signal, or the run's timer): a subscription without --count that had a reply
+ * ends normally, anything else too early. */
 static gboolean OnStop(gpointer data) {
     State* state = data;
     state->status = (state->options->subscribe && state->options->count == 0 && state->received > 0)
@@ -328,19 +331,20 @@ static void* WatchdogMain(void* data) {
     pthread_mutex_lock(&watchdog->lock);
     while (watchdog->phase != PHASE_DONE) {
         Phase phase = watchdog->phase;
-        if (phase == PHASE_WAITING) {
-            /* The loop bounds the wait by itself (the call's deadline, the run's timer). */
-            pthread_cond_wait(&watchdog->changed, &watchdog->lock);
-            continue;
-        }
-        const struct timespec* limit =
-            phase == PHASE_CONNECTING ? &watchdog->deadline : &watchdog->closingLimit;
+        /* While waiting, the loop ends the run by itself (the call's deadline, the run's timer):
+         * the watchdog steps in only when the loop does not. */
+        const struct timespec* limit = phase == PHASE_CONNECTING ? &watchdog->deadline
+                                       : phase == PHASE_WAITING  ? &watchdog->backstop
+                                                                 : &watchdog->closingLimit;
         if (WaitPhaseChange(watchdog, phase, limit)) {
             continue;
         }
         if (phase == PHASE_CONNECTING) {
             Abandon("kv-call: no answer from the bus within %g s\n", watchdog->seconds,
                     KV_EXIT_INCOMPLETE);
+        }
+        if (phase == PHASE_WAITING) {
+            Abandon("kv-call: no reply within %g s\n", watchdog->seconds, KV_EXIT_INCOMPLETE);
         }
         Abandon("kv-call: the bus did not let go within %g s\n", watchdog->seconds,
                 watchdog->status);
@@ -404,6 +408,8 @@ static Watchdog* WatchdogStart(double seconds) {
     watchdog->seconds = seconds;
     clock_gettime(CLOCK_MONOTONIC, &watchdog->deadline);
     AddSeconds(&watchdog->deadline, seconds);
+    watchdog->backstop = watchdog->deadline;
+    AddSeconds(&watchdog->backstop, KV_CLOSING_GRACE_SECONDS);
     int error = pthread_create(&watchdog->thread, NULL, WatchdogMain, watchdog);
     if (error != 0) {
         fprintf(stderr, "kv-call: cannot start the timeout watchdog: %s\n", strerror(error));
