@@ -192,7 +192,7 @@ TEST_F(BusCallTest, CallsWithATimeoutEndAtTheDeadline) {
     RuntimeDispatcher slowDispatcher;
     FakeService slow(slowDispatcher, "com.test.slow");
     slow.AddMethod("slow/answer", [](const std::string& payload) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1000));
         return std::vector<std::string>{payload};
     });
     std::thread serving([&]() { slowDispatcher.Run(); });
@@ -265,7 +265,6 @@ TEST_F(BusCallTest, CallsAndStatusSurviveABusRestart) {
 // A bus callback's exception on a handle that no dispatcher registered must not unwind through
 // the bus library's C code: the process logs it at critical level and ends.
 TEST(BusCallDeathTest, ExceptionWithoutADispatcherIsCriticalAndFatal) {
-    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_DEATH(
         {
             GMainContext* context = g_main_context_new();
