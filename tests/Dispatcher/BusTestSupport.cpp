@@ -158,12 +158,20 @@ bool PowerDaemon::HasLine(const std::string& text) {
 }
 
 bool PowerDaemon::HasLineLocked(const std::string& text) const {
+    return CountLinesLocked(text) > 0;
+}
+
+int PowerDaemon::CountLines(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return CountLinesLocked(text);
+}
+
+int PowerDaemon::CountLinesLocked(const std::string& text) const {
+    int count = 0;
     for (const std::string& line : lines_) {
-        if (line.find(text) != std::string::npos) {
-            return true;
-        }
+        count += line.find(text) != std::string::npos ? 1 : 0;
     }
-    return false;
+    return count;
 }
 
 }  // namespace test

@@ -66,6 +66,8 @@ class PowerDaemon {
     void Kill();
     // True when an output line so far contains text.
     bool HasLine(const std::string& text);
+    // The number of output lines so far that contain text.
+    int CountLines(const std::string& text);
     // Waits (at most 60 s) for such a line.
     bool WaitForLine(const std::string& text);
     // Wakes context at every output line, so that a loop waiting for one re-checks at once.
@@ -74,6 +76,7 @@ class PowerDaemon {
   private:
     void Stop(int signal);
     bool HasLineLocked(const std::string& text) const;
+    int CountLinesLocked(const std::string& text) const;
 
     std::unique_ptr<ChildProcess> process_;
     std::thread reader_;
