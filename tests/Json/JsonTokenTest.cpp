@@ -157,8 +157,7 @@ TEST(JsonTokenTest, StoringMovesOwnershipIntoTheContainer) {
 
     // A rejected store leaves the element with its owner.
     value.MakeNumber(9);
-    ExpectThrowText<std::invalid_argument>([&]() { array.ArraySetElement(-2, &value); },
-                                           "JsonToken::ArraySetElementinvalid index");
+    EXPECT_THROW(array.ArraySetElement(-2, &value), std::invalid_argument);
     EXPECT_EQ(9.0, value.NumberGetValue());
     EXPECT_EQ(5, array.ArrayGetLength());
 }
@@ -181,8 +180,7 @@ TEST(JsonTokenTest, SwapTransferAndGiveUp) {
     EXPECT_EQ(1.0, b.NumberGetValue());
 
     // A failing maker leaves the token as it was.
-    ExpectThrowText<std::invalid_argument>([&]() { b.MakeString(nullptr); },
-                                           "JSON String value creation failed: NULL text");
+    EXPECT_THROW(b.MakeString(nullptr), std::invalid_argument);
     EXPECT_EQ(1.0, b.NumberGetValue());
 }
 
