@@ -198,6 +198,7 @@ TEST(JsonTokenTest, MisuseThrowsAndChangesNothing) {
     EXPECT_THROW(empty.NumberGetValue(), Inv);
     EXPECT_THROW(empty.GenerateJsonEncodingAndPeek(), Inv);
     EXPECT_THROW(empty.ParseJsonString(nullptr), Inv);
+    EXPECT_THROW(array.ArrayGetValueAt(0), std::out_of_range);  // empty: 0 is past the end
     EXPECT_THROW(array.ArrayGetValueAt(-1), std::out_of_range);
     EXPECT_THROW(object.ObjectFindPair(nullptr), Inv);
     // Storing nothing, or into the wrong type.
