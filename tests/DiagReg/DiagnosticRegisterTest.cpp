@@ -1,5 +1,4 @@
 // Diagnostic registers: sharing, watermarks, lifetime, pruning, group queries and path rules.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -118,8 +117,6 @@ TEST_F(DiagnosticRegisterTest, PathWithoutRootPrefixIsRejectedAndNothingIsCreate
         FAIL() << "no exception";
     } catch (const VokProgramErrorException& e) {
         EXPECT_EQ(kVokErrBadArg, e.GetErr());
-        EXPECT_THAT(e.what(),
-                    ::testing::HasSubstr("Expected <root.>, but actual path is: <vok.x>"));
     }
     EXPECT_THROW(DiagnosticRegisterString("root", "v"), VokProgramErrorException);
     Info info{};

@@ -48,12 +48,6 @@ bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int 
     return reached;
 }
 
-void PumpFor(RuntimeDispatcher& dispatcher, int ms) {
-    CallbackExceptions raised(dispatcher);
-    IterateFor(RuntimeDispatcher::GetImpl(dispatcher)->GetContext(), static_cast<unsigned>(ms));
-    raised.RethrowFirst();
-}
-
 FakeService::FakeService(RuntimeDispatcher& dispatcher, const char* serviceName) {
     KVError error;
     KVErrorInit(&error);

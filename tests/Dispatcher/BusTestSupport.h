@@ -28,8 +28,6 @@ PrivateBus& TestBus();
 // Iterates the dispatcher's context until done() holds; rethrows an exception a callback raised.
 // Fails the test after limitSeconds.
 bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int limitSeconds = 60);
-// Iterates for about ms milliseconds (to let things that should not happen show up).
-void PumpFor(RuntimeDispatcher& dispatcher, int ms);
 
 // A service on the bus served from the test's dispatcher: each method answers with a function
 // of the request's payload; every request is recorded.
