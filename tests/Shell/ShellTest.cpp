@@ -216,7 +216,6 @@ TEST_F(ShellTest, BladeReturningByItselfDuringShutdownCompletesTheHandshake) {
 
 TEST_F(ShellTest, ConcurrentAndRepeatedStopRequestsStopOnce) {
     auto loaders = MakeLoaders(4);
-    LogCapture capture;
     ShellHarness h(Raw(loaders));
     h.shell->StartUp();
     std::vector<std::thread> stoppers;
@@ -234,9 +233,6 @@ TEST_F(ShellTest, ConcurrentAndRepeatedStopRequestsStopOnce) {
     EXPECT_EQ(1, h.completions.load());
     for (auto& loader : loaders) {
         EXPECT_EQ(1, loader->blade.stopEvents.load());
-    }
-    for (const auto& line : capture.Matching("unexpected VokShell-stop trigger")) {
-        EXPECT_THAT(line.message, HasSubstr("current VOK Shell state is <"));
     }
 }
 
