@@ -1,6 +1,6 @@
 #!/bin/bash
 # Installs the Debian packages a target needs, only when some are missing.
-# Usage: deps.sh [base] [armhf] [tools] [peers]
+# Usage: deps.sh [base] [armhf] [tools] [peers] [packaging] [fuzz] [valgrind]
 set -euo pipefail
 
 declare -A groups=(
@@ -9,6 +9,12 @@ declare -A groups=(
     [tools]="valgrind clang-format"
     # Frameworks the peer benchmarks compare against; only `make bench-peers` wants them.
     [peers]="qtbase5-dev libcaf-dev libsystemd-dev libsdbus-c++-dev"
+    # `make deb`: CPack's DEB generator runs dpkg-shlibdeps and file; lintian judges the result.
+    [packaging]="dpkg-dev file lintian"
+    # libFuzzer harnesses: clang, its fuzzer library and the sanitizer runtimes.
+    [fuzz]="clang-14 libfuzzer-14-dev libclang-rt-14-dev"
+    # `make valgrind`: memcheck, and its header for the tests' check that they run under it.
+    [valgrind]="valgrind"
 )
 
 wanted=()

@@ -45,7 +45,8 @@ class JsonToken {
     // A new empty object or array.
     explicit JsonToken(const ValueSelector<kValueTypeObject>*);
     explicit JsonToken(const ValueSelector<kValueTypeArray>*);
-    // An integer or a floating-point number.
+    // An integer or a floating-point number. JSON has no NaN or infinity: a double that is not
+    // finite throws std::invalid_argument (so do MakeNumber and the Set...Number forms).
     JsonToken(const ValueSelector<kValueTypeNumber>*, int value);
     JsonToken(const ValueSelector<kValueTypeNumber>*, double value);
     JsonToken(const ValueSelector<kValueTypeBoolean>*, bool value);
@@ -86,11 +87,15 @@ class JsonToken {
     bool BooleanGetValue() const;
     // Integers are returned as doubles.
     double NumberGetValue() const;
-    // The encoding of the value, owned by the value and valid until it changes.
+    // The encoding of the value, owned by the value and valid until it changes. It is always
+    // JSON: a value that JSON cannot say (a string or name that is not UTF-8, or a NaN or
+    // infinite double adopted through SetNewPimpl) throws std::invalid_argument instead.
     const char* GenerateJsonEncodingAndPeek() const;
     // Replaces the value with the parsed document and returns true; returns false and leaves the
-    // token unchanged when text does not parse. NULL throws. The document "null" gives a
-    // populated null token.
+    // token unchanged when text is not exactly one JSON value (RFC 8259, UTF-8, white space
+    // around it allowed, nesting at most json-c's default depth) or holds a number that json-c
+    // cannot keep: an integer beyond int64_t/uint64_t or a number that overflows a double.
+    // NULL throws. The document "null" gives a populated null token.
     bool ParseJsonString(const char* text);
 
     // Arrays: this token must be an array.

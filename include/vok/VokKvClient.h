@@ -20,12 +20,14 @@ class RuntimeDispatcherImpl;
 
 // Follows one bus service's registration status through the bus's status subscription and
 // tells observers of every change, in ascending key order. Owned by its dispatcher's client
-// manager and used on the dispatcher's thread only.
+// manager and used on the dispatcher's thread only. When the bus goes away the service counts as
+// down (observers hear false once) and, when the bus and the service are back, as up again.
 class VokKvClient : private Uncopyable {
   public:
     static const char* const kSvcRegStatusUrl;
 
-    // Subscribes at once; throws VokResourceException (kVokErrFailed) when the bus refuses.
+    // Subscribes at once (also while the bus is away); throws VokResourceException
+    // (kVokErrFailed) when the bus library refuses the subscription.
     VokKvClient(KVHandle* handle, const std::string& serviceName);
     ~VokKvClient();
 

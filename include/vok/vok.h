@@ -33,6 +33,7 @@
 #include <vok/VokError.h>
 #include <vok/VokKvClient.h>
 #include <vok/VokShell.h>
+#include <vok/Version.h>
 #include <vok/VokTypes.h>
 
 #endif  // VOK_VOK_H

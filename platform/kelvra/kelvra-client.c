@@ -4,7 +4,16 @@
 
 #include "kelvra-private.h"
 
+static void StopTimeout(KVCallRecord* call) {
+    if (call->timeout != NULL) {
+        g_source_destroy(call->timeout);
+        g_source_unref(call->timeout);
+        call->timeout = NULL;
+    }
+}
+
 void KvCallRecordFree(KVCallRecord* call) {
+    StopTimeout(call);
     g_free(call->name);
     g_free(call->owner);
     g_free(call);
@@ -30,6 +39,8 @@ static void Deliver(KVHandle* handle, KVCallRecord* call, char* payload, gboolea
     void* userData = call->userData;
     KVMessage* reply = KvMessageNew(handle, KV_MESSAGE_REPLY, payload);
     reply->last = last;
+    /* The deadline bounds the wait for the first reply only. */
+    StopTimeout(call);
     if (last) {
         RemoveCall(handle, call);
     }
@@ -143,9 +154,19 @@ static void SendStatus(KVHandle* handle, KVCallRecord* call, gboolean connected)
     Deliver(handle, call, StatusPayload(call->name, connected), FALSE);
 }
 
-void KvClientOnStatusDue(KVHandle* handle, KVMessageToken token) {
+void KvClientOnLocalDue(KVHandle* handle, KVMessageToken token) {
     KVCallRecord* call = FindCall(handle, token);
-    if (call == NULL || call->statusSent) {
+    if (call == NULL) {
+        return;
+    }
+    if (call->kind == KV_CALL_REMOTE) {
+        if (call->unavailable) {
+            DeliverError(handle, call, KV_ERROR_BUS_UNAVAILABLE,
+                         "The bus is unavailable: the call was made without a bus connection");
+        }
+        return;
+    }
+    if (call->statusSent) {
         return;
     }
     KVWatch* watch = g_hash_table_lookup(handle->watches, call->name);
@@ -163,8 +184,10 @@ void KvClientOnOwnerChanged(KVHandle* handle, const char* name, const char* oldO
     g_hash_table_iter_init(&iter, handle->calls);
     while (g_hash_table_iter_next(&iter, NULL, &value)) {
         KVCallRecord* call = value;
+        /* A status call hears of changes once it has its first reply; the owner's first answer
+         * (also after a reconnect) reaches every status call of the name. */
         if ((call->kind == KV_CALL_STATUS && strcmp(call->name, name) == 0 &&
-             call->statusSent != initial) ||
+             (initial || call->statusSent)) ||
             (call->kind == KV_CALL_REMOTE && newOwner == NULL &&
              g_strcmp0(call->owner, name) == 0)) {
             g_array_append_val(tokens, call->token);
@@ -190,7 +213,7 @@ void KvClientOnOwnerChanged(KVHandle* handle, const char* name, const char* oldO
                 continue;
             }
         }
-        if (initial || call->connected != connected) {
+        if (!call->statusSent || call->connected != connected) {
             SendStatus(handle, call, connected);
         }
     }
@@ -212,7 +235,8 @@ void KvClientOnBusLost(KVHandle* handle) {
             continue;
         }
         if (call->kind == KV_CALL_REMOTE) {
-            DeliverError(handle, call, KV_ERROR_BUS, "The connection to the bus was lost");
+            DeliverError(handle, call, KV_ERROR_BUS_UNAVAILABLE,
+                         "The bus is unavailable: the connection was lost");
         } else if (!call->statusSent || call->connected) {
             SendStatus(handle, call, FALSE);
         }
@@ -251,6 +275,19 @@ static gboolean StartStatusCall(KVHandle* handle, const char* payload, KVReplyFu
     return TRUE;
 }
 
+/* A call made while the handle has no connection: its error reply comes from the loop. */
+static void StartUnavailableCall(KVHandle* handle, const char* service, KVReplyFunc func,
+                                 void* userData, KVMessageToken* token) {
+    KVCallRecord* call =
+        AddCall(handle, ++handle->lastToken, KV_CALL_REMOTE, func, userData, service);
+    call->unavailable = TRUE;
+    g_queue_push_tail(&handle->localItems, g_memdup2(&call->token, sizeof call->token));
+    KvScheduleDispatch(handle);
+    if (token != NULL) {
+        *token = call->token;
+    }
+}
+
 static gboolean StartRemoteCall(KVHandle* handle, const char* service, const char* path,
                                 const char* member, const char* payload, KVReplyFunc func,
                                 void* userData, KVMessageToken* token, KVError* error) {
@@ -275,10 +312,76 @@ static gboolean StartRemoteCall(KVHandle* handle, const char* service, const cha
     return TRUE;
 }
 
+/* Lets the service of a remote call know that nobody waits for it any more. */
+static void TellServiceCancelled(KVHandle* handle, KVCallRecord* call) {
+    if (call->kind != KV_CALL_REMOTE || call->unavailable || !KvLinkUp(handle)) {
+        return;
+    }
+    /* Before the first reply the service is reached by its name; afterwards the connection
+     * that replied holds the subscription. */
+    GDBusMessage* cancel =
+        g_dbus_message_new_method_call(call->owner != NULL ? call->owner : call->name,
+                                       KV_CONTROL_PATH, KV_CONTROL_INTERFACE, "Cancel");
+    g_dbus_message_set_body(cancel, g_variant_new("(t)", (guint64)call->token));
+    g_dbus_message_set_flags(
+        cancel, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED | G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
+    KvSend(handle, cancel, NULL, NULL);
+    g_object_unref(cancel);
+}
+
+typedef struct KVCallDeadline {
+    KVHandle* handle;
+    KVMessageToken token;
+    guint32 timeoutMs;
+} KVCallDeadline;
+
+/* No first reply in time: the call is cancelled as by KVCallCancel, and its reply function gets
+ * a last error reply instead. A reply that comes later finds no call and is dropped. */
+static gboolean OnCallDeadline(gpointer data) {
+    const KVCallDeadline* deadline = data;
+    KVHandle* handle = deadline->handle;
+    KVCallRecord* call = FindCall(handle, deadline->token);
+    if (call == NULL || handle->unregistered) {
+        return G_SOURCE_REMOVE;
+    }
+    KvHandleRef(handle);
+    TellServiceCancelled(handle, call);
+    char* text =
+        g_strdup_printf("No reply within %u ms: the call was cancelled", deadline->timeoutMs);
+    DeliverError(handle, call, KV_ERROR_TIMEOUT, text);
+    g_free(text);
+    KvHandleUnref(handle);
+    return G_SOURCE_REMOVE;
+}
+
+/* The source owns the deadline record and dies with the call (KvCallRecordFree). */
+static void StartTimeout(KVHandle* handle, KVMessageToken token, guint32 timeoutMs) {
+    KVCallRecord* call = FindCall(handle, token);
+    if (call == NULL || timeoutMs == 0) {
+        return;
+    }
+    KVCallDeadline* deadline = g_new0(KVCallDeadline, 1);
+    deadline->handle = handle;
+    deadline->token = token;
+    deadline->timeoutMs = timeoutMs;
+    call->timeout = g_timeout_source_new(timeoutMs);
+    g_source_set_callback(call->timeout, OnCallDeadline, deadline, g_free);
+    g_source_set_static_name(call->timeout, "kelvra call deadline");
+    g_source_attach(call->timeout, handle->context);
+}
+
 bool KVCall(KVHandle* handle, const char* uri, const char* payload, KVReplyFunc replyFunc,
             void* userData, KVMessageToken* token, KVError* error) {
-    if (token != NULL) {
-        *token = 0;
+    return KVCallWithTimeout(handle, uri, payload, 0, replyFunc, userData, token, error);
+}
+
+bool KVCallWithTimeout(KVHandle* handle, const char* uri, const char* payload, uint32_t timeoutMs,
+                       KVReplyFunc replyFunc, void* userData, KVMessageToken* tokenOut,
+                       KVError* error) {
+    KVMessageToken local = 0;
+    KVMessageToken* token = &local;
+    if (tokenOut != NULL) {
+        *tokenOut = 0;
     }
     if (!KvCheckHandle(handle, error)) {
         return false;
@@ -287,8 +390,7 @@ bool KVCall(KVHandle* handle, const char* uri, const char* payload, KVReplyFunc 
         KvErrorSet(error, KV_ERROR_INVALID_ARGUMENT, "NULL reply function");
         return false;
     }
-    if (payload == NULL || !g_utf8_validate(payload, -1, NULL)) {
-        KvErrorSet(error, KV_ERROR_BAD_PAYLOAD, "The payload is NULL or not UTF-8 text");
+    if (!KvCheckPayload(payload, error)) {
         return false;
     }
     char* service = NULL;
@@ -299,14 +401,17 @@ bool KVCall(KVHandle* handle, const char* uri, const char* payload, KVReplyFunc 
         return false;
     }
     gboolean ok = FALSE;
-    if (handle->unregistered || handle->busLost) {
-        KvErrorSet(error, KV_ERROR_BUS, "The handle is unregistered or lost its bus connection");
+    if (handle->unregistered) {
+        KvErrorSet(error, KV_ERROR_BUS, "The handle is unregistered");
     } else if (handle->source == NULL) {
         KvErrorSet(error, KV_ERROR_NOT_ATTACHED, "The handle is not attached to a context");
     } else {
         char* key = KvMethodKey(path, member);
         if (strcmp(service, KV_STATUS_SERVICE) == 0 && strcmp(key, KV_STATUS_METHOD) == 0) {
             ok = StartStatusCall(handle, payload, replyFunc, userData, token, error);
+        } else if (!KvLinkUp(handle)) {
+            StartUnavailableCall(handle, service, replyFunc, userData, token);
+            ok = TRUE;
         } else {
             ok = StartRemoteCall(handle, service, path, member, payload, replyFunc, userData, token,
                                  error);
@@ -316,6 +421,12 @@ bool KVCall(KVHandle* handle, const char* uri, const char* payload, KVReplyFunc 
     g_free(service);
     g_free(path);
     g_free(member);
+    if (ok) {
+        StartTimeout(handle, local, timeoutMs);
+        if (tokenOut != NULL) {
+            *tokenOut = local;
+        }
+    }
     return ok;
 }
 
@@ -329,18 +440,7 @@ bool KVCallCancel(KVHandle* handle, KVMessageToken token, KVError* error) {
                    (unsigned long long)token);
         return false;
     }
-    if (call->kind == KV_CALL_REMOTE) {
-        /* Before the first reply the service is reached by its name; afterwards the connection
-         * that replied holds the subscription. */
-        GDBusMessage* cancel =
-            g_dbus_message_new_method_call(call->owner != NULL ? call->owner : call->name,
-                                           KV_CONTROL_PATH, KV_CONTROL_INTERFACE, "Cancel");
-        g_dbus_message_set_body(cancel, g_variant_new("(t)", (guint64)token));
-        g_dbus_message_set_flags(
-            cancel, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED | G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
-        KvSend(handle, cancel, NULL, NULL);
-        g_object_unref(cancel);
-    }
+    TellServiceCancelled(handle, call);
     RemoveCall(handle, call);
     return true;
 }

@@ -42,6 +42,19 @@ gboolean KvCheckHandle(KVHandle* handle, KVError* error) {
     return TRUE;
 }
 
+gboolean KvCheckPayload(const char* payload, KVError* error) {
+    if (payload == NULL || !g_utf8_validate(payload, -1, NULL)) {
+        KvErrorSet(error, KV_ERROR_BAD_PAYLOAD, "The payload is NULL or not UTF-8 text");
+        return FALSE;
+    }
+    if (strnlen(payload, KV_MAX_PAYLOAD_SIZE + 1) > KV_MAX_PAYLOAD_SIZE) {
+        KvErrorSet(error, KV_ERROR_PAYLOAD_TOO_LARGE, "The payload is longer than %u bytes",
+                   KV_MAX_PAYLOAD_SIZE);
+        return FALSE;
+    }
+    return TRUE;
+}
+
 char* KvErrorPayload(int code, const char* text) {
     json_object* reply = json_object_new_object();
     json_object_object_add(reply, "returnValue", json_object_new_boolean(0));
@@ -151,7 +164,16 @@ static GDBusMessage* ConnectionFilter(GDBusConnection* connection, GDBusMessage*
     return take ? NULL : message;
 }
 
+gboolean KvLinkUp(KVHandle* handle) {
+    return handle->link == KV_LINK_UP;
+}
+
 guint32 KvSend(KVHandle* handle, GDBusMessage* message, KVPending* pending, KVError* error) {
+    if (handle->connection == NULL) {
+        KvPendingFree(pending);
+        KvErrorSet(error, KV_ERROR_BUS_UNAVAILABLE, "The bus is unavailable");
+        return 0;
+    }
     GError* gerror = NULL;
     guint32 serial = 0;
     gboolean sent;
@@ -179,6 +201,9 @@ guint32 KvSend(KVHandle* handle, GDBusMessage* message, KVPending* pending, KVEr
 }
 
 void KvForgetSerial(KVHandle* handle, guint32 serial) {
+    if (handle->inbox == NULL) {
+        return;
+    }
     pthread_mutex_lock(&handle->inbox->lock);
     g_hash_table_remove(handle->inbox->pendingBySerial, GUINT_TO_POINTER(serial));
     pthread_mutex_unlock(&handle->inbox->lock);
@@ -191,6 +216,8 @@ typedef struct KVSource {
     KVHandle* handle; /* not a reference: KVUnregister destroys the source */
 } KVSource;
 
+static void OnNameRequestReply(KVHandle* handle, GDBusMessage* reply);
+
 static void ProcessItem(KVHandle* handle, KVInboxItem* item) {
     GDBusMessage* message = item->message;
     switch (g_dbus_message_get_message_type(message)) {
@@ -198,8 +225,10 @@ static void ProcessItem(KVHandle* handle, KVInboxItem* item) {
         case G_DBUS_MESSAGE_TYPE_ERROR:
             if (item->pending->kind == KV_PENDING_CALL) {
                 KvClientOnReply(handle, item->pending, message);
-            } else {
+            } else if (item->pending->kind == KV_PENDING_NAME_QUERY) {
                 KvWatchOnQueryReply(handle, item->pending, message);
+            } else {
+                OnNameRequestReply(handle, message);
             }
             break;
         case G_DBUS_MESSAGE_TYPE_SIGNAL:
@@ -221,20 +250,25 @@ static void ProcessItem(KVHandle* handle, KVInboxItem* item) {
     }
 }
 
-/* Runs on the attached context's thread, from the connection's context (see below). */
-static void OnConnectionClosed(GDBusConnection* connection, gboolean remotePeerVanished,
-                               GError* gerror, gpointer data) {
-    (void)connection;
-    (void)remotePeerVanished;
-    (void)gerror;
-    KVHandle* handle = data;
-    if (handle->unregistered || handle->busLost) {
+/* Runs the messages the filter has queued so far. */
+static void ProcessInbox(KVHandle* handle) {
+    if (handle->inbox == NULL) {
         return;
     }
-    handle->busLost = TRUE;
-    KvClientOnBusLost(handle);
-    if (!handle->unregistered) {
-        KvServiceOnBusLost(handle);
+    KVInbox* inbox = handle->inbox;
+    GQueue batch = G_QUEUE_INIT;
+    pthread_mutex_lock(&inbox->lock);
+    batch = inbox->items;
+    g_queue_init(&inbox->items);
+    pthread_mutex_unlock(&inbox->lock);
+    KVInboxItem* item;
+    while ((item = g_queue_pop_head(&batch)) != NULL) {
+        /* A callback may have unregistered the handle or lost the connection: what is left of
+         * the batch belongs to a connection that is gone. */
+        if (!handle->unregistered && handle->inbox == inbox) {
+            ProcessItem(handle, item);
+        }
+        InboxItemFree(item);
     }
 }
 
@@ -262,29 +296,22 @@ static gboolean SourceDispatch(GSource* source, GSourceFunc callback, gpointer d
     KVHandle* handle = ((KVSource*)source)->handle;
     g_source_set_ready_time(source, -1);
     KvHandleRef(handle);
+    /* What arrived before a connection closed is handled before its loss is. */
+    ProcessInbox(handle);
     if (handle->connectionContextTag != NULL &&
         g_source_query_unix_fd(source, handle->connectionContextTag) != 0) {
         while (!handle->unregistered &&
                g_main_context_iteration(handle->connectionContext, FALSE)) {
         }
     }
-    GQueue batch = G_QUEUE_INIT;
-    pthread_mutex_lock(&handle->inbox->lock);
-    batch = handle->inbox->items;
-    g_queue_init(&handle->inbox->items);
-    pthread_mutex_unlock(&handle->inbox->lock);
-    KVInboxItem* item;
-    while ((item = g_queue_pop_head(&batch)) != NULL) {
-        if (!handle->unregistered) {
-            ProcessItem(handle, item);
-        }
-        InboxItemFree(item);
+    if (!handle->unregistered) {
+        ProcessInbox(handle);
     }
     KVMessageToken* token;
     while (!handle->unregistered && (token = g_queue_pop_head(&handle->localItems)) != NULL) {
         KVMessageToken value = *token;
         g_free(token);
-        KvClientOnStatusDue(handle, value);
+        KvClientOnLocalDue(handle, value);
     }
     KvHandleUnref(handle);
     return G_SOURCE_CONTINUE;
@@ -298,7 +325,13 @@ void KvScheduleDispatch(KVHandle* handle) {
     }
 }
 
-/* Registration. */
+/* Connections. */
+
+#define KV_RETRY_FIRST_MS 100
+#define KV_RETRY_MAX_MS 5000
+
+static const GDBusConnectionFlags kConnectionFlags =
+    G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION;
 
 static char* SelectBusAddress(GError** gerror) {
     const char* names[] = {"KELVRA_BUS_ADDRESS", "DBUS_SESSION_BUS_ADDRESS"};
@@ -311,29 +344,215 @@ static char* SelectBusAddress(GError** gerror) {
     return g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, NULL, gerror);
 }
 
-static GDBusConnection* Connect(GMainContext* connectionContext, KVError* error) {
-    GError* gerror = NULL;
-    char* address = SelectBusAddress(&gerror);
-    if (address == NULL) {
-        KvErrorSet(error, KV_ERROR_BUS, "No bus address: %s", gerror->message);
-        g_error_free(gerror);
-        return NULL;
+static void OnConnectionClosed(GDBusConnection* connection, gboolean remotePeerVanished,
+                               GError* gerror, gpointer data);
+
+/* Gives the handle a new connection: a new inbox, its filter and the "closed" handler. The
+ * filter is in place before the name is owned, so that no request escapes it. GDBus runs the
+ * filter's release on the context current when it is added: the connection's. */
+static void AttachConnection(KVHandle* handle, GDBusConnection* connection) {
+    g_dbus_connection_set_exit_on_close(connection, FALSE);
+    handle->connection = connection;
+    handle->inbox = InboxNew();
+    if (handle->source != NULL) {
+        handle->inbox->source = g_source_ref(handle->source);
     }
-    g_main_context_push_thread_default(connectionContext);
-    GDBusConnection* connection =
-        g_dbus_connection_new_for_address_sync(address,
-                                               G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                   G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION,
-                                               NULL, NULL, &gerror);
-    g_main_context_pop_thread_default(connectionContext);
+    handle->closedHandler =
+        g_signal_connect(connection, "closed", G_CALLBACK(OnConnectionClosed), handle);
+    g_atomic_int_inc(&handle->inbox->refCount);
+    g_main_context_push_thread_default(handle->connectionContext);
+    handle->filterId =
+        g_dbus_connection_add_filter(connection, ConnectionFilter, handle->inbox, InboxUnref);
+    g_main_context_pop_thread_default(handle->connectionContext);
+}
+
+/* Takes the connection from the handle: the filter goes, the inbox is closed and what it still
+ * holds is dropped. Closes the connection when close is set (it is still open). */
+static void DetachConnection(KVHandle* handle, gboolean close) {
+    GDBusConnection* connection = handle->connection;
+    KVInbox* inbox = handle->inbox;
     if (connection == NULL) {
-        KvErrorSet(error, KV_ERROR_BUS, "Cannot connect to the bus at %s: %s", address,
+        return;
+    }
+    handle->connection = NULL;
+    handle->inbox = NULL;
+    handle->nameRequestSerial = 0;
+    g_dbus_connection_remove_filter(connection, handle->filterId);
+    g_signal_handler_disconnect(connection, handle->closedHandler);
+    GQueue items = G_QUEUE_INIT;
+    pthread_mutex_lock(&inbox->lock);
+    inbox->closed = TRUE;
+    items = inbox->items;
+    g_queue_init(&inbox->items);
+    g_hash_table_remove_all(inbox->pendingBySerial);
+    GSource* inboxSource = inbox->source;
+    inbox->source = NULL;
+    pthread_mutex_unlock(&inbox->lock);
+    g_queue_clear_full(&items, (GDestroyNotify)InboxItemFree);
+    if (inboxSource != NULL) {
+        g_source_unref(inboxSource);
+    }
+    InboxUnref(inbox);
+    if (close) {
+        /* Replies and cancels sent last must go out before the connection goes. */
+        g_dbus_connection_flush_sync(connection, NULL, NULL);
+        g_dbus_connection_close_sync(connection, NULL, NULL);
+    }
+    /* GDBus's "closed" notification and the filter's release are queued on the connection's
+     * context, holding the connection: they run there and let it go. */
+    g_object_unref(connection);
+}
+
+static void ReportConnection(KVHandle* handle, gboolean connected) {
+    if (handle->connectionFunc != NULL && !handle->unregistered) {
+        handle->connectionFunc(handle, connected, handle->connectionData);
+    }
+}
+
+static void StartConnect(KVHandle* handle);
+
+static gboolean OnRetry(gpointer data) {
+    KVHandle* handle = data;
+    g_source_unref(handle->retrySource);
+    handle->retrySource = NULL;
+    StartConnect(handle);
+    return G_SOURCE_REMOVE;
+}
+
+/* Arms the next connection attempt, each wait twice the previous one up to the maximum. */
+static void ScheduleRetry(KVHandle* handle) {
+    handle->link = KV_LINK_DOWN;
+    if (handle->context == NULL || handle->retrySource != NULL || handle->unregistered) {
+        return;
+    }
+    handle->retrySource = g_timeout_source_new(handle->retryDelayMs);
+    g_source_set_callback(handle->retrySource, OnRetry, handle, NULL);
+    g_source_set_static_name(handle->retrySource, "kelvra reconnect");
+    g_source_attach(handle->retrySource, handle->context);
+    handle->retryDelayMs = MIN(handle->retryDelayMs * 2, KV_RETRY_MAX_MS);
+}
+
+static void LinkUp(KVHandle* handle) {
+    handle->link = KV_LINK_UP;
+    handle->retryDelayMs = KV_RETRY_FIRST_MS;
+    KvWatchOnBusBack(handle);
+    ReportConnection(handle, TRUE);
+}
+
+static void SendNameRequest(KVHandle* handle) {
+    const guint32 kDoNotQueue = 4;
+    GDBusMessage* message = g_dbus_message_new_method_call(
+        "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName");
+    g_dbus_message_set_body(message, g_variant_new("(su)", handle->serviceName, kDoNotQueue));
+    KVPending* pending = g_new0(KVPending, 1);
+    pending->kind = KV_PENDING_NAME_REQUEST;
+    handle->nameRequestSerial = KvSend(handle, message, pending, NULL);
+    g_object_unref(message);
+}
+
+static void OnNameRequestReply(KVHandle* handle, GDBusMessage* reply) {
+    const guint32 kPrimaryOwner = 1;
+    if (handle->link != KV_LINK_CONNECTING ||
+        handle->nameRequestSerial != g_dbus_message_get_reply_serial(reply)) {
+        return;
+    }
+    handle->nameRequestSerial = 0;
+    GVariant* body = g_dbus_message_get_body(reply);
+    guint32 answer = 0;
+    if (g_dbus_message_get_message_type(reply) == G_DBUS_MESSAGE_TYPE_METHOD_RETURN && body &&
+        g_variant_is_of_type(body, G_VARIANT_TYPE("(u)"))) {
+        g_variant_get(body, "(u)", &answer);
+    }
+    if (answer == kPrimaryOwner) {
+        LinkUp(handle);
+        return;
+    }
+    /* Another connection owns the name: try again later on a new connection. */
+    DetachConnection(handle, TRUE);
+    ScheduleRetry(handle);
+}
+
+/* The end of a connection attempt, on the connection's context. */
+static void OnConnectReady(GObject* sourceObject, GAsyncResult* result, gpointer data) {
+    (void)sourceObject;
+    KVHandle* handle = data;
+    GError* gerror = NULL;
+    GDBusConnection* connection = g_dbus_connection_new_for_address_finish(result, &gerror);
+    g_clear_object(&handle->connectAttempt);
+    if (gerror != NULL) {
+        g_error_free(gerror);
+    }
+    if (handle->unregistered) {
+        if (connection != NULL) {
+            g_dbus_connection_close_sync(connection, NULL, NULL);
+            g_object_unref(connection);
+        }
+        return;
+    }
+    if (connection == NULL) {
+        ScheduleRetry(handle);
+        return;
+    }
+    AttachConnection(handle, connection);
+    if (handle->serviceName == NULL) {
+        LinkUp(handle);
+        return;
+    }
+    SendNameRequest(handle);
+    if (handle->nameRequestSerial == 0) {
+        DetachConnection(handle, TRUE);
+        ScheduleRetry(handle);
+    }
+}
+
+/* Connects in the background; the result and the new connection's notifications arrive on the
+ * connection's context. */
+static void StartConnect(KVHandle* handle) {
+    handle->link = KV_LINK_CONNECTING;
+    handle->connectAttempt = g_cancellable_new();
+    g_main_context_push_thread_default(handle->connectionContext);
+    g_dbus_connection_new_for_address(handle->address, kConnectionFlags, NULL,
+                                      handle->connectAttempt, OnConnectReady, handle);
+    g_main_context_pop_thread_default(handle->connectionContext);
+}
+
+/* Runs on the attached context's thread, from the connection's context. */
+static void OnConnectionClosed(GDBusConnection* connection, gboolean remotePeerVanished,
+                               GError* gerror, gpointer data) {
+    (void)connection;
+    (void)remotePeerVanished;
+    (void)gerror;
+    KVHandle* handle = data;
+    if (handle->unregistered || handle->connection != connection) {
+        return;
+    }
+    const gboolean wasUp = handle->link == KV_LINK_UP;
+    DetachConnection(handle, FALSE);
+    handle->link = KV_LINK_DOWN;
+    KvWatchOnBusLost(handle);
+    KvClientOnBusLost(handle);
+    if (!handle->unregistered) {
+        KvServiceOnBusLost(handle);
+    }
+    if (wasUp) {
+        ReportConnection(handle, FALSE);
+    }
+    ScheduleRetry(handle);
+}
+
+/* Registration. */
+
+static GDBusConnection* Connect(KVHandle* handle, KVError* error) {
+    GError* gerror = NULL;
+    g_main_context_push_thread_default(handle->connectionContext);
+    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
+        handle->address, kConnectionFlags, NULL, NULL, &gerror);
+    g_main_context_pop_thread_default(handle->connectionContext);
+    if (connection == NULL) {
+        KvErrorSet(error, KV_ERROR_BUS, "Cannot connect to the bus at %s: %s", handle->address,
                    gerror->message);
         g_error_free(gerror);
-    } else {
-        g_dbus_connection_set_exit_on_close(connection, FALSE);
     }
-    g_free(address);
     return connection;
 }
 
@@ -360,23 +579,19 @@ static gboolean RequestName(GDBusConnection* connection, const char* name, KVErr
     return TRUE;
 }
 
-static void CloseConnection(KVHandle* handle) {
-    g_dbus_connection_remove_filter(handle->connection, handle->filterId);
-    /* Closing drops what is still queued: replies and cancels sent last must go out first. */
-    g_dbus_connection_flush_sync(handle->connection, NULL, NULL);
-    g_dbus_connection_close_sync(handle->connection, NULL, NULL);
-    /* GDBus has queued its "closed" notification on the connection's context, holding the
-     * connection: run it so that the connection can be freed. */
+/* Runs what GDBus queued on the connection's context (notifications, releases) until nothing
+ * is left. */
+static void DrainConnectionContext(KVHandle* handle) {
     while (g_main_context_iteration(handle->connectionContext, FALSE)) {
     }
-    g_signal_handler_disconnect(handle->connection, handle->closedHandler);
 }
 
 static void TokenFree(gpointer token) {
     g_free(token);
 }
 
-bool KVRegister(const char* serviceName, KVHandle** handleOut, KVError* error) {
+bool KVRegisterWithFlags(const char* serviceName, unsigned flags, KVHandle** handleOut,
+                         KVError* error) {
     if (handleOut == NULL) {
         KvErrorSet(error, KV_ERROR_INVALID_ARGUMENT, "NULL handle pointer");
         return false;
@@ -386,41 +601,72 @@ bool KVRegister(const char* serviceName, KVHandle** handleOut, KVError* error) {
         KvErrorSet(error, KV_ERROR_INVALID_ARGUMENT, "Invalid service name \"%s\"", serviceName);
         return false;
     }
-    /* Ownerless polling: GDBus signals the context's wake-up whenever it queues something, even
-     * though no thread owns the context. */
-    GMainContext* connectionContext =
-        g_main_context_new_with_flags(G_MAIN_CONTEXT_FLAGS_OWNERLESS_POLLING);
-    GDBusConnection* connection = Connect(connectionContext, error);
-    if (connection == NULL) {
-        g_main_context_unref(connectionContext);
+    GError* gerror = NULL;
+    char* address = SelectBusAddress(&gerror);
+    if (address == NULL) {
+        KvErrorSet(error, KV_ERROR_BUS, "No bus address: %s", gerror->message);
+        g_error_free(gerror);
         return false;
     }
     KVHandle* handle = g_new0(KVHandle, 1);
     handle->refCount = 1;
     handle->serviceName = g_strdup(serviceName);
-    handle->connection = connection;
-    handle->connectionContext = connectionContext;
-    handle->inbox = InboxNew();
+    handle->address = address;
+    handle->link = KV_LINK_DOWN;
+    handle->retryDelayMs = KV_RETRY_FIRST_MS;
+    /* Ownerless polling: GDBus signals the context's wake-up whenever it queues something, even
+     * though no thread owns the context. */
+    handle->connectionContext =
+        g_main_context_new_with_flags(G_MAIN_CONTEXT_FLAGS_OWNERLESS_POLLING);
     handle->calls =
         g_hash_table_new_full(g_int64_hash, g_int64_equal, NULL, (GDestroyNotify)KvCallRecordFree);
     handle->watches = g_hash_table_new_full(g_str_hash, g_str_equal, NULL, KvWatchFree);
     handle->methods = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free);
     handle->requests = g_hash_table_new(g_str_hash, g_str_equal);
     g_queue_init(&handle->localItems);
-    handle->closedHandler =
-        g_signal_connect(connection, "closed", G_CALLBACK(OnConnectionClosed), handle);
-    /* The filter is in place before the name is owned, so that no request escapes it. */
-    g_atomic_int_inc(&handle->inbox->refCount);
-    handle->filterId =
-        g_dbus_connection_add_filter(connection, ConnectionFilter, handle->inbox, InboxUnref);
-    if (serviceName != NULL && !RequestName(connection, serviceName, error)) {
+    KVError connectError;
+    KVErrorInit(&connectError);
+    GDBusConnection* connection = Connect(handle, &connectError);
+    if (connection == NULL) {
+        if ((flags & KV_REGISTER_ALLOW_NO_BUS) != 0) {
+            KVErrorFree(&connectError);
+            *handleOut = handle;
+            return true;
+        }
+        KvErrorSet(error, connectError.code, "%s", connectError.message);
+        KVErrorFree(&connectError);
         handle->unregistered = TRUE;
-        CloseConnection(handle);
         KvHandleUnref(handle);
         return false;
     }
+    AttachConnection(handle, connection);
+    if (serviceName != NULL && !RequestName(connection, serviceName, error)) {
+        handle->unregistered = TRUE;
+        DetachConnection(handle, TRUE);
+        DrainConnectionContext(handle);
+        KvHandleUnref(handle);
+        return false;
+    }
+    handle->link = KV_LINK_UP;
     *handleOut = handle;
     return true;
+}
+
+bool KVRegister(const char* serviceName, KVHandle** handleOut, KVError* error) {
+    return KVRegisterWithFlags(serviceName, 0, handleOut, error);
+}
+
+bool KVSetConnectionFunc(KVHandle* handle, KVConnectionFunc func, void* userData, KVError* error) {
+    if (!KvCheckHandle(handle, error)) {
+        return false;
+    }
+    handle->connectionFunc = func;
+    handle->connectionData = userData;
+    return true;
+}
+
+bool KVIsConnected(KVHandle* handle) {
+    return handle != NULL && handle->link == KV_LINK_UP;
 }
 
 bool KVGmainAttach(KVHandle* handle, GMainContext* context, KVError* error) {
@@ -438,12 +684,17 @@ bool KVGmainAttach(KVHandle* handle, GMainContext* context, KVError* error) {
     handle->source = source;
     WatchConnectionContext(handle);
     g_source_attach(source, handle->context);
-    pthread_mutex_lock(&handle->inbox->lock);
-    handle->inbox->source = g_source_ref(source);
-    if (handle->inbox->items.length > 0) {
-        g_source_set_ready_time(source, 0);
+    if (handle->inbox != NULL) {
+        pthread_mutex_lock(&handle->inbox->lock);
+        handle->inbox->source = g_source_ref(source);
+        if (handle->inbox->items.length > 0) {
+            g_source_set_ready_time(source, 0);
+        }
+        pthread_mutex_unlock(&handle->inbox->lock);
     }
-    pthread_mutex_unlock(&handle->inbox->lock);
+    if (handle->link == KV_LINK_DOWN) {
+        ScheduleRetry(handle);
+    }
     return true;
 }
 
@@ -453,25 +704,25 @@ bool KVUnregister(KVHandle* handle, KVError* error) {
     }
     handle->unregistered = TRUE;
     KvServiceShutdown(handle);
-    GQueue items = G_QUEUE_INIT;
-    pthread_mutex_lock(&handle->inbox->lock);
-    handle->inbox->closed = TRUE;
-    items = handle->inbox->items;
-    g_queue_init(&handle->inbox->items);
-    g_hash_table_remove_all(handle->inbox->pendingBySerial);
-    GSource* inboxSource = handle->inbox->source;
-    handle->inbox->source = NULL;
-    pthread_mutex_unlock(&handle->inbox->lock);
-    g_queue_clear_full(&items, (GDestroyNotify)InboxItemFree);
-    if (inboxSource != NULL) {
-        g_source_unref(inboxSource);
+    if (handle->retrySource != NULL) {
+        g_source_destroy(handle->retrySource);
+        g_source_unref(handle->retrySource);
+        handle->retrySource = NULL;
+    }
+    if (handle->connectAttempt != NULL) {
+        /* The attempt ends soon once cancelled; its result arrives on the connection's context. */
+        g_cancellable_cancel(handle->connectAttempt);
+        while (handle->connectAttempt != NULL) {
+            g_main_context_iteration(handle->connectionContext, TRUE);
+        }
     }
     if (handle->source != NULL) {
         g_source_destroy(handle->source);
         g_source_unref(handle->source);
         handle->source = NULL;
     }
-    CloseConnection(handle);
+    DetachConnection(handle, TRUE);
+    DrainConnectionContext(handle);
     /* The tables stay (empty) until the last reference goes: a callback may still be running. */
     g_hash_table_remove_all(handle->calls);
     g_hash_table_remove_all(handle->watches);
@@ -493,13 +744,12 @@ void KvHandleUnref(KVHandle* handle) {
     g_hash_table_destroy(handle->methods);
     g_hash_table_destroy(handle->requests);
     g_queue_clear_full(&handle->localItems, TokenFree);
-    g_object_unref(handle->connection);
     g_main_context_unref(handle->connectionContext);
     if (handle->context != NULL) {
         g_main_context_unref(handle->context);
     }
-    InboxUnref(handle->inbox);
     g_free(handle->serviceName);
+    g_free(handle->address);
     g_free(handle);
 }
 

@@ -23,8 +23,9 @@
 
 /* What a reply awaited by serial belongs to. */
 typedef enum KVPendingKind {
-    KV_PENDING_CALL,      /* the first reply of a client call */
-    KV_PENDING_NAME_QUERY /* GetNameOwner of a watched name */
+    KV_PENDING_CALL,        /* the first reply of a client call */
+    KV_PENDING_NAME_QUERY,  /* GetNameOwner of a watched name */
+    KV_PENDING_NAME_REQUEST /* RequestName of the handle's service name, after a reconnect */
 } KVPendingKind;
 
 typedef struct KVPending {
@@ -40,7 +41,9 @@ typedef struct KVInboxItem {
     KVPending* pending; /* NULL for calls and signals */
 } KVInboxItem;
 
-/* Shared by the handle and the connection filter; freed when both have let go. */
+/* Shared by the handle and the filter of one connection; freed when both have let go. A new
+ * connection gets a new inbox, so that serials of an old connection never meet those of the new
+ * one. */
 typedef struct KVInbox {
     gint refCount; /* atomic */
     /* Set (atomically) once the inbox is built. The filter reaches the inbox through GDBus, whose
@@ -64,11 +67,13 @@ typedef struct KVCallRecord {
     KVCallKind kind;
     KVReplyFunc func;
     void* userData;
-    char* name;          /* the service's well-known name (remote) or the watched name (status) */
-    guint32 serial;      /* remote: the call's serial until its first reply, then 0 */
-    char* owner;         /* remote: unique name of the service once it replied with more to come */
-    gboolean statusSent; /* status: the first reply has gone out */
-    gboolean connected;  /* status: the last state reported */
+    char* name;           /* the service's well-known name (remote) or the watched name (status) */
+    guint32 serial;       /* remote: the call's serial until its first reply, then 0 */
+    char* owner;          /* remote: unique name of the service once it replied with more to come */
+    gboolean statusSent;  /* status: the first reply has gone out */
+    gboolean connected;   /* status: the last state reported */
+    gboolean unavailable; /* remote: made without a bus; its error reply is due */
+    GSource* timeout;     /* until the first reply when the call has a deadline, else NULL */
 } KVCallRecord;
 
 /* A name whose owner the handle follows (well-known names for status calls, unique names of
@@ -76,7 +81,7 @@ typedef struct KVCallRecord {
 typedef struct KVWatch {
     char* name;
     int users;
-    gboolean known;      /* the GetNameOwner answer has arrived */
+    gboolean known;      /* the GetNameOwner answer has arrived (or the bus is lost: no owner) */
     char* owner;         /* NULL when the name has no owner */
     guint32 querySerial; /* the GetNameOwner call in flight, or 0 */
 } KVWatch;
@@ -113,28 +118,43 @@ struct KVMessage {
     void* cancelData;
 };
 
+/* The handle's bus connection. */
+typedef enum KVLinkState {
+    KV_LINK_UP,         /* connected, owning the service name if the handle has one */
+    KV_LINK_CONNECTING, /* a connection attempt, or the name request on a new connection, runs */
+    KV_LINK_DOWN        /* no connection; the retry timer runs once the handle is attached */
+} KVLinkState;
+
 struct KVHandle {
     int refCount;      /* the user's, one per message, one per running dispatch */
     char* serviceName; /* NULL for an anonymous client */
-    GDBusConnection* connection;
-    /* GDBus queues the connection's own notifications ("closed" when the bus goes away) on the
-     * context current when it was made: this private one, polled from the handle's source once
-     * attached, and released after the connection, which frees what is queued there. */
+    char* address;     /* the bus address, chosen once at registration */
+    KVLinkState link;
+    GDBusConnection* connection; /* NULL while the link is down */
+    /* GDBus queues what it has for the handle on a context of the handle's choosing: this
+     * private one, for every connection the handle makes. It carries the connections' own
+     * notifications ("closed" when the bus goes away), the filters' releases and the results of
+     * connection attempts; the handle's source polls it once attached, and it is released last. */
     GMainContext* connectionContext;
     gulong closedHandler;
     gpointer connectionContextTag; /* the source's watch of connectionContext's wake-up */
     guint filterId;
-    KVInbox* inbox;
+    KVInbox* inbox;                  /* the connection's; NULL without a connection */
+    GCancellable* connectAttempt;    /* the connection attempt in flight, or NULL */
+    guint32 nameRequestSerial;       /* RequestName on a new connection in flight, or 0 */
+    GSource* retrySource;            /* the next connection attempt, on the attached context */
+    guint retryDelayMs;              /* the wait before the next attempt after a failure */
+    KVConnectionFunc connectionFunc; /* may be NULL */
+    void* connectionData;
     GMainContext* context; /* attached, a reference; NULL before */
     GSource* source;
     gboolean unregistered;
-    gboolean busLost; /* the connection closed under the handle */
     KVMessageToken lastToken;
     GHashTable* calls;    /* KVMessageToken* -> KVCallRecord*, open client calls */
     GHashTable* watches;  /* name -> KVWatch* */
     GHashTable* methods;  /* "CATEGORY/METHOD" -> KVMethod* */
     GHashTable* requests; /* key -> KVMessage* (not a reference), open requests */
-    GQueue localItems;    /* KVMessageToken of status calls whose first reply is due */
+    GQueue localItems;    /* KVMessageToken of calls whose first reply comes from the library */
 };
 
 /* kelvra-handle.c */
@@ -145,10 +165,14 @@ void KvHandleUnref(KVHandle* handle);
 /* Sends a message; with pending, the reply is awaited and delivered with it (ownership of
  * pending passes). Returns the serial, 0 on failure (error filled). */
 guint32 KvSend(KVHandle* handle, GDBusMessage* message, KVPending* pending, KVError* error);
+/* True while the handle may send calls, signals and replies (KV_LINK_UP). */
+gboolean KvLinkUp(KVHandle* handle);
 /* Stops awaiting the reply of serial (it is dropped if it comes). */
 void KvForgetSerial(KVHandle* handle, guint32 serial);
 void KvPendingFree(KVPending* pending);
 void KvScheduleDispatch(KVHandle* handle);
+/* Checks a payload the application gives: not NULL, UTF-8, at most KV_MAX_PAYLOAD_SIZE. */
+gboolean KvCheckPayload(const char* payload, KVError* error);
 /* {"returnValue":false,"errorCode":code,"errorText":text}, to be g_free'd. */
 char* KvErrorPayload(int code, const char* text);
 KVMessage* KvMessageNew(KVHandle* handle, KVMessageKind kind, char* payload);
@@ -160,9 +184,9 @@ void KvServiceOnBusLost(KVHandle* handle);
 /* kelvra-uri.c */
 /* Splits uri into service, object path and member (to be g_free'd); false when malformed. */
 gboolean KvParseUri(const char* uri, char** service, char** path, char** member);
-/* "CATEGORY/METHOD" of an object path and member; NULL when they do not form one. */
 /* Splits "CATEGORY/METHOD" into object path and member (to be g_free'd); false when malformed. */
 gboolean KvSplitMethod(const char* method, char** path, char** member);
+/* "CATEGORY/METHOD" of an object path and member; NULL when they do not form one. */
 char* KvMethodKey(const char* path, const char* member);
 gboolean KvIsServiceName(const char* name);
 
@@ -172,11 +196,16 @@ KVWatch* KvWatchAdd(KVHandle* handle, const char* name);
 void KvWatchRemove(KVHandle* handle, const char* name);
 void KvWatchOnQueryReply(KVHandle* handle, KVPending* pending, GDBusMessage* reply);
 void KvWatchOnOwnerChanged(KVHandle* handle, GDBusMessage* signal);
+/* The bus is lost: no name has an owner, and nothing is awaited. */
+void KvWatchOnBusLost(KVHandle* handle);
+/* A new connection: follows every watched name again. */
+void KvWatchOnBusBack(KVHandle* handle);
 
 /* kelvra-client.c */
 void KvClientOnReply(KVHandle* handle, KVPending* pending, GDBusMessage* reply);
 void KvClientOnReplySignal(KVHandle* handle, GDBusMessage* signal);
-void KvClientOnStatusDue(KVHandle* handle, KVMessageToken token);
+/* A call answered by the library itself (status, or made without a bus) is due its reply. */
+void KvClientOnLocalDue(KVHandle* handle, KVMessageToken token);
 /* A watched name's owner became known (initial) or changed (from NULL, to NULL, or both set for
  * a replacement). */
 void KvClientOnOwnerChanged(KVHandle* handle, const char* name, const char* oldOwner,

@@ -87,8 +87,7 @@ static gboolean ReplyCommon(KVHandle* handle, KVMessage* request, const char* pa
     if (!CheckRequest(handle, request, error)) {
         return FALSE;
     }
-    if (payload == NULL || !g_utf8_validate(payload, -1, NULL)) {
-        KvErrorSet(error, KV_ERROR_BAD_PAYLOAD, "The payload is NULL or not UTF-8 text");
+    if (!KvCheckPayload(payload, error)) {
         return FALSE;
     }
     gboolean more = request->subscribed && !last;
@@ -188,7 +187,10 @@ void KvServiceOnCall(KVHandle* handle, GDBusMessage* call) {
     KVMethod* entry = method != NULL ? g_hash_table_lookup(handle->methods, method) : NULL;
     char* key = g_strdup_printf("%s/%llu", sender, (unsigned long long)token);
     gboolean subscribe = FALSE;
-    if (entry == NULL) {
+    if (strlen(payload) > KV_MAX_PAYLOAD_SIZE) {
+        SendImmediateError(handle, call, KV_ERROR_PAYLOAD_TOO_LARGE,
+                           "The payload is longer than the bus allows");
+    } else if (entry == NULL) {
         char* text = g_strdup_printf("Unknown method \"%s\"", method != NULL ? method : "");
         SendImmediateError(handle, call, KV_ERROR_NO_METHOD, text);
         g_free(text);

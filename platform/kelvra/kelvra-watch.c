@@ -30,6 +30,17 @@ static void SendMatchRule(KVHandle* handle, const char* method, const char* name
     g_free(rule);
 }
 
+/* Asks the bus for the name's owner changes and its owner now. */
+static void Follow(KVHandle* handle, KVWatch* watch) {
+    SendMatchRule(handle, "AddMatch", watch->name);
+    KVPending* pending = g_new0(KVPending, 1);
+    pending->kind = KV_PENDING_NAME_QUERY;
+    pending->name = g_strdup(watch->name);
+    GDBusMessage* query = NewBusCall("GetNameOwner", g_variant_new("(s)", watch->name));
+    watch->querySerial = KvSend(handle, query, pending, NULL);
+    g_object_unref(query);
+}
+
 KVWatch* KvWatchAdd(KVHandle* handle, const char* name) {
     KVWatch* watch = g_hash_table_lookup(handle->watches, name);
     if (watch != NULL) {
@@ -40,13 +51,12 @@ KVWatch* KvWatchAdd(KVHandle* handle, const char* name) {
     watch->name = g_strdup(name);
     watch->users = 1;
     g_hash_table_insert(handle->watches, watch->name, watch);
-    SendMatchRule(handle, "AddMatch", name);
-    KVPending* pending = g_new0(KVPending, 1);
-    pending->kind = KV_PENDING_NAME_QUERY;
-    pending->name = g_strdup(name);
-    GDBusMessage* query = NewBusCall("GetNameOwner", g_variant_new("(s)", name));
-    watch->querySerial = KvSend(handle, query, pending, NULL);
-    g_object_unref(query);
+    if (KvLinkUp(handle)) {
+        Follow(handle, watch);
+    } else {
+        /* Without a bus nobody owns anything; the name is followed once connected. */
+        watch->known = TRUE;
+    }
     return watch;
 }
 
@@ -55,7 +65,7 @@ void KvWatchRemove(KVHandle* handle, const char* name) {
     if (watch == NULL || --watch->users > 0) {
         return;
     }
-    if (!handle->unregistered) {
+    if (!handle->unregistered && KvLinkUp(handle)) {
         SendMatchRule(handle, "RemoveMatch", name);
         if (watch->querySerial != 0) {
             KvForgetSerial(handle, watch->querySerial);
@@ -120,4 +130,27 @@ void KvWatchOnOwnerChanged(KVHandle* handle, GDBusMessage* signal) {
         Notify(handle, name, previous, owner, FALSE);
     }
     g_free(previous);
+}
+
+static void Forget(gpointer name, gpointer watchData, gpointer unused) {
+    (void)name;
+    (void)unused;
+    KVWatch* watch = watchData;
+    g_clear_pointer(&watch->owner, g_free);
+    watch->known = TRUE;
+    watch->querySerial = 0;
+}
+
+void KvWatchOnBusLost(KVHandle* handle) {
+    g_hash_table_foreach(handle->watches, Forget, NULL);
+}
+
+static void FollowAgain(gpointer name, gpointer watch, gpointer handle) {
+    (void)name;
+    ((KVWatch*)watch)->known = FALSE;
+    Follow(handle, watch);
+}
+
+void KvWatchOnBusBack(KVHandle* handle) {
+    g_hash_table_foreach(handle->watches, FollowAgain, handle);
 }

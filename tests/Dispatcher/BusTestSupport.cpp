@@ -21,14 +21,17 @@ class BusEnvironment : public ::testing::Environment {
     void SetUp() override { setenv("KELVRA_BUS_ADDRESS", bus_.Start().c_str(), 1); }
     void TearDown() override { bus_.Stop(); }
 
-  private:
     PrivateBus bus_;
 };
 
-::testing::Environment* const kBusEnvironment =
-    ::testing::AddGlobalTestEnvironment(new BusEnvironment);
+BusEnvironment* const kBusEnvironment =
+    static_cast<BusEnvironment*>(::testing::AddGlobalTestEnvironment(new BusEnvironment));
 
 }  // namespace
+
+PrivateBus& TestBus() {
+    return kBusEnvironment->bus_;
+}
 
 bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int limitSeconds) {
     CallbackExceptions raised(dispatcher);

@@ -22,6 +22,9 @@ typedef struct _GMainContext GMainContext;
 namespace vok {
 namespace test {
 
+// The private bus of the test program (KELVRA_BUS_ADDRESS points at it).
+PrivateBus& TestBus();
+
 // Iterates the dispatcher's context until done() holds; rethrows an exception a callback raised.
 // Fails the test after limitSeconds.
 bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int limitSeconds = 60);
@@ -41,6 +44,8 @@ class FakeService {
     void AddMethod(const std::string& method, Method answer);
     // Payloads received by method, in order.
     std::vector<std::string> Requests(const std::string& method) const;
+    // True while the service is on the bus and owns its name.
+    bool Connected() const { return KVIsConnected(handle_); }
 
   private:
     static bool MethodCb(KVHandle* handle, KVMessage* request, void* self);

@@ -92,17 +92,6 @@ TEST(JsonArrayIteratorTest, ElementOutlivesItsContainer) {
     EXPECT_STREQ("kept", copy->StringPeekValue());
 }
 
-TEST(JsonArrayIteratorTest, SwapExchangesPositions) {
-    JsonToken array;
-    Parse(&array, "[1, 2]");
-    JsonArrayConstIterator first = array.ArrayBegin();
-    JsonArrayConstIterator end = array.ArrayEnd();
-    first.Swap(&end);
-    EXPECT_TRUE(end == array.ArrayBegin());
-    EXPECT_EQ(1.0, end->NumberGetValue());
-    EXPECT_TRUE(first == array.ArrayEnd());
-}
-
 TEST(JsonObjectIteratorTest, VisitsEveryPair) {
     JsonToken object;
     Parse(&object, "{\"a\": 1, \"b\": null, \"c\": [true]}");

@@ -1,6 +1,9 @@
 // JsonToken: values, ownership, parsing and encoding, the exact texts of every misuse, and the
 // standard reply values.
 #include <gtest/gtest.h>
+#include <json-c/json.h>
+
+#include <cmath>
 
 #include <functional>
 #include <new>
@@ -51,10 +54,6 @@ TEST(JsonTokenTest, ValueTypesOfBuiltAndParsedValues) {
     EXPECT_TRUE(token.HasValue());
     EXPECT_EQ(JsonToken::kValueTypeNull, token.GetValueType());
     EXPECT_EQ("null", Encode(token));
-    token.MakeArray();
-    EXPECT_EQ(JsonToken::kValueTypeArray, token.GetValueType());
-    token.MakeObject();
-    EXPECT_EQ(JsonToken::kValueTypeObject, token.GetValueType());
     token.Reset();
     EXPECT_FALSE(token.HasValue());
 
@@ -72,13 +71,67 @@ TEST(JsonTokenTest, ValueTypesOfBuiltAndParsedValues) {
     }
 }
 
-TEST(JsonTokenTest, FailedParseKeepsThePreviousValue) {
+TEST(JsonTokenTest, RefusesWhatIsNotJsonAndKeepsThePreviousValue) {
     JsonToken token;
     ASSERT_TRUE(token.ParseJsonString("{\"keep\":true}"));
-    for (const char* bad : {"{", "", "[1,", "nul", "{\"a\" 1}"}) {
+    // Incomplete, trailing text, leading zeros, bare dots, non-numbers, numbers no double or
+    // integer can hold, raw control characters, single quotes, comments, invalid UTF-8 (overlong
+    // forms too).
+    // clang-format off
+    const char* const kNotJson[] = {
+        "{", "", " ", "[1,", "nul", "{\"a\" 1}", "[1,]", "{\"a\":1,}", "1 x", "{}garbage", "01e", "01",
+        "00", "-01", "1.", "+1", "NaN", "Infinity", "-Infinity", "1e400", "-1e400",
+        "18446744073709551616", "-9223372036854775809", "\"a\tb\"", "'a'", "\"\\x\"",
+        "\"\\u12\"", "/* c */ 1", "\"\xff\"", "\"\xc0\x8e\""};
+    // clang-format on
+    for (const char* bad : kNotJson) {
         EXPECT_FALSE(token.ParseJsonString(bad)) << bad;
         EXPECT_EQ("{ \"keep\": true }", Encode(token));
     }
+}
+
+TEST(JsonTokenTest, AcceptedDocumentsAreWrittenBackAsJson) {
+    JsonToken token;
+    const struct {
+        const char* text;
+        const char* written;
+    } cases[] = {{" \t\r\n[1, 2.50, -0, 1E5, 1e-400] \n", "[ 1, 2.50, 0, 1E5, 1e-400 ]"},
+                 {"18446744073709551615", "18446744073709551615"},
+                 {"-9223372036854775808", "-9223372036854775808"},
+                 {"\"\\u00e9\\/\\ud800\\u0000\"", "\"\xc3\xa9\\/\xef\xbf\xbd\\u0000\""},
+                 {"{\"a\":{\"b\":[null,true,false,\"\"]}}",
+                  "{ \"a\": { \"b\": [ null, true, false, \"\" ] } }"}};
+    for (const auto& c : cases) {
+        ASSERT_TRUE(token.ParseJsonString(c.text)) << c.text;
+        EXPECT_EQ(c.written, Encode(token)) << c.text;
+    }
+}
+
+TEST(JsonTokenTest, WhatJsonCannotSayIsNeverWritten) {
+    JsonToken object;
+    object.MakeObject();
+    const double kNotFinite[] = {std::nan(""), HUGE_VAL, -HUGE_VAL};
+    for (double value : kNotFinite) {
+        ExpectThrowText<std::invalid_argument>(
+            [&]() { object.ObjectSetNumberPair("a", value); },
+            "JSON Number value creation failed: not a finite number");
+        ExpectThrowText<std::invalid_argument>(
+            [&]() { object.MakeNumber(value); },
+            "JSON Number value creation failed: not a finite number");
+    }
+    EXPECT_EQ("{ }", Encode(object));
+    // A json-c value adopted as it is: the encoder refuses it rather than write "NaN".
+    JsonToken adopted;
+    adopted.MakeArray();
+    JsonToken element;
+    element.SetNewPimpl(reinterpret_cast<JsonTokenImpl*>(json_object_new_double(HUGE_VAL)));
+    adopted.ArraySetElement(-1, &element);
+    ExpectThrowText<std::invalid_argument>([&]() { adopted.GenerateJsonEncodingAndPeek(); },
+                                           "JSON encoding generator failed: not a finite number");
+    JsonToken latin1;
+    latin1.MakeString("caf\xe9");
+    ExpectThrowText<std::invalid_argument>([&]() { latin1.GenerateJsonEncodingAndPeek(); },
+                                           "JSON encoding generator failed: string is not UTF-8");
 }
 
 TEST(JsonTokenTest, StoringMovesOwnershipIntoTheContainer) {

@@ -2,12 +2,14 @@
 // Runs until SIGTERM or "test/quit".
 //   test/echo       {"returnValue":true,"echo":PAYLOAD}
 //   test/subscribe  with "subscribe":true, a subscription: {"returnValue":true,"n":0} at once
-//   test/tick       one reply {"n":N} to every subscription, then {"returnValue":true,"sent":K}
-//   test/end        the last reply to every subscription, then {"returnValue":true}
 //   test/events     a subscription told {"cancelled":N} whenever a subscription is cancelled
 //   test/noreply    releases the request unanswered; test/fail returns false
+//   test/late       never answers (told of cancels as test/subscribe); with {"blockMs":N} blocks
+//   its
+//                   loop N ms, then answers {"returnValue":true,"late":true}
 #include <glib-unix.h>
 #include <glib.h>
+#include <json-c/json.h>
 #include <kelvra/kelvra.h>
 
 #include <cstdio>
@@ -21,7 +23,6 @@ struct Service {
     GMainLoop* loop = nullptr;
     std::vector<KVMessage*> subscriptions;  // each with a reference of ours
     std::vector<KVMessage*> watchers;       // test/events subscriptions, with a reference
-    int ticks = 0;
     int cancels = 0;
 };
 
@@ -68,28 +69,6 @@ bool Subscribe(KVHandle* handle, KVMessage* request, void* data) {
     return true;
 }
 
-bool Tick(KVHandle*, KVMessage* request, void* data) {
-    Service* service = static_cast<Service*>(data);
-    ++service->ticks;
-    for (KVMessage* subscription : service->subscriptions) {
-        Reply(service, subscription, "{\"n\":" + std::to_string(service->ticks) + "}");
-    }
-    Reply(service, request,
-          "{\"returnValue\":true,\"sent\":" + std::to_string(service->subscriptions.size()) + "}");
-    return true;
-}
-
-bool End(KVHandle* handle, KVMessage* request, void* data) {
-    Service* service = static_cast<Service*>(data);
-    for (KVMessage* subscription : service->subscriptions) {
-        KVReplyLast(handle, subscription, "{\"returnValue\":true,\"ended\":true}", nullptr);
-        KVMessageUnref(subscription);
-    }
-    service->subscriptions.clear();
-    Reply(service, request, "{\"returnValue\":true}");
-    return true;
-}
-
 bool Events(KVHandle* handle, KVMessage* request, void* data) {
     Service* service = static_cast<Service*>(data);
     KVSubscriptionAdd(handle, request, OnWatcherCancel, service, nullptr);
@@ -99,6 +78,24 @@ bool Events(KVHandle* handle, KVMessage* request, void* data) {
 }
 
 bool NoReply(KVHandle*, KVMessage*, void*) {
+    return true;
+}
+
+// A service that hangs: the cancel of a client that gave up waits behind the reply.
+bool Late(KVHandle* handle, KVMessage* request, void* data) {
+    Service* service = static_cast<Service*>(data);
+    json_object* payload = json_tokener_parse(KVMessageGetPayload(request));
+    json_object* block = nullptr;
+    const bool blocks = json_object_object_get_ex(payload, "blockMs", &block);
+    const int64_t blockMs = json_object_get_int64(block);
+    json_object_put(payload);
+    if (blocks) {
+        g_usleep(static_cast<gulong>(blockMs) * 1000);
+        Reply(service, request, "{\"returnValue\":true,\"late\":true}");
+    } else {
+        KVSubscriptionAdd(handle, request, OnCancel, service, nullptr);
+        service->subscriptions.push_back(KVMessageRef(request));
+    }
     return true;
 }
 
@@ -138,9 +135,9 @@ int main(int argc, char** argv) {
         const char* name;
         KVMethodFunc func;
     } methods[] = {{"test/echo", Echo},     {"test/subscribe", Subscribe},
-                   {"test/tick", Tick},     {"test/end", End},
                    {"test/events", Events}, {"test/noreply", NoReply},
-                   {"test/fail", Fail},     {"test/quit", Quit}};
+                   {"test/fail", Fail},     {"test/quit", Quit},
+                   {"test/late", Late}};
     for (const auto& method : methods) {
         KVRegisterMethod(service.handle, method.name, method.func, &service, nullptr);
     }

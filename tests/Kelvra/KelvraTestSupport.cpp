@@ -43,7 +43,7 @@ double Reply::Number(const char* name) const {
 
 bool ReplyLog::Func(KVHandle*, KVMessage* reply, void* self) {
     static_cast<ReplyLog*>(self)->replies.push_back(
-        {KVMessageGetPayload(reply), KVMessageIsLastReply(reply), g_thread_self()});
+        {KVMessageGetPayload(reply), KVMessageIsLastReply(reply)});
     return true;
 }
 
@@ -67,9 +67,10 @@ void Handle::Unregister() {
     }
 }
 
-bool Handle::Call(const std::string& uri, const std::string& payload, ReplyLog* log,
-                  KVError* error) {
-    return KVCall(handle_, uri.c_str(), payload.c_str(), ReplyLog::Func, log, &log->token, error);
+bool Handle::Call(const std::string& uri, const std::string& payload, ReplyLog* log, KVError* error,
+                  uint32_t timeoutMs) {
+    return KVCallWithTimeout(handle_, uri.c_str(), payload.c_str(), timeoutMs, ReplyLog::Func, log,
+                             &log->token, error);
 }
 
 TestService::TestService(const std::string& serviceName) {

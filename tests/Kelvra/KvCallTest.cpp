@@ -1,13 +1,23 @@
 // kv-call against the test service: output lines and exit status.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "KelvraTestSupport.h"
 #include "support/LogCapture.h"
+#include "vok/Version.h"
 
 namespace vok {
 namespace test {
@@ -15,6 +25,7 @@ namespace {
 
 struct Outcome {
     std::string output;
+    std::string errors;  // standard error
     int status;
 };
 
@@ -29,16 +40,86 @@ int ExitStatus(ChildProcess* process) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// Through sh, to keep standard error apart in a file of its own.
 Outcome RunKvCall(const std::vector<std::string>& args) {
+    char errorsPath[] = "/tmp/vok-kv-call-errors-XXXXXX";
+    close(mkstemp(errorsPath));
+    std::vector<std::string> argv = {"/bin/sh", "-c", "exec $VOK_TEST_EMULATOR \"$@\" 2>\"$0\"",
+                                     errorsPath, KV_CALL};
+    argv.insert(argv.end(), args.begin(), args.end());
     ChildProcess process;
-    StartKvCall(&process, args);
+    process.Start(argv, false, true);
     Outcome outcome;
     outcome.output = process.ReadAll();
     outcome.status = ExitStatus(&process);
+    std::ostringstream errors;
+    errors << std::ifstream(errorsPath).rdbuf();
+    outcome.errors = errors.str();
+    unlink(errorsPath);
     return outcome;
 }
 
-TEST(KvCallTest, PrintsRepliesAsJsonLines) {
+// A unix socket that takes connections and never says a word: a bus that hangs.
+class SilentBus {
+  public:
+    SilentBus() {
+        char pattern[] = "/tmp/vok-silent-bus-XXXXXX";
+        dir_ = mkdtemp(pattern);
+        path_ = dir_ + "/socket";
+        fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
+        EXPECT_EQ(0, bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address));
+        EXPECT_EQ(0, listen(fd_, 8));
+    }
+    ~SilentBus() {
+        close(fd_);
+        unlink(path_.c_str());
+        rmdir(dir_.c_str());
+    }
+    SilentBus(const SilentBus&) = delete;
+    SilentBus& operator=(const SilentBus&) = delete;
+    std::string Address() const { return "unix:path=" + path_; }
+
+  private:
+    std::string dir_;
+    std::string path_;
+    int fd_ = -1;
+};
+
+TEST(KvCallTest, TimeoutBoundsTheWholeRunAgainstABusThatNeverAnswers) {
+    Watchdog watchdog;
+    SilentBus bus;
+    for (const char* subscribe : {"", "--subscribe"}) {
+        // Through sh: the bus address for kv-call alone, and its standard error captured too.
+        std::vector<std::string> argv = {
+            "/bin/sh",
+            "-c",
+            "KELVRA_BUS_ADDRESS=\"$0\" exec $VOK_TEST_EMULATOR \"$@\" 2>&1",
+            bus.Address(),
+            KV_CALL,
+            "kelvra://com.x/a/b",
+            "{}",
+            "--timeout",
+            "1"};
+        if (*subscribe != '\0') {
+            argv.push_back(subscribe);
+        }
+        const auto start = std::chrono::steady_clock::now();
+        ChildProcess process;
+        process.Start(argv, false, true);
+        const std::string output = process.ReadAll();
+        const int status = ExitStatus(&process);
+        const auto elapsed = std::chrono::steady_clock::now() - start;
+        EXPECT_NE(0, status) << subscribe;
+        EXPECT_EQ("kv-call: no answer from the bus within 1 s\n", output) << subscribe;
+        EXPECT_GE(elapsed, std::chrono::seconds(1));
+        EXPECT_LT(elapsed, std::chrono::seconds(30));
+    }
+}
+
+TEST(KvCallTest, PrintsRepliesAndSaysWhatWentWrong) {
     Watchdog watchdog;
     const std::string name = UniqueServiceName();
     const std::string status = "kelvra://com.orvex.kelvrabus/signal/registerServerStatus";
@@ -67,20 +148,42 @@ TEST(KvCallTest, PrintsRepliesAsJsonLines) {
     EXPECT_EQ("{\"returnValue\":true,\"n\":0}\n", stream.output);
     EXPECT_EQ(0, stream.status);
 
+    // An error reply is printed, said on standard error, and ends with 3 unless ignored.
     Outcome missing = RunKvCall({"kelvra://" + name + "/test/nothing", "{}"});
     EXPECT_NE(std::string::npos, missing.output.find("\"errorCode\":10")) << missing.output;
+    EXPECT_THAT(missing.errors, testing::MatchesRegex("kv-call: the reply is an error: .*"
+                                                      " \\(errorCode 10\\)\n"));
+    EXPECT_EQ(3, missing.status);
+    Outcome ignored = RunKvCall({"kelvra://" + name + "/test/fail", "{}", "--ignore-errors"});
+    EXPECT_NE(std::string::npos, ignored.output.find("\"errorCode\":14")) << ignored.output;
+    EXPECT_EQ("", ignored.errors);
+    EXPECT_EQ(0, ignored.status);
 
-    for (const std::vector<std::string>& bad : {std::vector<std::string>{},
-                                                {"kelvra://x/a/b"},
-                                                {"kelvra://com.x/a/b", "{}", "--count"},
+    // A service that never answers, and one that answers after the deadline: nothing printed.
+    for (const char* payload : {"{}", "{\"blockMs\":1500}"}) {
+        const auto start = std::chrono::steady_clock::now();
+        Outcome late = RunKvCall({"kelvra://" + name + "/test/late", payload, "--timeout", "0.3"});
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+        EXPECT_EQ("", late.output) << payload;
+        EXPECT_EQ("kv-call: no reply within 0.3 s\n", late.errors) << payload;
+        EXPECT_EQ(2, late.status) << payload;
+    }
+
+    for (const std::vector<std::string>& bad : {std::vector<std::string>{"kelvra://x/a/b"},
                                                 {"kelvra://com.x/a/b", "{}", "--count", "0"},
                                                 {"kelvra://com.x/a/b", "{}", "--bogus"},
-                                                {"kelvra://com.x/a/b", "{}", "extra"},
                                                 {"kelvra:/bad", "{}"}}) {
         Outcome outcome = RunKvCall(bad);
         EXPECT_EQ(1, outcome.status);
         EXPECT_EQ("", outcome.output);
+        EXPECT_THAT(outcome.errors, testing::MatchesRegex("kv-call: [^\n]+\n")) << outcome.errors;
     }
+    Outcome help = RunKvCall({"--help"});
+    EXPECT_EQ(0, help.status);
+    EXPECT_NE(std::string::npos, help.output.find("--ignore-errors")) << help.output;
+    Outcome version = RunKvCall({"kelvra://com.x/a/b", "--version"});
+    EXPECT_EQ(0, version.status);
+    EXPECT_EQ(std::string("kv-call (vok) ") + VOK_VERSION_STRING + "\n", version.output);
     service.Kill(SIGTERM);
     EXPECT_EQ(0, service.Wait());
 }

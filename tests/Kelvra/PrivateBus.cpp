@@ -55,6 +55,10 @@ void ChildProcess::Start(const std::vector<std::string>& argv, bool emulated, bo
         args.push_back(&word[0]);
     }
     args.push_back(nullptr);
+    if (outFd_ >= 0) {
+        close(outFd_);
+        outFd_ = -1;
+    }
     int fds[2] = {-1, -1};
     if (captureOutput && pipe2(fds, O_CLOEXEC) != 0) {
         Fail("pipe");
@@ -125,15 +129,16 @@ const std::string& PrivateBus::Start() {
         Fail("mkdtemp");
     }
     dir_ = pattern;
+    address_.clear();
     std::string config = dir_ + "/bus.conf";
     std::ofstream(config)
         << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
            " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
            "<busconfig>\n"
            "  <type>session</type>\n"
-           "  <listen>unix:dir="
+           "  <listen>unix:path="
         << dir_
-        << "</listen>\n"
+        << "/socket</listen>\n"
            "  <auth>EXTERNAL</auth>\n"
            "  <policy context=\"default\">\n"
            "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
@@ -141,15 +146,39 @@ const std::string& PrivateBus::Start() {
            "    <allow own=\"*\"/>\n"
            "  </policy>\n"
            "</busconfig>\n";
+    Launch();
+    return address_;
+}
+
+void PrivateBus::Launch() {
+    // A killed daemon leaves its socket behind.
+    unlink((dir_ + "/socket").c_str());
     // The host's daemon: it is not one of the programs built here.
-    daemon_.Start({"dbus-daemon", "--config-file=" + config, "--print-address", "--nofork"}, false,
-                  true);
-    address_ = daemon_.ReadLine();
-    if (address_.empty()) {
+    daemon_.Start(
+        {"dbus-daemon", "--config-file=" + dir_ + "/bus.conf", "--print-address", "--nofork"},
+        false, true);
+    std::string address = daemon_.ReadLine();
+    if (address.empty()) {
         errno = 0;
         Fail("dbus-daemon printed no address");
     }
-    return address_;
+    // Without the daemon's guid, which changes at every start: clients would refuse a restarted
+    // daemon at an address that names the old one.
+    address = address.substr(0, address.find(",guid="));
+    if (!address_.empty() && address != address_) {
+        errno = 0;
+        Fail("dbus-daemon came back at another address");
+    }
+    address_ = address;
+}
+
+void PrivateBus::Kill(int signal) {
+    daemon_.Kill(signal);
+    daemon_.Wait();
+}
+
+void PrivateBus::Restart() {
+    Launch();
 }
 
 void PrivateBus::Stop() {

@@ -40,7 +40,8 @@ class ChildProcess {
 };
 
 // dbus-daemon with a configuration of its own, listening on a socket under a temporary
-// directory. Stop (or destruction) terminates and reaps it and removes the directory.
+// directory. Stop (or destruction) terminates and reaps it and removes the directory. Kill and
+// Restart let tests take the bus away and bring it back at the same address.
 class PrivateBus {
   public:
     PrivateBus() = default;
@@ -52,8 +53,14 @@ class PrivateBus {
     const std::string& Start();
     void Stop();
     const std::string& Address() const { return address_; }
+    // Kills the daemon with signal (its clients lose their connections); the address stays.
+    void Kill(int signal);
+    // Starts a killed daemon again at the same address.
+    void Restart();
 
   private:
+    void Launch();
+
     ChildProcess daemon_;
     std::string dir_;
     std::string address_;

@@ -1,9 +1,14 @@
 // Message ports, their events, and the command and connection port rules.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
+#include <thread>
+
 #include "MmTestSupport.h"
 #include "Src/Core/MessageMover/MmfMessageManager.h"
 #include "support/LogCapture.h"
+#include "support/MemoryCheck.h"
 #include "vok/MessageMoverFramework.h"
 
 namespace vok {
@@ -67,6 +72,8 @@ TEST_F(MessagePortTest, SinkIsTriggeredOncePerEdgeToReadable) {
     b_->GetPortState(nullptr, &writable, &exception);
     EXPECT_TRUE(writable && !exception);
     EXPECT_FALSE(Readable(b_));
+    const char kEventPath[] = "Src/Core/MessageMover/MmfPortEventManager";
+    b_->WatchPortEvents(false, false, false);  // Allowed without a sink.
     CountingSink sink;
     b_->RegisterPortEventSignalSink(sink);
     b_->WatchPortEvents(true, false, false);
@@ -85,26 +92,55 @@ TEST_F(MessagePortTest, SinkIsTriggeredOncePerEdgeToReadable) {
     EXPECT_FALSE(Readable(b_));
     Write(a_, 3);
     EXPECT_EQ(2, sink.count);
-    b_->UnregisterPortEventSignalSink();
-}
 
-TEST_F(MessagePortTest, SinkRegistrationAndWatchRules) {
-    const char kEventPath[] = "Src/Core/MessageMover/MmfPortEventManager";
-    b_->WatchPortEvents(false, false, false);
-    EXPECT_TRUE(ThrowsMm([&] { b_->WatchPortEvents(true, false, false); }, "WatchPortEvents",
-                         kEventPath,
-                         "Port event watch requested, but Signal Sink is not registered yet."));
-    CountingSink first, second;
-    b_->RegisterPortEventSignalSink(first);
-    EXPECT_TRUE(ThrowsMm([&] { b_->RegisterPortEventSignalSink(second); },
+    EXPECT_TRUE(ThrowsMm([&] { b_->RegisterPortEventSignalSink(sink); },
                          "RegisterPortEventSignalSink", kEventPath,
                          "Port Event Signal Sink was already registered."));
     b_->UnregisterPortEventSignalSink();
     b_->UnregisterPortEventSignalSink();
+    EXPECT_TRUE(ThrowsMm([&] { b_->WatchPortEvents(true, false, false); }, "WatchPortEvents",
+                         kEventPath,
+                         "Port event watch requested, but Signal Sink is not registered yet."));
+    EXPECT_EQ(3u, Read(b_, &msg));
+    iface_->FreeMessage(msg);
+    CountingSink second;
     b_->RegisterPortEventSignalSink(second);
-    Write(a_, 1);
-    EXPECT_EQ(0, first.count);
+    Write(a_, 4);
+    EXPECT_EQ(2, sink.count);
     EXPECT_EQ(1, second.count);
+    b_->UnregisterPortEventSignalSink();
+}
+
+// The woken reader's first steps take the port's locks, and its reply takes the writer's and the
+// registry's: a writer still holding any of them while triggering makes the two take turns.
+TEST_F(MessagePortTest, SinkIsTriggeredWithNoLockHeld) {
+    struct Sink : SimpleAsyncInterface {
+        void Trigger() override {
+            if (!helper.joinable()) {
+                helper = std::thread(reply);
+                unlocked = done.get_future().wait_for(std::chrono::seconds(5)) ==
+                           std::future_status::ready;
+            }
+        }
+        std::function<void()> reply;
+        std::thread helper;
+        std::promise<void> done;
+        bool unlocked = false;
+    } sink;
+    sink.reply = [&] {
+        MmConnectionMessageHandle msg;
+        EXPECT_EQ(1u, Read(b_, &msg));
+        iface_->FreeMessage(msg);
+        Write(b_, 2);
+        sink.done.set_value();
+    };
+    b_->RegisterPortEventSignalSink(sink);
+    Write(a_, 1);
+    sink.helper.join();
+    EXPECT_TRUE(sink.unlocked);
+    MmConnectionMessageHandle msg;
+    EXPECT_EQ(2u, Read(a_, &msg));
+    iface_->FreeMessage(msg);
     b_->UnregisterPortEventSignalSink();
 }
 
@@ -229,6 +265,9 @@ TEST_F(MessagePortTest, EachMessageIsLoggedByTheOptionsOfTheInterfaceItPasses) {
 // a port and of an interface. Each is logged with its dump and quarantined, never freed; the
 // counters stay exact, the next read returns the next message, and stopping lists them.
 TEST(CorruptMessageTest, CorruptMessagesAreQuarantined) {
+    if (test::RunningOnValgrind()) {
+        GTEST_SKIP() << "quarantined messages are leaked on purpose";
+    }
     MessageMoverFramework* framework = MessageMoverFramework::StartMessageMoverFramework("x");
     MessageMoverInterface* iface = framework->CreateInterface("corrupt");
     MmConnectionPort* b = nullptr;

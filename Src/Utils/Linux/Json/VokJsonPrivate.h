@@ -7,6 +7,7 @@
 #include <json-c/json.h>
 
 #include <cassert>
+#include <cstddef>
 #include <cstdint>
 
 #include "vok/JsonToken.h"
@@ -40,6 +41,18 @@ inline json_object* JsonCjsonFromPimpl(JsonTokenImpl* pimpl) {
 inline JsonTokenImpl* JsonPimplFromCjson(json_object* value) {
     return reinterpret_cast<JsonTokenImpl*>(value);
 }
+
+// True when text[0, length) is one JSON value by RFC 8259 with white space around it, whose
+// numbers json-c holds without loss (integers within int64_t or uint64_t, other numbers finite
+// as a double) and whose strings are UTF-8 by JsonIsUtf8.
+bool JsonIsStrictDocument(const char* text, size_t length);
+
+// True when text[0, length) is well-formed UTF-8 (no overlong forms, no surrogates).
+bool JsonIsUtf8(const char* text, size_t length);
+
+// Why value cannot be written as JSON (a double that is NaN or infinite, a string or name that
+// is not UTF-8), or NULL when it can.
+const char* JsonFindUnwritable(json_object* value);
 
 }  // namespace vok
 

@@ -1,7 +1,11 @@
 #include <json-c/json.h>
 
+#include <climits>
+#include <cmath>
+#include <cstring>
 #include <new>
 #include <stdexcept>
+#include <string>
 
 #include "Src/Utils/Linux/Json/VokJsonPrivate.h"
 #include "vok/JsonToken.h"
@@ -45,8 +49,14 @@ JsonToken::JsonToken(const ValueSelector<kValueTypeNumber>*, int value)
     : flags(kPopulatedFlag), pimpl(PimplFromCjson_(CheckAllocated(json_object_new_int(value)))) {}
 
 JsonToken::JsonToken(const ValueSelector<kValueTypeNumber>*, double value)
-    : flags(kPopulatedFlag),
-      pimpl(PimplFromCjson_(CheckAllocated(json_object_new_double(value)))) {}
+    : flags(0), pimpl(nullptr) {
+    // JSON has no NaN or infinity; json-c would write them as "NaN" and "Infinity".
+    if (!std::isfinite(value)) {
+        throw std::invalid_argument("JSON Number value creation failed: not a finite number");
+    }
+    pimpl = PimplFromCjson_(CheckAllocated(json_object_new_double(value)));
+    flags = kPopulatedFlag;
+}
 
 JsonToken::JsonToken(const ValueSelector<kValueTypeBoolean>*, bool value)
     : flags(kPopulatedFlag),
@@ -215,6 +225,10 @@ const char* JsonToken::GenerateJsonEncodingAndPeek() const {
     if (!HasValue()) {
         throw std::invalid_argument("JSON encoding generator failed: Token is not populated");
     }
+    // A value adopted from json-c as it is may hold what JSON cannot say.
+    if (const char* why = JsonFindUnwritable(PimplToCjson_(pimpl))) {
+        throw std::invalid_argument(std::string("JSON encoding generator failed: ") + why);
+    }
     const char* text = json_object_to_json_string(PimplToCjson_(pimpl));
     if (text == nullptr) {
         throw std::bad_alloc();
@@ -226,10 +240,22 @@ bool JsonToken::ParseJsonString(const char* text) {
     if (text == nullptr) {
         throw std::invalid_argument("JSON string parser failed: NULL string");
     }
-    // The verbose parser tells the document "null" (a NULL value) apart from a failure.
-    json_tokener_error error = json_tokener_success;
-    json_object* value = json_tokener_parse_verbose(text, &error);
+    // What json-c's strict mode still lets through is refused by the scanner first; json-c then
+    // checks the UTF-8 and the nesting depth. A NULL result with success is the document "null".
+    const size_t length = std::strlen(text);
+    if (length >= static_cast<size_t>(INT32_MAX) || !JsonIsStrictDocument(text, length)) {
+        return false;
+    }
+    json_tokener* tokener = json_tokener_new();
+    if (tokener == nullptr) {
+        throw std::bad_alloc();
+    }
+    json_tokener_set_flags(tokener, JSON_TOKENER_STRICT | JSON_TOKENER_VALIDATE_UTF8);
+    json_object* value = json_tokener_parse_ex(tokener, text, static_cast<int>(length) + 1);
+    const json_tokener_error error = json_tokener_get_error(tokener);
+    json_tokener_free(tokener);
     if (error != json_tokener_success) {
+        json_object_put(value);
         return false;
     }
     JsonToken temporary;

@@ -82,17 +82,34 @@ VokKvClient* RuntimeDispatcherImpl::GetVokKvClient(const std::string& serviceNam
     return clientMgr_->GetClient(serviceName);
 }
 
+namespace {
+
+// A lost bus is an expected event: the handle reconnects by itself; the log says what happened.
+void OnBusConnection(KVHandle*, bool connected, void*) {
+    static const Logger logger("VOK.Dispatcher.Bus");
+    if (connected) {
+        logger.Warning("bus connection restored");
+    } else {
+        logger.Warning("bus connection lost; reconnecting");
+    }
+}
+
+}  // namespace
+
 void RuntimeDispatcherImpl::InitKelvra() {
     if (kvHandle_ != nullptr) {
         return;
     }
+    // Made even when the bus is not there yet: calls then end through their callbacks with the
+    // bus-unavailable error, and the handle connects once the bus is up.
     VokKvError error;
-    error.result = KVRegister(nullptr, &kvHandle_, &error.error);
+    error.result = KVRegisterWithFlags(nullptr, KV_REGISTER_ALLOW_NO_BUS, &kvHandle_, &error.error);
     if (!error.result) {
         kvHandle_ = nullptr;
         VOK_THROW_RESOURCE_ERROR(kVokErrFailed, error.Message());
     }
-    error.result = KVGmainAttach(kvHandle_, context_, &error.error);
+    error.result = KVGmainAttach(kvHandle_, context_, &error.error) &&
+                   KVSetConnectionFunc(kvHandle_, &OnBusConnection, nullptr, &error.error);
     if (error.result) {
         MutexLocker lock(HandleRegistryLock());
         HandleRegistry()[kvHandle_] = this;

@@ -32,8 +32,11 @@ class RuntimeDispatcherImpl {
     GMainContext* GetContext() const { return context_; }
     GMainLoop* GetLoop() const { return loop_; }
 
-    // The dispatcher's bus handle, attached to its context; registers on first use and throws
-    // VokResourceException (kVokErrFailed) when the bus refuses (a later call tries again).
+    // The dispatcher's bus handle, attached to its context, made on first use. It lives as long
+    // as the dispatcher, across losses of the bus: without a bus (also at first use) its calls
+    // end through their callbacks with the bus-unavailable error, and it reconnects by itself.
+    // Throws VokResourceException (kVokErrFailed) only when no handle can be made at all (no
+    // bus address); a later call tries again.
     KVHandle* GetKvHandle();
     // The dispatcher's client of serviceName, created on first use.
     VokKvClient* GetVokKvClient(const std::string& serviceName);

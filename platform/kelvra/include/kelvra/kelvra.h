@@ -32,13 +32,31 @@
  * serve a call, or the library on its behalf, answers with a last reply
  * {"returnValue":false,"errorCode":N,"errorText":"..."}, N a KVErrorCode: no such service
  * (KV_ERROR_NO_SERVICE), no such method (KV_ERROR_NO_METHOD), a payload that is not a JSON object
- * (KV_ERROR_BAD_PAYLOAD), the method failed (KV_ERROR_METHOD_FAILED), no reply came because the
- * service released the request unanswered or left before replying (KV_ERROR_NO_REPLY), the
- * service left the bus while a subscription was open (KV_ERROR_SERVICE_GONE).
+ * (KV_ERROR_BAD_PAYLOAD), a payload above KV_MAX_PAYLOAD_SIZE (KV_ERROR_PAYLOAD_TOO_LARGE), the
+ * method failed (KV_ERROR_METHOD_FAILED), no reply came because the service released the request
+ * unanswered or left before replying (KV_ERROR_NO_REPLY), the service left the bus while a
+ * subscription was open (KV_ERROR_SERVICE_GONE), the bus went away (KV_ERROR_BUS_UNAVAILABLE),
+ * no first reply came within the call's timeout (KV_ERROR_TIMEOUT, see KVCallWithTimeout).
  *
- * A handle whose bus goes away (the daemon exits) ends its open calls with a last reply of
- * KV_ERROR_BUS, reports every watched service as not connected, cancels the subscriptions it
- * serves (cancel functions run), and fails later calls with KV_ERROR_BUS. It does not reconnect.
+ * Losing the bus and getting it back
+ * ----------------------------------
+ * A lost bus (the daemon exits or is restarted) is an expected event. The handle stays valid, and
+ * everything the application holds (the handle, its methods, its open status calls) keeps
+ * working across it. When the connection closes, the handle, from its context:
+ *   - ends every open call to a service with a last reply KV_ERROR_BUS_UNAVAILABLE;
+ *   - reports every watched service as not connected (open status calls stay open);
+ *   - closes every request it serves: subscriptions end as if their clients had left (cancel
+ *     functions run), because those clients lost their connections too;
+ *   - calls the connection function (KVSetConnectionFunc) with false;
+ *   - connects again to the same address, first after 100 ms, then after twice the previous
+ *     wait, at most 5 s apart, from a timeout on the attached context (no busy loop). A handle
+ *     that owns a service name owns it again before it counts as connected (while another
+ *     connection holds the name it keeps trying); its registered methods stay registered.
+ * Once connected again it follows its watched names anew (status calls report the current
+ * state when it differs from the last one reported) and calls the connection function with true.
+ * While the handle has no connection, KVCall still succeeds: a status call gets its first reply
+ * (not connected) from the loop, and a call to a service gets, from the loop, a last reply
+ * KV_ERROR_BUS_UNAVAILABLE; nothing is delivered inside KVCall itself.
  *
  * Threads
  * -------
@@ -93,8 +111,18 @@ typedef enum KVErrorCode {
     KV_ERROR_METHOD_FAILED = 14,   /* the service's method function returned false */
     KV_ERROR_NOT_A_SERVICE = 15,   /* an anonymous handle cannot register methods */
     KV_ERROR_EXISTS = 16,          /* the method or subscription is already registered */
-    KV_ERROR_PROTOCOL = 17         /* the peer answered with something that is not kelvra */
+    KV_ERROR_PROTOCOL = 17,        /* the peer answered with something that is not kelvra */
+    KV_ERROR_BUS_UNAVAILABLE = 18, /* no bus connection now (lost, or not made yet); the handle
+                                      reconnects by itself: try again later */
+    KV_ERROR_PAYLOAD_TOO_LARGE = 19, /* the payload is longer than KV_MAX_PAYLOAD_SIZE */
+    KV_ERROR_TIMEOUT = 20            /* no first reply within the call's timeout: cancelled */
 } KVErrorCode;
+
+/* The longest payload, in bytes of JSON text, that a call, a request or a reply may carry. The
+ * library refuses longer ones before anything is sent (KVCall, KVReply and KVReplyLast fail with
+ * KV_ERROR_PAYLOAD_TOO_LARGE and the handle stays usable); a service answers a longer request
+ * that reaches it some other way with an error reply of that code. */
+#define KV_MAX_PAYLOAD_SIZE (1024u * 1024u)
 
 typedef struct KVError {
     int32_t code;  /* a KVErrorCode; KV_ERROR_NONE when empty */
@@ -117,14 +145,30 @@ KELVRA_EXPORT void KVErrorFree(KVError* error);
 
 /* Connects to the bus. serviceName NULL makes an anonymous client; otherwise the handle owns
  * that well-known name (KV_ERROR_NAME_TAKEN when another connection does). Requests for the
- * service are queued until the handle is attached: register its methods before. */
+ * service are queued until the handle is attached: register its methods before. Fails with
+ * KV_ERROR_BUS when the bus cannot be reached. */
 KELVRA_EXPORT bool KVRegister(const char* serviceName, KVHandle** handle, KVError* error);
+
+/* KVRegisterWithFlags: when the bus cannot be reached now, make the handle all the same; it
+ * starts without a connection and connects, once attached, as after a lost bus (see above). */
+#define KV_REGISTER_ALLOW_NO_BUS 1u
+/* KVRegister with flags (a bitwise or of KV_REGISTER_*; 0 is KVRegister). */
+KELVRA_EXPORT bool KVRegisterWithFlags(const char* serviceName, unsigned flags, KVHandle** handle,
+                                       KVError* error);
+/* Called on the attached context with false when the handle loses its bus connection and with
+ * true when it has connected (and owns its service name) again. */
+typedef void (*KVConnectionFunc)(KVHandle* handle, bool connected, void* userData);
+/* Sets the handle's connection function (NULL: none). */
+KELVRA_EXPORT bool KVSetConnectionFunc(KVHandle* handle, KVConnectionFunc func, void* userData,
+                                       KVError* error);
+/* True while the handle has a bus connection (and owns its service name). */
+KELVRA_EXPORT bool KVIsConnected(KVHandle* handle);
 /* Delivers the handle's replies, requests and notifications on context (NULL: the global
  * default context). Once per handle. */
 KELVRA_EXPORT bool KVGmainAttach(KVHandle* handle, GMainContext* context, KVError* error);
-/* Closes the connection (giving up the service name), drops every open call without further
- * callbacks, and releases the handle. Messages still referenced stay valid, but replies to them
- * fail. */
+/* Closes the connection (giving up the service name), stops reconnecting, drops every open call
+ * without further callbacks, and releases the handle. Messages still referenced stay valid, but
+ * replies to them fail. */
 KELVRA_EXPORT bool KVUnregister(KVHandle* handle, KVError* error);
 
 /* Calls uri with a JSON payload; replyFunc receives every reply until the last one or until
@@ -132,6 +176,16 @@ KELVRA_EXPORT bool KVUnregister(KVHandle* handle, KVError* error);
 KELVRA_EXPORT bool KVCall(KVHandle* handle, const char* uri, const char* payload,
                           KVReplyFunc replyFunc, void* userData, KVMessageToken* token,
                           KVError* error);
+/* KVCall with a deadline for the first reply: when timeoutMs milliseconds (0: no deadline, as
+ * KVCall) pass without a reply, the library cancels the call as KVCallCancel does (the service
+ * learns of the cancel: a subscription's cancel function runs) and then delivers, from the loop,
+ * a last reply {"returnValue":false,"errorCode":20 (KV_ERROR_TIMEOUT),"errorText":"No reply
+ * within N ms..."}. A reply that arrives after that is dropped; the reply function never sees
+ * it. The deadline bounds the first reply only: once a subscription has its first reply it stays
+ * open, without a deadline, until its last reply or KVCallCancel. */
+KELVRA_EXPORT bool KVCallWithTimeout(KVHandle* handle, const char* uri, const char* payload,
+                                     uint32_t timeoutMs, KVReplyFunc replyFunc, void* userData,
+                                     KVMessageToken* token, KVError* error);
 /* Ends an open call: no reply is delivered after this returns, and the service learns of the
  * cancel. KV_ERROR_NO_SUCH_CALL when the call has already ended. */
 KELVRA_EXPORT bool KVCallCancel(KVHandle* handle, KVMessageToken token, KVError* error);

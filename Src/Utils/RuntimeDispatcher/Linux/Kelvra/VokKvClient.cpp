@@ -2,6 +2,8 @@
 
 #include <kelvra/kelvra.h>
 
+#include <vector>
+
 #include "Src/Utils/RuntimeDispatcher/Linux/Kelvra/VokKvError.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "Src/Utils/VokThrow.h"
@@ -48,13 +50,18 @@ void VokKvClient::RemoveRegStatusObserver(void* key) {
 }
 
 void VokKvClient::UpdateObservers() {
-    // An observer may add or remove observers: walk by key, not by iterator.
-    auto it = observers_.begin();
-    while (it != observers_.end()) {
-        void* key = it->first;
-        std::function<void(bool)> observer = it->second;
-        observer(connected_);
-        it = observers_.upper_bound(key);
+    // Observers may add and remove observers: those present when the change came are told, in
+    // key order, unless removed before their turn; one added meanwhile waits for the next change.
+    std::vector<void*> keys;
+    for (const auto& entry : observers_) {
+        keys.push_back(entry.first);
+    }
+    for (void* key : keys) {
+        auto it = observers_.find(key);
+        if (it != observers_.end()) {
+            const std::function<void(bool)> observer = it->second;
+            observer(connected_);
+        }
     }
 }
 

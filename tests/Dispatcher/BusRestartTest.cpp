@@ -1,0 +1,195 @@
+// A daemon's blades across a restart of the bus daemon: a shell whose blades serve, call and
+// watch a bus service keeps running while the bus is killed and started again at the same
+// address, and every blade is back to normal within a bound.
+#include <glib.h>
+#include <gtest/gtest.h>
+#include <kelvra/kelvra.h>
+#include <signal.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "BusTestSupport.h"
+#include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "support/LogCapture.h"
+#include "vok/BladeStopWatcher.h"
+#include "vok/JsonObjectFindResult.h"
+#include "vok/JsonToken.h"
+#include "vok/RdKvCall.h"
+#include "vok/RdTimer.h"
+#include "vok/RuntimeDispatcher.h"
+#include "vok/VokKvClient.h"
+#include "vok/VokShell.h"
+
+namespace vok {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const char kService[] = "com.test.restart.echo";
+
+// What the blades report, read by the test's thread.
+class Board {
+  public:
+    void Update(const std::function<void()>& change) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        change();
+        changed_.notify_all();
+    }
+    // Waits until done() holds (checked under the lock); false after limit.
+    bool WaitUntil(const std::function<bool()>& done, std::chrono::seconds limit) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, limit, done);
+    }
+
+  private:
+    std::mutex mutex_;  // Protects what the blades report and what the test reads.
+    std::condition_variable changed_;
+};
+
+// A blade that is its own loader: a dispatcher of its own on the blade thread, Start and Finish
+// around its run.
+class Blade : public ServiceBlade, public VokBladeLoaderInterface {
+  public:
+    Blade(Board* board, const std::string& name) : board_(board), name_(name) {}
+    const std::string& GetBladeName() const override { return name_; }
+    int32_t GetStartMode() const override { return kBladeStartModeAuto; }
+    void LoadBlade(const VokShellDaemonInfo&) override {}
+    void UnloadBlade() override {}
+    ServiceBlade* GetServiceBlade() override { return this; }
+
+    void Run(ServiceBladeEnvironment* environment) override {
+        RuntimeDispatcher dispatcher;
+        BladeStopWatcher stop(environment, dispatcher);
+        Start(dispatcher);
+        dispatcher.Run();
+        Finish();
+    }
+
+  protected:
+    virtual void Start(RuntimeDispatcher& dispatcher) = 0;
+    virtual void Finish() = 0;
+
+    Board* board_;
+    std::string name_;
+};
+
+// Serves kService's "echo/once" with a bus handle of its own.
+class ServiceBladeImpl : public Blade {
+  public:
+    using Blade::Blade;
+
+  private:
+    void Start(RuntimeDispatcher& dispatcher) override {
+        service_.reset(new test::FakeService(dispatcher, kService));
+        service_->AddMethod("echo/once", [](const std::string& payload) {
+            return std::vector<std::string>{payload};
+        });
+    }
+    void Finish() override { service_.reset(); }
+
+    std::unique_ptr<test::FakeService> service_;
+};
+
+// Calls the service every 20 ms through the dispatcher's bus handle and follows its status
+// through the dispatcher's client.
+class CallerBlade : public Blade {
+  public:
+    using Blade::Blade;
+    // Guarded by the board.
+    Clock::time_point lastAnswer;
+    int errors = 0;
+    std::vector<bool> heard;
+
+  private:
+    void Start(RuntimeDispatcher& dispatcher) override {
+        call_.reset(new RdKvCall(RdKelvraUtils::GetKvHandle(dispatcher),
+                                 [this](KVMessage* reply) { OnReply(reply); }));
+        timer_.reset(new RdTimerBase(dispatcher, [this]() {
+            call_->Call(kService, "echo/once", "{\"returnValue\":true}");
+        }));
+        timer_->Schedule(0);
+        client_ = RdKelvraUtils::GetVokKvClient(dispatcher, kService);
+        client_->AddRegStatusObserver(
+            this, [this](bool up) { board_->Update([&]() { heard.push_back(up); }); });
+    }
+    void Finish() override {
+        client_->RemoveRegStatusObserver(this);
+        timer_.reset();
+        call_.reset();
+    }
+    void OnReply(KVMessage* reply) {
+        JsonToken payload;
+        const bool answered = payload.ParseJsonString(KVMessageGetPayload(reply)) &&
+                              payload.ObjectFindPair("returnValue")->BooleanGetValue();
+        board_->Update([&]() { answered ? (void)(lastAnswer = Clock::now()) : (void)++errors; });
+        timer_->Schedule(20);
+    }
+
+    std::unique_ptr<RdKvCall> call_;
+    std::unique_ptr<RdTimerBase> timer_;
+    VokKvClient* client_ = nullptr;
+};
+
+TEST(BusRestartTest, EveryBladeIsBackToNormalSoonAfterTheBusReturns) {
+    test::Watchdog watchdog;
+    test::LogCapture log;  // the dispatchers' warnings about the bus
+    Board board;
+    ServiceBladeImpl service(&board, "service");
+    CallerBlade callers[] = {{&board, "caller1"}, {&board, "caller2"}};
+    bool stopped = false;
+    VokShell shell(VokShellDaemonInfo("bus-restart", ""), {&service, &callers[0], &callers[1]},
+                   [&]() { board.Update([&]() { stopped = true; }); });
+    shell.StartUp();
+    // Every caller has heard the service's status last as up (or down) and, when up, has had an
+    // answer since a time.
+    auto allHeard = [&](bool up, Clock::time_point since) {
+        for (const CallerBlade& caller : callers) {
+            if (caller.heard.empty() || caller.heard.back() != up ||
+                (up && caller.lastAnswer <= since)) {
+                return false;
+            }
+        }
+        return true;
+    };
+    ASSERT_TRUE(board.WaitUntil([&]() { return allHeard(true, Clock::time_point()); },
+                                std::chrono::seconds(60)));
+
+    // A short outage, then one long enough for the waits between attempts to grow.
+    for (int outage : {1, 50}) {
+        int before = 0;
+        board.Update([&]() { before = callers[0].errors; });
+        test::TestBus().Kill(SIGKILL);
+        const Clock::time_point down = Clock::now();
+        ASSERT_TRUE(board.WaitUntil(
+            [&]() { return callers[0].errors - before >= outage && allHeard(false, down); },
+            std::chrono::seconds(60)));
+        test::TestBus().Restart();
+        const Clock::time_point restarted = Clock::now();
+        ASSERT_TRUE(
+            board.WaitUntil([&]() { return allHeard(true, restarted); }, std::chrono::seconds(60)));
+        const auto back =
+            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - restarted);
+        const auto away = std::chrono::duration_cast<std::chrono::milliseconds>(restarted - down);
+        std::printf("bus away %ld ms; every blade back %ld ms after the restart\n",
+                    static_cast<long>(away.count()), static_cast<long>(back.count()));
+        // The longest wait between connection attempts is 5 s.
+        EXPECT_LT(back.count(), 10000);
+    }
+    board.Update([&]() {
+        for (const CallerBlade& caller : callers) {
+            EXPECT_EQ((std::vector<bool>{true, false, true, false, true}), caller.heard);
+        }
+    });
+    shell.RequestStop();
+    ASSERT_TRUE(board.WaitUntil([&]() { return stopped; }, std::chrono::seconds(60)));
+}
+
+}  // namespace
+}  // namespace vok

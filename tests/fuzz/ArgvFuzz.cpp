@@ -1,0 +1,74 @@
+// ArgvMaker. Whatever the text: a failure has a message and no vector; a success has argc
+// non-NULL arguments and a NULL after them, or no vector at all for an empty list. Every
+// argument vector, quoted back into a command line, splits again into the same vector.
+#include <glib.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "vok/ArgvMaker.h"
+
+namespace {
+
+[[noreturn]] void Fail(const char* what, const std::string& line) {
+    std::fprintf(stderr, "ArgvFuzz: %s: <%s>\n", what, line.c_str());
+    std::abort();
+}
+
+// Checks the shape of maker's result; returns argc.
+int CheckShape(const vok::ArgvMaker& maker, const std::string& line) {
+    if (maker.ParseFailed() != 0) {
+        if (maker.ErrorText() == nullptr || maker.Argv() != nullptr || maker.Argc() != 0) {
+            Fail("a failed parse left a vector or no message", line);
+        }
+        return 0;
+    }
+    if (maker.ErrorText() != nullptr) {
+        Fail("a parse that worked has an error text", line);
+    }
+    const int argc = maker.Argc();
+    if (argc == 0) {
+        if (maker.Argv() != nullptr) {
+            Fail("an empty list has a vector", line);
+        }
+        return 0;
+    }
+    if (argc < 0 || maker.Argv() == nullptr || maker.Argv()[argc] != nullptr) {
+        Fail("the vector is not argc long and NULL-terminated", line);
+    }
+    for (int i = 0; i < argc; ++i) {
+        if (maker.Argv()[i] == nullptr) {
+            Fail("a NULL before argv[argc]", line);
+        }
+    }
+    return argc;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string line(reinterpret_cast<const char*>(data), size);
+    const vok::ArgvMaker maker(line.c_str());
+    const int argc = CheckShape(maker, line);
+    if (argc == 0) {
+        return 0;
+    }
+    std::string quoted;
+    for (int i = 0; i < argc; ++i) {
+        gchar* word = g_shell_quote(maker.Argv()[i]);
+        quoted += (i > 0 ? " " : "") + std::string(word);
+        g_free(word);
+    }
+    const vok::ArgvMaker again(quoted.c_str());
+    if (CheckShape(again, quoted) != argc) {
+        Fail("the quoted vector splits into another count", quoted);
+    }
+    for (int i = 0; i < argc; ++i) {
+        if (std::string(maker.Argv()[i]) != again.Argv()[i]) {
+            Fail("the quoted vector splits into other words", quoted);
+        }
+    }
+    return 0;
+}

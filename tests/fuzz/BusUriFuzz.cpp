@@ -1,0 +1,100 @@
+// The bus library's URIs and error payloads. The input's first line is a URI: one that parses
+// is rebuilt from its parts exactly, and its method splits again into the same parts. The rest
+// is an error text: the error payload made of it is strict JSON that carries the text and the
+// code unchanged. (The library's request payload parsing is static in its sources and is reached
+// only through a bus.)
+#include <gio/gio.h>
+#include <kelvra/kelvra.h>
+#include <pthread.h>
+
+// The library's private header has no C++ guard of its own; what it includes is already in.
+extern "C" {
+#include "kelvra-private.h"
+}
+
+#include <json-c/json.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+[[noreturn]] void Fail(const char* what, const std::string& text) {
+    std::fprintf(stderr, "BusUriFuzz: %s: <%s>\n", what, text.c_str());
+    std::abort();
+}
+
+void Uri(const std::string& uri) {
+    char* service = nullptr;
+    char* path = nullptr;
+    char* member = nullptr;
+    if (!KvParseUri(uri.c_str(), &service, &path, &member)) {
+        return;
+    }
+    if (!KvIsServiceName(service)) {
+        Fail("the service of a parsed URI is not a service name", uri);
+    }
+    char* method = KvMethodKey(path, member);
+    if (method == nullptr || "kelvra://" + std::string(service) + "/" + method != uri) {
+        Fail("a parsed URI does not rebuild from its parts", uri);
+    }
+    char* path2 = nullptr;
+    char* member2 = nullptr;
+    if (!KvSplitMethod(method, &path2, &member2) || std::strcmp(path, path2) != 0 ||
+        std::strcmp(member, member2) != 0) {
+        Fail("the method of a parsed URI splits into other parts", uri);
+    }
+    g_free(path2);
+    g_free(member2);
+    g_free(method);
+    g_free(service);
+    g_free(path);
+    g_free(member);
+}
+
+void ErrorPayload(int code, const std::string& text) {
+    // Error texts come from the library and from D-Bus error messages, which are UTF-8.
+    if (!g_utf8_validate(text.c_str(), -1, nullptr)) {
+        return;
+    }
+    char* payload = KvErrorPayload(code, text.c_str());
+    json_tokener* tokener = json_tokener_new();
+    json_tokener_set_flags(tokener, JSON_TOKENER_STRICT | JSON_TOKENER_VALIDATE_UTF8);
+    json_object* reply =
+        json_tokener_parse_ex(tokener, payload, static_cast<int>(std::strlen(payload)) + 1);
+    if (json_tokener_get_error(tokener) != json_tokener_success) {
+        Fail("the error payload is not JSON", payload);
+    }
+    json_object* value = nullptr;
+    if (!json_object_object_get_ex(reply, "errorText", &value) ||
+        text != json_object_get_string(value) ||
+        !json_object_object_get_ex(reply, "errorCode", &value) ||
+        json_object_get_int(value) != code ||
+        !json_object_object_get_ex(reply, "returnValue", &value) ||
+        json_object_get_boolean(value) != 0) {
+        Fail("the error payload does not say what it was made of", payload);
+    }
+    json_object_put(reply);
+    json_tokener_free(tokener);
+    g_free(payload);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string input(reinterpret_cast<const char*>(data), size);
+    const size_t newline = input.find('\n');
+    Uri(input.substr(0, newline).c_str());
+    if (newline == std::string::npos) {
+        return 0;
+    }
+    int code = 0;
+    const std::string rest = input.substr(newline + 1);
+    std::memcpy(&code, rest.data(), std::min(sizeof code, rest.size()));
+    ErrorPayload(code, rest.c_str());
+    return 0;
+}

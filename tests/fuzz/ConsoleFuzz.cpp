@@ -1,0 +1,93 @@
+// The interactive console, in process: the input is a session of typed lines. Each input runs in
+// a console of its own, which is destroyed afterwards, so nothing is carried to the next input
+// (ASan's leak check then sees what a session left behind). A command that ends the session with
+// an exception, as the console lets it, ends only that input.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include <ztlog/ztlog.h>
+
+#include "vok/InteractiveTestManager.h"
+
+namespace {
+
+// The console reads at most this many characters of a line and drops the rest.
+const size_t kConsoleLineLength = 127;
+// Counts above this (messages, elements, serial numbers to draw) only cost time.
+const unsigned long long kMaxCount = 1000;
+
+void DropLogLine(void*, int, const char*, const char*) {}
+
+// True when a word of the line (after the command) is a number above kMaxCount as the console's
+// handlers would read it.
+bool AsksForTooMuch(const std::string& line) {
+    std::string copy = line;
+    char* state = nullptr;
+    strtok_r(&copy[0], " ", &state);
+    for (char* word; (word = strtok_r(nullptr, " ", &state)) != nullptr;) {
+        errno = 0;
+        char* end = nullptr;
+        const unsigned long long value = std::strtoull(word, &end, 10);
+        if (end != word && (errno == ERANGE || value > kMaxCount)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The session as the console will see it, less the lines that would only take long.
+std::string Session(const uint8_t* data, size_t size) {
+    std::string session;
+    const char* p = reinterpret_cast<const char*>(data);
+    const char* const end = p + size;
+    while (p < end) {
+        const char* newline = static_cast<const char*>(std::memchr(p, '\n', end - p));
+        const char* lineEnd = newline != nullptr ? newline : end;
+        std::string line(p, std::min<size_t>(lineEnd - p, kConsoleLineLength));
+        line = line.c_str();  // The console's line ends at a NUL.
+        if (!AsksForTooMuch(line)) {
+            session += line + "\n";
+        }
+        p = lineEnd + 1;
+    }
+    return session;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    // The console prints to standard output; libFuzzer reports on standard error.
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, STDOUT_FILENO);
+    close(null);
+    ZtLogSetOutputHook(DropLogLine, nullptr);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    std::string session = Session(data, size);
+    if (session.empty()) {
+        return 0;
+    }
+    FILE* input = fmemopen(&session[0], session.size(), "r");
+    if (input == nullptr) {
+        return 0;
+    }
+    try {
+        voktests::InteractiveTestManager console;
+        console.Run(input);
+    } catch (const std::exception&) {
+        // A program error a command provoked on purpose ("mmf.rembogus", "mmf.remfront force").
+    }
+    std::fclose(input);
+    return 0;
+}
