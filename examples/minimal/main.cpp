@@ -3,14 +3,13 @@
 // A VokShell hosts one blade. The blade runs an event loop (a RuntimeDispatcher) on its own
 // thread and prints a line every second from a timer. SIGTERM or SIGINT stops the daemon
 // cleanly: the shell tells the blade to stop, waits for it, and the program exits with 0.
-#include <signal.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <memory>
 #include <string>
 
 #include <vok/BladeStopWatcher.h>
+#include <vok/Daemon.h>
 #include <vok/RdTimer.h>
 #include <vok/RuntimeDispatcher.h>
 #include <vok/Version.h>
@@ -71,34 +70,17 @@ int main() {
     }
     std::printf("[minimal] vok %s\n", vok::GetLibraryVersion().text);
 
-    // Block the stop signals before the framework starts any thread: every thread inherits the
-    // mask, so the signals reach only the sigwait below, on this thread. SIGUSR1 is how the
-    // shell's completion callback (on the shell's thread) wakes this thread.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
+    // RunDaemon builds the shell, starts the blade on its own thread and waits here for SIGTERM
+    // or SIGINT; then it stops the blade, destroys the shell (which reports anything leaked) and
+    // returns. Under systemd it also reports readiness and feeds the watchdog.
     TickLoader loader;  // Must outlive the shell.
-    {
-        vok::VokShell shell(vok::VokShellDaemonInfo("minimal", "the minimal example"), {&loader},
-                            []() { kill(getpid(), SIGUSR1); });
-        shell.StartUp();
+    vok::DaemonHooks hooks;
+    hooks.beforeStart = [](vok::VokShell&) {
         std::printf("[minimal] running; stop with SIGTERM or SIGINT\n");
         std::fflush(stdout);
-        for (;;) {
-            int signal = 0;
-            if (sigwait(&signals, &signal) != 0) {
-                continue;
-            }
-            if (signal == SIGUSR1) {
-                break;  // Every blade has stopped.
-            }
-            shell.RequestStop();  // The blades stop; SIGUSR1 follows.
-        }
-    }  // Destroying the shell releases the framework and reports anything leaked.
+    };
+    const int status =
+        vok::RunDaemon(vok::VokShellDaemonInfo("minimal", "the minimal example"), {&loader}, hooks);
     std::printf("[minimal] stopped\n");
-    return 0;
+    return status;
 }

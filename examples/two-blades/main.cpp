@@ -5,8 +5,6 @@
 // request every half second from a timer and prints the replies. At start the client also asks
 // the bus whether the power service is up; without a bus it says so and carries on.
 // SIGTERM or SIGINT stops the daemon cleanly.
-#include <signal.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -15,6 +13,7 @@
 
 #include <kelvra/kelvra.h>
 #include <vok/BladeStopWatcher.h>
+#include <vok/Daemon.h>
 #include <vok/MessageMoverInterface.h>
 #include <vok/MmCommandPort.h>
 #include <vok/RdKvCall.h>
@@ -167,27 +166,12 @@ class Loader : public vok::VokBladeLoaderInterface {
 }  // namespace
 
 int main() {
-    // The same stop handling as examples/minimal: signals blocked before any thread starts,
-    // taken on this thread with sigwait; SIGUSR1 reports that every blade has stopped.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
+    // The same stop handling as examples/minimal: RunDaemon waits for SIGTERM or SIGINT here,
+    // stops both blades and destroys the shell.
     Loader<ServerBlade> server("server");
     Loader<ClientBlade> client("client");
-    {
-        vok::VokShell shell(vok::VokShellDaemonInfo("two-blades", "the two-blade example"),
-                            {&server, &client}, []() { kill(getpid(), SIGUSR1); });
-        shell.StartUp();
-        for (int signal = 0; signal != SIGUSR1;) {
-            if (sigwait(&signals, &signal) == 0 && signal != SIGUSR1) {
-                shell.RequestStop();  // SIGTERM or SIGINT: the blades stop, then SIGUSR1 comes.
-            }
-        }
-    }
+    const int status = vok::RunDaemon(
+        vok::VokShellDaemonInfo("two-blades", "the two-blade example"), {&server, &client});
     std::printf("[two-blades] stopped\n");
-    return 0;
+    return status;
 }
