@@ -13,8 +13,11 @@ namespace voktests {
 // One console command. The handler reads its arguments with next_arg() and prints to standard
 // output; help may be NULL.
 struct _Command {
+    // The word that runs the command.
     const char* name;
+    // Runs the command.
     void (*handler)();
+    // One line for "help", or NULL.
     const char* help;
 };
 
