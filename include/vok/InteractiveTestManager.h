@@ -31,6 +31,7 @@ extern std::vector<_Command>* g_pCommands;
 extern int32_t g_argc;
 extern char** g_argv;
 
+// True while commands are typed (g_argc is -1), false in one-shot mode.
 bool Interactive();
 // The current command's next argument, or NULL when there is none.
 const char* next_arg();
