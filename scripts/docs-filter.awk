@@ -3,7 +3,7 @@
 #   - a comment directly above a declaration documents it ("//" becomes "///", "/*" "/**");
 #   - a comment above a run of declarations with no blank line or other comment between them
 #     documents each of the run (a member group: "@{" at the comment's end, "@}" after the run).
-#     Destructors and defaulted or deleted members end a run;
+#     Destructors, defaulted or deleted members and forward declarations end a run;
 #   - a comment after a variable, field, constant or enumerator on its line documents it
 #     ("//" becomes "///<", "/*" "/**<");
 #   - the comment at the top of a header, above its include guard, documents the file.
@@ -32,10 +32,12 @@ function run_end(first,    k, depth, text, opens, closes, count, last) {
     last = 0
     for (k = first; k <= NR; k++) {
         text = code(line[k])
-        if (depth == 0 && (text ~ /^[ \t]*$/ || line[k] ~ /^[ \t]*(\/\/|\/\*|}|~|public:|private:|protected:)/ ||
+        if (depth == 0 && (text ~ /^[ \t]*$/ || line[k] ~ /^[ \t]*(\/\/|\/\*|}|~|virtual[ \t]+~|public:|private:|protected:)/ ||
                            (text ~ /^[ \t]*#/ && text !~ /^[ \t]*#[ \t]*define[ \t]/) ||
                            text ~ /=[ \t]*(default|delete)[ \t]*;/))
             break
+        # A forward declaration is documented where its class is defined.
+        if (k > first && text ~ /^[ \t]*(class|struct)[ \t]+[A-Za-z_][A-Za-z0-9_]*[ \t]*;/) break
         opens = gsub(/{/, "{", text)
         closes = gsub(/}/, "}", text)
         depth += opens - closes
