@@ -1,11 +1,13 @@
 #!/bin/bash
 # make demo: a private bus, vok-powerd and vok-demo, run for DEMO_SECONDS (default 10) and stopped
 # with SIGTERM. Half way through, vok-powerd is stopped so that the alarms move to their fallback
-# timer. Every process started here is gone when the script ends, however it ends.
+# timer. Every process started here is gone when the script ends, however it ends. DEMO_WRAPPER,
+# when set, is a command that runs both daemons (valgrind, for one).
 # Usage: demo.sh BUILD_DIR
 set -euo pipefail
 build=$1
 seconds=${DEMO_SECONDS:-10}
+read -r -a wrapper <<<"${DEMO_WRAPPER:-}"
 work=$(mktemp -d)
 pids=()
 
@@ -49,12 +51,12 @@ export KELVRA_BUS_ADDRESS=$address
 echo "bus address: $address"
 
 say "starting vok-powerd (com.orvex.power), logging each request"
-"$build/apps/vok-powerd/vok-powerd" --log > >(sed -u 's/^/[powerd] /') &
+"${wrapper[@]}" "$build/apps/vok-powerd/vok-powerd" --log > >(sed -u 's/^/[powerd] /') &
 powerd=$!
 pids+=("$powerd")
 
 say "starting vok-demo for $seconds s: blades echo, client, alarm and bus"
-"$build/apps/vok-demo/vok-demo" &
+"${wrapper[@]}" "$build/apps/vok-demo/vok-demo" &
 demo=$!
 pids+=("$demo")
 

@@ -70,41 +70,46 @@ void DiagnosticRegisterMasterBase::SetLongevity(DiagnosticRegisterLongevity long
     longevity_ = longevity;
 }
 
-void DiagnosticRegisterCounterMaster::StoreLocked(int32_t value) {
-    if (value > high_) {
-        high_ = value;
+void DiagnosticRegisterCounterMaster::RaiseWatermarks(int32_t value) {
+    int32_t high = high_.load(std::memory_order_relaxed);
+    while (value > high && !high_.compare_exchange_weak(high, value, std::memory_order_relaxed)) {
     }
-    if (value < low_) {
-        low_ = value;
+    int32_t low = low_.load(std::memory_order_relaxed);
+    while (value < low && !low_.compare_exchange_weak(low, value, std::memory_order_relaxed)) {
     }
-    value_ = value;
 }
 
 int32_t DiagnosticRegisterCounterMaster::Adjust(int32_t delta) {
-    MutexLocker lock(*pValueMutex_);
-    // Plain signed 32-bit arithmetic, wrapping like the device's.
-    StoreLocked(static_cast<int32_t>(static_cast<uint32_t>(value_) + static_cast<uint32_t>(delta)));
-    return value_;
+    // Plain signed 32-bit arithmetic, wrapping like the device's
+    // (atomic signed addition is defined to wrap).
+    const int32_t old = value_.fetch_add(delta, std::memory_order_relaxed);
+    const int32_t value =
+        static_cast<int32_t>(static_cast<uint32_t>(old) + static_cast<uint32_t>(delta));
+    RaiseWatermarks(value);
+    return value;
 }
 
 void DiagnosticRegisterCounterMaster::Set(int32_t value) {
-    MutexLocker lock(*pValueMutex_);
-    StoreLocked(value);
+    value_.store(value, std::memory_order_relaxed);
+    RaiseWatermarks(value);
 }
 
 void DiagnosticRegisterCounterMaster::Reset(int32_t value) {
-    MutexLocker lock(*pValueMutex_);
-    value_ = low_ = high_ = value;
+    value_.store(value, std::memory_order_relaxed);
+    low_.store(value, std::memory_order_relaxed);
+    high_.store(value, std::memory_order_relaxed);
 }
 
 int32_t DiagnosticRegisterCounterMaster::Get(DiagnosticRegisterCounter::CounterInfo* info) const {
-    MutexLocker lock(*pValueMutex_);
+    const int32_t value = value_.load(std::memory_order_relaxed);
     if (info != nullptr) {
-        info->value = value_;
-        info->low = low_;
-        info->high = high_;
+        const int32_t low = low_.load(std::memory_order_relaxed);
+        const int32_t high = high_.load(std::memory_order_relaxed);
+        info->value = value;
+        info->low = value < low ? value : low;
+        info->high = value > high ? value : high;
     }
-    return value_;
+    return value;
 }
 
 void DiagnosticRegisterStringMaster::Set(const std::string& value) {

@@ -2,6 +2,7 @@
 #ifndef VOK_SRC_UTILS_DIAGNOSTICREGISTERIMPL_H
 #define VOK_SRC_UTILS_DIAGNOSTICREGISTERIMPL_H
 
+#include <atomic>
 #include <map>
 #include <string>
 
@@ -34,6 +35,12 @@ class DiagnosticRegisterMasterBase {
     DiagnosticRegisterLongevity longevity_;  // Protected by *pValueMutex_.
 };
 
+// The value and its watermarks are atomics: an adjust is one atomic add on the value and, only
+// when it passes a watermark, a compare-exchange on that watermark, with no lock. Every value the
+// counter takes is inside [low, high] once its adjust returns, and a watermark only ever holds a
+// value the counter took. A reader may catch an adjust between its two steps; Get widens the
+// watermarks by the value it read, so a snapshot is never inconsistent. A reset racing an adjust
+// may keep that adjust's value in the new watermarks, as if the adjust had come just after it.
 class DiagnosticRegisterCounterMaster : public DiagnosticRegisterMasterBase {
   public:
     DiagnosticRegisterCounterMaster(Mutex* pValueMutex, int32_t initialValue)
@@ -48,12 +55,12 @@ class DiagnosticRegisterCounterMaster : public DiagnosticRegisterMasterBase {
     int32_t Get(DiagnosticRegisterCounter::CounterInfo* info) const;
 
   private:
-    // Stores value and moves the watermarks; the caller holds the value mutex.
-    void StoreLocked(int32_t value);
+    // Moves the watermarks to include value, which the counter has just taken.
+    void RaiseWatermarks(int32_t value);
 
-    int32_t value_;  // Protected by *pValueMutex_, as are the watermarks.
-    int32_t low_;
-    int32_t high_;
+    std::atomic<int32_t> value_;
+    std::atomic<int32_t> low_;
+    std::atomic<int32_t> high_;
 };
 
 class DiagnosticRegisterStringMaster : public DiagnosticRegisterMasterBase {
@@ -102,7 +109,8 @@ class DiagnosticRegisterTable {
     Mutex tableMutex_;  // Protects both maps; taken re-entrantly.
     std::map<std::string, DiagnosticRegisterCounterMaster*> counters_;
     std::map<std::string, DiagnosticRegisterStringMaster*> strings_;
-    Mutex valueMutex_;  // Protects every master's value, watermarks, count and longevity.
+    Mutex valueMutex_;  // Protects every master's reference count and longevity and the string
+                        // values; counter values are atomics.
     Logger logger_;
 };
 

@@ -2,8 +2,10 @@
 #ifndef VOK_APPS_VOK_DEMO_DEMOBLADES_H
 #define VOK_APPS_VOK_DEMO_DEMOBLADES_H
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "vok/RuntimeDispatcher.h"
 #include "vok/VokShell.h"
@@ -34,21 +36,35 @@ class DemoBlade : public ServiceBlade {
     virtual void Finish(ServiceBladeEnvironment* env) = 0;
 };
 
+// How fast the client and bus blades send, and how they report. The default paces the demo for
+// a person to watch; LoadPace() keeps the MessageMover and the bus busy for a soak run.
+struct DemoPace {
+    unsigned clientPeriodMs = 500;  // The client sends clientBurst requests each period.
+    unsigned clientBurst = 1;
+    unsigned busPeriodMs = 1000;  // The bus blade makes busCalls calls each period.
+    unsigned busCalls = 1;
+    unsigned reportMs = 0;  // 0: a line per round trip and bus reply; else a summary per period.
+};
+DemoPace LoadPace();
+
 // Answers requests on command service port 100 (the payload comes back to the sender) and on the
 // bus as com.orvex.vokdemo demo/echo.
 std::unique_ptr<DemoBlade> MakeEchoBlade();
-// Sends a request to service 100 every 500 ms and counts the round trips.
-std::unique_ptr<DemoBlade> MakeClientBlade();
-// Keeps an alarm of 2 s going: through the power service when it is up, else the timer.
+// Sends requests to service 100 and counts the round trips.
+std::unique_ptr<DemoBlade> MakeClientBlade(const DemoPace& pace);
+// Keeps an alarm of 2 s going: through the power service when it is up, else the timer. Each
+// alarm is set again 250 ms after it fired, and every setting and firing is printed with its due
+// time and the time it fired (milliseconds since the program started), so that a firing that
+// comes early, twice or not at all shows in the output.
 std::unique_ptr<DemoBlade> MakeAlarmBlade();
-// Calls com.orvex.vokdemo demo/echo on the bus every second and follows com.orvex.power's status.
-std::unique_ptr<DemoBlade> MakeBusBlade();
+// Calls com.orvex.vokdemo demo/echo on the bus and follows com.orvex.power's status.
+std::unique_ptr<DemoBlade> MakeBusBlade(const DemoPace& pace);
 
 // Loads one of the blades above.
 class DemoLoader : public VokBladeLoaderInterface {
   public:
-    DemoLoader(const std::string& name, std::unique_ptr<DemoBlade> (*make)())
-        : name_(name), make_(make) {}
+    DemoLoader(const std::string& name, std::function<std::unique_ptr<DemoBlade>()> make)
+        : name_(name), make_(std::move(make)) {}
     const std::string& GetBladeName() const override { return name_; }
     int32_t GetStartMode() const override { return kBladeStartModeAuto; }
     void LoadBlade(const VokShellDaemonInfo&) override { blade_ = make_(); }
@@ -57,7 +73,7 @@ class DemoLoader : public VokBladeLoaderInterface {
 
   private:
     std::string name_;
-    std::unique_ptr<DemoBlade> (*make_)();
+    std::function<std::unique_ptr<DemoBlade>()> make_;
     std::unique_ptr<DemoBlade> blade_;
 };
 

@@ -1,14 +1,16 @@
 // vok-demo: a daemon built on the framework, to watch it work.
 //
-//   vok-demo
+//   vok-demo [--load]
 //
 // A shell hosting four blades: "echo" serves requests on a MessageMover service port and on the
 // bus, "client" sends it a request every 500 ms and counts round trips, "alarm" keeps a 2 s
 // alarm going through the power service (or its fallback timer), "bus" calls the echo service on
-// the bus every second and reports whether the power service is up. SIGINT or SIGTERM stops it;
-// it then prints its diagnostic registers. The bus is KELVRA_BUS_ADDRESS, else
-// DBUS_SESSION_BUS_ADDRESS, else the system bus.
+// the bus every second and reports whether the power service is up. With --load the client sends
+// 10 requests every 10 ms and the bus blade 4 calls every 20 ms, and both print a summary every
+// 5 s instead of a line per message. SIGINT or SIGTERM stops it; it then prints its diagnostic
+// registers. The bus is KELVRA_BUS_ADDRESS, else DBUS_SESSION_BUS_ADDRESS, else the system bus.
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include "DemoBlades.h"
@@ -32,12 +34,19 @@ void PrintRegisters(const char* prefix) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
     using vok::demo::DemoLoader;
+    vok::demo::DemoPace pace;
+    if (argc == 2 && std::strcmp(argv[1], "--load") == 0) {
+        pace = vok::demo::LoadPace();
+    } else if (argc != 1) {
+        std::fprintf(stderr, "usage: vok-demo [--load]\n");
+        return 2;
+    }
     DemoLoader echo("echo", &vok::demo::MakeEchoBlade);
-    DemoLoader client("client", &vok::demo::MakeClientBlade);
+    DemoLoader client("client", [&pace]() { return vok::demo::MakeClientBlade(pace); });
     DemoLoader alarm("alarm", &vok::demo::MakeAlarmBlade);
-    DemoLoader bus("bus", &vok::demo::MakeBusBlade);
+    DemoLoader bus("bus", [&pace]() { return vok::demo::MakeBusBlade(pace); });
     std::printf("[vok-demo] starting 4 blades: echo, client, alarm, bus\n");
     std::fflush(stdout);
     const int signal = vok::apps::RunDaemon(

@@ -13,6 +13,7 @@
 
 #include "PrivateBus.h"
 #include "support/BenchRatio.h"
+#include "support/BusEcho.h"
 
 namespace {
 
@@ -29,43 +30,20 @@ const char kRawXml[] =
     std::abort();
 }
 
-// A JSON object of exactly 100 bytes.
-std::string Payload() {
-    std::string payload = "{\"key\":\"com.orvex.vok\",\"relative_time\":\"00:01:30\",\"pad\":\"";
-    payload += std::string(100 - payload.size() - 2, 'x');
-    payload += "\"}";
-    return payload;
-}
-
 GDBusConnection* Connect(const std::string& address) {
-    GError* error = nullptr;
-    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
+    std::string error;
+    GDBusConnection* connection = vok::bench::ConnectToBus(address, &error);
     if (connection == nullptr) {
-        Die("connect", error->message);
+        Die("connect", error.c_str());
     }
     return connection;
-}
-
-bool KelvraEcho(KVHandle* handle, KVMessage* request, void*) {
-    return KVReply(handle, request, KVMessageGetPayload(request), nullptr);
-}
-
-void RawEcho(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
-             GVariant* parameters, GDBusMethodInvocation* invocation, gpointer) {
-    const char* text = nullptr;
-    g_variant_get(parameters, "(&s)", &text);
-    g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", text));
 }
 
 // The private bus, both services on a thread of their own, and both clients on the benchmark
 // thread's context. Made on first use, torn down at exit.
 class BenchBus {
   public:
-    BenchBus() : payload_(Payload()), clientContext_(g_main_context_new()) {
+    BenchBus() : payload_(vok::bench::EchoPayload()), clientContext_(g_main_context_new()) {
         setenv("KELVRA_BUS_ADDRESS", bus_.Start().c_str(), 1);
         serviceContext_ = g_main_context_new();
         serviceLoop_ = g_main_loop_new(serviceContext_, FALSE);
@@ -164,14 +142,15 @@ class BenchBus {
         KVError error;
         KVErrorInit(&error);
         if (!KVRegister(kKelvraService, &service_, &error) ||
-            !KVRegisterMethod(service_, "bench/echo", KelvraEcho, nullptr, &error) ||
+            !KVRegisterMethod(service_, "bench/echo", vok::bench::KelvraEcho, nullptr, &error) ||
             !KVGmainAttach(service_, serviceContext_, &error)) {
             Die("service", error.message);
         }
         rawService_ = Connect(bus_.Address());
         GError* gerror = nullptr;
         GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kRawXml, &gerror);
-        static const GDBusInterfaceVTable vtable = {RawEcho, nullptr, nullptr, {nullptr}};
+        static const GDBusInterfaceVTable vtable = {
+            vok::bench::GdbusEcho, nullptr, nullptr, {nullptr}};
         rawObject_ = g_dbus_connection_register_object(rawService_, "/bench", node->interfaces[0],
                                                        &vtable, nullptr, nullptr, &gerror);
         g_dbus_node_info_unref(node);

@@ -16,6 +16,7 @@
 
 #include "PeerHarness.h"
 #include "PrivateBus.h"
+#include "support/BusEcho.h"
 
 namespace {
 
@@ -33,35 +34,13 @@ const char kEchoXml[] =
     std::exit(1);
 }
 
-std::string Payload() {
-    std::string payload = "{\"key\":\"com.orvex.vok\",\"relative_time\":\"00:01:30\",\"pad\":\"";
-    payload += std::string(100 - payload.size() - 2, 'x');
-    payload += "\"}";
-    return payload;
-}
-
 GDBusConnection* Connect(const std::string& address) {
-    GError* error = nullptr;
-    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
+    std::string error;
+    GDBusConnection* connection = vok::bench::ConnectToBus(address, &error);
     if (connection == nullptr) {
-        Die("connect", error->message);
+        Die("connect", error.c_str());
     }
     return connection;
-}
-
-bool KelvraEcho(KVHandle* handle, KVMessage* request, void*) {
-    return KVReply(handle, request, KVMessageGetPayload(request), nullptr);
-}
-
-void GdbusEcho(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
-               GVariant* parameters, GDBusMethodInvocation* invocation, gpointer) {
-    const char* text = nullptr;
-    g_variant_get(parameters, "(&s)", &text);
-    g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", text));
 }
 
 // Both echo services on a thread with a main loop of its own; ready once the constructor returns.
@@ -91,14 +70,15 @@ class EchoServices {
         KVError error;
         KVErrorInit(&error);
         if (!KVRegister("com.orvex.peers", &kelvra_, &error) ||
-            !KVRegisterMethod(kelvra_, "peers/echo", KelvraEcho, nullptr, &error) ||
+            !KVRegisterMethod(kelvra_, "peers/echo", vok::bench::KelvraEcho, nullptr, &error) ||
             !KVGmainAttach(kelvra_, context_, &error)) {
             Die("kelvra service", error.message);
         }
         gdbus_ = Connect(address_);
         GError* gerror = nullptr;
         GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kEchoXml, &gerror);
-        static const GDBusInterfaceVTable vtable = {GdbusEcho, nullptr, nullptr, {nullptr}};
+        static const GDBusInterfaceVTable vtable = {
+            vok::bench::GdbusEcho, nullptr, nullptr, {nullptr}};
         object_ = g_dbus_connection_register_object(gdbus_, kEchoPath, node->interfaces[0], &vtable,
                                                     nullptr, nullptr, &gerror);
         g_dbus_node_info_unref(node);
@@ -235,7 +215,7 @@ int main(int argc, char** argv) {
     vok::test::PrivateBus bus;
     const std::string address = bus.Start();
     setenv("KELVRA_BUS_ADDRESS", address.c_str(), 1);
-    const std::string payload = Payload();
+    const std::string payload = vok::bench::EchoPayload();
     EchoServices services(address);
     if (client == "kvcall") {
         return KvCallClient(payload);

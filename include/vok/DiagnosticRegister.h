@@ -21,7 +21,8 @@ class DiagnosticRegisterStringMaster;
 // Handle to a named counter register at a path beginning "root.". The first handle for a path
 // creates the register with its initial value; later handles share it whatever its value. The
 // register outlives its handles until a prune at or above its longevity. A handle may be used
-// from any thread (each operation takes the table's value lock once); copying takes a reference.
+// from any thread (value operations are lock-free atomics with exact watermarks; copying takes a
+// reference under the table's value lock).
 class DiagnosticRegisterCounter {
   public:
     // Value and watermarks of a counter.

@@ -14,7 +14,8 @@ class PortEventInterface {
   public:
     // Throws VokProgramErrorException when a sink is already registered.
     virtual void RegisterPortEventSignalSink(SimpleAsyncInterface& sink) = 0;
-    // Also allowed when no sink is registered.
+    // Also allowed when no sink is registered. Returns once no trigger of the sink is in flight,
+    // so the sink may be destroyed then.
     virtual void UnregisterPortEventSignalSink() = 0;
     // Throws VokProgramErrorException when any flag is set and no sink is registered.
     virtual void WatchPortEvents(bool readable, bool writable, bool exception) = 0;

@@ -32,6 +32,13 @@ class RdKvCallBase : private Uncopyable {
     // away.
     void Call(const std::string& serviceName, const std::string& method,
               const std::string& payload);
+    // Call with a deadline for the first reply (0: none, as above). When timeoutMs milliseconds
+    // pass without a reply, the call is cancelled (the service learns of it) and the callback
+    // gets, from the loop, a last reply {"returnValue":false,"errorCode":20 (KV_ERROR_TIMEOUT),
+    // "errorText":"No reply within N ms..."}; a reply that arrives after that never reaches the
+    // callback. A subscription that had its first reply in time stays open without a deadline.
+    void Call(const std::string& serviceName, const std::string& method, const std::string& payload,
+              unsigned int timeoutMs);
     void Cancel();
     void ChangeCb(std::function<void(KVMessage*)> callback);
 

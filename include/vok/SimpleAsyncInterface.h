@@ -5,9 +5,10 @@
 namespace vok {
 
 // Abstract signal sink with one operation. A MessageMover port calls Trigger() on whatever thread
-// made it readable, with the port's and the connection manager's locks held, so an
-// implementation must only note the event and return: it must not call back into the
-// MessageMover. The sink is not owned by whoever triggers it.
+// made it readable, after letting go of its own and the connection manager's locks; an
+// implementation should only note the event and return, and must not unregister itself from
+// inside Trigger (unregistering waits for triggers in flight). Triggers of one port may come
+// from several threads at once. The sink is not owned by whoever triggers it.
 class SimpleAsyncInterface {
   public:
     virtual void Trigger() = 0;

@@ -4,7 +4,16 @@
 
 #include "kelvra-private.h"
 
+static void StopTimeout(KVCallRecord* call) {
+    if (call->timeout != NULL) {
+        g_source_destroy(call->timeout);
+        g_source_unref(call->timeout);
+        call->timeout = NULL;
+    }
+}
+
 void KvCallRecordFree(KVCallRecord* call) {
+    StopTimeout(call);
     g_free(call->name);
     g_free(call->owner);
     g_free(call);
@@ -30,6 +39,8 @@ static void Deliver(KVHandle* handle, KVCallRecord* call, char* payload, gboolea
     void* userData = call->userData;
     KVMessage* reply = KvMessageNew(handle, KV_MESSAGE_REPLY, payload);
     reply->last = last;
+    /* The deadline bounds the wait for the first reply only. */
+    StopTimeout(call);
     if (last) {
         RemoveCall(handle, call);
     }
@@ -301,10 +312,76 @@ static gboolean StartRemoteCall(KVHandle* handle, const char* service, const cha
     return TRUE;
 }
 
+/* Lets the service of a remote call know that nobody waits for it any more. */
+static void TellServiceCancelled(KVHandle* handle, KVCallRecord* call) {
+    if (call->kind != KV_CALL_REMOTE || call->unavailable || !KvLinkUp(handle)) {
+        return;
+    }
+    /* Before the first reply the service is reached by its name; afterwards the connection
+     * that replied holds the subscription. */
+    GDBusMessage* cancel =
+        g_dbus_message_new_method_call(call->owner != NULL ? call->owner : call->name,
+                                       KV_CONTROL_PATH, KV_CONTROL_INTERFACE, "Cancel");
+    g_dbus_message_set_body(cancel, g_variant_new("(t)", (guint64)call->token));
+    g_dbus_message_set_flags(
+        cancel, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED | G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
+    KvSend(handle, cancel, NULL, NULL);
+    g_object_unref(cancel);
+}
+
+typedef struct KVCallDeadline {
+    KVHandle* handle;
+    KVMessageToken token;
+    guint32 timeoutMs;
+} KVCallDeadline;
+
+/* No first reply in time: the call is cancelled as by KVCallCancel, and its reply function gets
+ * a last error reply instead. A reply that comes later finds no call and is dropped. */
+static gboolean OnCallDeadline(gpointer data) {
+    const KVCallDeadline* deadline = data;
+    KVHandle* handle = deadline->handle;
+    KVCallRecord* call = FindCall(handle, deadline->token);
+    if (call == NULL || handle->unregistered) {
+        return G_SOURCE_REMOVE;
+    }
+    KvHandleRef(handle);
+    TellServiceCancelled(handle, call);
+    char* text =
+        g_strdup_printf("No reply within %u ms: the call was cancelled", deadline->timeoutMs);
+    DeliverError(handle, call, KV_ERROR_TIMEOUT, text);
+    g_free(text);
+    KvHandleUnref(handle);
+    return G_SOURCE_REMOVE;
+}
+
+/* The source owns the deadline record and dies with the call (KvCallRecordFree). */
+static void StartTimeout(KVHandle* handle, KVMessageToken token, guint32 timeoutMs) {
+    KVCallRecord* call = FindCall(handle, token);
+    if (call == NULL || timeoutMs == 0) {
+        return;
+    }
+    KVCallDeadline* deadline = g_new0(KVCallDeadline, 1);
+    deadline->handle = handle;
+    deadline->token = token;
+    deadline->timeoutMs = timeoutMs;
+    call->timeout = g_timeout_source_new(timeoutMs);
+    g_source_set_callback(call->timeout, OnCallDeadline, deadline, g_free);
+    g_source_set_static_name(call->timeout, "kelvra call deadline");
+    g_source_attach(call->timeout, handle->context);
+}
+
 bool KVCall(KVHandle* handle, const char* uri, const char* payload, KVReplyFunc replyFunc,
             void* userData, KVMessageToken* token, KVError* error) {
-    if (token != NULL) {
-        *token = 0;
+    return KVCallWithTimeout(handle, uri, payload, 0, replyFunc, userData, token, error);
+}
+
+bool KVCallWithTimeout(KVHandle* handle, const char* uri, const char* payload, uint32_t timeoutMs,
+                       KVReplyFunc replyFunc, void* userData, KVMessageToken* tokenOut,
+                       KVError* error) {
+    KVMessageToken local = 0;
+    KVMessageToken* token = &local;
+    if (tokenOut != NULL) {
+        *tokenOut = 0;
     }
     if (!KvCheckHandle(handle, error)) {
         return false;
@@ -344,6 +421,12 @@ bool KVCall(KVHandle* handle, const char* uri, const char* payload, KVReplyFunc 
     g_free(service);
     g_free(path);
     g_free(member);
+    if (ok) {
+        StartTimeout(handle, local, timeoutMs);
+        if (tokenOut != NULL) {
+            *tokenOut = local;
+        }
+    }
     return ok;
 }
 
@@ -357,18 +440,7 @@ bool KVCallCancel(KVHandle* handle, KVMessageToken token, KVError* error) {
                    (unsigned long long)token);
         return false;
     }
-    if (call->kind == KV_CALL_REMOTE && !call->unavailable && KvLinkUp(handle)) {
-        /* Before the first reply the service is reached by its name; afterwards the connection
-         * that replied holds the subscription. */
-        GDBusMessage* cancel =
-            g_dbus_message_new_method_call(call->owner != NULL ? call->owner : call->name,
-                                           KV_CONTROL_PATH, KV_CONTROL_INTERFACE, "Cancel");
-        g_dbus_message_set_body(cancel, g_variant_new("(t)", (guint64)token));
-        g_dbus_message_set_flags(
-            cancel, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED | G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
-        KvSend(handle, cancel, NULL, NULL);
-        g_object_unref(cancel);
-    }
+    TellServiceCancelled(handle, call);
     RemoveCall(handle, call);
     return true;
 }

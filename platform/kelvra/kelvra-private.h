@@ -73,6 +73,7 @@ typedef struct KVCallRecord {
     gboolean statusSent;  /* status: the first reply has gone out */
     gboolean connected;   /* status: the last state reported */
     gboolean unavailable; /* remote: made without a bus; its error reply is due */
+    GSource* timeout;     /* until the first reply when the call has a deadline, else NULL */
 } KVCallRecord;
 
 /* A name whose owner the handle follows (well-known names for status calls, unique names of

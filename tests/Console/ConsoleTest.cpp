@@ -174,14 +174,12 @@ TEST_F(ConsoleTest, ForcedAndBogusRemovalsEndTheConsoleWithTheFrameworksProgramE
     EXPECT_EQ(">MMF Created.\nMessage List Created.\n>skipping \"IsEmpty\" check.\n",
               Session("mmf.init\nmmf.remfront force\nmmf.listall\n", &error));
     ASSERT_TRUE(error);
-    EXPECT_TRUE(ThrowsMm([&] { std::rethrow_exception(error); }, "PeekAtIndex",
-                         "Src/Core/MessageMover/MmfIntrusiveListTemplate",
-                         "ERROR: element index is out of bounds"));
+    EXPECT_TRUE(
+        ThrowsMm([&] { std::rethrow_exception(error); }, "ERROR: element index is out of bounds"));
 
     EXPECT_EQ("", Command({"mmf.rembogus"}, &error));
     ASSERT_TRUE(error);
-    EXPECT_TRUE(ThrowsMm([&] { std::rethrow_exception(error); }, "GetHeaderFromBindingLow",
-                         "Src/Core/MessageMover/MmfMessageManager", "NULL handle block pointer"));
+    EXPECT_TRUE(ThrowsMm([&] { std::rethrow_exception(error); }, "NULL handle block pointer"));
     EXPECT_EQ(2u, log.Matching("THROWING EXCEPTION").size());
     // The console is still usable.
     EXPECT_EQ("0 messages on list.\n", Command({"mmf.listall"}));

@@ -1,5 +1,4 @@
 // Diagnostic registers: sharing, watermarks, lifetime, pruning, group queries and path rules.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -118,8 +117,6 @@ TEST_F(DiagnosticRegisterTest, PathWithoutRootPrefixIsRejectedAndNothingIsCreate
         FAIL() << "no exception";
     } catch (const VokProgramErrorException& e) {
         EXPECT_EQ(kVokErrBadArg, e.GetErr());
-        EXPECT_THAT(e.what(),
-                    ::testing::HasSubstr("Expected <root.>, but actual path is: <vok.x>"));
     }
     EXPECT_THROW(DiagnosticRegisterString("root", "v"), VokProgramErrorException);
     Info info{};
@@ -127,16 +124,7 @@ TEST_F(DiagnosticRegisterTest, PathWithoutRootPrefixIsRejectedAndNothingIsCreate
     EXPECT_EQ(nullptr, DiagnosticRegisterCounter::QueryGroup("vok."));
 }
 
-TEST_F(DiagnosticRegisterTest, SwapExchangesRegisters) {
-    DiagnosticRegisterCounter x("root.swap.x", 1);
-    DiagnosticRegisterCounter y("root.swap.y", 2);
-    x.Swap(&y);
-    EXPECT_EQ(2, x.Get(nullptr));
-    x.Inc();
-    EXPECT_EQ(3, QueryOrFail("root.swap.y").value);
-}
-
-TEST_F(DiagnosticRegisterTest, ConcurrentPublishersAndQueriesLoseNoUpdate) {
+TEST_F(DiagnosticRegisterTest, ConcurrentPublishersAndQueriesLoseNoUpdateNorWatermark) {
     test::Watchdog watchdog;
     const int kThreads = 4;
     const int kIncrements = 20000;
@@ -147,6 +135,10 @@ TEST_F(DiagnosticRegisterTest, ConcurrentPublishersAndQueriesLoseNoUpdate) {
             DiagnosticRegisterCounter c("root.mt.count", 0);
             for (int i = 0; i < kIncrements; ++i) {
                 c.Inc();
+                Info info{};
+                if (i % 100 == 0 && c.Get(&info) > info.high) {
+                    ADD_FAILURE() << "value above its high watermark";
+                }
                 if (i % 1000 == 0) {
                     delete DiagnosticRegisterCounter::QueryGroup("root.mt.");
                     DiagnosticRegisterCounter extra("root.mt.t" + std::to_string(t), i);
@@ -157,7 +149,10 @@ TEST_F(DiagnosticRegisterTest, ConcurrentPublishersAndQueriesLoseNoUpdate) {
     for (auto& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(kThreads * kIncrements, QueryOrFail("root.mt.count").value);
+    const Info info = QueryOrFail("root.mt.count");
+    EXPECT_EQ(kThreads * kIncrements, info.value);
+    EXPECT_EQ(kThreads * kIncrements, info.high);
+    EXPECT_EQ(0, info.low);
 }
 
 TEST(DiagnosticRegisterTableDeathTest, UnrefBelowZeroIsAnAssertion) {

@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "BusTestSupport.h"
@@ -27,13 +30,13 @@ using test::FakeService;
 using test::Pump;
 using ::testing::MatchesRegex;
 
-// A last reply of the bus library saying that the bus is unavailable.
-bool IsUnavailableError(const std::string& payload) {
+// An error reply of the bus library with code whose text contains text.
+bool IsLibraryError(const std::string& payload, int code, const char* text) {
     JsonToken reply;
     return reply.ParseJsonString(payload.c_str()) &&
            !reply.ObjectFindPair("returnValue")->BooleanGetValue() &&
-           reply.ObjectFindPair("errorCode")->NumberGetValue() == KV_ERROR_BUS_UNAVAILABLE &&
-           std::string(reply.ObjectFindPair("errorText")->StringPeekValue()).find("unavailable") !=
+           reply.ObjectFindPair("errorCode")->NumberGetValue() == code &&
+           std::string(reply.ObjectFindPair("errorText")->StringPeekValue()).find(text) !=
                std::string::npos;
 }
 
@@ -162,6 +165,57 @@ TEST_F(BusCallTest, MalformedStatusRepliesRaiseOnTheDispatcherThread) {
     EXPECT_TRUE(client->IsConnected());
 }
 
+// A service that never answers and one that answers just after the deadline: the callback gets
+// the timeout error once and nothing after it.
+TEST_F(BusCallTest, CallsWithATimeoutEndAtTheDeadline) {
+    using Clock = std::chrono::steady_clock;
+    KVHandle* handle = RdKelvraUtils::GetKvHandle(dispatcher_);
+    FakeService quiet(dispatcher_, "com.test.quiet");
+    quiet.AddMethod("never/answer", [](const std::string&) {
+        return std::vector<std::string>{"", ""};  // stays open, unanswered
+    });
+    std::vector<std::string> replies;
+    // The callback destroys its own call.
+    std::unique_ptr<RdKvCall> call(new RdKvCall(handle, [&](KVMessage* reply) {
+        replies.push_back(KVMessageGetPayload(reply));
+        call.reset();
+    }));
+    auto start = Clock::now();
+    call->Call("com.test.quiet", "never/answer", "{}", 200);
+    Pump(dispatcher_, [&]() { return !replies.empty(); });
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(200));
+    EXPECT_TRUE(IsLibraryError(replies[0], KV_ERROR_TIMEOUT, "No reply within 200 ms"))
+        << replies[0];
+    EXPECT_FALSE(call);
+
+    // A service on a thread of its own whose loop blocks past the caller's deadline.
+    RuntimeDispatcher slowDispatcher;
+    FakeService slow(slowDispatcher, "com.test.slow");
+    slow.AddMethod("slow/answer", [](const std::string& payload) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+        return std::vector<std::string>{payload};
+    });
+    std::thread serving([&]() { slowDispatcher.Run(); });
+    std::vector<std::string> late;
+    RdKvCall lateCall(handle,
+                      [&](KVMessage* reply) { late.push_back(KVMessageGetPayload(reply)); });
+    start = Clock::now();
+    lateCall.Call("com.test.slow", "slow/answer", "{\"n\":1}", 100);
+    Pump(dispatcher_, [&]() { return !late.empty(); });
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(100));
+    EXPECT_TRUE(IsLibraryError(late[0], KV_ERROR_TIMEOUT, "No reply within 100 ms")) << late[0];
+    // The service answers this call after the late reply of the first.
+    std::vector<std::string> next;
+    RdKvCall nextCall(handle,
+                      [&](KVMessage* reply) { next.push_back(KVMessageGetPayload(reply)); });
+    nextCall.Call("com.test.slow", "slow/answer", "{\"n\":2}", 30000);
+    Pump(dispatcher_, [&]() { return !next.empty(); });
+    EXPECT_EQ("{\"n\":2}", next[0]);
+    EXPECT_EQ(1u, late.size());
+    slowDispatcher.RequestStop();
+    serving.join();
+}
+
 // The bus killed and started again at the same address: nothing throws, calls open then or made
 // meanwhile end through their callbacks from the loop, and a dispatcher whose first bus use falls
 // in the gap works afterwards. (BusRestartTest follows service status across restarts.)
@@ -179,7 +233,7 @@ TEST_F(BusCallTest, CallsAndStatusSurviveABusRestart) {
     test::LogCapture log;
     test::TestBus().Kill(SIGKILL);
     Pump(dispatcher_, [&]() { return replies.size() == 2; });
-    EXPECT_TRUE(IsUnavailableError(replies[1])) << replies[1];
+    EXPECT_TRUE(IsLibraryError(replies[1], KV_ERROR_BUS_UNAVAILABLE, "unavailable")) << replies[1];
     EXPECT_NO_THROW(call.Call("com.test.restart", "open/sub", "{\"n\":2}"));
     GlibRuntimeDispatcher late(RuntimeDispatcher::GetImpl(dispatcher_)->GetContext());
     std::vector<std::string> lateReplies;
@@ -189,8 +243,9 @@ TEST_F(BusCallTest, CallsAndStatusSurviveABusRestart) {
     EXPECT_EQ(2u, replies.size());  // nothing from inside Call
     EXPECT_TRUE(lateReplies.empty());
     Pump(dispatcher_, [&]() { return replies.size() == 3 && lateReplies.size() == 1; });
-    EXPECT_TRUE(IsUnavailableError(replies[2])) << replies[2];
-    EXPECT_TRUE(IsUnavailableError(lateReplies[0])) << lateReplies[0];
+    EXPECT_TRUE(IsLibraryError(replies[2], KV_ERROR_BUS_UNAVAILABLE, "unavailable")) << replies[2];
+    EXPECT_TRUE(IsLibraryError(lateReplies[0], KV_ERROR_BUS_UNAVAILABLE, "unavailable"))
+        << lateReplies[0];
 
     test::TestBus().Restart();
     KVHandle* lateHandle = RdKelvraUtils::GetKvHandle(late);
@@ -210,7 +265,6 @@ TEST_F(BusCallTest, CallsAndStatusSurviveABusRestart) {
 // A bus callback's exception on a handle that no dispatcher registered must not unwind through
 // the bus library's C code: the process logs it at critical level and ends.
 TEST(BusCallDeathTest, ExceptionWithoutADispatcherIsCriticalAndFatal) {
-    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_DEATH(
         {
             GMainContext* context = g_main_context_new();

@@ -1,6 +1,7 @@
 // A daemon's blades across a restart of the bus daemon: a shell whose blades serve, call and
-// watch a bus service keeps running while the bus is killed and started again at the same
-// address, and every blade is back to normal within a bound.
+// watch a bus service and keep an alarm going through vok-powerd keeps running while the bus is
+// killed and started again at the same address; every blade is back to normal within a bound and
+// every alarm fires exactly once, never early.
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <kelvra/kelvra.h>
@@ -21,6 +22,7 @@
 #include "vok/BladeStopWatcher.h"
 #include "vok/JsonObjectFindResult.h"
 #include "vok/JsonToken.h"
+#include "vok/RdAlarm.h"
 #include "vok/RdKvCall.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
@@ -137,14 +139,58 @@ class CallerBlade : public Blade {
     VokKvClient* client_ = nullptr;
 };
 
+// Keeps a 700 ms alarm going: each firing is checked against its due time and the next alarm is
+// set at once, so a late, early or doubled firing shows in the record.
+class AlarmBlade : public Blade {
+  public:
+    using Blade::Blade;
+    // Guarded by the board.
+    int fired = 0;
+    int early = 0;
+    int doubled = 0;
+
+  private:
+    static constexpr unsigned kIntervalMs = 700;
+
+    void Start(RuntimeDispatcher& dispatcher) override {
+        alarm_.reset(new RdAlarmBase(dispatcher, [this]() { OnFired(); }));
+        Set();
+    }
+    void Finish() override { alarm_.reset(); }
+    void Set() {
+        due_ = Clock::now() + std::chrono::milliseconds(kIntervalMs);
+        pending_ = true;
+        alarm_->Schedule(kIntervalMs);
+    }
+    void OnFired() {
+        const bool wasEarly = Clock::now() < due_;
+        const bool wasPending = pending_;
+        pending_ = false;
+        board_->Update([&]() {
+            ++fired;
+            early += wasEarly ? 1 : 0;
+            doubled += wasPending ? 0 : 1;
+        });
+        Set();
+    }
+
+    std::unique_ptr<RdAlarmBase> alarm_;
+    Clock::time_point due_;
+    bool pending_ = false;
+};
+
 TEST(BusRestartTest, EveryBladeIsBackToNormalSoonAfterTheBusReturns) {
     test::Watchdog watchdog;
     test::LogCapture log;  // the dispatchers' warnings about the bus
     Board board;
     ServiceBladeImpl service(&board, "service");
     CallerBlade callers[] = {{&board, "caller1"}, {&board, "caller2"}};
+    AlarmBlade alarms(&board, "alarm");
+    test::PowerDaemon powerd;
+    powerd.Start();
     bool stopped = false;
-    VokShell shell(VokShellDaemonInfo("bus-restart", ""), {&service, &callers[0], &callers[1]},
+    VokShell shell(VokShellDaemonInfo("bus-restart", ""),
+                   {&service, &callers[0], &callers[1], &alarms},
                    [&]() { board.Update([&]() { stopped = true; }); });
     shell.StartUp();
     // Every caller has heard the service's status last as up (or down) and, when up, has had an
@@ -172,8 +218,17 @@ TEST(BusRestartTest, EveryBladeIsBackToNormalSoonAfterTheBusReturns) {
             std::chrono::seconds(60)));
         test::TestBus().Restart();
         const Clock::time_point restarted = Clock::now();
-        ASSERT_TRUE(
-            board.WaitUntil([&]() { return allHeard(true, restarted); }, std::chrono::seconds(60)));
+        // Back to normal: callers answered and told the service is up, and the alarm blade's
+        // alarms set with the power service again and firing.
+        int firedBefore = 0;
+        board.Update([&]() { firedBefore = alarms.fired; });
+        const int addsBefore = powerd.CountLines("alarmAdd");
+        ASSERT_TRUE(board.WaitUntil(
+            [&]() {
+                return allHeard(true, restarted) && alarms.fired >= firedBefore + 1 &&
+                       powerd.CountLines("alarmAdd") > addsBefore;
+            },
+            std::chrono::seconds(60)));
         const auto back =
             std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - restarted);
         const auto away = std::chrono::duration_cast<std::chrono::milliseconds>(restarted - down);
@@ -186,6 +241,8 @@ TEST(BusRestartTest, EveryBladeIsBackToNormalSoonAfterTheBusReturns) {
         for (const CallerBlade& caller : callers) {
             EXPECT_EQ((std::vector<bool>{true, false, true, false, true}), caller.heard);
         }
+        EXPECT_EQ(0, alarms.early);
+        EXPECT_EQ(0, alarms.doubled);
     });
     shell.RequestStop();
     ASSERT_TRUE(board.WaitUntil([&]() { return stopped; }, std::chrono::seconds(60)));

@@ -48,12 +48,6 @@ bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int 
     return reached;
 }
 
-void PumpFor(RuntimeDispatcher& dispatcher, int ms) {
-    CallbackExceptions raised(dispatcher);
-    IterateFor(RuntimeDispatcher::GetImpl(dispatcher)->GetContext(), static_cast<unsigned>(ms));
-    raised.RethrowFirst();
-}
-
 FakeService::FakeService(RuntimeDispatcher& dispatcher, const char* serviceName) {
     KVError error;
     KVErrorInit(&error);
@@ -158,12 +152,20 @@ bool PowerDaemon::HasLine(const std::string& text) {
 }
 
 bool PowerDaemon::HasLineLocked(const std::string& text) const {
+    return CountLinesLocked(text) > 0;
+}
+
+int PowerDaemon::CountLines(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return CountLinesLocked(text);
+}
+
+int PowerDaemon::CountLinesLocked(const std::string& text) const {
+    int count = 0;
     for (const std::string& line : lines_) {
-        if (line.find(text) != std::string::npos) {
-            return true;
-        }
+        count += line.find(text) != std::string::npos ? 1 : 0;
     }
-    return false;
+    return count;
 }
 
 }  // namespace test

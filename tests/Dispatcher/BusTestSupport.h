@@ -28,8 +28,6 @@ PrivateBus& TestBus();
 // Iterates the dispatcher's context until done() holds; rethrows an exception a callback raised.
 // Fails the test after limitSeconds.
 bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int limitSeconds = 60);
-// Iterates for about ms milliseconds (to let things that should not happen show up).
-void PumpFor(RuntimeDispatcher& dispatcher, int ms);
 
 // A service on the bus served from the test's dispatcher: each method answers with a function
 // of the request's payload; every request is recorded.
@@ -66,6 +64,8 @@ class PowerDaemon {
     void Kill();
     // True when an output line so far contains text.
     bool HasLine(const std::string& text);
+    // The number of output lines so far that contain text.
+    int CountLines(const std::string& text);
     // Waits (at most 60 s) for such a line.
     bool WaitForLine(const std::string& text);
     // Wakes context at every output line, so that a loop waiting for one re-checks at once.
@@ -74,6 +74,7 @@ class PowerDaemon {
   private:
     void Stop(int signal);
     bool HasLineLocked(const std::string& text) const;
+    int CountLinesLocked(const std::string& text) const;
 
     std::unique_ptr<ChildProcess> process_;
     std::thread reader_;

@@ -1,4 +1,4 @@
-// Array and object iterators and find results: walking, misuse texts, and the lifetime of the
+// Array and object iterators and find results: walking, misuse, and the lifetime of the
 // elements they present.
 #include <gtest/gtest.h>
 
@@ -10,16 +10,6 @@
 
 namespace vok {
 namespace {
-
-template <typename E, typename Fn>
-void ExpectThrowText(Fn fn, const std::string& text) {
-    try {
-        fn();
-        ADD_FAILURE() << "no exception, expected: " << text;
-    } catch (const E& e) {
-        EXPECT_EQ(text, e.what());
-    }
-}
 
 JsonToken* Parse(JsonToken* token, const char* text) {
     EXPECT_TRUE(token->ParseJsonString(text)) << text;
@@ -37,10 +27,8 @@ TEST(JsonArrayIteratorTest, WalksToTheEndAndNoFurther) {
     EXPECT_STREQ("x", it->StringPeekValue());
     ++it;
     EXPECT_TRUE(it == array.ArrayEnd());
-    ExpectThrowText<std::out_of_range>([&]() { ++it; },
-                                       "CjsonIterState::Next: user attempted to iterate past end");
-    ExpectThrowText<std::invalid_argument>(
-        [&]() { *it; }, "JsonArrayConstIterator::operator* iterator is at the end");
+    EXPECT_THROW(++it, std::out_of_range);
+    EXPECT_THROW(*it, std::invalid_argument);
 
     JsonArrayConstIterator at = array.ArrayGetValueAt(2);
     EXPECT_TRUE(at != array.ArrayBegin());
@@ -58,25 +46,6 @@ TEST(JsonArrayIteratorTest, SeesElementsAppendedWhileWalking) {
     array.ArraySetNumberElement(-1, 2);
     ++it;
     EXPECT_EQ(2.0, it->NumberGetValue());
-}
-
-TEST(JsonArrayIteratorTest, MisuseThrows) {
-    JsonToken a;
-    JsonToken b;
-    Parse(&a, "[1]");
-    Parse(&b, "[1]");
-    JsonArrayConstIterator unpopulated;
-    EXPECT_FALSE(unpopulated.IsPopulated());
-    ExpectThrowText<std::invalid_argument>(
-        [&]() { return a.ArrayBegin() == b.ArrayBegin(); },
-        "CjsonIterState::operator==: iterators refer to different CJSON Arrays");
-    ExpectThrowText<std::invalid_argument>(
-        [&]() { return a.ArrayBegin() != unpopulated; },
-        "CjsonIterState::operator==: one or both iterators are unpopulated");
-    ExpectThrowText<std::invalid_argument>([&]() { ++unpopulated; },
-                                           "CjsonIterState::Next: iterator is not populated");
-    ExpectThrowText<std::invalid_argument>(
-        [&]() { *unpopulated; }, "JsonArrayConstIterator::operator* iterator is unpopulated");
 }
 
 TEST(JsonArrayIteratorTest, ElementOutlivesItsContainer) {
@@ -125,21 +94,25 @@ TEST(JsonObjectIteratorTest, CopiesAndSwapsPeekAgainLazily) {
     EXPECT_STREQ("v", copy->value->StringPeekValue());
 }
 
-TEST(JsonObjectIteratorTest, MisuseThrows) {
-    JsonToken object;
-    Parse(&object, "{\"a\": 1}");
-    JsonObjectConstIterator unpopulated;
-    ExpectThrowText<std::invalid_argument>(
-        [&]() { *unpopulated; },
-        "JsonObjectConstIterState::PeekPopulatedNameValuePtr: iterator is unpopulated");
-    ExpectThrowText<std::invalid_argument>(
-        [&]() { ++unpopulated; },
-        "JsonObjectConstIterState::AdvanceForward: iterator is unpopulated");
-    ExpectThrowText<std::invalid_argument>(
-        [&]() { return unpopulated == object.ObjectBegin(); },
-        "JsonObjectConstIterState::operator==: one of the iterators is unpopulated");
+TEST(JsonIteratorTest, UnpopulatedOrForeignIteratorsThrow) {
+    JsonToken a;
+    JsonToken other;
+    JsonToken b;
+    Parse(&a, "[1]");
+    Parse(&other, "[1]");
+    Parse(&b, "{\"a\": 1}");
+    JsonArrayConstIterator array;
+    EXPECT_FALSE(array.IsPopulated());
+    EXPECT_THROW(a.ArrayBegin() == other.ArrayBegin(), std::invalid_argument);
+    EXPECT_THROW(a.ArrayBegin() != array, std::invalid_argument);
+    EXPECT_THROW(++array, std::invalid_argument);
+    EXPECT_THROW(*array, std::invalid_argument);
+    JsonObjectConstIterator object;
+    EXPECT_THROW(*object, std::invalid_argument);
+    EXPECT_THROW(++object, std::invalid_argument);
+    EXPECT_THROW(object == b.ObjectBegin(), std::invalid_argument);
     // json-c does not check its end position: the iterator does.
-    JsonObjectConstIterator end = object.ObjectEnd();
+    JsonObjectConstIterator end = b.ObjectEnd();
     EXPECT_THROW(*end, std::out_of_range);
     EXPECT_THROW(++end, std::out_of_range);
 }
@@ -166,19 +139,6 @@ TEST(JsonFindResultTest, AbsentNullAndPresentDiffer) {
     null.Swap(&copy);
     EXPECT_STREQ("text", null->StringPeekValue());
     EXPECT_EQ(JsonToken::kValueTypeNull, copy->GetValueType());
-}
-
-TEST(JsonIteratorDeathTest, SwapWithNullAsserts) {
-    JsonArrayConstIterator array;
-    EXPECT_DEATH(array.Swap(nullptr),
-                 "Src/Utils/Linux/Json/VokJsonArrayUtils.*Assertion `__null != pOther' failed");
-    JsonObjectConstIterator object;
-    EXPECT_DEATH(object.Swap(nullptr),
-                 "Src/Utils/Linux/Json/VokJsonObjectUtils.*Assertion `__null != pOther' failed");
-    JsonObjectConstFindResult result;
-    EXPECT_DEATH(
-        result.Swap(nullptr),
-        "Src/Utils/Linux/Json/VokJsonObjectFindResult.*Assertion `__null != pOther' failed");
 }
 
 }  // namespace

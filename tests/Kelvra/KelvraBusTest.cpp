@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -124,19 +125,53 @@ TEST_F(KelvraBusTest, StatusFollowsTheServiceUntilCancelled) {
     EXPECT_EQ(5u, status.replies.size());
 }
 
-TEST_F(KelvraBusTest, ServiceLearnsOfAClientLeavingTheBus) {
+// A deadline bounds the first reply: a service that never answers, or answers just too late, ends
+// the call with a timeout error, the service learns of the cancel (as of a client that leaves),
+// and the late reply is dropped.
+TEST_F(KelvraBusTest, CallsWithATimeoutEndAtTheirDeadline) {
     ReplyLog status;
     WatchStatus(&status);
     StartService(&status);
     ReplyLog events;
     ASSERT_TRUE(client_.Call(Uri("events"), "{}", &events));
-    Handle other(context_);
+    using Clock = std::chrono::steady_clock;
+    const auto streamStart = Clock::now();
     ReplyLog stream;
-    ASSERT_TRUE(other.Call(Uri("subscribe"), "{\"subscribe\":true}", &stream));
+    ASSERT_TRUE(client_.Call(Uri("subscribe"), "{\"subscribe\":true}", &stream, nullptr, 1000));
     ASSERT_TRUE(WaitForReplies(&stream, 1));
-    other.Unregister();
+
+    auto start = Clock::now();
+    ReplyLog held;
+    ASSERT_TRUE(client_.Call(Uri("late"), "{\"subscribe\":true}", &held, nullptr, 200));
+    ASSERT_TRUE(WaitForReplies(&held, 1));
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(200));
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(20));
+    EXPECT_TRUE(held.replies[0].last);
+    EXPECT_EQ(KV_ERROR_TIMEOUT, held.replies[0].Number("errorCode"));
     ASSERT_TRUE(WaitForReplies(&events, 2));
     EXPECT_EQ(1, events.replies[1].Number("cancelled"));
+    EXPECT_FALSE(KVCallCancel(client_.get(), held.token, nullptr));
+    Handle other(context_);
+    ReplyLog leaving;
+    ASSERT_TRUE(other.Call(Uri("subscribe"), "{\"subscribe\":true}", &leaving));
+    ASSERT_TRUE(WaitForReplies(&leaving, 1));
+    other.Unregister();
+    ASSERT_TRUE(WaitForReplies(&events, 3));
+    EXPECT_EQ(2, events.replies[2].Number("cancelled"));
+
+    start = Clock::now();
+    ReplyLog slow;
+    ASSERT_TRUE(client_.Call(Uri("late"), "{\"blockMs\":1000}", &slow, nullptr, 100));
+    ASSERT_TRUE(WaitForReplies(&slow, 1));
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(100));
+    EXPECT_EQ(KV_ERROR_TIMEOUT, slow.replies[0].Number("errorCode"));
+    // The service answers this only after the late reply.
+    EXPECT_TRUE(CallOnce("echo", "{}").Bool("returnValue"));
+    EXPECT_EQ(1u, slow.replies.size());
+    // The subscription had its first reply in time and stays open past its deadline.
+    ASSERT_GT(Clock::now() - streamStart, std::chrono::milliseconds(1000));
+    EXPECT_EQ(1u, stream.replies.size());
+    EXPECT_FALSE(stream.replies[0].last);
 }
 
 // A service that leaves the bus ends the subscriptions it held open.

@@ -4,8 +4,12 @@
 //   test/subscribe  with "subscribe":true, a subscription: {"returnValue":true,"n":0} at once
 //   test/events     a subscription told {"cancelled":N} whenever a subscription is cancelled
 //   test/noreply    releases the request unanswered; test/fail returns false
+//   test/late       never answers (told of cancels as test/subscribe); with {"blockMs":N} blocks
+//   its
+//                   loop N ms, then answers {"returnValue":true,"late":true}
 #include <glib-unix.h>
 #include <glib.h>
+#include <json-c/json.h>
 #include <kelvra/kelvra.h>
 
 #include <cstdio>
@@ -77,6 +81,24 @@ bool NoReply(KVHandle*, KVMessage*, void*) {
     return true;
 }
 
+// A service that hangs: the cancel of a client that gave up waits behind the reply.
+bool Late(KVHandle* handle, KVMessage* request, void* data) {
+    Service* service = static_cast<Service*>(data);
+    json_object* payload = json_tokener_parse(KVMessageGetPayload(request));
+    json_object* block = nullptr;
+    const bool blocks = json_object_object_get_ex(payload, "blockMs", &block);
+    const int64_t blockMs = json_object_get_int64(block);
+    json_object_put(payload);
+    if (blocks) {
+        g_usleep(static_cast<gulong>(blockMs) * 1000);
+        Reply(service, request, "{\"returnValue\":true,\"late\":true}");
+    } else {
+        KVSubscriptionAdd(handle, request, OnCancel, service, nullptr);
+        service->subscriptions.push_back(KVMessageRef(request));
+    }
+    return true;
+}
+
 bool Fail(KVHandle*, KVMessage*, void*) {
     return false;
 }
@@ -114,7 +136,8 @@ int main(int argc, char** argv) {
         KVMethodFunc func;
     } methods[] = {{"test/echo", Echo},     {"test/subscribe", Subscribe},
                    {"test/events", Events}, {"test/noreply", NoReply},
-                   {"test/fail", Fail},     {"test/quit", Quit}};
+                   {"test/fail", Fail},     {"test/quit", Quit},
+                   {"test/late", Late}};
     for (const auto& method : methods) {
         KVRegisterMethod(service.handle, method.name, method.func, &service, nullptr);
     }

@@ -67,9 +67,10 @@ void Handle::Unregister() {
     }
 }
 
-bool Handle::Call(const std::string& uri, const std::string& payload, ReplyLog* log,
-                  KVError* error) {
-    return KVCall(handle_, uri.c_str(), payload.c_str(), ReplyLog::Func, log, &log->token, error);
+bool Handle::Call(const std::string& uri, const std::string& payload, ReplyLog* log, KVError* error,
+                  uint32_t timeoutMs) {
+    return KVCallWithTimeout(handle_, uri.c_str(), payload.c_str(), timeoutMs, ReplyLog::Func, log,
+                             &log->token, error);
 }
 
 TestService::TestService(const std::string& serviceName) {

@@ -48,9 +48,9 @@ class Handle {
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
     KVHandle* get() const { return handle_; }
-    // Calls and records into log; false (error filled) when KVCall fails.
+    // Calls and records into log; false (error filled) when the call fails. timeoutMs 0: none.
     bool Call(const std::string& uri, const std::string& payload, ReplyLog* log,
-              KVError* error = nullptr);
+              KVError* error = nullptr, uint32_t timeoutMs = 0);
     // Unregisters early.
     void Unregister();
 

@@ -1,4 +1,5 @@
 // kv-call against the test service: output lines and exit status.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -9,11 +10,14 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "KelvraTestSupport.h"
 #include "support/LogCapture.h"
+#include "vok/Version.h"
 
 namespace vok {
 namespace test {
@@ -21,6 +25,7 @@ namespace {
 
 struct Outcome {
     std::string output;
+    std::string errors;  // standard error
     int status;
 };
 
@@ -35,12 +40,22 @@ int ExitStatus(ChildProcess* process) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// Through sh, to keep standard error apart in a file of its own.
 Outcome RunKvCall(const std::vector<std::string>& args) {
+    char errorsPath[] = "/tmp/vok-kv-call-errors-XXXXXX";
+    close(mkstemp(errorsPath));
+    std::vector<std::string> argv = {"/bin/sh", "-c", "exec $VOK_TEST_EMULATOR \"$@\" 2>\"$0\"",
+                                     errorsPath, KV_CALL};
+    argv.insert(argv.end(), args.begin(), args.end());
     ChildProcess process;
-    StartKvCall(&process, args);
+    process.Start(argv, false, true);
     Outcome outcome;
     outcome.output = process.ReadAll();
     outcome.status = ExitStatus(&process);
+    std::ostringstream errors;
+    errors << std::ifstream(errorsPath).rdbuf();
+    outcome.errors = errors.str();
+    unlink(errorsPath);
     return outcome;
 }
 
@@ -104,7 +119,7 @@ TEST(KvCallTest, TimeoutBoundsTheWholeRunAgainstABusThatNeverAnswers) {
     }
 }
 
-TEST(KvCallTest, PrintsRepliesAsJsonLines) {
+TEST(KvCallTest, PrintsRepliesAndSaysWhatWentWrong) {
     Watchdog watchdog;
     const std::string name = UniqueServiceName();
     const std::string status = "kelvra://com.orvex.kelvrabus/signal/registerServerStatus";
@@ -133,20 +148,42 @@ TEST(KvCallTest, PrintsRepliesAsJsonLines) {
     EXPECT_EQ("{\"returnValue\":true,\"n\":0}\n", stream.output);
     EXPECT_EQ(0, stream.status);
 
+    // An error reply is printed, said on standard error, and ends with 3 unless ignored.
     Outcome missing = RunKvCall({"kelvra://" + name + "/test/nothing", "{}"});
     EXPECT_NE(std::string::npos, missing.output.find("\"errorCode\":10")) << missing.output;
+    EXPECT_THAT(missing.errors, testing::MatchesRegex("kv-call: the reply is an error: .*"
+                                                      " \\(errorCode 10\\)\n"));
+    EXPECT_EQ(3, missing.status);
+    Outcome ignored = RunKvCall({"kelvra://" + name + "/test/fail", "{}", "--ignore-errors"});
+    EXPECT_NE(std::string::npos, ignored.output.find("\"errorCode\":14")) << ignored.output;
+    EXPECT_EQ("", ignored.errors);
+    EXPECT_EQ(0, ignored.status);
 
-    for (const std::vector<std::string>& bad : {std::vector<std::string>{},
-                                                {"kelvra://x/a/b"},
-                                                {"kelvra://com.x/a/b", "{}", "--count"},
+    // A service that never answers, and one that answers after the deadline: nothing printed.
+    for (const char* payload : {"{}", "{\"blockMs\":1500}"}) {
+        const auto start = std::chrono::steady_clock::now();
+        Outcome late = RunKvCall({"kelvra://" + name + "/test/late", payload, "--timeout", "0.3"});
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+        EXPECT_EQ("", late.output) << payload;
+        EXPECT_EQ("kv-call: no reply within 0.3 s\n", late.errors) << payload;
+        EXPECT_EQ(2, late.status) << payload;
+    }
+
+    for (const std::vector<std::string>& bad : {std::vector<std::string>{"kelvra://x/a/b"},
                                                 {"kelvra://com.x/a/b", "{}", "--count", "0"},
                                                 {"kelvra://com.x/a/b", "{}", "--bogus"},
-                                                {"kelvra://com.x/a/b", "{}", "extra"},
                                                 {"kelvra:/bad", "{}"}}) {
         Outcome outcome = RunKvCall(bad);
         EXPECT_EQ(1, outcome.status);
         EXPECT_EQ("", outcome.output);
+        EXPECT_THAT(outcome.errors, testing::MatchesRegex("kv-call: [^\n]+\n")) << outcome.errors;
     }
+    Outcome help = RunKvCall({"--help"});
+    EXPECT_EQ(0, help.status);
+    EXPECT_NE(std::string::npos, help.output.find("--ignore-errors")) << help.output;
+    Outcome version = RunKvCall({"kelvra://com.x/a/b", "--version"});
+    EXPECT_EQ(0, version.status);
+    EXPECT_EQ(std::string("kv-call (vok) ") + VOK_VERSION_STRING + "\n", version.output);
     service.Kill(SIGTERM);
     EXPECT_EQ(0, service.Wait());
 }

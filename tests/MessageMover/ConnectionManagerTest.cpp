@@ -10,8 +10,6 @@ namespace {
 using test::Outstanding;
 using test::ThrowsMm;
 
-const char kManagerPath[] = "Src/Core/MessageMover/MmfConnectionManager";
-
 class ConnectionManagerTest : public test::MmFrameworkTest {
   protected:
     void SetUp() override {
@@ -61,10 +59,8 @@ TEST_F(ConnectionManagerTest, AddressesAreIssuedInOrderFrom49152) {
     EXPECT_EQ(kVokErrNone, Send(command, 49153, 1));
     EXPECT_EQ(kVokErrNone, Send(command, 49154, 2));
     MmConnectionMessageHandle msg;
-    EXPECT_TRUE(ThrowsMm([&] { first->ReadMessage(&msg); }, "ReadMessage",
-                         "Src/Core/MessageMover/MmfPortImplTemplate", "Wrong sender portAddr."));
-    EXPECT_TRUE(ThrowsMm([&] { peer->ReadMessage(&msg); }, "ReadMessage",
-                         "Src/Core/MessageMover/MmfPortImplTemplate", "Wrong sender portAddr."));
+    EXPECT_TRUE(ThrowsMm([&] { first->ReadMessage(&msg); }, "Wrong sender portAddr."));
+    EXPECT_TRUE(ThrowsMm([&] { peer->ReadMessage(&msg); }, "Wrong sender portAddr."));
     iface_->DiscardConnectionPort(first);
     iface_->DiscardConnectionPort(peer);
     iface_->DiscardCommandPort(command);
@@ -75,8 +71,8 @@ TEST_F(ConnectionManagerTest, ServiceIdentifierBoundConsumesNoAddress) {
     MmCommandPort* highest = iface_->CreateCommandServicePort(49150);
     EXPECT_EQ(49152u, highest->GetAddress());
     for (MmServiceIdentifier_t bad : {49151u, 49152u, 0xFFFFFFFFu}) {
-        EXPECT_TRUE(ThrowsMm([&] { iface_->CreateCommandServicePort(bad); }, "CreateCommandPort",
-                             kManagerPath, "Service ID out of bounds for Service CommandPort."));
+        EXPECT_TRUE(ThrowsMm([&] { iface_->CreateCommandServicePort(bad); },
+                             "Service ID out of bounds for Service CommandPort."));
     }
     MmCommandPort* next = iface_->CreateCommandPort();
     EXPECT_EQ(49153u, next->GetAddress());
@@ -93,7 +89,7 @@ TEST_F(ConnectionManagerTest, ServicePortAnswersAtBothAddressesUntilDiscarded) {
     EXPECT_EQ(2u, Receive(service));
 
     // A second port for identifier 7 is refused and leaves no record of its own address.
-    EXPECT_TRUE(ThrowsMm([&] { iface_->CreateCommandServicePort(7); }, "Register", kManagerPath,
+    EXPECT_TRUE(ThrowsMm([&] { iface_->CreateCommandServicePort(7); },
                          "Can't register - portAddr was already registered"));
     const MmPortAddress_t refused = service->GetAddress() + 1;
     EXPECT_EQ(kVokErrNone, Send(client, refused, 3));

@@ -7,6 +7,7 @@
 #include "MmTestSupport.h"
 #include "Src/Core/MessageMover/MessageMoverFrameworkImpl.h"
 #include "support/LogCapture.h"
+#include "support/MemoryCheck.h"
 
 namespace vok {
 namespace {
@@ -15,8 +16,6 @@ using test::IntendedLeakScope;
 using test::LogCapture;
 using test::Outstanding;
 using test::ThrowsMm;
-
-const char kManagerPath[] = "Src/Core/MessageMover/MmfMessageManager";
 
 class MessageMemoryTest : public test::MmFrameworkTest {
   protected:
@@ -37,9 +36,8 @@ TEST_F(MessageMemoryTest, EmptyPayloadIsFollowedByTheGuard) {
     EXPECT_EQ(0, std::memcmp(payload, guard, sizeof guard));
     Manager().FreeMessage(msg);
     EXPECT_EQ(0, Outstanding());
-    EXPECT_TRUE(ThrowsMm([&] { Manager().CreateMessage(0xFFFFBC, &msg); },
-                         "calcPayloadGuardOffsetFromPayloadSize", kManagerPath,
-                         "paylodSize out of bounds"));
+    EXPECT_TRUE(
+        ThrowsMm([&] { Manager().CreateMessage(0xFFFFBC, &msg); }, "paylodSize out of bounds"));
     EXPECT_EQ(0, Outstanding());  // Refused before allocating.
 }
 
@@ -75,6 +73,7 @@ TEST_F(MessageMemoryTest, CorruptionIsReportedWithCriticalLineDumpAndException) 
     Manager().CreateMessage(3, &msg);
     msg.SetMessageName({7, 9});
     uint8_t* block = Block(msg);
+    std::memset(block + kMmfMessageHeaderSize, 0x5a, 3);  // The dump shows the payload too.
     char guardLine[256];
     std::snprintf(
         guardLine, sizeof guardLine,
@@ -109,8 +108,7 @@ TEST_F(MessageMemoryTest, CorruptionIsReportedWithCriticalLineDumpAndException) 
         const uint8_t saved = block[c.offset];
         block[c.offset] = 0;
         LogCapture capture;
-        EXPECT_TRUE(
-            ThrowsMm([&] { msg.GetMessageSerial(); }, "ValidateMessage", kManagerPath, c.text));
+        EXPECT_TRUE(ThrowsMm([&] { msg.GetMessageSerial(); }, c.text));
         std::vector<test::LogLine> lines;
         for (const test::LogLine& line : capture.Lines()) {
             if (line.level == kLogLevelCritical) {
@@ -133,15 +131,14 @@ TEST_F(MessageMemoryTest, RebindMakesEarlierHandlesStaleAndSkipsZero) {
     Manager().CreateMessage(0, &msg);
     const MmBaseMessageHandle old = msg;
     MmfMessageManager::RebindMessage(&msg);
-    EXPECT_TRUE(ThrowsMm([&] { old.GetMessageType(); }, "GetHeaderFromBindingLow", kManagerPath,
-                         "binding number mismatch"));
+    EXPECT_TRUE(ThrowsMm([&] { old.GetMessageType(); }, "binding number mismatch"));
     for (int i = 0; i < 65534; ++i) {  // Binding 2 to 0xFFFF, then around to 1.
         MmfMessageManager::RebindMessage(&msg);
     }
     EXPECT_EQ(1, Block(msg)[42]);
     EXPECT_EQ(0, msg.GetMessageType());
-    EXPECT_TRUE(ThrowsMm([] { MmBaseMessageHandle().GetSenderAddress(); },
-                         "GetHeaderFromBindingLow", kManagerPath, "NULL handle block pointer"));
+    EXPECT_TRUE(
+        ThrowsMm([] { MmBaseMessageHandle().GetSenderAddress(); }, "NULL handle block pointer"));
     Manager().FreeMessage(msg);
 }
 
@@ -150,11 +147,11 @@ TEST_F(MessageMemoryTest, QueuedMessageCannotBeFreedOrRebound) {
     Manager().CreateMessage(0, &msg);
     MmfMessageList queue;
     queue.PushBack(MmfMessageManager::GetLinkFromBinding(msg));
-    EXPECT_TRUE(ThrowsMm([&] { Manager().FreeMessage(msg); }, "FreeMessage", kManagerPath,
-                         "Message being freed still in queue"));
+    EXPECT_TRUE(
+        ThrowsMm([&] { Manager().FreeMessage(msg); }, "Message being freed still in queue"));
     MmBaseMessageHandle rebound = msg;
-    EXPECT_TRUE(ThrowsMm([&] { MmfMessageManager::RebindMessage(&rebound); }, "RebindMessage",
-                         kManagerPath, "Message being rebound is still in queue"));
+    EXPECT_TRUE(ThrowsMm([&] { MmfMessageManager::RebindMessage(&rebound); },
+                         "Message being rebound is still in queue"));
     EXPECT_EQ(1, queue.GetCount());
     Manager().FreeMessage(MmfMessageManager::GetBindingFromLink(*queue.PopFront()));
     EXPECT_EQ(0, Outstanding());
@@ -162,18 +159,17 @@ TEST_F(MessageMemoryTest, QueuedMessageCannotBeFreedOrRebound) {
 
 // Large blocks go back to the kernel when they are freed, so the check must not read them.
 TEST_F(MessageMemoryTest, HandleKeptAfterFreeIsStaleForEverySize) {
+    const bool freedReadsChecked = VOK_MM_FREED_MEMORY_CHECKED || test::RunningOnValgrind();
     for (uint32_t size : {0u, 2000u, 4096u, 128u * 1024, 1024u * 1024, 0xFFFFBBu}) {
-        if (VOK_MM_FREED_MEMORY_CHECKED && size + kMmfMessageHeaderSize + 4 < kMmfLargeBlockSize) {
+        if (freedReadsChecked && size + kMmfMessageHeaderSize + 4 < kMmfLargeBlockSize) {
             continue;  // Small blocks stay mapped; their check reads freed memory on purpose.
         }
         MmBaseMessageHandle msg;
         Manager().CreateMessage(size, &msg);
         Manager().FreeMessage(msg);
-        EXPECT_TRUE(ThrowsMm([&] { Manager().FreeMessage(msg); }, "GetHeaderFromBindingLow",
-                             kManagerPath, "binding number mismatch"))
+        EXPECT_TRUE(ThrowsMm([&] { Manager().FreeMessage(msg); }, "binding number mismatch"))
             << size;
-        EXPECT_TRUE(ThrowsMm([&] { msg.GetPayloadPtr(nullptr); }, "GetHeaderFromBindingLow",
-                             kManagerPath, "binding number mismatch"))
+        EXPECT_TRUE(ThrowsMm([&] { msg.GetPayloadPtr(nullptr); }, "binding number mismatch"))
             << size;
     }
     EXPECT_EQ(0, Outstanding());
@@ -203,12 +199,11 @@ TEST_F(MessageMemoryTest, DuplicateCopiesNamePayloadAndClearsStamps) {
 
     // A rebound source gives the copy a binding it does not have: the copy stays allocated.
     MmfMessageManager::RebindMessage(&msg);
-    {
+    if (!test::RunningOnValgrind()) {  // Memcheck reports the copy as lost.
         IntendedLeakScope leak;
-        EXPECT_TRUE(ThrowsMm([&] { Manager().DuplicateMessage(msg); }, "GetHeaderFromBindingLow",
-                             kManagerPath, "binding number mismatch"));
+        EXPECT_TRUE(ThrowsMm([&] { Manager().DuplicateMessage(msg); }, "binding number mismatch"));
+        EXPECT_EQ(2, Outstanding());
     }
-    EXPECT_EQ(2, Outstanding());
     Manager().FreeMessage(msg);
 }
 
@@ -223,14 +218,10 @@ TEST_F(MessageMemoryTest, ProtocolRangesOfTheHandleKinds) {
     connection.SetMessageName(highest);
     const char* kUserBounds = "protocolId is out of end-user bounds.";
     for (const MmMessageName& bad : {MmMessageName{0, 1}, internal, above}) {
-        EXPECT_TRUE(ThrowsMm([&] { command.SetMessageName(bad); }, "SetMessageName",
-                             "Src/Core/MessageMover/MmCommandMessageHandle", kUserBounds));
-        EXPECT_TRUE(ThrowsMm([&] { connection.SetMessageName(bad); }, "SetMessageName",
-                             "Src/Core/MessageMover/MmConnectionMessageHandle", kUserBounds));
+        EXPECT_TRUE(ThrowsMm([&] { command.SetMessageName(bad); }, kUserBounds));
+        EXPECT_TRUE(ThrowsMm([&] { connection.SetMessageName(bad); }, kUserBounds));
     }
-    EXPECT_TRUE(ThrowsMm([&] { base.SetMessageName(above); }, "SetMessageName",
-                         "Src/Core/MessageMover/MmBaseMessageHandle",
-                         "protocolId is out of bounds."));
+    EXPECT_TRUE(ThrowsMm([&] { base.SetMessageName(above); }, "protocolId is out of bounds."));
     MmMessageName name;
     EXPECT_EQ(highest, *base.GetMessageName(&name));  // Failed setters changed nothing.
     Manager().FreeMessage(base);

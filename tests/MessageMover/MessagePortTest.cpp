@@ -1,9 +1,14 @@
 // Message ports, their events, and the command and connection port rules.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
+#include <thread>
+
 #include "MmTestSupport.h"
 #include "Src/Core/MessageMover/MmfMessageManager.h"
 #include "support/LogCapture.h"
+#include "support/MemoryCheck.h"
 #include "vok/MessageMoverFramework.h"
 
 namespace vok {
@@ -14,8 +19,6 @@ using test::IfaceCounter;
 using test::LogCapture;
 using test::Outstanding;
 using test::ThrowsMm;
-
-const char kPortPath[] = "Src/Core/MessageMover/MmfPortImplTemplate";
 
 class MessagePortTest : public test::MmFrameworkTest {
   protected:
@@ -67,6 +70,7 @@ TEST_F(MessagePortTest, SinkIsTriggeredOncePerEdgeToReadable) {
     b_->GetPortState(nullptr, &writable, &exception);
     EXPECT_TRUE(writable && !exception);
     EXPECT_FALSE(Readable(b_));
+    b_->WatchPortEvents(false, false, false);  // Allowed without a sink.
     CountingSink sink;
     b_->RegisterPortEventSignalSink(sink);
     b_->WatchPortEvents(true, false, false);
@@ -85,26 +89,53 @@ TEST_F(MessagePortTest, SinkIsTriggeredOncePerEdgeToReadable) {
     EXPECT_FALSE(Readable(b_));
     Write(a_, 3);
     EXPECT_EQ(2, sink.count);
-    b_->UnregisterPortEventSignalSink();
-}
 
-TEST_F(MessagePortTest, SinkRegistrationAndWatchRules) {
-    const char kEventPath[] = "Src/Core/MessageMover/MmfPortEventManager";
-    b_->WatchPortEvents(false, false, false);
-    EXPECT_TRUE(ThrowsMm([&] { b_->WatchPortEvents(true, false, false); }, "WatchPortEvents",
-                         kEventPath,
-                         "Port event watch requested, but Signal Sink is not registered yet."));
-    CountingSink first, second;
-    b_->RegisterPortEventSignalSink(first);
-    EXPECT_TRUE(ThrowsMm([&] { b_->RegisterPortEventSignalSink(second); },
-                         "RegisterPortEventSignalSink", kEventPath,
+    EXPECT_TRUE(ThrowsMm([&] { b_->RegisterPortEventSignalSink(sink); },
                          "Port Event Signal Sink was already registered."));
     b_->UnregisterPortEventSignalSink();
     b_->UnregisterPortEventSignalSink();
+    EXPECT_TRUE(ThrowsMm([&] { b_->WatchPortEvents(true, false, false); },
+                         "Port event watch requested, but Signal Sink is not registered yet."));
+    EXPECT_EQ(3u, Read(b_, &msg));
+    iface_->FreeMessage(msg);
+    CountingSink second;
     b_->RegisterPortEventSignalSink(second);
-    Write(a_, 1);
-    EXPECT_EQ(0, first.count);
+    Write(a_, 4);
+    EXPECT_EQ(2, sink.count);
     EXPECT_EQ(1, second.count);
+    b_->UnregisterPortEventSignalSink();
+}
+
+// The woken reader's first steps take the port's locks, and its reply takes the writer's and the
+// registry's: a writer still holding any of them while triggering makes the two take turns.
+TEST_F(MessagePortTest, SinkIsTriggeredWithNoLockHeld) {
+    struct Sink : SimpleAsyncInterface {
+        void Trigger() override {
+            if (!helper.joinable()) {
+                helper = std::thread(reply);
+                unlocked = done.get_future().wait_for(std::chrono::seconds(5)) ==
+                           std::future_status::ready;
+            }
+        }
+        std::function<void()> reply;
+        std::thread helper;
+        std::promise<void> done;
+        bool unlocked = false;
+    } sink;
+    sink.reply = [&] {
+        MmConnectionMessageHandle msg;
+        EXPECT_EQ(1u, Read(b_, &msg));
+        iface_->FreeMessage(msg);
+        Write(b_, 2);
+        sink.done.set_value();
+    };
+    b_->RegisterPortEventSignalSink(sink);
+    Write(a_, 1);
+    sink.helper.join();
+    EXPECT_TRUE(sink.unlocked);
+    MmConnectionMessageHandle msg;
+    EXPECT_EQ(2u, Read(a_, &msg));
+    iface_->FreeMessage(msg);
     b_->UnregisterPortEventSignalSink();
 }
 
@@ -117,8 +148,7 @@ TEST_F(MessagePortTest, WriteStampsSenderDestinationSerialAndSequence) {
     const MmConnectionMessageHandle written = msg;
     EXPECT_EQ(kVokErrNone, a_->WriteMessage(msg, &serial));
     EXPECT_EQ(1u, serial);
-    EXPECT_TRUE(ThrowsMm([&] { written.GetMessageType(); }, "GetHeaderFromBindingLow",
-                         "Src/Core/MessageMover/MmfMessageManager", "binding number mismatch"));
+    EXPECT_TRUE(ThrowsMm([&] { written.GetMessageType(); }, "binding number mismatch"));
     EXPECT_EQ(kVokErrNone, Write(a_, 2, 42, &serial));
     EXPECT_EQ(42u, serial);
     EXPECT_EQ(kVokErrNone, Write(a_, 3));
@@ -165,11 +195,10 @@ TEST_F(MessagePortTest, UserMayNotWriteLinkControlMessages) {
     MmConnectionMessageHandle msg;
     iface_->CreateConnectionMessage(0, &msg);
     msg.GetBinding().SetMessageName(kMmPeerClosedMsg);
-    EXPECT_TRUE(ThrowsMm([&] { a_->WriteMessage(msg, nullptr); }, "WriteMessage", kPortPath,
+    EXPECT_TRUE(ThrowsMm([&] { a_->WriteMessage(msg, nullptr); },
                          "Writing a user message with internal protocolId is not allowed."));
     EXPECT_EQ(1, IfaceCounter("port", "msgsHeldByUser"));
     iface_->FreeMessage(msg);
-    EXPECT_TRUE(ThrowsMm([&] { a_->ReadMessage(nullptr); }, "ReadMessage", kPortPath, "NULL arg."));
 }
 
 TEST_F(MessagePortTest, FailedCommandWriteLeavesTheMessageWithTheWriter) {
@@ -177,8 +206,7 @@ TEST_F(MessagePortTest, FailedCommandWriteLeavesTheMessageWithTheWriter) {
     MmCommandMessageHandle msg;
     iface_->CreateCommandMessage(0, &msg);
     msg.SetMessageName({10, 1});
-    EXPECT_TRUE(ThrowsMm([&] { port->WriteMessage(msg, nullptr); }, "DeliverMessageHelper_Locked",
-                         "Src/Core/MessageMover/MmfConnectionManager",
+    EXPECT_TRUE(ThrowsMm([&] { port->WriteMessage(msg, nullptr); },
                          "Can't deliver - bad destination address"));
     EXPECT_EQ(1, IfaceCounter("port", "msgsHeldByUser"));
     // Still the writer's to send elsewhere or free.
@@ -229,6 +257,9 @@ TEST_F(MessagePortTest, EachMessageIsLoggedByTheOptionsOfTheInterfaceItPasses) {
 // a port and of an interface. Each is logged with its dump and quarantined, never freed; the
 // counters stay exact, the next read returns the next message, and stopping lists them.
 TEST(CorruptMessageTest, CorruptMessagesAreQuarantined) {
+    if (test::RunningOnValgrind()) {
+        GTEST_SKIP() << "quarantined messages are leaked on purpose";
+    }
     MessageMoverFramework* framework = MessageMoverFramework::StartMessageMoverFramework("x");
     MessageMoverInterface* iface = framework->CreateInterface("corrupt");
     MmConnectionPort* b = nullptr;
@@ -247,9 +278,7 @@ TEST(CorruptMessageTest, CorruptMessagesAreQuarantined) {
         *guards[i] = 0;  // One byte past the payload.
     }
     LogCapture capture;
-    EXPECT_TRUE(ThrowsMm([&] { b->ReadMessage(&msg); }, "ValidateMessage",
-                         "Src/Core/MessageMover/MmfMessageManager",
-                         "Corrupted payload memory guard"));
+    EXPECT_TRUE(ThrowsMm([&] { b->ReadMessage(&msg); }, "Corrupted payload memory guard"));
     EXPECT_EQ(1, test::CounterValue("root.vok.MessageMover.quarantinedMessages"));
     EXPECT_EQ(2, IfaceCounter("corrupt", "msgsHeldByPorts"));
     ASSERT_EQ(kVokErrNone, b->ReadMessage(&msg));

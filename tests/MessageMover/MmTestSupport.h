@@ -63,26 +63,22 @@ inline int32_t IfaceCounter(const std::string& iface, const char* name) {
     return CounterValue("root.vok.MessageMover.Iface." + iface + "." + name);
 }
 
-// Success when fn throws a VokProgramErrorException (code -1) reading
-// "function:path:LINE:text".
+// Success when fn throws a VokProgramErrorException (code -1) whose text, after the thrower's
+// "function:path:LINE:" prefix, is text.
 inline ::testing::AssertionResult ThrowsMm(const std::function<void()>& fn,
-                                           const std::string& function, const std::string& path,
                                            const std::string& text) {
     try {
         fn();
     } catch (const VokProgramErrorException& e) {
         const std::string what = e.what();
-        const std::string head = function + ":" + path + ":";
         const std::string tail = ":" + text;
-        const bool shape =
-            what.size() > head.size() + tail.size() && what.compare(0, head.size(), head) == 0 &&
+        if (what.size() > tail.size() &&
             what.compare(what.size() - tail.size(), tail.size(), tail) == 0 &&
-            what.find_first_not_of("0123456789", head.size()) == what.size() - tail.size();
-        if (shape && e.GetErr() == kVokErrUnspecified) {
+            e.GetErr() == kVokErrUnspecified) {
             return ::testing::AssertionSuccess();
         }
-        return ::testing::AssertionFailure() << "threw <" << what << "> code " << e.GetErr()
-                                             << ", expected " << head << "LINE" << tail;
+        return ::testing::AssertionFailure()
+               << "threw <" << what << "> code " << e.GetErr() << ", expected ..." << tail;
     } catch (const std::exception& e) {
         return ::testing::AssertionFailure() << "threw another exception: " << e.what();
     }

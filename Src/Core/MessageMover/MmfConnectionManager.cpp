@@ -147,12 +147,13 @@ void MmfConnectionManager::DiscardConnectionPort(MmConnectionPort* port) {
     delete impl;
 }
 
-VokError_t MmfConnectionManager::DeliverMessage(const MmBaseMessageHandle& msg, bool* takenOver) {
+VokError_t MmfConnectionManager::DeliverMessage(const MmBaseMessageHandle& msg,
+                                                MmfPendingTrigger* pending, bool* takenOver) {
     MMF_TRACE(this);
     const MmfPortAddress sender = MmfMessageManager::GetHeaderFromBinding(msg).GetSenderAddress();
     const MmfPortAddress dest = MmfMessageManager::GetHeaderFromBinding(msg).GetDestAddress();
     MutexLocker lock(registryLock_);
-    const VokError_t result = DeliverMessageHelper_Locked(msg, sender, dest, takenOver);
+    const VokError_t result = DeliverMessageHelper_Locked(msg, sender, dest, pending, takenOver);
     if (result != kVokErrNone) {
         // msg is freed; tell its sender, in the name of the address that was not reachable.
         MmBaseMessageHandle reply;
@@ -161,14 +162,17 @@ VokError_t MmfConnectionManager::DeliverMessage(const MmBaseMessageHandle& msg, 
         reply.SetMessageName(kMmPortNotReachableMsg);
         reply.SetDestinationAddress(sender);
         reply.SetSenderAddress(dest);
-        (void)DeliverMessageHelper_Locked(reply, dest, sender, nullptr);
+        // Only a delivery that failed gets here, so *pending is still free for this one.
+        (void)DeliverMessageHelper_Locked(reply, dest, sender, pending, nullptr);
     }
     return result;
 }
 
 VokError_t MmfConnectionManager::DeliverMessageHelper_Locked(const MmBaseMessageHandle& msg,
                                                              MmfPortAddress sender,
-                                                             MmfPortAddress dest, bool* takenOver) {
+                                                             MmfPortAddress dest,
+                                                             MmfPendingTrigger* pending,
+                                                             bool* takenOver) {
     MMF_TRACE(this);
     const Logger& logger = gMmfLogger;
     if (MmfIsTracing()) {
@@ -187,7 +191,7 @@ VokError_t MmfConnectionManager::DeliverMessageHelper_Locked(const MmBaseMessage
     }
     const PortMapRecord* record = registry_.Find(dest);
     if (record != nullptr) {
-        record->port->AcceptIncomingMessage(msg);
+        record->port->AcceptIncomingMessage(msg, pending);
         return kVokErrNone;
     }
     logger.Debug("%s: Can't deliver message - dest port with address <%ld> is unreachable.",

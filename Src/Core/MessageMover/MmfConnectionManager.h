@@ -62,8 +62,10 @@ class MmfConnectionManager {
     // sending kMmPortNotReachableMsg to its sender. Either way msg has left the caller's hands.
     // A zero sender or destination throws and leaves msg with the caller. *takenOver (unless
     // NULL) is set once the message has left the caller's hands, so a caller can tell whether
-    // an exception left it the message.
-    VokError_t DeliverMessage(const MmBaseMessageHandle& msg, bool* takenOver = nullptr);
+    // an exception left it the message. The trigger of the receiving port's sink is armed in
+    // *pending, for the caller to fire once it holds no lock.
+    VokError_t DeliverMessage(const MmBaseMessageHandle& msg, MmfPendingTrigger* pending,
+                              bool* takenOver = nullptr);
 
     Statistics GetStatistics();
 
@@ -92,7 +94,8 @@ class MmfConnectionManager {
 
     // Requires registryLock_.
     VokError_t DeliverMessageHelper_Locked(const MmBaseMessageHandle& msg, MmfPortAddress sender,
-                                           MmfPortAddress dest, bool* takenOver);
+                                           MmfPortAddress dest, MmfPendingTrigger* pending,
+                                           bool* takenOver);
 
     MessageMoverFrameworkImpl& framework_;
     MmfMessageManager* pMsgMgr_;  // Set by Init.

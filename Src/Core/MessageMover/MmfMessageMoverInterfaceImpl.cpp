@@ -32,13 +32,10 @@ uint32_t MmfMessageMoverInterfaceImpl::OptionMgr::Set(uint32_t optionsToClear,
                      static_cast<unsigned long>(optionsToSet & ~validMask_));
         MMF_THROW("invalid optionsToSet");
     }
-    options_ = (options_ & ~optionsToClear) | optionsToSet;
-    return options_;
-}
-
-uint32_t MmfMessageMoverInterfaceImpl::OptionMgr::Get() {
-    MutexLocker lock(lock_);
-    return options_;
+    const uint32_t options =
+        (options_.load(std::memory_order_relaxed) & ~optionsToClear) | optionsToSet;
+    options_.store(options, std::memory_order_relaxed);
+    return options;
 }
 
 MmfMessageMoverInterfaceImpl::MmfMessageMoverInterfaceImpl(MessageMoverFrameworkImpl* framework,

@@ -2,6 +2,7 @@
 #ifndef VOK_SRC_CORE_MESSAGEMOVER_MMFMESSAGEMOVERINTERFACEIMPL_H
 #define VOK_SRC_CORE_MESSAGEMOVER_MMFMESSAGEMOVERINTERFACEIMPL_H
 
+#include <atomic>
 #include <string>
 
 #include "Src/Core/MessageMover/MmfMessageTrackerTemplate.h"
@@ -32,12 +33,13 @@ class MmfMessageMoverInterfaceImpl : public MessageMoverInterface {
         // Clears optionsToClear (0xFFFFFFFF: all), then sets optionsToSet; returns the new word.
         // Bits outside the mask are logged and thrown; the word is then unchanged.
         uint32_t Set(uint32_t optionsToClear, uint32_t optionsToSet);
-        uint32_t Get();
+        // Read on every message through the interface's ports: one atomic load, no lock.
+        uint32_t Get() const { return options_.load(std::memory_order_relaxed); }
 
       private:
         const uint32_t validMask_;
-        Mutex lock_;  // Protects options_.
-        uint32_t options_;
+        Mutex lock_;  // Serialises Set, so each check and update is one step.
+        std::atomic<uint32_t> options_;
     };
 
     MmfMessageMoverInterfaceImpl(MessageMoverFrameworkImpl* framework, const std::string& name);

@@ -23,16 +23,11 @@ bool IsPeerClosedMessage(const MmBaseMessageHandle& msg) {
 }  // namespace
 
 void MmfMessageListT::PushBack(MmfMessageLink& link) {
-    MutexLocker lock(lock_);
     list_.PushBack(link);
 }
 
 MmfMessageLink& MmfMessageListT::RemoveFront() {
-    MmfMessageLink* link;
-    {
-        MutexLocker lock(lock_);
-        link = list_.PopFront();
-    }
+    MmfMessageLink* const link = list_.PopFront();
     if (link == nullptr) {
         MMF_THROW("MmfMessageListT::RemoveFront: user attempted to remove message from empty list");
     }
@@ -40,7 +35,6 @@ MmfMessageLink& MmfMessageListT::RemoveFront() {
 }
 
 bool MmfMessageListT::IsEmpty() {
-    MutexLocker lock(lock_);
     return list_.GetFirst() == nullptr;
 }
 
@@ -64,6 +58,7 @@ MmfMessagePort::MmfMessagePort(MmfMessageMoverInterfaceImpl* iface,
 MmfMessagePort::~MmfMessagePort() {
     MMF_TRACE(this);
     int freed = 0;
+    MutexLocker lock(readerInfo_.readerLock);
     while (!readerInfo_.queue.IsEmpty()) {
         try {
             pMsgMgr_->FreeMessage(TakeFront());
@@ -106,6 +101,8 @@ VokError_t MmfMessagePort::WriteMessage(MmBaseMessageHandle& msg, MmMessageSeria
     MMF_TRACE(this);
     // Each field access checks the message again, as every access through a handle does.
     MmfMessageManager::GetHeaderFromBinding(msg).SetSenderAddress(address_);
+    // Declared before the lock, so it fires after the lock is let go, on every way out.
+    MmfPendingTrigger pending;
     MutexLocker lock(writeLock_);
     const uint32_t sequenceNumber = sequenceGenerator_.GetNext();
     MmfMessageManager::GetHeaderFromBinding(msg).SetSequenceNumber(sequenceNumber);
@@ -118,10 +115,11 @@ VokError_t MmfMessagePort::WriteMessage(MmBaseMessageHandle& msg, MmMessageSeria
     if ((GetDiagOptions() & kLogWrittenMessages) != 0) {
         MmfMessageManager::LogMessage(msg, MmfDiag::GetMsgWriteLogger(), &Logger::DebugBin);
     }
-    return pConnMgr_->DeliverMessage(msg, takenOver);
+    return pConnMgr_->DeliverMessage(msg, &pending, takenOver);
 }
 
-void MmfMessagePort::AcceptIncomingMessage(const MmBaseMessageHandle& msg) {
+void MmfMessagePort::AcceptIncomingMessage(const MmBaseMessageHandle& msg,
+                                           MmfPendingTrigger* pending) {
     MMF_TRACE(this);
     MmBaseMessageHandle accepted(msg);
     MmfMessageManager::RebindMessage(&accepted);
@@ -131,7 +129,7 @@ void MmfMessagePort::AcceptIncomingMessage(const MmBaseMessageHandle& msg) {
     MutexLocker lock(readerInfo_.readerLock);
     readerInfo_.queue.PushBack(MmfMessageManager::GetLinkFromBinding(accepted.GetBinding()));
     AdjustMsgsHeldByPorts(1);
-    eventMgr_.SetReadable();
+    eventMgr_.SetReadable(pending);
 }
 
 VokError_t MmfMessagePort::ReadMessage(MmBaseMessageHandle* out) {

@@ -16,8 +16,8 @@ class MmfMessageMoverInterfaceImpl;
 
 typedef MmPortAddress_t MmfPortAddress;
 
-// A port's queue of incoming messages, oldest first, with its own lock. Any thread may use it.
-// It does not own the messages; the port frees what is left when it is destroyed.
+// A port's queue of incoming messages, oldest first. Not locked: the port uses it under its reader
+// lock. It does not own the messages; the port frees what is left when it is destroyed.
 class MmfMessageListT {
   public:
     void PushBack(MmfMessageLink& link);
@@ -26,7 +26,6 @@ class MmfMessageListT {
     bool IsEmpty();
 
   private:
-    Mutex lock_;  // Protects list_.
     MmfMessageList list_;
 };
 
@@ -50,13 +49,15 @@ class MmfMessagePort : public PortEventInterface {
     MmfPortAddress GetAddress() const { return address_; }
 
     // Stamps sender, sequence number and (when it is 0) serial, and delivers. The message leaves
-    // the writer's hands on return, whatever the result: 0, or kVokErrUnreachable. When it
-    // throws, *takenOver (unless NULL) tells whether the message had left them already.
+    // the writer's hands on return, whatever the result: 0, or kVokErrUnreachable. The
+    // destination's sink is triggered after every lock is let go. When it throws, *takenOver
+    // (unless NULL) tells whether the message had left them already.
     VokError_t WriteMessage(MmBaseMessageHandle& msg, MmMessageSerial_t* serialOut,
                             bool* takenOver = nullptr);
-    // Takes the message over (rebinds it to this port) and queues it. Called by the connection
-    // manager only, with its registry lock held.
-    void AcceptIncomingMessage(const MmBaseMessageHandle& msg);
+    // Takes the message over (rebinds it to this port) and queues it; a trigger of the sink that
+    // this makes due is armed in *pending. Called by the connection manager only, with its
+    // registry lock held.
+    void AcceptIncomingMessage(const MmBaseMessageHandle& msg, MmfPendingTrigger* pending);
     // The oldest message into *out: 0, kVokErrNoMessage, or the sticky kVokErrPeerClosed once
     // the peer's close has been read. A corrupt message at the head is logged, quarantined and
     // thrown for; the next read returns the next message.
@@ -70,7 +71,7 @@ class MmfMessagePort : public PortEventInterface {
   private:
     // The receiving side.
     struct MsgPortReaderInfo {
-        MmfMessageListT queue;  // Incoming messages, with the queue lock.
+        MmfMessageListT queue;  // Incoming messages; protected by readerLock.
         VokError_t linkError;   // Protected by readerLock; once set, every read returns it.
         Mutex readerLock;       // Makes each accept and each read one step.
     };
@@ -85,7 +86,7 @@ class MmfMessagePort : public PortEventInterface {
     MmfPortEventManager eventMgr_;
     Mutex writeLock_;  // Serialises WriteMessage, delivery included.
     MsgPortReaderInfo readerInfo_;
-    MmfSerialGenerator sequenceGenerator_;  // Protected by its own lock.
+    MmfSerialGenerator sequenceGenerator_;  // Atomic.
     const MmfPortAddress address_;
     MessageMoverFrameworkImpl* pFramework_;
     MmfMessageMoverInterfaceImpl* const pIface_;

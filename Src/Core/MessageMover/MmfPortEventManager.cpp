@@ -1,9 +1,27 @@
 #include "Src/Core/MessageMover/MmfPortEventManager.h"
 
+#include <sched.h>
+
 #include "Src/Core/MessageMover/MmfTrace.h"
 #include "vok/SimpleAsyncInterface.h"
 
 namespace vok {
+
+void MmfPendingTrigger::Fire() {
+    MmfPortEventManager* const mgr = pMgr_;
+    if (mgr == nullptr) {
+        return;
+    }
+    pMgr_ = nullptr;
+    try {
+        pSink_->Trigger();
+    } catch (const std::exception& e) {
+        gMmfLogger.Error("Port Event Signal Sink ptr=<%p> failed to trigger: %s",
+                         static_cast<void*>(pSink_), e.what());
+    }
+    // The last touch of the manager: once it is down, the manager may be gone.
+    mgr->triggersInFlight_.fetch_sub(1, std::memory_order_release);
+}
 
 MmfPortEventManager::MmfPortEventManager()
     : readable_(false),
@@ -12,55 +30,73 @@ MmfPortEventManager::MmfPortEventManager()
       watchReadable_(false),
       watchWritable_(false),
       watchException_(false),
-      pSink_(nullptr) {
+      pSink_(nullptr),
+      triggersInFlight_(0) {
     MMF_TRACE(this);
+}
+
+MmfPortEventManager::~MmfPortEventManager() {
+    WaitForTriggersInFlight();
+}
+
+void MmfPortEventManager::WaitForTriggersInFlight() const {
+    // A trigger in flight is a few instructions on a thread that holds none of our locks; let it
+    // run (on one core it needs this thread's slice).
+    while (triggersInFlight_.load(std::memory_order_acquire) != 0) {
+        sched_yield();
+    }
 }
 
 void MmfPortEventManager::SetInitialPortState(bool readable, bool writable, bool exception) {
     MMF_TRACE(this);
-    MutexLocker lock(stateLock_);
     gMmfLogger.Debug("Initializing port state to: readable=%d; writable=%d; exception=%d.",
                      readable, writable, exception);
-    readable_ = readable;
-    writable_ = writable;
-    exception_ = exception;
+    readable_.store(readable, std::memory_order_release);
+    writable_.store(writable, std::memory_order_release);
+    exception_.store(exception, std::memory_order_release);
 }
 
-void MmfPortEventManager::SetReadable() {
+void MmfPortEventManager::SetReadable(MmfPendingTrigger* pending) {
     MMF_TRACE(this);
-    MutexLocker lock(stateLock_);
     const bool tracing = MmfIsTracing();
     if (tracing) {
         gMmfLogger.Debug("Setting port state to <readable>.");
     }
-    const bool wasReadable = readable_;
-    readable_ = true;
-    if (!wasReadable && pSink_ != nullptr) {
+    if (readable_.exchange(true, std::memory_order_acq_rel) ||
+        pSink_.load(std::memory_order_acquire) == nullptr) {
+        return;  // Not an edge, or no one to tell.
+    }
+    // Under the lock, so an unregistering thread either sees this trigger in flight or has
+    // already taken the sink away.
+    MutexLocker lock(stateLock_);
+    SimpleAsyncInterface* const sink = pSink_.load(std::memory_order_relaxed);
+    if (sink != nullptr) {
         if (tracing) {
             gMmfLogger.Debug("Triggering Port Event Signal Sink ptr=<%p>.",
-                             static_cast<void*>(pSink_));
+                             static_cast<void*>(sink));
         }
-        pSink_->Trigger();
+        triggersInFlight_.fetch_add(1, std::memory_order_relaxed);
+        pending->pMgr_ = this;
+        pending->pSink_ = sink;
     }
 }
 
 void MmfPortEventManager::SetNotReadable() {
     MMF_TRACE(this);
-    MutexLocker lock(stateLock_);
     if (MmfIsTracing()) {
         gMmfLogger.Debug("Setting port state to <not readable>.");
     }
-    readable_ = false;
+    readable_.store(false, std::memory_order_release);
 }
 
 void MmfPortEventManager::RegisterPortEventSignalSink(SimpleAsyncInterface& sink) {
     MMF_TRACE(this);
     MutexLocker lock(stateLock_);
     gMmfLogger.Debug("Registering Port Event Signal Sink ptr=<%p>.", static_cast<void*>(&sink));
-    if (pSink_ != nullptr) {
+    if (pSink_.load(std::memory_order_relaxed) != nullptr) {
         MMF_THROW("Port Event Signal Sink was already registered.");
     }
-    pSink_ = &sink;
+    pSink_.store(&sink, std::memory_order_release);
     watchReadable_ = false;
     watchWritable_ = false;
     watchException_ = false;
@@ -68,13 +104,16 @@ void MmfPortEventManager::RegisterPortEventSignalSink(SimpleAsyncInterface& sink
 
 void MmfPortEventManager::UnregisterPortEventSignalSink() {
     MMF_TRACE(this);
-    MutexLocker lock(stateLock_);
-    gMmfLogger.Debug("Unregistering Port Event Signal Sink; was ptr=<%p>.",
-                     static_cast<void*>(pSink_));
-    pSink_ = nullptr;
-    watchReadable_ = false;
-    watchWritable_ = false;
-    watchException_ = false;
+    {
+        MutexLocker lock(stateLock_);
+        gMmfLogger.Debug("Unregistering Port Event Signal Sink; was ptr=<%p>.",
+                         static_cast<void*>(pSink_.load(std::memory_order_relaxed)));
+        pSink_.store(nullptr, std::memory_order_release);
+        watchReadable_ = false;
+        watchWritable_ = false;
+        watchException_ = false;
+    }
+    WaitForTriggersInFlight();
 }
 
 void MmfPortEventManager::WatchPortEvents(bool readable, bool writable, bool exception) {
@@ -82,7 +121,7 @@ void MmfPortEventManager::WatchPortEvents(bool readable, bool writable, bool exc
     MutexLocker lock(stateLock_);
     gMmfLogger.Debug("Watch requested on port states: readable=%d; writable=%d; exception=%d.",
                      readable, writable, exception);
-    if (pSink_ == nullptr && (readable || writable || exception)) {
+    if (pSink_.load(std::memory_order_relaxed) == nullptr && (readable || writable || exception)) {
         MMF_THROW("Port event watch requested, but Signal Sink is not registered yet.");
     }
     watchReadable_ = readable;
@@ -92,10 +131,9 @@ void MmfPortEventManager::WatchPortEvents(bool readable, bool writable, bool exc
 
 void MmfPortEventManager::GetPortState(bool* readable, bool* writable, bool* exception) {
     MMF_TRACE(this);
-    MutexLocker lock(stateLock_);
-    const bool r = readable_;
-    const bool w = writable_;
-    const bool e = exception_;
+    const bool r = readable_.load(std::memory_order_acquire);
+    const bool w = writable_.load(std::memory_order_acquire);
+    const bool e = exception_.load(std::memory_order_acquire);
     if (readable != nullptr) {
         *readable = r;
     }

@@ -6,12 +6,13 @@ namespace vok {
 
 uint32_t MmfSerialGenerator::GetNext() {
     MMF_TRACE(this);
-    MutexLocker lock(mutex_);
-    if (++value_ == 0) {
+    // Unsigned atomic addition wraps: exactly one caller sees 0, and the next one gets 1.
+    const uint32_t value = value_.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (value == 0) {
         throw VokResourceException("MmfSerialGenerator::GetNext - serial number wrap-around",
                                    kVokErrUnspecified);
     }
-    return value_;
+    return value;
 }
 
 }  // namespace vok

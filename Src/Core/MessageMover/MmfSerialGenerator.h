@@ -1,10 +1,9 @@
-// Not public API. A locked 32-bit counter that issues port addresses and sequence numbers.
+// Not public API. A lock-free 32-bit counter that issues port addresses and sequence numbers.
 #ifndef VOK_SRC_CORE_MESSAGEMOVER_MMFSERIALGENERATOR_H
 #define VOK_SRC_CORE_MESSAGEMOVER_MMFSERIALGENERATOR_H
 
+#include <atomic>
 #include <cstdint>
-
-#include "vok/Mutex.h"
 
 namespace vok {
 
@@ -20,8 +19,7 @@ class MmfSerialGenerator {
     uint32_t GetNext();
 
   private:
-    Mutex mutex_;     // Protects value_.
-    uint32_t value_;  // The last value issued.
+    std::atomic<uint32_t> value_;  // The last value issued.
 };
 
 }  // namespace vok

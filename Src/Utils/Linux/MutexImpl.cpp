@@ -1,11 +1,11 @@
-#include "Src/Utils/Linux/MutexImpl.h"
-
+// POSIX implementation of Mutex: set-up, tear-down and the rare failure paths. Locking itself is
+// inline in the header.
 #include "Src/Utils/VokThrow.h"
 #include "vok/Mutex.h"
 
 namespace vok {
 
-MutexImpl::MutexImpl() {
+Mutex::Mutex() {
     pthread_mutexattr_t attr;
     int result = pthread_mutexattr_init(&attr);
     if (result == 0) {
@@ -13,42 +13,24 @@ MutexImpl::MutexImpl() {
         if (result == 0) {
             result = pthread_mutex_init(&mutex_, &attr);
         }
-        if (result != 0) {
-            pthread_mutexattr_destroy(&attr);
-        }
+        (void)pthread_mutexattr_destroy(&attr);
     }
     if (result != 0) {
         VOK_THROW_RESOURCE_ERROR(result, nullptr);
     }
 }
 
-MutexImpl::~MutexImpl() {
+Mutex::~Mutex() {
     (void)pthread_mutex_destroy(&mutex_);
 }
 
-void MutexImpl::Lock() {
-    const int result = pthread_mutex_lock(&mutex_);
-    if (result != 0) {
-        VOK_THROW_RESOURCE_ERROR(result, nullptr);
-    }
+// Exceptions name the public operation that failed.
+void Mutex::LockFailed(int result) {
+    detail::ThrowResourceError("Lock", __FILE__, __LINE__, result, nullptr);
 }
 
-void MutexImpl::Unlock() {
-    const int result = pthread_mutex_unlock(&mutex_);
-    if (result != 0) {
-        VOK_THROW_RESOURCE_ERROR(result, nullptr);
-    }
-}
-
-Mutex::Mutex() : pImpl_(new MutexImpl) {}
-Mutex::~Mutex() {
-    delete pImpl_;
-}
-void Mutex::Lock() {
-    pImpl_->Lock();
-}
-void Mutex::Unlock() {
-    pImpl_->Unlock();
+void Mutex::UnlockFailed(int result) {
+    detail::ThrowResourceError("Unlock", __FILE__, __LINE__, result, nullptr);
 }
 
 }  // namespace vok

@@ -35,7 +35,8 @@
  * (KV_ERROR_BAD_PAYLOAD), a payload above KV_MAX_PAYLOAD_SIZE (KV_ERROR_PAYLOAD_TOO_LARGE), the
  * method failed (KV_ERROR_METHOD_FAILED), no reply came because the service released the request
  * unanswered or left before replying (KV_ERROR_NO_REPLY), the service left the bus while a
- * subscription was open (KV_ERROR_SERVICE_GONE), the bus went away (KV_ERROR_BUS_UNAVAILABLE).
+ * subscription was open (KV_ERROR_SERVICE_GONE), the bus went away (KV_ERROR_BUS_UNAVAILABLE),
+ * no first reply came within the call's timeout (KV_ERROR_TIMEOUT, see KVCallWithTimeout).
  *
  * Losing the bus and getting it back
  * ----------------------------------
@@ -94,26 +95,27 @@ typedef uint64_t KVMessageToken;
 
 typedef enum KVErrorCode {
     KV_ERROR_NONE = 0,
-    KV_ERROR_INVALID_ARGUMENT = 1,  /* NULL or malformed argument */
-    KV_ERROR_BAD_URI = 2,           /* URI not of the form above */
-    KV_ERROR_BAD_PAYLOAD = 3,       /* NULL, not UTF-8, or (at a service) not a JSON object */
-    KV_ERROR_BUS = 4,               /* no connection to the bus, the bus refused, or it went away */
-    KV_ERROR_NAME_TAKEN = 5,        /* another connection owns the service name */
-    KV_ERROR_NOT_ATTACHED = 6,      /* the handle is not attached to a context yet */
-    KV_ERROR_ALREADY_ATTACHED = 7,  /* a handle is attached once */
-    KV_ERROR_NO_SUCH_CALL = 8,      /* the token's call has ended or was cancelled */
-    KV_ERROR_NO_SERVICE = 9,        /* no connection owns the service name */
-    KV_ERROR_NO_METHOD = 10,        /* the service has no such method */
-    KV_ERROR_CLOSED = 11,           /* the request was answered, cancelled, or its client left */
-    KV_ERROR_SERVICE_GONE = 12,     /* the service left the bus while the call was open */
-    KV_ERROR_NO_REPLY = 13,         /* the service did not reply (released the request, or left) */
-    KV_ERROR_METHOD_FAILED = 14,    /* the service's method function returned false */
-    KV_ERROR_NOT_A_SERVICE = 15,    /* an anonymous handle cannot register methods */
-    KV_ERROR_EXISTS = 16,           /* the method or subscription is already registered */
-    KV_ERROR_PROTOCOL = 17,         /* the peer answered with something that is not kelvra */
-    KV_ERROR_BUS_UNAVAILABLE = 18,  /* no bus connection now (lost, or not made yet); the handle
-                                       reconnects by itself: try again later */
-    KV_ERROR_PAYLOAD_TOO_LARGE = 19 /* the payload is longer than KV_MAX_PAYLOAD_SIZE */
+    KV_ERROR_INVALID_ARGUMENT = 1, /* NULL or malformed argument */
+    KV_ERROR_BAD_URI = 2,          /* URI not of the form above */
+    KV_ERROR_BAD_PAYLOAD = 3,      /* NULL, not UTF-8, or (at a service) not a JSON object */
+    KV_ERROR_BUS = 4,              /* no connection to the bus, the bus refused, or it went away */
+    KV_ERROR_NAME_TAKEN = 5,       /* another connection owns the service name */
+    KV_ERROR_NOT_ATTACHED = 6,     /* the handle is not attached to a context yet */
+    KV_ERROR_ALREADY_ATTACHED = 7, /* a handle is attached once */
+    KV_ERROR_NO_SUCH_CALL = 8,     /* the token's call has ended or was cancelled */
+    KV_ERROR_NO_SERVICE = 9,       /* no connection owns the service name */
+    KV_ERROR_NO_METHOD = 10,       /* the service has no such method */
+    KV_ERROR_CLOSED = 11,          /* the request was answered, cancelled, or its client left */
+    KV_ERROR_SERVICE_GONE = 12,    /* the service left the bus while the call was open */
+    KV_ERROR_NO_REPLY = 13,        /* the service did not reply (released the request, or left) */
+    KV_ERROR_METHOD_FAILED = 14,   /* the service's method function returned false */
+    KV_ERROR_NOT_A_SERVICE = 15,   /* an anonymous handle cannot register methods */
+    KV_ERROR_EXISTS = 16,          /* the method or subscription is already registered */
+    KV_ERROR_PROTOCOL = 17,        /* the peer answered with something that is not kelvra */
+    KV_ERROR_BUS_UNAVAILABLE = 18, /* no bus connection now (lost, or not made yet); the handle
+                                      reconnects by itself: try again later */
+    KV_ERROR_PAYLOAD_TOO_LARGE = 19, /* the payload is longer than KV_MAX_PAYLOAD_SIZE */
+    KV_ERROR_TIMEOUT = 20            /* no first reply within the call's timeout: cancelled */
 } KVErrorCode;
 
 /* The longest payload, in bytes of JSON text, that a call, a request or a reply may carry. The
@@ -174,6 +176,16 @@ KELVRA_EXPORT bool KVUnregister(KVHandle* handle, KVError* error);
 KELVRA_EXPORT bool KVCall(KVHandle* handle, const char* uri, const char* payload,
                           KVReplyFunc replyFunc, void* userData, KVMessageToken* token,
                           KVError* error);
+/* KVCall with a deadline for the first reply: when timeoutMs milliseconds (0: no deadline, as
+ * KVCall) pass without a reply, the library cancels the call as KVCallCancel does (the service
+ * learns of the cancel: a subscription's cancel function runs) and then delivers, from the loop,
+ * a last reply {"returnValue":false,"errorCode":20 (KV_ERROR_TIMEOUT),"errorText":"No reply
+ * within N ms..."}. A reply that arrives after that is dropped; the reply function never sees
+ * it. The deadline bounds the first reply only: once a subscription has its first reply it stays
+ * open, without a deadline, until its last reply or KVCallCancel. */
+KELVRA_EXPORT bool KVCallWithTimeout(KVHandle* handle, const char* uri, const char* payload,
+                                     uint32_t timeoutMs, KVReplyFunc replyFunc, void* userData,
+                                     KVMessageToken* token, KVError* error);
 /* Ends an open call: no reply is delivered after this returns, and the service learns of the
  * cancel. KV_ERROR_NO_SUCH_CALL when the call has already ended. */
 KELVRA_EXPORT bool KVCallCancel(KVHandle* handle, KVMessageToken token, KVError* error);

@@ -15,12 +15,12 @@ RdKvCallImpl::RdKvCallImpl(KVHandle* handle, std::function<void(KVMessage*)> cal
       dispatcher_(RuntimeDispatcherImpl::FromKvHandle(handle)) {}
 
 void RdKvCallImpl::Call(const std::string& serviceName, const std::string& method,
-                        const std::string& payload) {
+                        const std::string& payload, unsigned int timeoutMs) {
     Cancel();
     const std::string uri = "kelvra://" + serviceName + "/" + method;
     VokKvError error;
-    error.result = KVCall(handle_, uri.c_str(), payload.c_str(), &RdKvCallImpl::CallbackFunc, this,
-                          &token_, &error.error);
+    error.result = KVCallWithTimeout(handle_, uri.c_str(), payload.c_str(), timeoutMs,
+                                     &RdKvCallImpl::CallbackFunc, this, &token_, &error.error);
     if (!error.result) {
         VOK_THROW_RESOURCE_ERROR(kVokErrFailed, error.Message());
     }
@@ -64,7 +64,11 @@ RdKvCallBase::~RdKvCallBase() {
 }
 void RdKvCallBase::Call(const std::string& serviceName, const std::string& method,
                         const std::string& payload) {
-    impl_->Call(serviceName, method, payload);
+    impl_->Call(serviceName, method, payload, 0);
+}
+void RdKvCallBase::Call(const std::string& serviceName, const std::string& method,
+                        const std::string& payload, unsigned int timeoutMs) {
+    impl_->Call(serviceName, method, payload, timeoutMs);
 }
 void RdKvCallBase::Cancel() {
     impl_->Cancel();

@@ -18,8 +18,8 @@ class RdKvCallImpl : public RefCounted {
   public:
     RdKvCallImpl(KVHandle* handle, std::function<void(KVMessage*)> callback);
 
-    void Call(const std::string& serviceName, const std::string& method,
-              const std::string& payload);
+    void Call(const std::string& serviceName, const std::string& method, const std::string& payload,
+              unsigned int timeoutMs);
     void Cancel();
     void ChangeCb(std::function<void(KVMessage*)> callback);
     void Discard();

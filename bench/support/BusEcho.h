@@ -1,0 +1,53 @@
+// What the bus benchmarks share: the payload they carry and the echo methods that answer it, for
+// the bus library's service API and for a raw GDBus object.
+#ifndef VOK_BENCH_SUPPORT_BUSECHO_H
+#define VOK_BENCH_SUPPORT_BUSECHO_H
+
+#include <gio/gio.h>
+#include <kelvra/kelvra.h>
+
+#include <string>
+
+namespace vok {
+namespace bench {
+
+// A JSON object of exactly 100 bytes.
+inline std::string EchoPayload() {
+    std::string payload = "{\"key\":\"com.orvex.vok\",\"relative_time\":\"00:01:30\",\"pad\":\"";
+    payload += std::string(100 - payload.size() - 2, 'x');
+    payload += "\"}";
+    return payload;
+}
+
+// A message-bus connection to address, or null with *error set.
+inline GDBusConnection* ConnectToBus(const std::string& address, std::string* error) {
+    GError* gerror = nullptr;
+    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &gerror);
+    if (connection == nullptr) {
+        *error = gerror->message;
+        g_error_free(gerror);
+    }
+    return connection;
+}
+
+// A bus-library method that answers with the request's own payload.
+inline bool KelvraEcho(KVHandle* handle, KVMessage* request, void*) {
+    return KVReply(handle, request, KVMessageGetPayload(request), nullptr);
+}
+
+// A GDBus method "(s) -> (s)" that answers with its argument.
+inline void GdbusEcho(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
+                      GVariant* parameters, GDBusMethodInvocation* invocation, gpointer) {
+    const char* text = nullptr;
+    g_variant_get(parameters, "(&s)", &text);
+    g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", text));
+}
+
+}  // namespace bench
+}  // namespace vok
+
+#endif  // VOK_BENCH_SUPPORT_BUSECHO_H
