@@ -6,7 +6,7 @@ set -euo pipefail
 
 dir=${1:-${VOK_ARMHF_SYSROOT:-$HOME/.cache/vok/armhf-sysroot}}
 stamp="$dir/.vok-sysroot-ready"
-packages=libglib2.0-dev,libjson-c-dev,libgtest-dev,libgmock-dev,libbenchmark-dev,dbus-daemon
+packages=libglib2.0-dev,libjson-c-dev,libgtest-dev,libgmock-dev,libbenchmark-dev,dbus-daemon,libsystemd-dev
 
 if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$packages" ]; then
     echo "$dir"

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 declare -A groups=(
-    [base]="build-essential cmake pkg-config libglib2.0-dev libjson-c-dev libgtest-dev libgmock-dev libbenchmark-dev dbus-daemon"
+    [base]="build-essential cmake pkg-config libglib2.0-dev libjson-c-dev libgtest-dev libgmock-dev libbenchmark-dev dbus-daemon libsystemd-dev"
     [armhf]="g++-arm-linux-gnueabihf qemu-user debootstrap"
     [tools]="valgrind clang-format"
     # Frameworks the peer benchmarks compare against; only `make bench-peers` wants them.

@@ -14,7 +14,7 @@
 #include <memory>
 
 #include "DemoBlades.h"
-#include "common/DaemonMain.h"
+#include "vok/Daemon.h"
 #include "vok/DiagnosticRegister.h"
 
 namespace {
@@ -49,13 +49,15 @@ int main(int argc, char** argv) {
     DemoLoader bus("bus", [&pace]() { return vok::demo::MakeBusBlade(pace); });
     std::printf("[vok-demo] starting 4 blades: echo, client, alarm, bus\n");
     std::fflush(stdout);
-    const int signal = vok::apps::RunDaemon(
-        vok::VokShellDaemonInfo("vok-demo", "demo daemon"), {&echo, &client, &alarm, &bus}, nullptr,
-        [](vok::VokShell&) {
-            std::printf("[vok-demo] all blades stopped; diagnostic registers:\n");
-            PrintRegisters("root.");
-            std::fflush(stdout);
-        });
+    vok::DaemonHooks hooks;
+    hooks.beforeDestroy = [](vok::VokShell&) {
+        std::printf("[vok-demo] all blades stopped; diagnostic registers:\n");
+        PrintRegisters("root.");
+        std::fflush(stdout);
+    };
+    int signal = 0;
+    const int status = vok::RunDaemon(vok::VokShellDaemonInfo("vok-demo", "demo daemon"),
+                                      {&echo, &client, &alarm, &bus}, hooks, &signal);
     std::printf("[vok-demo] stopped (signal %d), framework released\n", signal);
-    return 0;
+    return status;
 }

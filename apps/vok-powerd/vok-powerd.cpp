@@ -14,8 +14,8 @@
 #include <cstring>
 
 #include "PowerService.h"
-#include "common/DaemonMain.h"
 #include "vok/BladeStopWatcher.h"
+#include "vok/Daemon.h"
 #include "vok/RuntimeDispatcher.h"
 #include "vok/VokKvClient.h"
 
@@ -111,8 +111,8 @@ int main(int argc, char** argv) {
     }
     VokShell* shell = nullptr;
     PowerBladeLoader loader(&shell, log);
-    vok::apps::RunDaemon(
-        VokShellDaemonInfo("vok-powerd", ""), {&loader}, [&](VokShell& built) { shell = &built; },
-        nullptr);
-    return gFailed ? 1 : 0;
+    DaemonHooks hooks;
+    hooks.beforeStart = [&](VokShell& built) { shell = &built; };
+    const int status = RunDaemon(VokShellDaemonInfo("vok-powerd", ""), {&loader}, hooks);
+    return gFailed ? 1 : status;
 }

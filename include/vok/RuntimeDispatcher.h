@@ -18,7 +18,9 @@ class RuntimeDispatcherImpl;
 // callback of every object created against it (timers, bridges, monitors, bus calls, alarms)
 // runs there, from inside Run. RequestStop may be called from any thread; everything else
 // belongs to the owning thread. Objects created against a dispatcher must be destroyed before
-// it; destroying it releases its context reference and its bus registration.
+// it; destroying it releases its context reference and its bus registration. A dispatcher created
+// on a blade's thread tells the shell whether its loop is waiting for events or busy, and for how
+// long (the shell's watchdog and stop deadline use it); that costs no wake-up.
 class RuntimeDispatcher : private Uncopyable {
   public:
     // A dispatcher on a new private main context.

@@ -21,6 +21,12 @@ const int32_t kBladeStartModeAuto = 2;      // started at start-up
 const int32_t kBladeStartModeDisabled = 3;  // must not be started
 // Any other mode: not started.
 
+// How long a requested stop may take by default, in milliseconds.
+const uint32_t kVokShellDefaultStopDeadlineMs = 10000;
+// The exit status of a process whose shell's stop passed its deadline (EX_SOFTWARE): the shell
+// logs each blade that had not finished and ends the process, so the service manager restarts it.
+const int kVokShellStopDeadlineExitStatus = 70;
+
 // What the daemon says of itself. The shell copies it; blades get it through their loaders.
 struct VokShellDaemonInfo {
     // Copies name and details.
@@ -28,8 +34,11 @@ struct VokShellDaemonInfo {
         : daemonName(name), daemonDetails(details) {}
     std::string daemonName;     // Copied into every blade's environment.
     std::string daemonDetails;  // Passed to the loaders; the shell does not interpret it.
+    // How long the blades may take to return once a stop is requested; 0 waits for ever.
+    uint32_t stopDeadlineMs = kVokShellDefaultStopDeadlineMs;
 };
 
+class LoopHeartbeat;
 class ServiceBladeEnvironment;
 
 // One blade's code. Run is its whole life, on the blade's own thread: it typically runs a
@@ -65,7 +74,13 @@ class VokBladeLoaderInterface {
 };
 
 // What a running blade is given. Created by the shell before the blade thread starts and deleted
-// after it is joined; the blade only reads it.
+// after it is joined; the blade only reads it, on its own thread.
+//
+// Liveness: the shell's watchdog and stop deadline need to know that a blade's thread still
+// serves. Every RuntimeDispatcher created on the blade's thread reports that by itself: a loop
+// waiting for events is live, and one busy in a callback is live for as long as the callback
+// lasts. A blade whose Run does its own loop instead calls Heartbeat at least once every quarter
+// of GetWatchdogUsec (while that is not 0) and whenever it goes back to wait.
 class ServiceBladeEnvironment {
   public:
     // Made by the shell for each blade.
@@ -84,9 +99,16 @@ class ServiceBladeEnvironment {
     MessageMoverInterface* GetMmInterface() const { return pMmIface_; }
     // The blade's end of its control connection, owned by the shell; the stop event arrives here.
     MmConnectionPort* GetControlPort() const { return pControlPort_; }
+    // The blade's thread is alive now (needed only by blades that run no dispatcher).
+    void Heartbeat() const;
+    // The service manager's watchdog interval in microseconds, 0 when it asks for none.
+    uint64_t GetWatchdogUsec() const { return watchdogUsec_; }
 
   private:
     friend class BladeManager;
+
+    LoopHeartbeat* pHeartbeat_ = nullptr;  // The blade manager's; set before Run.
+    uint64_t watchdogUsec_ = 0;
 
     std::string daemonName_;
     std::string bladeName_;
@@ -102,6 +124,14 @@ class ServiceBladeEnvironment {
 // Destroying the shell requests the stop if it was started, joins the shell thread, stops the
 // framework (reporting leaks) and prunes the diagnostic registers of longevity 0. Do not destroy
 // it from shutDownCompleteCb (that runs on the shell thread).
+//
+// A stop that outlasts the daemon's stopDeadlineMs is logged blade by blade at critical level and
+// ends the process with kVokShellStopDeadlineExitStatus. When NOTIFY_SOCKET is set the shell
+// tells the service manager READY=1 once every auto-start blade has entered Run, STOPPING=1 when
+// the stop begins, and STATUS= lines for people. When the service manager asks for a watchdog
+// (WATCHDOG_USEC), the shell sends WATCHDOG=1 every half interval, but only while no blade's
+// thread has been busy for half the interval; the first time one has, it logs which blade at
+// critical level and feeds no more, so the service manager restarts the daemon.
 class VokShell {
   public:
     // shutDownCompleteCb must not be empty.

@@ -4,6 +4,7 @@
 
 #include <vok/ArgvMaker.h>
 #include <vok/BladeStopWatcher.h>
+#include <vok/Daemon.h>
 #include <vok/DiagnosticRegister.h>
 #include <vok/Event.h>
 #include <vok/InteractiveTestManager.h>

@@ -1,5 +1,7 @@
 /* ztlog: named log contexts with per-context thresholds, written to stderr, syslog or a hook. */
 #define _GNU_SOURCE
+/* The code location of a line is the caller's (CODE_FUNC from the line), never ztlog's own. */
+#define SD_JOURNAL_SUPPRESS_LOCATION
 #include "ztlog/ztlog.h"
 
 #include <ctype.h>
@@ -8,7 +10,9 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <syslog.h>
+#include <systemd/sd-journal.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -32,7 +36,10 @@ static ZtLogContextImpl* gDefaultContext;
 static ZtLogRule* gRules;
 static size_t gRuleCount;
 static int gDefaultLevel = kZtLogWarning;
-static int gUseSyslog; /* Read and written atomically: ZtLogSetSyslogOutput may change it. */
+/* Where lines go when no hook takes them. Read and written atomically: it may change at any time.
+ */
+enum { kOutputStderr = 0, kOutputSyslog = 1, kOutputJournal = 2 };
+static int gOutput;
 
 /* Held for reading while a hook runs, for writing while the hook changes. */
 static pthread_rwlock_t gHookLock = PTHREAD_RWLOCK_INITIALIZER;
@@ -166,14 +173,27 @@ static ZtLogContextImpl* CreateLocked(const char* name) {
     return c;
 }
 
+static int SetOutput(const char* name) {
+    static const char* const kOutputs[] = {"stderr", "syslog", "journal"};
+    for (int i = 0; i < 3; ++i) {
+        if (strcmp(name, kOutputs[i]) == 0) {
+            __atomic_store_n(&gOutput, i, __ATOMIC_RELAXED);
+            return 0;
+        }
+    }
+    return -1;
+}
+
 static void Init(void) {
     const char* levels = getenv("ZTLOG_LEVELS");
     if (levels != NULL) {
         ParseLevels(levels);
     }
     const char* output = getenv("ZTLOG_OUTPUT");
-    __atomic_store_n(&gUseSyslog, output != NULL && strcmp(output, "syslog") == 0,
-                     __ATOMIC_RELAXED);
+    if (output != NULL && SetOutput(output) != 0) {
+        fprintf(stderr, "ztlog: ignoring ZTLOG_OUTPUT <%s>: expected stderr, syslog or journal\n",
+                output);
+    }
     pthread_mutex_lock(&gContextsLock);
     gDefaultContext = CreateLocked("default");
     pthread_mutex_unlock(&gContextsLock);
@@ -216,7 +236,12 @@ int ZtLogSetLevel(const char* name, int level) {
 
 void ZtLogSetSyslogOutput(int enable) {
     pthread_once(&gInitOnce, Init);
-    __atomic_store_n(&gUseSyslog, enable != 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&gOutput, enable != 0 ? kOutputSyslog : kOutputStderr, __ATOMIC_RELAXED);
+}
+
+int ZtLogSetOutput(const char* name) {
+    pthread_once(&gInitOnce, Init);
+    return name != NULL ? SetOutput(name) : -1;
 }
 
 void ZtLogSetOutputHook(ZtLogOutputHook hook, void* user) {
@@ -235,6 +260,68 @@ static int Enabled(const ZtLogContextImpl* c, int level) {
     return c != NULL && level <= __atomic_load_n(&c->pub.threshold, __ATOMIC_RELAXED);
 }
 
+/* The function a framework line names, if any: "ERROR in NAME: ..." or the tracing lines
+ * "NAME: Entering", "NAME: OBJECT: Leaving". Returns its length (0: none) and sets *name. */
+static size_t FunctionOfLine(const char* message, const char** name) {
+    static const char kErrorIn[] = "ERROR in ";
+    const char* start = message;
+    if (strncmp(message, kErrorIn, sizeof kErrorIn - 1) == 0) {
+        start = message + sizeof kErrorIn - 1;
+    } else {
+        size_t len = strlen(message);
+        if (!(len > 10 && (strcmp(message + len - 10, ": Entering") == 0 ||
+                           strcmp(message + len - 9, ": Leaving") == 0))) {
+            return 0;
+        }
+    }
+    /* The name ends at the first colon that does not belong to "::". */
+    const char* end = start;
+    while (*end != '\0' && !(end[0] == ':' && end[1] != ':' && (end == start || end[-1] != ':'))) {
+        if (isspace((unsigned char)*end)) {
+            return 0;
+        }
+        ++end;
+    }
+    if (*end != ':' || end == start) {
+        return 0;
+    }
+    *name = start;
+    return (size_t)(end - start);
+}
+
+/* Sends one line to the journal with its priority, context, thread and, when the line names
+ * one, function as fields of their own. Returns 0, or -1 when the journal did not take it. */
+static int EmitJournal(const ZtLogContextImpl* c, int level, const char* message, long tid) {
+    char* fields[5] = {NULL, NULL, NULL, NULL, NULL};
+    int count = 0;
+    const char* function = NULL;
+    size_t functionLen = FunctionOfLine(message, &function);
+    int ok =
+        asprintf(&fields[count++], "MESSAGE=%s", message) >= 0 &&
+        asprintf(&fields[count++], "PRIORITY=%d", level < 0 || level > 7 ? LOG_ERR : level) >= 0 &&
+        asprintf(&fields[count++], "ZTLOG_CONTEXT=%s", c->name) >= 0 &&
+        asprintf(&fields[count++], "TID=%ld", tid) >= 0 &&
+        (functionLen == 0 ||
+         asprintf(&fields[count++], "CODE_FUNC=%.*s", (int)functionLen, function) >= 0);
+    int result = -1;
+    if (ok) {
+        struct iovec iov[5];
+        for (int i = 0; i < count; ++i) {
+            iov[i].iov_base = fields[i];
+            iov[i].iov_len = strlen(fields[i]);
+        }
+        result = sd_journal_sendv(iov, count) < 0 ? -1 : 0;
+    } else {
+        fields[count - 1] = NULL; /* asprintf leaves it undefined on failure. */
+    }
+    for (int i = 0; i < count; ++i) {
+        free(fields[i]);
+    }
+    return result;
+}
+
+static void EmitStderr(const ZtLogContextImpl* c, int level, const char* message, long tid);
+
 /* Emits one finished message (no trailing newline) of context c. */
 static void Emit(const ZtLogContextImpl* c, int level, const char* message) {
     pthread_rwlock_rdlock(&gHookLock);
@@ -246,12 +333,24 @@ static void Emit(const ZtLogContextImpl* c, int level, const char* message) {
     pthread_rwlock_unlock(&gHookLock);
 
     long tid = (long)syscall(SYS_gettid);
-    if (__atomic_load_n(&gUseSyslog, __ATOMIC_RELAXED)) {
-        /* syslog adds its own timestamp and takes the level as the priority. */
-        syslog(level < 0 || level > 7 ? LOG_ERR : level, "[%s] (tid %ld) %s", c->name, tid,
-               message);
-        return;
+    switch (__atomic_load_n(&gOutput, __ATOMIC_RELAXED)) {
+        case kOutputSyslog:
+            /* syslog adds its own timestamp and takes the level as the priority. */
+            syslog(level < 0 || level > 7 ? LOG_ERR : level, "[%s] (tid %ld) %s", c->name, tid,
+                   message);
+            return;
+        case kOutputJournal:
+            if (EmitJournal(c, level, message, tid) == 0) {
+                return;
+            }
+            break; /* No journal to take it: the line goes to standard error. */
+        default:
+            break;
     }
+    EmitStderr(c, level, message, tid);
+}
+
+static void EmitStderr(const ZtLogContextImpl* c, int level, const char* message, long tid) {
     struct timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     struct tm tm;

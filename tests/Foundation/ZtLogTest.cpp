@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
 #include <ztlog/ztlog.h>
@@ -38,6 +39,16 @@ extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
     va_start(args, format);
     RecordSyslog(priority, format, args);
     va_end(args);
+}
+
+// Receives what the library sends to the journal (ZTLOG_OUTPUT=journal), in place of libsystemd's.
+std::vector<std::string> gJournalFields;
+extern "C" int sd_journal_sendv(const struct iovec* iov, int n) {
+    gJournalFields.clear();
+    for (int i = 0; i < n; ++i) {
+        gJournalFields.emplace_back(static_cast<const char*>(iov[i].iov_base), iov[i].iov_len);
+    }
+    return 0;
 }
 
 namespace {
@@ -137,7 +148,7 @@ TEST(ZtLogOutputTest, StandardErrorGetsOneLineWithTimestampLevelContextAndThread
                                               ") default context"));
 }
 
-TEST(ZtLogOutputTest, SyslogGetsContextAndThreadId) {
+TEST(ZtLogOutputTest, SyslogAndJournalGetContextAndThreadId) {
     ZtLogContext* ctx = nullptr;
     ZtLogGetContext("Zt", &ctx);
     ZtLogSetSyslogOutput(1);
@@ -145,6 +156,21 @@ TEST(ZtLogOutputTest, SyslogGetsContextAndThreadId) {
     ZtLogSetSyslogOutput(0);
     EXPECT_EQ(LOG_CRIT, gSyslogPriority);
     EXPECT_EQ("[Zt] (tid " + std::to_string(ThreadId()) + ") to syslog", gSyslogLine);
+
+    const std::string tid = "TID=" + std::to_string(ThreadId());
+    ASSERT_EQ(0, ZtLogSetOutput("journal"));
+    EXPECT_EQ(-1, ZtLogSetOutput("console"));  // unknown: the journal stays
+    ZtLogPrint(ctx, 3, "to the journal");
+    EXPECT_THAT(gJournalFields, ::testing::ElementsAre("MESSAGE=to the journal", "PRIORITY=3",
+                                                       "ZTLOG_CONTEXT=Zt", tid));
+    // Lines that name their function carry it in a field of its own.
+    ZtLogPrint(ctx, 3, "ERROR in ~BladeManager: state <%d>", 2);
+    EXPECT_THAT(gJournalFields, ::testing::Contains("CODE_FUNC=~BladeManager"));
+    ZtLogPrint(ctx, 3, "Shell::StartUp: 0x1234: Entering");
+    EXPECT_THAT(gJournalFields, ::testing::Contains("CODE_FUNC=Shell::StartUp"));
+    ZtLogPrint(ctx, 3, "a plain line: Entering the loop");
+    EXPECT_EQ(4u, gJournalFields.size());
+    ASSERT_EQ(0, ZtLogSetOutput("stderr"));
 }
 
 TEST(ZtLogTest, ConcurrentLoggingLosesNothing) {

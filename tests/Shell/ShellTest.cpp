@@ -1,8 +1,18 @@
-// The shell: blade start-up, the stop handshake, odd blades and repeated cycles.
+// The shell: blade start-up, the stop handshake, odd blades and repeated cycles, and what the
+// service manager sees of it (notifications, watchdog, stop deadline).
+#include <glib.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -11,6 +21,7 @@
 #include <vector>
 
 #include "support/LogCapture.h"
+#include "vok/Daemon.h"
 #include "vok/DiagnosticRegister.h"
 #include "vok/Event.h"
 #include "vok/MessageMoverFramework.h"
@@ -97,9 +108,12 @@ class TestLoader : public VokBladeLoaderInterface {
 // A shell over some loaders with a completion callback that counts and signals.
 class ShellHarness {
   public:
-    explicit ShellHarness(const std::vector<TestLoader*>& loaders) {
+    explicit ShellHarness(const std::vector<TestLoader*>& loaders,
+                          uint32_t stopDeadlineMs = kVokShellDefaultStopDeadlineMs) {
         std::vector<VokBladeLoaderInterface*> base(loaders.begin(), loaders.end());
-        shell.reset(new VokShell(VokShellDaemonInfo("testd", "details"), base, [this]() {
+        VokShellDaemonInfo info("testd", "details");
+        info.stopDeadlineMs = stopDeadlineMs;
+        shell.reset(new VokShell(info, base, [this]() {
             ++completions;
             done.Signal();
         }));
@@ -202,7 +216,6 @@ TEST_F(ShellTest, BladeReturningByItselfDuringShutdownCompletesTheHandshake) {
 
 TEST_F(ShellTest, ConcurrentAndRepeatedStopRequestsStopOnce) {
     auto loaders = MakeLoaders(4);
-    LogCapture capture;
     ShellHarness h(Raw(loaders));
     h.shell->StartUp();
     std::vector<std::thread> stoppers;
@@ -220,9 +233,6 @@ TEST_F(ShellTest, ConcurrentAndRepeatedStopRequestsStopOnce) {
     EXPECT_EQ(1, h.completions.load());
     for (auto& loader : loaders) {
         EXPECT_EQ(1, loader->blade.stopEvents.load());
-    }
-    for (const auto& line : capture.Matching("unexpected VokShell-stop trigger")) {
-        EXPECT_THAT(line.message, HasSubstr("current VOK Shell state is <"));
     }
 }
 
@@ -309,6 +319,23 @@ TEST_F(ShellTest, RepeatedCyclesLeakNothing) {
     }
 }
 
+TEST(ShellDeathTest, StopPastItsDeadlineEndsTheProcessNamingTheBlade) {
+    EXPECT_EXIT(
+        {
+            TestLoader late("late", kBladeStartModeAuto);
+            TestLoader normal("normal", kBladeStartModeAuto);
+            Event never;
+            late.blade.holdUntil = &never;  // ignores the stop event
+            ShellHarness h({&normal, &late}, 300);
+            h.shell->StartUp();
+            h.shell->RequestStop();
+            h.done.Wait();
+        },
+        ::testing::ExitedWithCode(kVokShellStopDeadlineExitStatus),
+        "Stop deadline of 300 ms passed: blade <late> has not finished \\(state stopping; busy "
+        "outside its loop for [0-9]+ ms\\)");
+}
+
 TEST(ShellDeathTest, ExceptionsOutOfBladeOrShellThreadStopTheProcessWithTheirName) {
     EXPECT_DEATH(
         {
@@ -330,6 +357,128 @@ TEST(ShellDeathTest, ExceptionsOutOfBladeOrShellThreadStopTheProcessWithTheirNam
             shell.RequestStop();
         },
         "crit \\[VOK.Thread\\] .*Thread <VokShell> ended by an exception: completion failed");
+}
+
+// The service manager's end of the notification protocol: a datagram socket of the test's own,
+// named in NOTIFY_SOCKET while the object lives.
+class NotifySocket {
+  public:
+    NotifySocket() : path_("/tmp/vok-notify-" + std::to_string(getpid())) {
+        fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path_.c_str());
+        unlink(path_.c_str());
+        EXPECT_EQ(0, bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+        setenv("NOTIFY_SOCKET", path_.c_str(), 1);
+    }
+    ~NotifySocket() {
+        unsetenv("NOTIFY_SOCKET");
+        unsetenv("WATCHDOG_USEC");
+        close(fd_);
+        unlink(path_.c_str());
+    }
+    // Reads datagrams until one equals or contains text; returns every one read (empty when
+    // none matched within the limit).
+    std::vector<std::string> ReadUntil(const std::string& text, int limitMs = 60000) {
+        std::vector<std::string> seen;
+        const int64_t end = g_get_monotonic_time() + int64_t{limitMs} * 1000;
+        for (;;) {
+            const int64_t left = (end - g_get_monotonic_time()) / 1000;
+            pollfd p{fd_, POLLIN, 0};
+            if (left <= 0 || poll(&p, 1, static_cast<int>(left)) != 1) {
+                return {};
+            }
+            char buffer[4096];
+            const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+            if (n > 0) {
+                seen.emplace_back(buffer, static_cast<size_t>(n));
+                if (seen.back().find(text) != std::string::npos) {
+                    return seen;
+                }
+            }
+        }
+    }
+
+  private:
+    std::string path_;
+    int fd_;
+};
+
+// In a process of its own: RunDaemon takes the process's signals.
+TEST(ShellDeathTest, RunDaemonReportsReadinessAndStopToTheServiceManager) {
+    EXPECT_EXIT(
+        {
+            NotifySocket manager;
+            auto loaders = MakeLoaders(2);
+            std::vector<std::string> seen;
+            std::thread serviceManager;
+            DaemonHooks hooks;
+            bool started = false;
+            // Started once RunDaemon has blocked the stop signals, as every daemon thread is.
+            hooks.beforeStart = [&](VokShell&) {
+                started = true;
+                serviceManager = std::thread([&]() {
+                    seen = manager.ReadUntil("READY=1");
+                    kill(getpid(), SIGTERM);
+                    for (const std::string& line : manager.ReadUntil("STATUS=stopped")) {
+                        seen.push_back(line);
+                    }
+                });
+            };
+            bool stoppedAfterStart = false;
+            hooks.beforeDestroy = [&](VokShell&) { stoppedAfterStart = started; };
+            int signal = 0;
+            const int status = RunDaemon(VokShellDaemonInfo("testd", ""),
+                                         {loaders[0].get(), loaders[1].get()}, hooks, &signal);
+            serviceManager.join();
+            std::string all;
+            for (std::string line : seen) {
+                std::replace(line.begin(), line.end(), '\n', '|');
+                all += "<" + line + ">";
+            }
+            std::fprintf(stderr, "notified %s\n", all.c_str());
+            _exit(status == 0 && signal == SIGTERM && stoppedAfterStart ? 0 : 3);
+        },
+        ::testing::ExitedWithCode(0),
+        "notified <READY=1\\|STATUS=2 blades running><STOPPING=1><STATUS=stopping: waiting for "
+        "blade b0 and 1 more><STATUS=stopping: waiting for blade b[01]><STATUS=stopped>");
+}
+
+gboolean BlockUntilSignalled(gpointer event) {
+    static_cast<Event*>(event)->Wait();
+    return G_SOURCE_REMOVE;
+}
+
+TEST_F(ShellTest, WatchdogIsFedWhileEveryLoopTurnsAndStopsForAStuckOne) {
+    NotifySocket manager;
+    setenv("WATCHDOG_USEC", "400000", 1);  // fed every 200 ms; stuck after 200 ms busy
+    TestLoader idle("idle", kBladeStartModeAuto), stuck("stuck", kBladeStartModeAuto);
+    std::atomic<GMainContext*> stuckContext{nullptr};
+    Event contextKnown, release;
+    stuck.blade.onRun = [&](ServiceBladeEnvironment* env, RuntimeDispatcher& dispatcher) {
+        EXPECT_EQ(400000u, env->GetWatchdogUsec());
+        stuckContext = g_main_loop_get_context(RuntimeDispatcher::GetInternalLoop(dispatcher));
+        contextKnown.Signal();
+    };
+    LogCapture capture;
+    ShellHarness h({&idle, &stuck});
+    h.shell->StartUp();
+    // Idle loops wait for far longer than half the interval: that is no reason to stop feeding.
+    for (int feeds = 0; feeds < 4; ++feeds) {
+        ASSERT_FALSE(manager.ReadUntil("WATCHDOG=1").empty());
+    }
+    contextKnown.Wait();
+    g_main_context_invoke(stuckContext, BlockUntilSignalled, &release);
+    EXPECT_TRUE(capture.WaitFor("Blade <stuck> (running) has not come back to its loop for "));
+    EXPECT_EQ(1u, capture.Matching("has not come back to its loop").size());
+    EXPECT_TRUE(capture.Matching("Blade <idle>").empty());
+    // No feed after the report (two whole intervals, plenty for a timer of 200 ms).
+    const std::vector<std::string> after = manager.ReadUntil("WATCHDOG=1", 800);
+    EXPECT_TRUE(after.empty()) << after.back();
+    release.Signal();
+    h.shell->RequestStop();
+    h.done.Wait();
 }
 
 }  // namespace

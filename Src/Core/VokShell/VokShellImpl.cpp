@@ -1,8 +1,11 @@
 #include "Src/Core/VokShell/VokShellImpl.h"
 
+#include <unistd.h>
+
 #include <cassert>
 #include <exception>
 
+#include "Src/Core/VokShell/ServiceNotify.h"
 #include "Src/Utils/Linux/UncaughtException.h"
 #include "Src/Utils/VokThrow.h"
 #include "vok/DiagnosticRegister.h"
@@ -31,7 +34,17 @@ void RunBladeCode(const Logger& logger, const std::string& blade, const char* st
     }
 }
 
+long long Milliseconds(int64_t microseconds) {
+    return static_cast<long long>(microseconds / 1000);
+}
+
 }  // namespace
+
+void ServiceBladeEnvironment::Heartbeat() const {
+    if (pHeartbeat_ != nullptr) {
+        pHeartbeat_->Beat();
+    }
+}
 
 // ---- BladeManager ----
 
@@ -42,7 +55,23 @@ BladeManager::BladeManager(VokBladeLoaderInterface* loader, VokShellImpl* shell)
       exited_(true),
       bladeThread_(loader->GetBladeName(), this, &BladeManager::BladeThreadRunCb,
                    static_cast<void*>(nullptr)),
-      pBladeEnv_(nullptr) {}
+      pBladeEnv_(nullptr),
+      runEntered_(false),
+      active_(false) {}
+
+const char* BladeManager::StateName(BladeState state) {
+    switch (state) {
+        case kIdle:
+            return "idle";
+        case kStarting:
+            return "starting";
+        case kRunning:
+            return "running";
+        case kStopping:
+            return "stopping";
+    }
+    return "?";
+}
 
 BladeManager::~BladeManager() {
     FuncLogger trace(pShell_->GetLogger(), __func__, this);
@@ -78,6 +107,11 @@ MmConnectionPort* BladeManager::StartBlade() {
     }
     pBladeEnv_ = new ServiceBladeEnvironment(pShell_->GetDaemonInfo().daemonName,
                                              pLoader_->GetBladeName(), bladeIface, bladeEnd);
+    pBladeEnv_->pHeartbeat_ = &heartbeat_;
+    pBladeEnv_->watchdogUsec_ = pShell_->GetWatchdogUsec();
+    heartbeat_.Beat();
+    runEntered_ = false;
+    active_ = true;
     exited_ = false;
     bladeThread_.Start();
     state_ = kRunning;
@@ -88,16 +122,22 @@ void BladeManager::BladeThreadRunCb(void*) {
     const Logger& logger = pShell_->GetLogger();
     FuncLogger trace(logger, __func__, this);
     const std::string& name = pLoader_->GetBladeName();
+    // Dispatchers created on this thread from now on report to the blade's heartbeat.
+    LoopHeartbeat::SetForThisThread(&heartbeat_);
     logger.Debug("Loading blade <%s>", name.c_str());
     RunBladeCode(logger, name, "LoadBlade",
                  [&]() { pLoader_->LoadBlade(pShell_->GetDaemonInfo()); });
     ServiceBlade* blade = nullptr;
     RunBladeCode(logger, name, "GetServiceBlade", [&]() { blade = pLoader_->GetServiceBlade(); });
     logger.Debug("Starting blade <%s>", name.c_str());
+    runEntered_ = true;
+    pShell_->BladeRunEntered();
     RunBladeCode(logger, name, "Run", [&]() { blade->Run(pBladeEnv_); });
     logger.Debug("Blade <%s> exited", name.c_str());
     logger.Debug("Unloading blade <%s>", name.c_str());
     RunBladeCode(logger, name, "UnloadBlade", [&]() { pLoader_->UnloadBlade(); });
+    LoopHeartbeat::SetForThisThread(nullptr);
+    active_ = false;
     exited_ = true;
     logger.Debug("Closing Blade Control Server Port of blade <%s>", name.c_str());
     // Closing this end is the blade's acknowledgement: the shell's end reads kVokErrPeerClosed.
@@ -182,6 +222,11 @@ VokShellImpl::VokShellImpl(const VokShellDaemonInfo& daemonInfo,
       threadStarted_(false),
       dispatcher_(),
       stopBridge_(dispatcher_, [this]() { StopBridgeCb(); }),
+      runEnteredBridge_(dispatcher_, [this]() { CheckReady(); }),
+      watchdogTimer_(dispatcher_, [this]() { WatchdogTimerCb(); }),
+      stopDeadlineTimer_(dispatcher_, [this]() { StopDeadlinePassed(); }),
+      watchdogUsec_(ServiceWatchdogUsec()),
+      readySent_(false),
       state_(kInitial),
       daemonInfo_(daemonInfo),
       shutDownCompleteCb_(std::move(shutDownCompleteCb)) {
@@ -244,6 +289,10 @@ void VokShellImpl::ShellThreadRunCb(void*) {
     KickOffBlades();
     data_.pControlPortMonitor_->SetEventMask(true, false, false);
     state_ = kRunning;
+    if (watchdogUsec_ != 0) {
+        WatchdogTimerCb();
+    }
+    CheckReady();
     dispatcher_.Run();
     shutDownCompleteCb_();
 }
@@ -285,6 +334,10 @@ void VokShellImpl::StopBridgeCb() {
 void VokShellImpl::InitiateShutDown() {
     FuncLogger trace(logger_, __func__, this);
     state_ = kShuttingDown;
+    NotifyServiceManager(logger_, "STOPPING=1");
+    if (daemonInfo_.stopDeadlineMs != 0) {
+        stopDeadlineTimer_.Schedule(daemonInfo_.stopDeadlineMs);
+    }
     for (ActiveBladeRecord* record : activeBlades_) {
         if (record->pBladeMgr->GetState() == BladeManager::kRunning) {
             InitiateBladeShutDown(record);
@@ -292,6 +345,8 @@ void VokShellImpl::InitiateShutDown() {
     }
     if (activeBlades_.empty()) {
         AllBladesShutDownCompleted();
+    } else {
+        ReportStopStatus();
     }
 }
 
@@ -342,8 +397,12 @@ void VokShellImpl::BladeControlPortMonCb(ActiveBladeRecord* record, bool, bool, 
         VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "set.erase failed - Active Blade Record not found.");
     }
     delete record;  // Deletes the monitor that is calling back: allowed, it holds a reference.
-    if (state_ == kShuttingDown && activeBlades_.empty()) {
-        AllBladesShutDownCompleted();
+    if (state_ == kShuttingDown) {
+        if (activeBlades_.empty()) {
+            AllBladesShutDownCompleted();
+        } else {
+            ReportStopStatus();
+        }
     }
 }
 
@@ -375,7 +434,100 @@ void VokShellImpl::ShellControlPortMonCb(bool, bool, bool) {
 void VokShellImpl::AllBladesShutDownCompleted() {
     FuncLogger trace(logger_, __func__, this);
     state_ = kStopped;
+    stopDeadlineTimer_.Cancel();
+    watchdogTimer_.Cancel();
+    NotifyServiceManager(logger_, "STATUS=stopped");
     dispatcher_.RequestStop();
+}
+
+void VokShellImpl::CheckReady() {
+    if (readySent_ || state_ != kRunning) {
+        return;
+    }
+    for (ActiveBladeRecord* record : activeBlades_) {
+        if (!record->pBladeMgr->RunEntered()) {
+            return;
+        }
+    }
+    readySent_ = true;
+    const size_t count = activeBlades_.size();
+    NotifyServiceManager(logger_, "READY=1\nSTATUS=" + std::to_string(count) +
+                                      (count == 1 ? " blade running" : " blades running"));
+}
+
+void VokShellImpl::ReportStopStatus() {
+    const BladeManager* first = nullptr;
+    size_t waiting = 0;
+    for (const BladeManager* manager : data_.bladeManagers_) {
+        if (manager->GetState() != BladeManager::kIdle) {
+            first = first != nullptr ? first : manager;
+            ++waiting;
+        }
+    }
+    if (first == nullptr) {
+        return;
+    }
+    std::string status = "STATUS=stopping: waiting for blade " + first->GetLoader()->GetBladeName();
+    if (waiting > 1) {
+        status += " and " + std::to_string(waiting - 1) + " more";
+    }
+    NotifyServiceManager(logger_, status);
+}
+
+// Runs every half watchdog interval: feeds the service manager's watchdog while no blade's thread
+// has been busy for half the interval. A blade stuck once stops the feeding for good; the
+// service manager then restarts the daemon.
+void VokShellImpl::WatchdogTimerCb() {
+    const int64_t now = g_get_monotonic_time();
+    const int64_t limit = static_cast<int64_t>(watchdogUsec_ / 2);
+    bool stuck = false;
+    for (const BladeManager* manager : data_.bladeManagers_) {
+        const int64_t busy = manager->Active() ? manager->BusyUs(now) : 0;
+        if (busy < limit) {
+            continue;
+        }
+        stuck = true;
+        logger_.Critical(
+            "Blade <%s> (%s) has not come back to its loop for %lld ms; no longer feeding the "
+            "service manager's watchdog (interval %lld ms)",
+            manager->GetLoader()->GetBladeName().c_str(),
+            BladeManager::StateName(manager->GetState()), Milliseconds(busy),
+            Milliseconds(static_cast<int64_t>(watchdogUsec_)));
+    }
+    if (stuck) {
+        NotifyServiceManager(logger_, "STATUS=a blade is stuck; watchdog no longer fed");
+        return;
+    }
+    NotifyServiceManager(logger_, "WATCHDOG=1");
+    const uint64_t periodMs = watchdogUsec_ / 2000;
+    watchdogTimer_.Schedule(periodMs > 0 ? static_cast<unsigned int>(periodMs) : 1u);
+}
+
+void VokShellImpl::StopDeadlinePassed() {
+    const int64_t now = g_get_monotonic_time();
+    for (const BladeManager* manager : data_.bladeManagers_) {
+        if (manager->GetState() == BladeManager::kIdle) {
+            continue;
+        }
+        const int64_t busy = manager->BusyUs(now);
+        const std::string& name = manager->GetLoader()->GetBladeName();
+        const char* state = BladeManager::StateName(manager->GetState());
+        if (busy == 0) {
+            logger_.Critical(
+                "Stop deadline of %lu ms passed: blade <%s> has not finished (state %s; its loop "
+                "waits for events)",
+                static_cast<unsigned long>(daemonInfo_.stopDeadlineMs), name.c_str(), state);
+        } else {
+            logger_.Critical(
+                "Stop deadline of %lu ms passed: blade <%s> has not finished (state %s; busy "
+                "outside its loop for %lld ms)",
+                static_cast<unsigned long>(daemonInfo_.stopDeadlineMs), name.c_str(), state,
+                Milliseconds(busy));
+        }
+    }
+    NotifyServiceManager(logger_, "STATUS=stop deadline passed; exiting");
+    logger_.Critical("Ending the process with exit status %d", kVokShellStopDeadlineExitStatus);
+    _exit(kVokShellStopDeadlineExitStatus);
 }
 
 // ---- VokShell ----

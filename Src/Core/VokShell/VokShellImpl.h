@@ -9,9 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "Src/Utils/RuntimeDispatcher/Linux/LoopHeartbeat.h"
 #include "vok/Logger.h"
 #include "vok/RdAsyncBridge.h"
 #include "vok/RdPortMonitor.h"
+#include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
 #include "vok/Thread.h"
 #include "vok/VokShell.h"
@@ -23,7 +25,8 @@ class VokShellImpl;
 
 // One blade's life: its thread, interface and environment. Shell thread only, except that the
 // blade thread sets exited_ and clears the environment's port just before closing its end of the
-// control connection; the shell reads them only after that close has reached it.
+// control connection; the shell reads them only after that close has reached it. The blade thread
+// also writes runEntered_, active_ and the heartbeat, which the shell reads at any time.
 class BladeManager {
   public:
     enum BladeState : int32_t { kIdle = 0, kStarting = 1, kRunning = 2, kStopping = 3 };
@@ -43,6 +46,14 @@ class BladeManager {
 
     VokBladeLoaderInterface* GetLoader() const { return pLoader_; }
     BladeState GetState() const { return state_; }
+    static const char* StateName(BladeState state);
+    // The blade's Run has been entered since the last start (it may have returned since).
+    bool RunEntered() const { return runEntered_.load(); }
+    // The blade's thread runs blade code (from its start until UnloadBlade has returned).
+    bool Active() const { return active_.load(); }
+    // Microseconds the blade's thread has been busy without waiting for events (see
+    // LoopHeartbeat), at monotonic time nowUs.
+    int64_t BusyUs(int64_t nowUs) const { return heartbeat_.BusyUs(nowUs); }
 
   private:
     void BladeThreadRunCb(void* unused);
@@ -53,6 +64,9 @@ class BladeManager {
     bool exited_;  // True while no blade code runs on the blade thread.
     Thread bladeThread_;
     ServiceBladeEnvironment* pBladeEnv_;  // Owned; null while the blade is not active.
+    LoopHeartbeat heartbeat_;
+    std::atomic<bool> runEntered_;
+    std::atomic<bool> active_;
 };
 
 // A blade that has been activated and has not yet acknowledged its stop. Shell thread only.
@@ -93,6 +107,9 @@ class VokShellImpl {
     const VokShellDaemonInfo& GetDaemonInfo() const { return daemonInfo_; }
     const Logger& GetLogger() const { return logger_; }
     ShellState GetState() const { return state_.load(); }
+    uint64_t GetWatchdogUsec() const { return watchdogUsec_; }
+    // A blade thread has entered Run; any thread.
+    void BladeRunEntered() { runEnteredBridge_.Trigger(); }
 
   private:
     // The MessageMover resources the shell owns, released in a fixed order: blade managers (last
@@ -121,6 +138,12 @@ class VokShellImpl {
                                bool exception);
     void ShellControlPortMonCb(bool readable, bool writable, bool exception);
     void AllBladesShutDownCompleted();
+    // Sends READY=1 once every active blade has entered Run.
+    void CheckReady();
+    // Sends STATUS= naming the first blade that has not finished its stop.
+    void ReportStopStatus();
+    void WatchdogTimerCb();
+    [[noreturn]] void StopDeadlinePassed();
 
     // Member order is a lifetime rule: members are destroyed last to first, so the MessageMover
     // resources (data_) go before the stop bridge and the dispatcher they use, and the shell
@@ -130,6 +153,11 @@ class VokShellImpl {
     bool threadStarted_;
     RuntimeDispatcher dispatcher_;
     RdAsyncBridge stopBridge_;
+    RdAsyncBridge runEnteredBridge_;
+    RdTimerBase watchdogTimer_;
+    RdTimerBase stopDeadlineTimer_;
+    const uint64_t watchdogUsec_;  // 0: the service manager asks for no watchdog.
+    bool readySent_;               // Shell thread only.
     // Written on the shell thread; StartUp reads it on the application thread.
     std::atomic<ShellState> state_;
     VokShellDaemonInfo daemonInfo_;

@@ -6,6 +6,7 @@
 
 #include "Src/Utils/Linux/UncaughtException.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/Kelvra/VokKvError.h"
+#include "Src/Utils/RuntimeDispatcher/Linux/LoopHeartbeat.h"
 #include "Src/Utils/VokThrow.h"
 #include "vok/Logger.h"
 #include "vok/Mutex.h"
@@ -32,6 +33,32 @@ std::map<KVHandle*, RuntimeDispatcherImpl*>& HandleRegistry() {
     static std::map<KVHandle*, RuntimeDispatcherImpl*> registry;
     return registry;
 }
+
+// A source that is never ready: it only marks its thread waiting when the loop is about to poll
+// and busy when the poll returns. It has the highest priority, so GLib prepares and checks it
+// first in every iteration, whatever else is ready.
+struct HeartbeatSource {
+    GSource source;
+    LoopHeartbeat* heartbeat;
+};
+
+gboolean HeartbeatPrepare(GSource* source, gint* timeout) {
+    *timeout = -1;
+    reinterpret_cast<HeartbeatSource*>(source)->heartbeat->Waiting();
+    return FALSE;
+}
+
+gboolean HeartbeatCheck(GSource* source) {
+    reinterpret_cast<HeartbeatSource*>(source)->heartbeat->Beat();
+    return FALSE;
+}
+
+gboolean HeartbeatDispatch(GSource*, GSourceFunc, gpointer) {
+    return G_SOURCE_CONTINUE;
+}
+
+GSourceFuncs gHeartbeatFuncs = {HeartbeatPrepare, HeartbeatCheck, HeartbeatDispatch,
+                                nullptr,          nullptr,        nullptr};
 
 }  // namespace
 
@@ -114,10 +141,12 @@ RuntimeDispatcherImpl::RuntimeDispatcherImpl(GMainContext* context)
       loop_(nullptr),
       kvHandle_(nullptr),
       clientMgr_(nullptr),
-      inRun_(false) {
+      inRun_(false),
+      heartbeatSource_(nullptr) {
     if (context_ != nullptr) {
         loop_ = g_main_loop_new(context_, FALSE);
         if (loop_ != nullptr) {
+            AttachHeartbeat(LoopHeartbeat::ForThisThread());
             return;
         }
         g_main_context_unref(context_);
@@ -125,7 +154,24 @@ RuntimeDispatcherImpl::RuntimeDispatcherImpl(GMainContext* context)
     VOK_THROW_RESOURCE_ERROR(kVokErrFailed, nullptr);
 }
 
+void RuntimeDispatcherImpl::AttachHeartbeat(LoopHeartbeat* heartbeat) {
+    if (heartbeat == nullptr) {
+        return;
+    }
+    heartbeatSource_ = g_source_new(&gHeartbeatFuncs, sizeof(HeartbeatSource));
+    reinterpret_cast<HeartbeatSource*>(heartbeatSource_)->heartbeat = heartbeat;
+    g_source_set_priority(heartbeatSource_, G_MININT);
+    g_source_set_name(heartbeatSource_, "vok heartbeat");
+    g_source_attach(heartbeatSource_, context_);
+}
+
 RuntimeDispatcherImpl::~RuntimeDispatcherImpl() {
+    if (heartbeatSource_ != nullptr) {
+        g_source_destroy(heartbeatSource_);
+        LoopHeartbeat* heartbeat = reinterpret_cast<HeartbeatSource*>(heartbeatSource_)->heartbeat;
+        g_source_unref(heartbeatSource_);
+        heartbeat->Beat();  // The loop is gone: whatever the thread does now is busy time.
+    }
     delete clientMgr_;
     clientMgr_ = nullptr;
     DeinitKelvra();

@@ -12,6 +12,7 @@ typedef struct KVHandle KVHandle;
 
 namespace vok {
 
+class LoopHeartbeat;
 class VokKvClient;
 class VokKvClientMgr;
 
@@ -82,6 +83,9 @@ class RuntimeDispatcherImpl {
     [[noreturn]] static void AbortOnOrphanException(std::exception_ptr exception) noexcept;
 
   private:
+    // Reports every iteration of the loop to heartbeat (see LoopHeartbeat).
+    void AttachHeartbeat(LoopHeartbeat* heartbeat);
+
     GMainContext* context_;       // One owned reference.
     GMainLoop* loop_;             // Owned.
     KVHandle* kvHandle_;          // The bus registration; null until first needed.
@@ -89,6 +93,7 @@ class RuntimeDispatcherImpl {
     bool inRun_;                  // Run is driving the loop (not the application).
     std::exception_ptr pending_;  // Raised by a callback during Run, not yet rethrown by it.
     std::function<void(std::exception_ptr)> handler_;  // Empty: the default handler.
+    GSource* heartbeatSource_;  // One reference; null when made on a thread without heartbeat.
 };
 
 }  // namespace vok

@@ -10,11 +10,15 @@
  * "context=level" entries (level by number or by syslog name). A context takes the setting of its
  * longest dotted prefix ("VOK=4,VOK.MessageMover.Msg.Write=7"); "*=level" sets the default for
  * unmatched contexts, which is otherwise warning (4). ZTLOG_OUTPUT=syslog sends lines to syslog
- * instead of standard error.
+ * instead of standard error, ZTLOG_OUTPUT=journal to the systemd journal.
  *
  * Every function is thread-safe. Each line is written whole, with one write, as
  * "TIMESTAMP LEVEL [CONTEXT] (tid N) MESSAGE" (UTC, microseconds; N is the kernel thread id);
- * syslog receives "[CONTEXT] (tid N) MESSAGE" at the line's level as its priority.
+ * syslog receives "[CONTEXT] (tid N) MESSAGE" at the line's level as its priority. The journal
+ * receives MESSAGE, PRIORITY (the level), ZTLOG_CONTEXT, TID and, for lines that name a function
+ * ("ERROR in NAME: ..." and the tracing lines "NAME: ... Entering" / "Leaving"), CODE_FUNC; a line
+ * the journal refuses goes to standard error (where no journal runs at all, libsystemd drops lines
+ * without an error).
  */
 #ifndef ZTLOG_ZTLOG_H
 #define ZTLOG_ZTLOG_H
@@ -68,6 +72,10 @@ int ZtLogSetLevel(const char* name, int level);
 /* Sends lines to syslog (enable non-zero) or to standard error from now on, whatever ZTLOG_OUTPUT
  * said: a daemon may switch once it has detached from its terminal. */
 void ZtLogSetSyslogOutput(int enable);
+
+/* Sends lines to "stderr", "syslog" or "journal" from now on, whatever ZTLOG_OUTPUT said. Returns
+ * 0, or -1 for another name (the output is then unchanged). */
+int ZtLogSetOutput(const char* name);
 
 /* Receives every line instead of the normal output: the level, the context name and the message
  * text without timestamp or trailing newline. */
