@@ -10,7 +10,7 @@ FUZZ_SECONDS ?= 60
 FUZZ_TEST_SECONDS ?= 5
 
 .PHONY: all deps build test sanitize tsan armhf-test bench bench-peers install demo soak valgrind \
-	format clean deb deb-host deb-armhf fuzz fuzz-run
+	format clean deb deb-host deb-armhf fuzz fuzz-run docs
 
 all: build
 
@@ -132,9 +132,15 @@ deb-armhf:
 	bash cmake/sysroot-dpkg-db.sh $$sysroot build-deb-armhf/sysroot-dpkg && \
 	cd build-deb-armhf && DEB_HOST_ARCH=armhf DPKG_ADMINDIR=$(CURDIR)/build-deb-armhf/sysroot-dpkg cpack
 
+# HTML API documentation of the public headers in build-docs/html (main page: the README). Fails
+# when Doxygen finds an undocumented class, function or member (scripts/docs.sh).
+docs:
+	@bash scripts/deps.sh docs
+	bash scripts/docs.sh build-docs
+
 format:
 	find include Src platform apps tests bench -name '*.[ch]' -o -name '*.cpp' | xargs -r clang-format -i
 
 clean:
 	rm -rf build build-asan build-tsan build-armhf build-bench build-peers build-install \
-	  build-deb build-deb-armhf build-fuzz
+	  build-deb build-deb-armhf build-fuzz build-docs

@@ -1,6 +1,6 @@
 #!/bin/bash
 # Installs the Debian packages a target needs, only when some are missing.
-# Usage: deps.sh [base] [armhf] [tools] [peers] [packaging] [fuzz] [valgrind]
+# Usage: deps.sh [base] [armhf] [tools] [peers] [packaging] [fuzz] [valgrind] [docs]
 set -euo pipefail
 
 declare -A groups=(
@@ -15,6 +15,8 @@ declare -A groups=(
     [fuzz]="clang-14 libfuzzer-14-dev libclang-rt-14-dev"
     # `make valgrind`: memcheck, and its header for the tests' check that they run under it.
     [valgrind]="valgrind"
+    # `make docs`: the HTML API documentation of the public headers.
+    [docs]="doxygen"
 )
 
 wanted=()

@@ -57,6 +57,10 @@ expect "${deb[libvok-dev]}" '/include/vok/vok\.h$' '/include/vok/Version\.h$' \
     '/pkgconfig/vok\.pc$' '/pkgconfig/ztlog\.pc$' '/pkgconfig/kelvra\.pc$' \
     '/cmake/vok/vokConfig\.cmake$' '/cmake/vok/vokConfigVersion\.cmake$'
 expect "${deb[vok-tools]}" '/bin/kv-call$' '/bin/vok-console$' '/bin/vok-powerd$'
+# Each program has its manual page beside it.
+for program in $(listing "${deb[vok-tools]}" | sed -n 's|^/usr/bin/||p'); do
+    expect "${deb[vok-tools]}" "/share/man/man1/$program\\.1\\.gz\$"
+done
 if listing "$runtime" | grep -qE '\.so$|/include/'; then
     fail "the runtime package carries development files"
 fi

@@ -16,6 +16,7 @@ class ServiceBladeEnvironment;
 // running the dispatcher; destroy it before Run returns.
 class BladeStopWatcher {
   public:
+    // Starts watching environment's control port on dispatcher.
     BladeStopWatcher(ServiceBladeEnvironment* environment, RuntimeDispatcher& dispatcher);
     ~BladeStopWatcher();
     BladeStopWatcher(const BladeStopWatcher&) = delete;

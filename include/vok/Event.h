@@ -16,8 +16,11 @@ class Event {
     Event(const Event&) = delete;
     Event& operator=(const Event&) = delete;
 
+    // Signals the event and wakes every waiter.
     void Signal();
+    // Returns once the event is signalled.
     void Wait();
+    // Clears the signal; later Waits block until the next Signal.
     void Reset();
 
   private:

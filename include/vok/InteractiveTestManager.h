@@ -13,8 +13,11 @@ namespace voktests {
 // One console command. The handler reads its arguments with next_arg() and prints to standard
 // output; help may be NULL.
 struct _Command {
+    // The word that runs the command.
     const char* name;
+    // Runs the command.
     void (*handler)();
+    // One line for "help", or NULL.
     const char* help;
 };
 
@@ -28,6 +31,7 @@ extern std::vector<_Command>* g_pCommands;
 extern int32_t g_argc;
 extern char** g_argv;
 
+// True while commands are typed (g_argc is -1), false in one-shot mode.
 bool Interactive();
 // The current command's next argument, or NULL when there is none.
 const char* next_arg();

@@ -17,12 +17,16 @@ struct JsonArrayConstIterInitInfo;
 // iterator is unpopulated, and comparing or moving it throws. Copyable. One thread at a time.
 class JsonArrayConstIterator {
   public:
+    // An unpopulated iterator.
     JsonArrayConstIterator();
+    // Used by JsonToken to place an iterator on its array.
     explicit JsonArrayConstIterator(const JsonArrayConstIterInitInfo& initInfo);
+    // Copies stand at the same element, with a reference of their own.
     JsonArrayConstIterator(const JsonArrayConstIterator& other);
     JsonArrayConstIterator& operator=(const JsonArrayConstIterator& other);
     ~JsonArrayConstIterator();
 
+    // False for a default-constructed iterator.
     bool IsPopulated() const;
     // The current element; throws when unpopulated or at the end.
     const JsonToken& operator*() const;

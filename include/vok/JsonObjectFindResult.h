@@ -16,11 +16,14 @@ class JsonObjectConstFindResult {
   public:
     // Not found.
     JsonObjectConstFindResult();
+    // Used by JsonToken::ObjectFindPair.
     explicit JsonObjectConstFindResult(const JsonObjectFindResultInitInfo& initInfo);
+    // Copies share the value.
     JsonObjectConstFindResult(const JsonObjectConstFindResult& other);
     JsonObjectConstFindResult& operator=(const JsonObjectConstFindResult& other);
     ~JsonObjectConstFindResult();
 
+    // The value found; an unpopulated token when the name is absent.
     const JsonToken& operator*() const;
     const JsonToken* operator->() const;
     // other must not be NULL (assertion).

@@ -16,6 +16,7 @@ struct JsonObjectConstIterInitInfo;
 // Copyable. One thread at a time.
 class JsonObjectConstIterator {
   public:
+    // What dereferencing the iterator gives.
     struct NameValuePair {
         // NULL until dereferenced.
         const char* name;
@@ -23,12 +24,16 @@ class JsonObjectConstIterator {
         const JsonToken* value;
     };
 
+    // An unpopulated iterator.
     JsonObjectConstIterator();
+    // Used by JsonToken to place an iterator on its object.
     explicit JsonObjectConstIterator(const JsonObjectConstIterInitInfo& initInfo);
+    // Copies stand at the same pair, with a reference of their own.
     JsonObjectConstIterator(const JsonObjectConstIterator& other);
     JsonObjectConstIterator& operator=(const JsonObjectConstIterator& other);
     ~JsonObjectConstIterator();
 
+    // False for a default-constructed iterator.
     bool IsPopulated() const;
     // The current pair. Throws when unpopulated or at the end.
     const NameValuePair& operator*() const;

@@ -49,6 +49,7 @@ class JsonToken {
     // finite throws std::invalid_argument (so do MakeNumber and the Set...Number forms).
     JsonToken(const ValueSelector<kValueTypeNumber>*, int value);
     JsonToken(const ValueSelector<kValueTypeNumber>*, double value);
+    // A boolean.
     JsonToken(const ValueSelector<kValueTypeBoolean>*, bool value);
     // A copy of text; NULL throws.
     JsonToken(const ValueSelector<kValueTypeString>*, const char* text);
@@ -56,7 +57,9 @@ class JsonToken {
     JsonToken(const JsonToken&) = delete;
     JsonToken& operator=(const JsonToken&) = delete;
 
+    // True when populated (JSON null included).
     bool HasValue() const;
+    // The type of the value; kValueTypeUnpopulated when unpopulated.
     ValueType GetValueType() const;
     // Releases the value, if any.
     void Reset();
@@ -102,11 +105,13 @@ class JsonToken {
     int ArrayGetLength() const;
     // An iterator on element index; throws std::out_of_range outside 0..length-1.
     JsonArrayConstIterator ArrayGetValueAt(int index) const;
+    // Iterators on the first element and past the last.
     JsonArrayConstIterator ArrayBegin() const;
     JsonArrayConstIterator ArrayEnd() const;
     // Moves value into the array at index: -1 appends, 0 or more replaces the element or extends
     // the array with nulls up to index; below -1 throws.
     void ArraySetElement(int index, JsonToken* value);
+    // ArraySetElement with a new value of the given type.
     void ArraySetNullElement(int index);
     void ArraySetNumberElement(int index, int value);
     void ArraySetNumberElement(int index, double value);
@@ -115,12 +120,15 @@ class JsonToken {
 
     // Objects: this token must be an object. A pair of the same name is replaced.
     void ObjectSetPair(const char* name, JsonToken* value);
+    // ObjectSetPair with a new value of the given type.
     void ObjectSetNullPair(const char* name);
     void ObjectSetNumberPair(const char* name, int value);
     void ObjectSetNumberPair(const char* name, double value);
     void ObjectSetBooleanPair(const char* name, bool value);
     void ObjectSetStringPair(const char* name, const char* text);
+    // The value of the pair called name; see JsonObjectConstFindResult.
     JsonObjectConstFindResult ObjectFindPair(const char* name) const;
+    // Iterators on the first pair and past the last, in json-c's order.
     JsonObjectConstIterator ObjectBegin() const;
     JsonObjectConstIterator ObjectEnd() const;
 
@@ -138,16 +146,22 @@ class JsonToken {
 // throws std::invalid_argument when the check fails.
 class JsonImplUtil {
   public:
+    // A populated token.
     static JsonToken* ValidateTokenHasValue(JsonToken* token);
     static const JsonToken* ValidateTokenHasValue(const JsonToken* token);
+    // A populated object token.
     static JsonToken* ValidateObjectToken(JsonToken* token);
     static const JsonToken* ValidateObjectToken(const JsonToken* token);
+    // A populated array token.
     static JsonToken* ValidateArrayToken(JsonToken* token);
     static const JsonToken* ValidateArrayToken(const JsonToken* token);
+    // The value of a populated token.
     static JsonTokenImpl* PeekValueTokenPimpl(JsonToken* token);
     static JsonTokenImpl* PeekValueTokenPimpl(const JsonToken* token);
+    // The value of a populated object token.
     static JsonTokenImpl* PeekObjectTokenPimpl(JsonToken* token);
     static JsonTokenImpl* PeekObjectTokenPimpl(const JsonToken* token);
+    // The value of a populated array token.
     static JsonTokenImpl* PeekArrayTokenPimpl(JsonToken* token);
     static JsonTokenImpl* PeekArrayTokenPimpl(const JsonToken* token);
 };

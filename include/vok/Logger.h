@@ -25,6 +25,7 @@ class Logger {
     // Identity table of the platform's eight levels.
     static const int32_t aZtLogLevels_[8];
 
+    // Looks up (or creates) the log context called contextName.
     explicit Logger(const char* contextName);
 
     // True when a message at level would be written; the threshold is read at every call, so
@@ -34,6 +35,7 @@ class Logger {
                                                        __ATOMIC_RELAXED) >= level;
     }
 
+    // printf-style messages at each level, written when that level is enabled.
     void Critical(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     void Error(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     void Warning(const char* format, ...) const __attribute__((format(printf, 2, 3)));
@@ -55,6 +57,7 @@ class Logger {
 // path, exceptions included. Lives on one thread's stack; the logger must outlive it.
 class FuncLogger {
   public:
+    // Logs the entering line; object may be null.
     FuncLogger(const Logger& logger, const char* functionName, const void* object)
         : pLogger_(&logger), pFunctionName_(functionName), pObject_(object) {
         if (pLogger_->IsEnabled(kLogLevelDebug)) {

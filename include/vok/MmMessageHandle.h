@@ -17,10 +17,13 @@ typedef uint32_t MmMessageSerial_t;
 // A message's name. Protocols 0 to 3 are the framework's own (1 is link control), 4 to 0xBFFF
 // belong to applications, 0xC000 and above are refused.
 struct MmMessageName {
+    // The protocol the message belongs to.
     uint32_t protocolId;
+    // The message within its protocol.
     uint32_t msgId;
 };
 
+// Names are equal when both their fields are.
 constexpr bool operator==(const MmMessageName& a, const MmMessageName& b) {
     return a.protocolId == b.protocolId && a.msgId == b.msgId;
 }
@@ -50,9 +53,12 @@ class MmBaseMessageHandle {
     MmBaseMessageHandle() : pBlock_(nullptr), bindingNumber_(0), isLargeBlock_(false) {}
     // Checks the binding and the message at once.
     MmBaseMessageHandle(MmfMessageHandleBlock* block, uint16_t bindingNumber);
+    // Copies are handles on the same message.
     MmBaseMessageHandle(const MmBaseMessageHandle& other) = default;
+    // Makes this a handle on other's message.
     MmBaseMessageHandle& operator=(const MmBaseMessageHandle& other) = default;
 
+    // The message type byte.
     uint8_t GetMessageType() const;
     void SetMessageType(uint8_t type);
     // Fills *name and returns name.
@@ -62,6 +68,8 @@ class MmBaseMessageHandle {
     // The payload; its size goes to *size unless size is NULL. The handle does not own the
     // message, so a const handle still reaches a writable payload.
     void* GetPayloadPtr(uint32_t* size) const;
+    // Header fields: the message's serial, the serial it answers, the sender and destination
+    // addresses and the sequence number.
     MmMessageSerial_t GetMessageSerial() const;
     void SetMessageSerial(MmMessageSerial_t serial);
     MmMessageSerial_t GetInResponseToSerial() const;
@@ -73,6 +81,7 @@ class MmBaseMessageHandle {
     uint32_t GetSequenceNumber() const;
     void SetSequenceNumber(uint32_t sequenceNumber);
 
+    // This handle as a base handle.
     MmBaseMessageHandle& GetBinding() { return *this; }
     const MmBaseMessageHandle& GetBinding() const { return *this; }
 
@@ -92,6 +101,7 @@ class MmBaseMessageHandle {
 // MmBaseMessageHandle.
 class MmUserMessageHandle : protected MmBaseMessageHandle {
   public:
+    // The base handle's operations of the same names.
     using MmBaseMessageHandle::GetInResponseToSerial;
     using MmBaseMessageHandle::GetMessageName;
     using MmBaseMessageHandle::GetMessageSerial;
@@ -101,11 +111,13 @@ class MmUserMessageHandle : protected MmBaseMessageHandle {
     using MmBaseMessageHandle::SetMessageSerial;
     using MmBaseMessageHandle::SetMessageType;
 
+    // The base handle this handle wraps.
     MmBaseMessageHandle& GetBinding() { return *this; }
     const MmBaseMessageHandle& GetBinding() const { return *this; }
 
   protected:
     MmUserMessageHandle() = default;
+    // A handle on binding's message.
     explicit MmUserMessageHandle(const MmBaseMessageHandle& binding)
         : MmBaseMessageHandle(binding) {}
 };
@@ -115,9 +127,11 @@ class MmUserMessageHandle : protected MmBaseMessageHandle {
 class MmCommandMessageHandle : public MmUserMessageHandle {
   public:
     MmCommandMessageHandle() = default;
+    // A handle on binding's message.
     explicit MmCommandMessageHandle(const MmBaseMessageHandle& binding)
         : MmUserMessageHandle(binding) {}
 
+    // The addresses: the destination is the user's to set, the sender only to read.
     using MmBaseMessageHandle::GetDestinationAddress;
     using MmBaseMessageHandle::GetSenderAddress;
     using MmBaseMessageHandle::SetDestinationAddress;
@@ -130,6 +144,7 @@ class MmCommandMessageHandle : public MmUserMessageHandle {
 class MmConnectionMessageHandle : public MmUserMessageHandle {
   public:
     MmConnectionMessageHandle() = default;
+    // A handle on binding's message.
     explicit MmConnectionMessageHandle(const MmBaseMessageHandle& binding)
         : MmUserMessageHandle(binding) {}
 

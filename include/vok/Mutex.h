@@ -18,12 +18,14 @@ class Mutex {
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
+    // Locks, waiting while another thread holds the mutex; a holder may lock again.
     void Lock() {
         const int result = pthread_mutex_lock(&mutex_);
         if (__builtin_expect(result != 0, 0)) {
             LockFailed(result);
         }
     }
+    // Undoes one Lock of the calling thread.
     void Unlock() {
         const int result = pthread_mutex_unlock(&mutex_);
         if (__builtin_expect(result != 0, 0)) {
@@ -41,6 +43,7 @@ class Mutex {
 // Holds a Mutex for the lifetime of a scope: locks on construction, unlocks on destruction.
 class MutexLocker {
   public:
+    // Locks mutex until the locker is destroyed.
     explicit MutexLocker(Mutex& mutex) : mutex_(mutex) { mutex_.Lock(); }
     ~MutexLocker() { mutex_.Unlock(); }
     MutexLocker(const MutexLocker&) = delete;

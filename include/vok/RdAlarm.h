@@ -20,11 +20,15 @@ class RdAlarmImpl;
 // may destroy the alarm or change its callback.
 class RdAlarmBase : private Uncopyable {
   public:
+    // An idle alarm on dispatcher's thread.
     RdAlarmBase(RuntimeDispatcher& dispatcher, std::function<void()> callback);
     virtual ~RdAlarmBase();
 
+    // Arms the alarm to fire once after milliseconds; an earlier arming is cancelled.
     void Schedule(unsigned int milliseconds);
+    // Disarms; nothing happens when idle.
     void Cancel();
+    // Replaces the callback; the arming is kept.
     void ChangeCb(std::function<void()> callback);
 
   private:

@@ -20,18 +20,23 @@ class RdAsyncBridgeImpl;
 // MessageMover port is given.
 class RdAsyncBridgeBase : public SimpleAsyncInterface, private Uncopyable {
   public:
+    // A bridge to dispatcher's thread; nothing runs until the first Trigger.
     RdAsyncBridgeBase(RuntimeDispatcher& dispatcher, std::function<void()> callback);
     ~RdAsyncBridgeBase() override;
 
+    // Schedules one run of the callback; callable from any thread.
     void Trigger() override;
+    // Replaces the callback; a pending run calls the new one.
     void ChangeCb(std::function<void()> callback);
 
   private:
     RdAsyncBridgeImpl* impl_;  // One reference.
 };
 
+// The bridge a dispatcher's users create; see RdAsyncBridgeBase.
 class RdAsyncBridge : public RdAsyncBridgeBase {
   public:
+    // See RdAsyncBridgeBase.
     RdAsyncBridge(RuntimeDispatcher& dispatcher, std::function<void()> callback)
         : RdAsyncBridgeBase(dispatcher, std::move(callback)) {}
     ~RdAsyncBridge() override = default;

@@ -18,12 +18,14 @@ class RdDescriptorMonitorImpl;
 // callback may destroy the monitor. Destroying it removes the watch.
 class RdDescriptorMonitorBase : private Uncopyable {
   public:
+    // Nothing is watched until SetEventMask.
     RdDescriptorMonitorBase(int fd, RuntimeDispatcher& dispatcher,
                             std::function<void(bool, bool, bool)> callback);
     ~RdDescriptorMonitorBase();
 
     // Replaces the watch; all false removes it.
     void SetEventMask(bool read, bool write, bool exception);
+    // Replaces the callback.
     void ChangeCb(std::function<void(bool, bool, bool)> callback);
 
   private:

@@ -7,6 +7,7 @@
 
 #include "vok/VokTypes.h"
 
+// The bus library's handle and message (kelvra/kelvra.h).
 typedef struct KVHandle KVHandle;
 typedef struct KVMessage KVMessage;
 
@@ -23,6 +24,7 @@ class RdKvCallImpl;
 // "errorText":"The bus is unavailable..."} delivered from the loop; try again later.
 class RdKvCallBase : private Uncopyable {
   public:
+    // An idle call on handle; nothing is sent until Call.
     RdKvCallBase(KVHandle* handle, std::function<void(KVMessage*)> callback);
     ~RdKvCallBase();
 
@@ -46,8 +48,10 @@ class RdKvCallBase : private Uncopyable {
     RdKvCallImpl* impl_;  // One reference.
 };
 
+// The bus call a dispatcher's users create; see RdKvCallBase.
 class RdKvCall : public RdKvCallBase {
   public:
+    // See RdKvCallBase.
     RdKvCall(KVHandle* handle, std::function<void(KVMessage*)> callback)
         : RdKvCallBase(handle, std::move(callback)) {}
 };

@@ -21,6 +21,7 @@ class RdPortMonitorImpl;
 // it from the port.
 class RdPortMonitorBase : private Uncopyable {
   public:
+    // Registers with port; nothing is watched until SetEventMask.
     RdPortMonitorBase(PortEventInterface& port, RuntimeDispatcher& dispatcher,
                       std::function<void(bool, bool, bool)> callback);
     virtual ~RdPortMonitorBase();
@@ -28,14 +29,17 @@ class RdPortMonitorBase : private Uncopyable {
     // Sets the watched conditions; a condition that already holds is reported without waiting
     // for a new port event.
     void SetEventMask(bool read, bool write, bool exception);
+    // Replaces the callback.
     void ChangeCb(std::function<void(bool, bool, bool)> callback);
 
   private:
     RdPortMonitorImpl* impl_;  // One reference.
 };
 
+// The port monitor a dispatcher's users create; see RdPortMonitorBase.
 class RdPortMonitor : public RdPortMonitorBase {
   public:
+    // See RdPortMonitorBase.
     RdPortMonitor(PortEventInterface& port, RuntimeDispatcher& dispatcher,
                   std::function<void(bool, bool, bool)> callback)
         : RdPortMonitorBase(port, dispatcher, std::move(callback)) {}

@@ -14,7 +14,9 @@ class RdTimerImpl;
 
 // A point or span of monotonic time; normalised nanoseconds lie in 0..999999999.
 struct Timespec {
+    // Seconds.
     int32_t tv_sec;
+    // Nanoseconds.
     int32_t tv_nsec;
 };
 
@@ -28,6 +30,7 @@ Timespec operator-(const Timespec& a, const Timespec& b);
 // never before the interval has passed. Destroying it disarms it.
 class RdTimerBase : private Uncopyable {
   public:
+    // An idle timer on dispatcher's thread.
     RdTimerBase(RuntimeDispatcher& dispatcher, std::function<void()> callback);
     ~RdTimerBase();
 

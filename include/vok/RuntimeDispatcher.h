@@ -50,6 +50,7 @@ class RuntimeDispatcher : private Uncopyable {
     }
 
   protected:
+    // Takes ownership of impl; for the derived dispatchers.
     explicit RuntimeDispatcher(RuntimeDispatcherImpl* impl);
 
   private:
@@ -60,6 +61,7 @@ class RuntimeDispatcher : private Uncopyable {
 // caller keeps its reference). NULL means a new private context.
 class GlibRuntimeDispatcher : public RuntimeDispatcher {
   public:
+    // See the class comment; NULL makes a new private context.
     explicit GlibRuntimeDispatcher(GMainContext* context);
 };
 

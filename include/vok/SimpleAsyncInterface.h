@@ -11,6 +11,7 @@ namespace vok {
 // from several threads at once. The sink is not owned by whoever triggers it.
 class SimpleAsyncInterface {
   public:
+    // Notes the event and returns; see the class comment for what it must not do.
     virtual void Trigger() = 0;
     virtual ~SimpleAsyncInterface() = default;
 };

@@ -15,6 +15,7 @@ class ThreadImpl;
 // level on "VOK.Thread" with the thread's name, and the process aborts. Not copyable.
 class ThreadBase {
   public:
+    // A thread that will run entry once started; name is for the owner's messages.
     ThreadBase(const std::string& name, const std::function<void()>& entry);
     virtual ~ThreadBase();
     ThreadBase(const ThreadBase&) = delete;
@@ -35,6 +36,7 @@ class ThreadBase {
 // A thread that calls object->method(argument).
 class Thread : public ThreadBase {
   public:
+    // A thread that will run object->method(argument) once started.
     template <typename T, typename Arg>
     Thread(const std::string& name, T* object, void (T::*method)(Arg), Arg argument)
         : ThreadBase(name, [object, method, argument]() { (object->*method)(argument); }) {}

@@ -30,8 +30,10 @@ enum VokError_t : int32_t {
 // "function:path:line[:text]"; GetErr() the code.
 class VokException : public std::runtime_error {
   public:
+    // message becomes what(); err is the code GetErr() returns.
     VokException(const std::string& message, int32_t err)
         : std::runtime_error(message), err_(err) {}
+    // A VokError_t value, or the failed system call's result.
     int32_t GetErr() const { return err_; }
 
   private:
@@ -41,6 +43,7 @@ class VokException : public std::runtime_error {
 // A broken precondition or an impossible state.
 class VokProgramErrorException : public VokException {
   public:
+    // See VokException.
     VokProgramErrorException(const std::string& message, int32_t err)
         : VokException(message, err) {}
 };
@@ -48,12 +51,14 @@ class VokProgramErrorException : public VokException {
 // An operating-system or platform resource could not be obtained or used.
 class VokResourceException : public VokException {
   public:
+    // See VokException.
     VokResourceException(const std::string& message, int32_t err) : VokException(message, err) {}
 };
 
 // An operation that is declared but not provided.
 class VokUnimplementedException : public VokException {
   public:
+    // See VokException.
     VokUnimplementedException(const std::string& message, int32_t err)
         : VokException(message, err) {}
 };

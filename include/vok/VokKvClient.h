@@ -9,6 +9,7 @@
 
 #include "vok/VokTypes.h"
 
+// The bus library's handle and message (kelvra/kelvra.h).
 typedef struct KVHandle KVHandle;
 typedef struct KVMessage KVMessage;
 typedef struct _GMainContext GMainContext;
@@ -24,6 +25,8 @@ class RuntimeDispatcherImpl;
 // down (observers hear false once) and, when the bus and the service are back, as up again.
 class VokKvClient : private Uncopyable {
   public:
+    // The bus's service status subscription,
+    // "kelvra://com.orvex.kelvrabus/signal/registerServerStatus".
     static const char* const kSvcRegStatusUrl;
 
     // Subscribes at once (also while the bus is away); throws VokResourceException
@@ -39,9 +42,12 @@ class VokKvClient : private Uncopyable {
 
     // Installs observer under key (replacing one already there); it is not called at once.
     void AddRegStatusObserver(void* key, std::function<void(bool)> observer);
+    // Removes the observer under key, if any.
     void RemoveRegStatusObserver(void* key);
+    // Calls every observer with the current status.
     void UpdateObservers();
 
+    // The status subscription's reply function; client is the VokKvClient.
     static bool SvcRegStatusCb(KVHandle* handle, KVMessage* message, void* client);
 
   private:
@@ -56,6 +62,7 @@ class VokKvClient : private Uncopyable {
 // One VokKvClient per service name for a dispatcher; owns them.
 class VokKvClientMgr : private Uncopyable {
   public:
+    // Clients on handle, which must outlive the manager.
     explicit VokKvClientMgr(KVHandle* handle);
     ~VokKvClientMgr();
     // The client of serviceName, created (and subscribed) on first request.

@@ -29,6 +29,7 @@ const int kVokShellStopDeadlineExitStatus = 70;
 
 // What the daemon says of itself. The shell copies it; blades get it through their loaders.
 struct VokShellDaemonInfo {
+    // Copies name and details.
     VokShellDaemonInfo(const std::string& name, const std::string& details)
         : daemonName(name), daemonDetails(details) {}
     std::string daemonName;     // Copied into every blade's environment.
@@ -48,6 +49,7 @@ class ServiceBladeEnvironment;
 // an exception escape: the shell reports it and stops the process. Owned by its loader.
 class ServiceBlade {
   public:
+    // The blade's life; see the class comment.
     virtual void Run(ServiceBladeEnvironment* environment) = 0;
     virtual ~ServiceBlade() = default;
 };
@@ -61,11 +63,13 @@ class VokBladeLoaderInterface {
     // Constant for the loader's life: names the thread, the interface ("blade_" + name) and
     // every log line about the blade.
     virtual const std::string& GetBladeName() const = 0;
+    // One of the kBladeStartMode values.
     virtual int32_t GetStartMode() const = 0;
     // Prepares the blade. An exception here is reported and stops the process.
     virtual void LoadBlade(const VokShellDaemonInfo& daemonInfo) = 0;
     // Releases what LoadBlade and GetServiceBlade made, the blade included.
     virtual void UnloadBlade() = 0;
+    // The blade LoadBlade prepared; the loader keeps ownership.
     virtual ServiceBlade* GetServiceBlade() = 0;
 };
 
@@ -79,6 +83,7 @@ class VokBladeLoaderInterface {
 // of GetWatchdogUsec (while that is not 0) and whenever it goes back to wait.
 class ServiceBladeEnvironment {
   public:
+    // Made by the shell for each blade.
     ServiceBladeEnvironment(const std::string& daemonName, const std::string& bladeName,
                             MessageMoverInterface* iface, MmConnectionPort* controlPort)
         : daemonName_(daemonName),
@@ -86,7 +91,9 @@ class ServiceBladeEnvironment {
           pMmIface_(iface),
           pControlPort_(controlPort) {}
 
+    // The daemon's name, from VokShellDaemonInfo.
     const std::string& GetDaemonName() const { return daemonName_; }
+    // The loader's blade name.
     const std::string& GetBladeName() const { return bladeName_; }
     // The blade's own interface ("blade_" + blade name), owned by the shell.
     MessageMoverInterface* GetMmInterface() const { return pMmIface_; }

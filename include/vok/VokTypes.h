@@ -26,6 +26,7 @@ class Uncopyable {
 // destroyed inside it and the implementation dies when the callback returns.
 class RefCounted {
   public:
+    // Starts with one reference, the creator's.
     RefCounted() : m_refCount(1) {}
     virtual ~RefCounted() = default;
 
@@ -34,6 +35,7 @@ class RefCounted {
     // construction, dropped on destruction.
     class Holder {
       public:
+        // Takes a reference on object.
         explicit Holder(RefCounted* object) : object_(object) { ++object_->m_refCount; }
         ~Holder() { object_->DropRef(); }
         Holder(const Holder&) = delete;
@@ -50,6 +52,7 @@ class RefCounted {
         }
     }
 
+    // References held; the object is deleted when it drops to 0.
     uint32_t m_refCount;
 };
 

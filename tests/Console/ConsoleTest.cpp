@@ -327,3 +327,28 @@ TEST(ConsoleProgramTest, RunsPipedInputOrOneCommandAndEndsWithTheProgramError) {
 
 }  // namespace
 }  // namespace vok
+
+#include <vok/Version.h>
+
+namespace vok {
+namespace {
+
+TEST(ConsoleProgramTest, AnswersHelpAndVersionAndRefusesUnknownOptionsInOneLine) {
+    test::Watchdog watchdog;
+    const ProgramResult version = RunConsoleProgram({"--version"}, "mmf.init\n");
+    EXPECT_EQ("vok-console " VOK_VERSION_STRING "\n", version.out);
+    EXPECT_TRUE(WIFEXITED(version.status) && WEXITSTATUS(version.status) == 0) << version.err;
+
+    const ProgramResult help = RunConsoleProgram({"--help"}, "mmf.init\n");
+    EXPECT_EQ(0u, help.out.find("Usage: vok-console")) << help.out;
+    EXPECT_EQ(std::string::npos, help.out.find("MMF Created")) << "--help ran the input";
+    EXPECT_TRUE(WIFEXITED(help.status) && WEXITSTATUS(help.status) == 0) << help.err;
+
+    const ProgramResult bad = RunConsoleProgram({"--bogus"}, "mmf.init\n");
+    EXPECT_EQ("", bad.out);
+    EXPECT_EQ("vok-console: unknown option '--bogus' (see vok-console --help)\n", bad.err);
+    EXPECT_TRUE(WIFEXITED(bad.status) && WEXITSTATUS(bad.status) == 2);
+}
+
+}  // namespace
+}  // namespace vok

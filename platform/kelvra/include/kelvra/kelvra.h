@@ -93,6 +93,7 @@ typedef struct KVMessage KVMessage;
 /* Identifies a call of a handle; never 0. */
 typedef uint64_t KVMessageToken;
 
+/* Error codes: of KVError records and of error replies' "errorCode". */
 typedef enum KVErrorCode {
     KV_ERROR_NONE = 0,
     KV_ERROR_INVALID_ARGUMENT = 1, /* NULL or malformed argument */
@@ -124,6 +125,7 @@ typedef enum KVErrorCode {
  * that reaches it some other way with an error reply of that code. */
 #define KV_MAX_PAYLOAD_SIZE (1024u * 1024u)
 
+/* An error record: a code and a message, filled by the functions that take one. */
 typedef struct KVError {
     int32_t code;  /* a KVErrorCode; KV_ERROR_NONE when empty */
     char* message; /* NULL when empty; owned by the record */
@@ -139,6 +141,7 @@ typedef bool (*KVMethodFunc)(KVHandle* handle, KVMessage* request, void* userDat
 /* Service side: the client cancelled the subscription or left the bus. The request is closed. */
 typedef void (*KVCancelFunc)(KVHandle* handle, KVMessage* request, void* userData);
 
+/* Makes the record empty. */
 KELVRA_EXPORT void KVErrorInit(KVError* error);
 /* Releases the message and empties the record; safe on an empty record. */
 KELVRA_EXPORT void KVErrorFree(KVError* error);

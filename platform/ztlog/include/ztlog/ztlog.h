@@ -46,6 +46,7 @@ enum {
  * which callers may read (atomically, relaxed) to skip formatting of messages that would be
  * dropped. Contexts are never freed. */
 typedef struct ZtLogContext {
+    /* The current threshold; see above. */
     int32_t threshold;
 } ZtLogContext;
 
