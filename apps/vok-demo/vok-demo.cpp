@@ -16,6 +16,7 @@
 #include "DemoBlades.h"
 #include "vok/Daemon.h"
 #include "vok/DiagnosticRegister.h"
+#include "vok/Version.h"
 
 namespace {
 
@@ -37,10 +38,25 @@ void PrintRegisters(const char* prefix) {
 int main(int argc, char** argv) {
     using vok::demo::DemoLoader;
     vok::demo::DemoPace pace;
-    if (argc == 2 && std::strcmp(argv[1], "--load") == 0) {
+    const char* option = argc == 2 ? argv[1] : "";
+    if (std::strcmp(option, "--load") == 0) {
         pace = vok::demo::LoadPace();
+    } else if (std::strcmp(option, "--help") == 0) {
+        std::printf(
+            "usage: vok-demo [--load]\n"
+            "A VokShell with four blades (echo, client, alarm, bus) on the platform bus; stops\n"
+            "on SIGTERM or SIGINT and prints its diagnostic registers. scripts/demo.sh runs it\n"
+            "beside a private bus and vok-powerd.\n"
+            "\n"
+            "  --load     send as fast as a soak run wants, with a summary every 5 s\n"
+            "  --help     show this help and exit\n"
+            "  --version  show the version and exit\n");
+        return 0;
+    } else if (std::strcmp(option, "--version") == 0) {
+        std::printf("vok-demo %s\n", VOK_VERSION_STRING);
+        return 0;
     } else if (argc != 1) {
-        std::fprintf(stderr, "usage: vok-demo [--load]\n");
+        std::fprintf(stderr, "vok-demo: unknown arguments (see vok-demo --help)\n");
         return 2;
     }
     DemoLoader echo("echo", &vok::demo::MakeEchoBlade);

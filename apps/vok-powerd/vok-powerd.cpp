@@ -17,6 +17,7 @@
 #include "vok/BladeStopWatcher.h"
 #include "vok/Daemon.h"
 #include "vok/RuntimeDispatcher.h"
+#include "vok/Version.h"
 #include "vok/VokKvClient.h"
 
 namespace {
@@ -99,13 +100,31 @@ class PowerBladeLoader : public VokBladeLoaderInterface {
 
 }  // namespace
 
+const char kUsage[] =
+    "usage: vok-powerd [--log]\n"
+    "Serves com.orvex.power on the platform bus: relative wake-up alarms (time/alarmAdd,\n"
+    "time/alarmRemove) on one timer. Stops on SIGTERM or SIGINT.\n"
+    "\n"
+    "  --log      print one line per request handled and per alarm fired\n"
+    "  --help     show this help and exit\n"
+    "  --version  show the version and exit\n"
+    "\n"
+    "The bus: KELVRA_BUS_ADDRESS, else DBUS_SESSION_BUS_ADDRESS, else the system bus.\n";
+
 int main(int argc, char** argv) {
     bool log = false;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--log") == 0) {
             log = true;
+        } else if (std::strcmp(argv[i], "--help") == 0) {
+            std::fputs(kUsage, stdout);
+            return 0;
+        } else if (std::strcmp(argv[i], "--version") == 0) {
+            std::printf("vok-powerd %s\n", VOK_VERSION_STRING);
+            return 0;
         } else {
-            std::fprintf(stderr, "usage: vok-powerd [--log]\n");
+            std::fprintf(stderr, "vok-powerd: unknown option '%s' (see vok-powerd --help)\n",
+                         argv[i]);
             return 2;
         }
     }
