@@ -4,6 +4,7 @@
 #include <kelvra/kelvra.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
@@ -162,6 +163,19 @@ TEST_F(IntrospectionTest, WatchSendsOnlyChangedRegisters) {
     EXPECT_NE(npos, replies[1].find("\"root.watchtest.moving\":{\"value\":2")) << replies[1];
     EXPECT_EQ(npos, replies[1].find("steady")) << replies[1];
     KVCallCancel(client_, token, nullptr);
+
+    // Watchers are bounded: of 20 more, the ones past the limit are refused.
+    std::vector<std::string> more;
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(KVCall(client_, "kelvra://com.orvex.vok.introtest/diag/watch",
+                           "{\"prefix\":\"root.watchtest.\",\"subscribe\":true}", onReply, &more,
+                           nullptr, nullptr));
+    }
+    ASSERT_TRUE(IterateUntil(
+        context_, [&]() { return more.size() == 20; }, 30));
+    EXPECT_EQ(4, std::count_if(more.begin(), more.end(), [](const std::string& reply) {
+                  return reply.find("too many watchers") != std::string::npos;
+              }));
 }
 
 // Runs vokctl with args; returns its exit status and fills *output.

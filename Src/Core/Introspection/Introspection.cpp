@@ -26,11 +26,14 @@ namespace {
 
 const char* const kServicePrefix = "com.orvex.vok.";
 const unsigned kWatchPeriodMs = 1000;
+// Each watcher costs a snapshot a second; a client that opens more gets an error reply.
+const size_t kMaxWatchers = 16;
 
 // Error codes of the introspection replies.
 const int kErrBadPayload = 1;
 const int kErrBadContext = 2;
 const int kErrBadLevel = 3;
+const int kErrTooManyWatchers = 4;
 
 // Owns one json-c reference.
 struct JsonDeleter {
@@ -270,6 +273,9 @@ class IntrospectionImpl {
         }
         if (!KVMessageIsSubscription(request)) {
             return Reply(handle, request, RegistersReply(TakeSnapshot(prefix)));
+        }
+        if (server->watchers_.size() >= kMaxWatchers) {
+            return Reply(handle, request, ErrorReply(kErrTooManyWatchers, "too many watchers"));
         }
         if (!KVSubscriptionAdd(handle, request, &WatchCancelled, server, nullptr)) {
             return false;
