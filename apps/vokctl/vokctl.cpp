@@ -169,12 +169,14 @@ void PrintHuman(const Call& call, json_object* reply) {
         if (call.command == "status") {
             std::printf("daemon %s\n", Member(reply, "daemon").c_str());
         }
-        Table table({"BLADE", "STATE", "BUSY_MS"});
+        Table table({"BLADE", "STATE", "BUSY_MS", "HELD", "LEAKED", "PORT_HELD"});
         json_object* blades = nullptr;
         if (json_object_object_get_ex(reply, "blades", &blades)) {
             for (size_t i = 0; i < json_object_array_length(blades); ++i) {
                 json_object* blade = json_object_array_get_idx(blades, i);
-                table.Add({Member(blade, "name"), Member(blade, "state"), Member(blade, "busyMs")});
+                table.Add({Member(blade, "name"), Member(blade, "state"), Member(blade, "busyMs"),
+                           Member(blade, "msgsHeldByUser"), Member(blade, "msgsLeakedByUser"),
+                           Member(blade, "msgsHeldByPorts")});
             }
         }
         table.Print();

@@ -114,6 +114,7 @@ TEST_F(IntrospectionTest, AnswersWhileABladeIsStuck) {
 
     const std::string blades = Call("diag/blades", "{}");
     EXPECT_NE(npos, blades.find("{\"name\":\"stuck\",\"state\":\"running\",\"busyMs\":")) << blades;
+    EXPECT_NE(npos, blades.find("\"msgsLeakedByUser\":0")) << blades;
 
     EXPECT_NE(npos, Call("diag/loglevel", "{\"context\":\"INTRO.T\",\"level\":7}")
                         .find("\"level\":7,\"levelName\":\"debug\""));

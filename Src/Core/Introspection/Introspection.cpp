@@ -125,6 +125,23 @@ RegisterSnapshot TakeSnapshot(const std::string& prefix) {
     return snapshot;
 }
 
+// Adds the message counts of the blade's interface ("msgsHeldByUser", "msgsLeakedByUser",
+// "msgsHeldByPorts"), which the MessageMover keeps as registers under the interface's name.
+void AddInterfaceCounts(json_object* blade, const std::string& bladeName) {
+    const std::string prefix = "root.vok.MessageMover.Iface.blade_" + bladeName + ".";
+    std::unique_ptr<DiagnosticRegisterCounter::Group> counters(
+        DiagnosticRegisterCounter::QueryGroup(prefix));
+    if (!counters) {
+        return;
+    }
+    for (const auto& entry : *counters) {
+        const std::string key = entry.first.substr(prefix.size());
+        if (key.find('.') == std::string::npos) {
+            json_object_object_add(blade, key.c_str(), json_object_new_int(entry.second.value));
+        }
+    }
+}
+
 // {"returnValue":true,"registers":{path:entry,...}} of the entries given.
 std::string RegistersReply(const RegisterSnapshot& snapshot) {
     JsonPtr reply(NewReply());
@@ -222,6 +239,7 @@ class IntrospectionImpl {
             json_object_object_add(blade, "name", json_object_new_string(status.name.c_str()));
             json_object_object_add(blade, "state", json_object_new_string(status.state.c_str()));
             json_object_object_add(blade, "busyMs", json_object_new_int64(status.busyMs));
+            AddInterfaceCounts(blade, status.name);
             json_object_array_add(blades, blade);
         }
         json_object_object_add(reply.get(), "blades", blades);
