@@ -160,8 +160,8 @@ std::string IntrospectionServiceName(const std::string& daemonName) {
     return kServicePrefix + daemonName;
 }
 
-// The server's state. Everything but the constructor, Stop and the destructor runs on the
-// server thread, inside the dispatcher's loop.
+// The server's state. Everything but the constructor and the destructor runs on the server
+// thread, inside the dispatcher's loop (the destructor wakes it to stop, then joins it).
 class IntrospectionImpl {
   public:
     explicit IntrospectionImpl(const VokShell& shell)
