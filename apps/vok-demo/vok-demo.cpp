@@ -16,6 +16,7 @@
 #include "DemoBlades.h"
 #include "vok/Daemon.h"
 #include "vok/DiagnosticRegister.h"
+#include "vok/Introspection.h"
 #include "vok/Version.h"
 
 namespace {
@@ -71,6 +72,7 @@ int main(int argc, char** argv) {
         PrintRegisters("root.");
         std::fflush(stdout);
     };
+    vok::EnableIntrospection(&hooks);
     int signal = 0;
     const int status = vok::RunDaemon(vok::VokShellDaemonInfo("vok-demo", "demo daemon"),
                                       {&echo, &client, &alarm, &bus}, hooks, &signal);

@@ -16,6 +16,7 @@
 #include "PowerService.h"
 #include "vok/BladeStopWatcher.h"
 #include "vok/Daemon.h"
+#include "vok/Introspection.h"
 #include "vok/RuntimeDispatcher.h"
 #include "vok/Version.h"
 #include "vok/VokKvClient.h"
@@ -132,6 +133,7 @@ int main(int argc, char** argv) {
     PowerBladeLoader loader(&shell, log);
     DaemonHooks hooks;
     hooks.beforeStart = [&](VokShell& built) { shell = &built; };
+    EnableIntrospection(&hooks);
     const int status = RunDaemon(VokShellDaemonInfo("vok-powerd", ""), {&loader}, hooks);
     return gFailed ? 1 : status;
 }

@@ -41,6 +41,14 @@ struct VokShellDaemonInfo {
 class LoopHeartbeat;
 class ServiceBladeEnvironment;
 
+// One blade as the shell sees it at a given moment (VokShell::GetBladeStatus).
+struct VokBladeStatus {
+    std::string name;
+    // "idle" (not started), "starting", "running", "stopping" or "stopped" (Run has returned).
+    std::string state;
+    int64_t busyMs;  // How long its thread has gone without waiting for events; 0 while it waits.
+};
+
 // One blade's code. Run is its whole life, on the blade's own thread: it typically runs a
 // dispatcher with a port monitor on the environment's control port, serves requests through the
 // environment's interface, and must return when it reads kVokBladeStopEvtMsg on the control port
@@ -146,6 +154,9 @@ class VokShell {
     void StartUp();
     void RequestStop();
     MessageMoverFramework& GetMmFramework();
+    // Any thread, while the shell lives.
+    const std::string& GetDaemonName() const;
+    std::vector<VokBladeStatus> GetBladeStatus() const;
 
   private:
     VokShellImpl* pImpl_;  // Owned.

@@ -8,6 +8,7 @@
 #include <vok/DiagnosticRegister.h>
 #include <vok/Event.h>
 #include <vok/InteractiveTestManager.h>
+#include <vok/Introspection.h>
 #include <vok/JsonArrayUtils.h>
 #include <vok/JsonObjectFindResult.h>
 #include <vok/JsonObjectUtils.h>

@@ -440,6 +440,26 @@ void VokShellImpl::AllBladesShutDownCompleted() {
     dispatcher_.RequestStop();
 }
 
+std::vector<VokBladeStatus> VokShellImpl::GetBladeStatus() const {
+    // The managers are fixed from construction to destruction; their state_ belongs to the shell
+    // thread, so the state is told from the atomics the blade thread keeps.
+    const int64_t nowUs = g_get_monotonic_time();
+    const bool stopping = GetState() >= kShuttingDown;
+    std::vector<VokBladeStatus> result;
+    for (const BladeManager* manager : data_.bladeManagers_) {
+        VokBladeStatus status;
+        status.name = manager->GetLoader()->GetBladeName();
+        if (manager->Active()) {
+            status.state = !manager->RunEntered() ? "starting" : stopping ? "stopping" : "running";
+        } else {
+            status.state = manager->RunEntered() ? "stopped" : "idle";
+        }
+        status.busyMs = manager->Active() ? manager->BusyUs(nowUs) / 1000 : 0;
+        result.push_back(status);
+    }
+    return result;
+}
+
 void VokShellImpl::CheckReady() {
     if (readySent_ || state_ != kRunning) {
         return;
@@ -547,6 +567,12 @@ void VokShell::StartUp() {
 }
 void VokShell::RequestStop() {
     pImpl_->RequestStop();
+}
+const std::string& VokShell::GetDaemonName() const {
+    return pImpl_->GetDaemonInfo().daemonName;
+}
+std::vector<VokBladeStatus> VokShell::GetBladeStatus() const {
+    return pImpl_->GetBladeStatus();
 }
 MessageMoverFramework& VokShell::GetMmFramework() {
     return pImpl_->GetMmFramework();

@@ -108,6 +108,8 @@ class VokShellImpl {
     const Logger& GetLogger() const { return logger_; }
     ShellState GetState() const { return state_.load(); }
     uint64_t GetWatchdogUsec() const { return watchdogUsec_; }
+    // Read from atomics only, so any thread may ask while the shell lives.
+    std::vector<VokBladeStatus> GetBladeStatus() const;
     // A blade thread has entered Run; any thread.
     void BladeRunEntered() { runEnteredBridge_.Trigger(); }
 

@@ -1,0 +1,388 @@
+#include "vok/Introspection.h"
+
+#include <glib.h>
+#include <json-c/json.h>
+#include <kelvra/kelvra.h>
+#include <ztlog/ztlog.h>
+
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <set>
+#include <utility>
+
+#include "vok/Daemon.h"
+#include "vok/DiagnosticRegister.h"
+#include "vok/Logger.h"
+#include "vok/RdAsyncBridge.h"
+#include "vok/RdTimer.h"
+#include "vok/RuntimeDispatcher.h"
+#include "vok/Thread.h"
+#include "vok/VokShell.h"
+
+namespace vok {
+
+namespace {
+
+const char* const kServicePrefix = "com.orvex.vok.";
+const unsigned kWatchPeriodMs = 1000;
+// Each watcher costs a snapshot a second; a client that opens more gets an error reply.
+const size_t kMaxWatchers = 16;
+
+// Error codes of the introspection replies.
+const int kErrBadPayload = 1;
+const int kErrBadContext = 2;
+const int kErrBadLevel = 3;
+const int kErrTooManyWatchers = 4;
+
+// Owns one json-c reference.
+struct JsonDeleter {
+    void operator()(json_object* object) const { json_object_put(object); }
+};
+typedef std::unique_ptr<json_object, JsonDeleter> JsonPtr;
+
+std::string ToString(json_object* object) {
+    return json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN);
+}
+
+std::string ErrorReply(int code, const std::string& text) {
+    JsonPtr reply(json_object_new_object());
+    json_object_object_add(reply.get(), "returnValue", json_object_new_boolean(false));
+    json_object_object_add(reply.get(), "errorCode", json_object_new_int(code));
+    json_object_object_add(reply.get(), "errorText", json_object_new_string(text.c_str()));
+    return ToString(reply.get());
+}
+
+json_object* NewReply() {
+    json_object* reply = json_object_new_object();
+    json_object_object_add(reply, "returnValue", json_object_new_boolean(true));
+    return reply;
+}
+
+// The request's payload when it is a JSON object (an empty payload counts as {}), else null.
+JsonPtr ParseRequest(KVMessage* request) {
+    const char* text = KVMessageGetPayload(request);
+    if (text == nullptr || *text == '\0') {
+        return JsonPtr(json_object_new_object());
+    }
+    JsonPtr parsed(json_tokener_parse(text));
+    if (!parsed || !json_object_is_type(parsed.get(), json_type_object)) {
+        return JsonPtr();
+    }
+    return parsed;
+}
+
+// A string member: true with *value set when present as a string, or absent (then *present
+// false); false when present with another type.
+bool StringMember(json_object* object, const char* key, std::string* value, bool* present) {
+    json_object* member = nullptr;
+    *present = json_object_object_get_ex(object, key, &member);
+    if (!*present) {
+        return true;
+    }
+    if (!json_object_is_type(member, json_type_string)) {
+        return false;
+    }
+    *value = json_object_get_string(member);
+    return true;
+}
+
+// The "prefix" of a registers or watch request ("root." when it names none); false when the
+// payload is not an object or the prefix not a string.
+bool RequestPrefix(KVMessage* request, std::string* prefix) {
+    JsonPtr payload = ParseRequest(request);
+    bool present = false;
+    *prefix = "root.";
+    return payload && StringMember(payload.get(), "prefix", prefix, &present);
+}
+
+// Every register under prefix: counters as {value, low, high}, strings as {value}.
+typedef std::map<std::string, std::string> RegisterSnapshot;  // path -> JSON of its entry
+
+RegisterSnapshot TakeSnapshot(const std::string& prefix) {
+    RegisterSnapshot snapshot;
+    std::unique_ptr<DiagnosticRegisterCounter::Group> counters(
+        DiagnosticRegisterCounter::QueryGroup(prefix));
+    if (counters) {
+        for (const auto& entry : *counters) {
+            JsonPtr item(json_object_new_object());
+            json_object_object_add(item.get(), "value", json_object_new_int(entry.second.value));
+            json_object_object_add(item.get(), "low", json_object_new_int(entry.second.low));
+            json_object_object_add(item.get(), "high", json_object_new_int(entry.second.high));
+            snapshot[entry.first] = ToString(item.get());
+        }
+    }
+    std::unique_ptr<DiagnosticRegisterString::Group> strings(
+        DiagnosticRegisterString::QueryGroup(prefix));
+    if (strings) {
+        for (const auto& entry : *strings) {
+            JsonPtr item(json_object_new_object());
+            json_object_object_add(item.get(), "value",
+                                   json_object_new_string(entry.second.c_str()));
+            snapshot[entry.first] = ToString(item.get());
+        }
+    }
+    return snapshot;
+}
+
+// Adds the message counts of the blade's interface ("msgsHeldByUser", "msgsLeakedByUser",
+// "msgsHeldByPorts"), which the MessageMover keeps as registers under the interface's name.
+void AddInterfaceCounts(json_object* blade, const std::string& bladeName) {
+    const std::string prefix = "root.vok.MessageMover.Iface.blade_" + bladeName + ".";
+    std::unique_ptr<DiagnosticRegisterCounter::Group> counters(
+        DiagnosticRegisterCounter::QueryGroup(prefix));
+    if (!counters) {
+        return;
+    }
+    for (const auto& entry : *counters) {
+        const std::string key = entry.first.substr(prefix.size());
+        if (key.find('.') == std::string::npos) {
+            json_object_object_add(blade, key.c_str(), json_object_new_int(entry.second.value));
+        }
+    }
+}
+
+// {"returnValue":true,"registers":{path:entry,...}} of the entries given.
+std::string RegistersReply(const RegisterSnapshot& snapshot) {
+    JsonPtr reply(NewReply());
+    json_object* registers = json_object_new_object();
+    for (const auto& entry : snapshot) {
+        json_object_object_add(registers, entry.first.c_str(),
+                               json_tokener_parse(entry.second.c_str()));
+    }
+    json_object_object_add(reply.get(), "registers", registers);
+    return ToString(reply.get());
+}
+
+}  // namespace
+
+std::string IntrospectionServiceName(const std::string& daemonName) {
+    return kServicePrefix + daemonName;
+}
+
+// The server's state. Everything but the constructor and the destructor runs on the server
+// thread, inside the dispatcher's loop (the destructor wakes it to stop, then joins it).
+class IntrospectionImpl {
+  public:
+    explicit IntrospectionImpl(const VokShell& shell)
+        : logger_("VOK.Introspection"),
+          shell_(shell),
+          thread_("introspection", this, &IntrospectionImpl::ThreadRun, 0),
+          stopBridge_(dispatcher_, [this]() { dispatcher_.RequestStop(); }),
+          watchTimer_(dispatcher_, [this]() { WatchTick(); }) {
+        thread_.Start();
+    }
+
+    ~IntrospectionImpl() {
+        stopBridge_.Trigger();
+        thread_.Join();
+    }
+
+  private:
+    void ThreadRun(int) {
+        const std::string name = IntrospectionServiceName(shell_.GetDaemonName());
+        KVError error;
+        KVErrorInit(&error);
+        GMainContext* context =
+            g_main_loop_get_context(RuntimeDispatcher::GetInternalLoop(dispatcher_));
+        if (KVRegisterWithFlags(name.c_str(), KV_REGISTER_ALLOW_NO_BUS, &bus_, &error) &&
+            KVRegisterMethod(bus_, "diag/registers", &Registers, this, &error) &&
+            KVRegisterMethod(bus_, "diag/blades", &Blades, this, &error) &&
+            KVRegisterMethod(bus_, "diag/loglevel", &LogLevel, this, &error) &&
+            KVRegisterMethod(bus_, "diag/watch", &Watch, this, &error) &&
+            KVGmainAttach(bus_, context, &error)) {
+            logger_.Debug("serving %s", name.c_str());
+        } else {
+            logger_.Error("cannot serve %s on the bus: %s", name.c_str(),
+                          error.message != nullptr ? error.message : "unknown error");
+        }
+        KVErrorFree(&error);
+        dispatcher_.Run();
+        watchTimer_.Cancel();
+        for (auto& watcher : watchers_) {
+            KVReplyLast(bus_, watcher.first, "{\"returnValue\":true,\"stopped\":true}", nullptr);
+            KVMessageUnref(watcher.first);
+        }
+        watchers_.clear();
+        if (bus_ != nullptr) {
+            KVUnregister(bus_, nullptr);
+            bus_ = nullptr;
+        }
+    }
+
+    static bool Reply(KVHandle* handle, KVMessage* request, const std::string& payload) {
+        return KVReply(handle, request, payload.c_str(), nullptr);
+    }
+
+    // diag/registers {"prefix":P}: every register whose path starts with P (default "root.").
+    static bool Registers(KVHandle* handle, KVMessage* request, void*) {
+        std::string prefix;
+        if (!RequestPrefix(request, &prefix)) {
+            return Reply(handle, request,
+                         ErrorReply(kErrBadPayload, "expected {\"prefix\":string}"));
+        }
+        return Reply(handle, request, RegistersReply(TakeSnapshot(prefix)));
+    }
+
+    // diag/blades: name, state and busy time of every blade.
+    static bool Blades(KVHandle* handle, KVMessage* request, void* self) {
+        if (!ParseRequest(request)) {
+            return Reply(handle, request, ErrorReply(kErrBadPayload, "expected a JSON object"));
+        }
+        const IntrospectionImpl* server = static_cast<IntrospectionImpl*>(self);
+        JsonPtr reply(NewReply());
+        json_object_object_add(reply.get(), "daemon",
+                               json_object_new_string(server->shell_.GetDaemonName().c_str()));
+        json_object* blades = json_object_new_array();
+        for (const VokBladeStatus& status : server->shell_.GetBladeStatus()) {
+            json_object* blade = json_object_new_object();
+            json_object_object_add(blade, "name", json_object_new_string(status.name.c_str()));
+            json_object_object_add(blade, "state", json_object_new_string(status.state.c_str()));
+            json_object_object_add(blade, "busyMs", json_object_new_int64(status.busyMs));
+            AddInterfaceCounts(blade, status.name);
+            json_object_array_add(blades, blade);
+        }
+        json_object_object_add(reply.get(), "blades", blades);
+        return Reply(handle, request, ToString(reply.get()));
+    }
+
+    // diag/loglevel {"context":C} reads, {"context":C,"level":N} sets C's threshold (0..7).
+    static bool LogLevel(KVHandle* handle, KVMessage* request, void*) {
+        JsonPtr payload = ParseRequest(request);
+        std::string context;
+        bool present = false;
+        if (!payload || !StringMember(payload.get(), "context", &context, &present) || !present) {
+            return Reply(
+                handle, request,
+                ErrorReply(kErrBadPayload, "expected {\"context\":string[,\"level\":0..7]}"));
+        }
+        if (context.empty() || context.size() > 64) {
+            return Reply(handle, request, ErrorReply(kErrBadContext, "bad context name"));
+        }
+        json_object* level = nullptr;
+        if (json_object_object_get_ex(payload.get(), "level", &level)) {
+            const int64_t value = json_object_get_int64(level);
+            if (!json_object_is_type(level, json_type_int) || value < kZtLogEmergency ||
+                value > kZtLogDebug) {
+                return Reply(handle, request, ErrorReply(kErrBadLevel, "level must be 0..7"));
+            }
+            ZtLogSetLevel(context.c_str(), static_cast<int>(value));
+        }
+        ZtLogContext* ctx = nullptr;
+        if (ZtLogGetContext(context.c_str(), &ctx) != 0) {
+            return Reply(handle, request, ErrorReply(kErrBadContext, "no such context"));
+        }
+        const int threshold = __atomic_load_n(&ctx->threshold, __ATOMIC_RELAXED);
+        JsonPtr reply(NewReply());
+        json_object_object_add(reply.get(), "context", json_object_new_string(context.c_str()));
+        json_object_object_add(reply.get(), "level", json_object_new_int(threshold));
+        json_object_object_add(reply.get(), "levelName",
+                               json_object_new_string(ZtLogLevelName(threshold)));
+        return Reply(handle, request, ToString(reply.get()));
+    }
+
+    // diag/watch {"prefix":P}: the registers now, then those that changed, at most once a second.
+    static bool Watch(KVHandle* handle, KVMessage* request, void* self) {
+        IntrospectionImpl* server = static_cast<IntrospectionImpl*>(self);
+        std::string prefix;
+        if (!RequestPrefix(request, &prefix)) {
+            return Reply(handle, request,
+                         ErrorReply(kErrBadPayload, "expected {\"prefix\":string}"));
+        }
+        if (!KVMessageIsSubscription(request)) {
+            return Reply(handle, request, RegistersReply(TakeSnapshot(prefix)));
+        }
+        if (server->watchers_.size() >= kMaxWatchers) {
+            return Reply(handle, request, ErrorReply(kErrTooManyWatchers, "too many watchers"));
+        }
+        if (!KVSubscriptionAdd(handle, request, &WatchCancelled, server, nullptr)) {
+            return false;
+        }
+        Watcher watcher;
+        watcher.prefix = prefix;
+        watcher.last = TakeSnapshot(prefix);
+        Reply(handle, request, RegistersReply(watcher.last));
+        if (server->watchers_.empty()) {
+            server->watchTimer_.Schedule(kWatchPeriodMs);
+        }
+        server->watchers_[KVMessageRef(request)] = std::move(watcher);
+        return true;
+    }
+
+    static void WatchCancelled(KVHandle*, KVMessage* request, void* self) {
+        IntrospectionImpl* server = static_cast<IntrospectionImpl*>(self);
+        auto it = server->watchers_.find(request);
+        if (it == server->watchers_.end()) {
+            return;
+        }
+        server->watchers_.erase(it);
+        KVMessageUnref(request);
+        if (server->watchers_.empty()) {
+            server->watchTimer_.Cancel();
+        }
+    }
+
+    void WatchTick() {
+        for (auto& entry : watchers_) {
+            Watcher& watcher = entry.second;
+            RegisterSnapshot now = TakeSnapshot(watcher.prefix);
+            RegisterSnapshot changed;
+            for (const auto& reg : now) {
+                auto old = watcher.last.find(reg.first);
+                if (old == watcher.last.end() || old->second != reg.second) {
+                    changed.insert(reg);
+                }
+            }
+            watcher.last.swap(now);
+            if (!changed.empty()) {
+                KVReply(bus_, entry.first, RegistersReply(changed).c_str(), nullptr);
+            }
+        }
+        if (!watchers_.empty()) {
+            watchTimer_.Schedule(kWatchPeriodMs);
+        }
+    }
+
+    struct Watcher {
+        std::string prefix;
+        RegisterSnapshot last;  // What the subscriber has been told.
+    };
+
+    Logger logger_;
+    const VokShell& shell_;
+    Thread thread_;
+    KVHandle* bus_ = nullptr;  // Server thread only.
+    // Member order: the loop objects go before the dispatcher they were made against.
+    RuntimeDispatcher dispatcher_;
+    RdAsyncBridge stopBridge_;
+    RdTimerBase watchTimer_;
+    std::map<KVMessage*, Watcher> watchers_;  // Open diag/watch subscriptions, each referenced.
+};
+
+IntrospectionServer::IntrospectionServer(const VokShell& shell)
+    : pImpl_(new IntrospectionImpl(shell)) {}
+
+IntrospectionServer::~IntrospectionServer() {
+    delete pImpl_;
+}
+
+void EnableIntrospection(DaemonHooks* hooks) {
+    std::shared_ptr<std::unique_ptr<IntrospectionServer>> server(
+        new std::unique_ptr<IntrospectionServer>());
+    std::function<void(VokShell&)> beforeStart = hooks->beforeStart;
+    std::function<void(VokShell&)> beforeDestroy = hooks->beforeDestroy;
+    hooks->beforeStart = [server, beforeStart](VokShell& shell) {
+        if (beforeStart) {
+            beforeStart(shell);
+        }
+        server->reset(new IntrospectionServer(shell));
+    };
+    hooks->beforeDestroy = [server, beforeDestroy](VokShell& shell) {
+        server->reset();
+        if (beforeDestroy) {
+            beforeDestroy(shell);
+        }
+    };
+}
+
+}  // namespace vok

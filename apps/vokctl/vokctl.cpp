@@ -1,0 +1,330 @@
+// vokctl: looks into running vok daemons over the bus.
+//
+//   vokctl [--json] list
+//   vokctl [--json] DAEMON status|blades|registers [PREFIX]|loglevel CONTEXT [LEVEL]|watch [PREFIX]
+//
+// Exit status: 0 done, 1 the daemon answered with an error or the bus failed, 2 bad usage,
+// 3 the daemon is not on the bus.
+#include <gio/gio.h>
+#include <glib-unix.h>
+#include <json-c/json.h>
+#include <kelvra/kelvra.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "vok/Version.h"
+
+namespace {
+
+const char* const kPrefix = "com.orvex.vok.";
+const uint32_t kCallTimeoutMs = 5000;
+
+enum ExitStatus { kExitOk = 0, kExitFailed = 1, kExitUsage = 2, kExitNoDaemon = 3 };
+
+void Usage(FILE* out) {
+    std::fprintf(out,
+                 "usage: vokctl [--json] list\n"
+                 "       vokctl [--json] DAEMON COMMAND\n"
+                 "commands:\n"
+                 "  status                  the daemon and its blades\n"
+                 "  blades                  each blade's state and busy time\n"
+                 "  registers [PREFIX]      diagnostic registers (default prefix root.)\n"
+                 "  loglevel CONTEXT [N]    read, or set to N (0..7), a logging threshold\n"
+                 "  watch [PREFIX]          print registers as they change, until interrupted\n"
+                 "options:\n"
+                 "  --json                  print the daemon's replies as JSON, one per line\n"
+                 "  --help, --version\n");
+}
+
+// A table printed with its columns aligned.
+class Table {
+  public:
+    explicit Table(std::vector<std::string> header) { rows_.push_back(std::move(header)); }
+    void Add(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
+    void Print() const {
+        std::vector<size_t> widths;
+        for (const auto& row : rows_) {
+            widths.resize(std::max(widths.size(), row.size()));
+            for (size_t i = 0; i < row.size(); ++i) {
+                widths[i] = std::max(widths[i], row[i].size());
+            }
+        }
+        for (const auto& row : rows_) {
+            std::string line;
+            for (size_t i = 0; i < row.size(); ++i) {
+                line += row[i];
+                if (i + 1 < row.size()) {
+                    line.append(widths[i] - row[i].size() + 2, ' ');
+                }
+            }
+            std::printf("%s\n", line.c_str());
+        }
+    }
+
+  private:
+    std::vector<std::vector<std::string>> rows_;
+};
+
+std::string Member(json_object* object, const char* key) {
+    json_object* member = nullptr;
+    if (!json_object_object_get_ex(object, key, &member) || member == nullptr) {
+        return "";
+    }
+    return json_object_get_string(member);
+}
+
+GDBusConnection* ConnectBus() {
+    GError* gerror = nullptr;
+    char* address = nullptr;
+    for (const char* name : {"KELVRA_BUS_ADDRESS", "DBUS_SESSION_BUS_ADDRESS"}) {
+        const char* value = g_getenv(name);
+        if (value != nullptr && *value != '\0') {
+            address = g_strdup(value);
+            break;
+        }
+    }
+    if (address == nullptr) {
+        address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &gerror);
+    }
+    GDBusConnection* connection =
+        address == nullptr
+            ? nullptr
+            : g_dbus_connection_new_for_address_sync(
+                  address,
+                  static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                    G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+                  nullptr, nullptr, &gerror);
+    g_free(address);
+    if (connection == nullptr) {
+        std::fprintf(stderr, "vokctl: cannot reach the bus: %s\n",
+                     gerror != nullptr ? gerror->message : "no address");
+        g_clear_error(&gerror);
+    }
+    return connection;
+}
+
+// The names on the bus starting with kPrefix, sorted; false when the bus did not answer.
+bool ListDaemons(GDBusConnection* connection, std::vector<std::string>* daemons) {
+    GError* gerror = nullptr;
+    GVariant* result = g_dbus_connection_call_sync(connection, "org.freedesktop.DBus",
+                                                   "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                                   "ListNames", nullptr, G_VARIANT_TYPE("(as)"),
+                                                   G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &gerror);
+    if (result == nullptr) {
+        std::fprintf(stderr, "vokctl: cannot list the bus names: %s\n", gerror->message);
+        g_clear_error(&gerror);
+        return false;
+    }
+    GVariantIter* iter = nullptr;
+    const char* name = nullptr;
+    g_variant_get(result, "(as)", &iter);
+    while (g_variant_iter_loop(iter, "&s", &name)) {
+        if (std::strncmp(name, kPrefix, std::strlen(kPrefix)) == 0) {
+            daemons->push_back(name + std::strlen(kPrefix));
+        }
+    }
+    g_variant_iter_free(iter);
+    g_variant_unref(result);
+    std::sort(daemons->begin(), daemons->end());
+    return true;
+}
+
+// One call to the daemon, run on a loop of its own until its last wanted reply.
+struct Call {
+    GMainLoop* loop = nullptr;
+    bool json = false;
+    bool subscribe = false;
+    std::string command;
+    int status = kExitOk;
+};
+
+void PrintRegisters(json_object* reply, bool withTime) {
+    json_object* registers = nullptr;
+    if (!json_object_object_get_ex(reply, "registers", &registers)) {
+        return;
+    }
+    Table table({"REGISTER", "VALUE", "LOW", "HIGH"});
+    json_object_object_foreach(registers, path, entry) {
+        table.Add({path, Member(entry, "value"), Member(entry, "low"), Member(entry, "high")});
+    }
+    if (withTime) {
+        GDateTime* now = g_date_time_new_now_local();
+        char* text = g_date_time_format(now, "%H:%M:%S");
+        std::printf("-- %s\n", text);
+        g_free(text);
+        g_date_time_unref(now);
+    }
+    table.Print();
+}
+
+void PrintHuman(const Call& call, json_object* reply) {
+    if (call.command == "registers" || call.command == "watch") {
+        PrintRegisters(reply, call.command == "watch");
+    } else if (call.command == "blades" || call.command == "status") {
+        if (call.command == "status") {
+            std::printf("daemon %s\n", Member(reply, "daemon").c_str());
+        }
+        Table table({"BLADE", "STATE", "BUSY_MS", "HELD", "LEAKED", "PORT_HELD"});
+        json_object* blades = nullptr;
+        if (json_object_object_get_ex(reply, "blades", &blades)) {
+            for (size_t i = 0; i < json_object_array_length(blades); ++i) {
+                json_object* blade = json_object_array_get_idx(blades, i);
+                table.Add({Member(blade, "name"), Member(blade, "state"), Member(blade, "busyMs"),
+                           Member(blade, "msgsHeldByUser"), Member(blade, "msgsLeakedByUser"),
+                           Member(blade, "msgsHeldByPorts")});
+            }
+        }
+        table.Print();
+    } else if (call.command == "loglevel") {
+        std::printf("%s %s (%s)\n", Member(reply, "context").c_str(),
+                    Member(reply, "level").c_str(), Member(reply, "levelName").c_str());
+    }
+}
+
+bool OnReply(KVHandle*, KVMessage* reply, void* data) {
+    Call* call = static_cast<Call*>(data);
+    const char* payload = KVMessageGetPayload(reply);
+    json_object* parsed = json_tokener_parse(payload != nullptr ? payload : "");
+    json_object* ok = nullptr;
+    const bool good = parsed != nullptr && json_object_object_get_ex(parsed, "returnValue", &ok) &&
+                      json_object_get_boolean(ok);
+    if (!good) {
+        std::fprintf(stderr, "vokctl: %s\n",
+                     parsed != nullptr ? Member(parsed, "errorText").c_str() : "bad reply");
+        call->status = kExitFailed;
+        g_main_loop_quit(call->loop);
+    } else {
+        if (call->json) {
+            std::printf("%s\n", payload);
+        } else {
+            PrintHuman(*call, parsed);
+        }
+        std::fflush(stdout);
+        if (!call->subscribe || KVMessageIsLastReply(reply)) {
+            g_main_loop_quit(call->loop);
+        }
+    }
+    json_object_put(parsed);
+    return true;
+}
+
+gboolean OnSignal(gpointer loop) {
+    g_main_loop_quit(static_cast<GMainLoop*>(loop));
+    return G_SOURCE_CONTINUE;
+}
+
+int CallDaemon(const std::string& daemon, const std::string& method, json_object* payload,
+               Call* call) {
+    KVHandle* handle = nullptr;
+    KVError error;
+    KVErrorInit(&error);
+    call->loop = g_main_loop_new(nullptr, FALSE);
+    const std::string uri = "kelvra://" + std::string(kPrefix) + daemon + "/" + method;
+    if (call->subscribe) {
+        json_object_object_add(payload, "subscribe", json_object_new_boolean(true));
+    }
+    if (!KVRegister(nullptr, &handle, &error) || !KVGmainAttach(handle, nullptr, &error) ||
+        !KVCallWithTimeout(handle, uri.c_str(), json_object_to_json_string(payload),
+                           call->subscribe ? 0 : kCallTimeoutMs, &OnReply, call, nullptr, &error)) {
+        std::fprintf(stderr, "vokctl: %s: %s\n", uri.c_str(),
+                     error.message != nullptr ? error.message : "call failed");
+        call->status = kExitFailed;
+    } else {
+        const guint intSource = g_unix_signal_add(SIGINT, &OnSignal, call->loop);
+        const guint termSource = g_unix_signal_add(SIGTERM, &OnSignal, call->loop);
+        g_main_loop_run(call->loop);
+        g_source_remove(intSource);
+        g_source_remove(termSource);
+    }
+    if (handle != nullptr) {
+        KVUnregister(handle, nullptr);
+    }
+    KVErrorFree(&error);
+    g_main_loop_unref(call->loop);
+    return call->status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    bool json = false;
+    std::vector<std::string> args;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--json") == 0) {
+            json = true;
+        } else if (std::strcmp(argv[i], "--help") == 0) {
+            Usage(stdout);
+            return kExitOk;
+        } else if (std::strcmp(argv[i], "--version") == 0) {
+            std::printf("vokctl %s\n", VOK_VERSION_STRING);
+            return kExitOk;
+        } else {
+            args.push_back(argv[i]);
+        }
+    }
+    if (args.empty() || (args[0] != "list" && args.size() < 2)) {
+        Usage(stderr);
+        return kExitUsage;
+    }
+    GDBusConnection* connection = ConnectBus();
+    if (connection == nullptr) {
+        return kExitFailed;
+    }
+    std::vector<std::string> daemons;
+    const bool listed = ListDaemons(connection, &daemons);
+    g_object_unref(connection);
+    if (!listed) {
+        return kExitFailed;
+    }
+    if (args[0] == "list") {
+        for (const std::string& daemon : daemons) {
+            std::printf("%s\n", daemon.c_str());
+        }
+        return kExitOk;
+    }
+    const std::string& daemon = args[0];
+    if (std::find(daemons.begin(), daemons.end(), daemon) == daemons.end()) {
+        std::fprintf(stderr, "vokctl: no daemon '%s' on the bus (try vokctl list)\n",
+                     daemon.c_str());
+        return kExitNoDaemon;
+    }
+    Call call;
+    call.json = json;
+    call.command = args[1];
+    json_object* payload = json_object_new_object();
+    std::string method;
+    if ((call.command == "status" || call.command == "blades") && args.size() == 2) {
+        method = "diag/blades";
+    } else if ((call.command == "registers" || call.command == "watch") && args.size() <= 3) {
+        method = call.command == "watch" ? "diag/watch" : "diag/registers";
+        call.subscribe = call.command == "watch";
+        if (args.size() == 3) {
+            json_object_object_add(payload, "prefix", json_object_new_string(args[2].c_str()));
+        }
+    } else if (call.command == "loglevel" && (args.size() == 3 || args.size() == 4)) {
+        method = "diag/loglevel";
+        json_object_object_add(payload, "context", json_object_new_string(args[2].c_str()));
+        if (args.size() == 4) {
+            char* end = nullptr;
+            const long level = std::strtol(args[3].c_str(), &end, 10);
+            if (end == args[3].c_str() || *end != '\0') {
+                std::fprintf(stderr, "vokctl: level must be a number 0..7\n");
+                json_object_put(payload);
+                return kExitUsage;
+            }
+            json_object_object_add(payload, "level", json_object_new_int64(level));
+        }
+    } else {
+        Usage(stderr);
+        json_object_put(payload);
+        return kExitUsage;
+    }
+    const int status = CallDaemon(daemon, method, payload, &call);
+    json_object_put(payload);
+    return status;
+}

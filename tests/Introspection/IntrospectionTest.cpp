@@ -1,0 +1,206 @@
+#include <glib.h>
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+#include <kelvra/kelvra.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "../Kelvra/PrivateBus.h"
+#include "support/LoopSupport.h"
+#include "vok/DiagnosticRegister.h"
+#include "vok/Event.h"
+#include "vok/Introspection.h"
+#include "vok/VokShell.h"
+
+namespace vok {
+namespace test {
+namespace {
+
+// A blade stuck in Run until released: introspection must answer all the same.
+class StuckBlade : public ServiceBlade, public VokBladeLoaderInterface {
+  public:
+    Event release;
+
+    void Run(ServiceBladeEnvironment*) override { release.Wait(); }
+    const std::string& GetBladeName() const override { return name_; }
+    int32_t GetStartMode() const override { return kBladeStartModeAuto; }
+    void LoadBlade(const VokShellDaemonInfo&) override {}
+    void UnloadBlade() override {}
+    ServiceBlade* GetServiceBlade() override { return this; }
+
+  private:
+    std::string name_ = "stuck";
+};
+
+// A private bus, a shell with the stuck blade, its introspection server and a bus client on a
+// context of the test's own.
+class IntrospectionTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        setenv("KELVRA_BUS_ADDRESS", bus_.Start().c_str(), 1);
+        shell_.reset(new VokShell(VokShellDaemonInfo("introtest", ""), {&blade_}, []() {}));
+        server_.reset(new IntrospectionServer(*shell_));
+        shell_->StartUp();
+        context_ = g_main_context_new();
+        ASSERT_TRUE(KVRegister(nullptr, &client_, nullptr));
+        ASSERT_TRUE(KVGmainAttach(client_, context_, nullptr));
+        // The server registers from its own thread: wait for the name.
+        ASSERT_TRUE(IterateUntil(
+            context_, [this]() { return Call("diag/blades", "{}").find("stuck") != npos; }, 60));
+    }
+
+    void TearDown() override {
+        KVUnregister(client_, nullptr);
+        g_main_context_unref(context_);
+        shell_->RequestStop();
+        blade_.release.Signal();
+        server_.reset();
+        shell_.reset();
+        bus_.Stop();
+        unsetenv("KELVRA_BUS_ADDRESS");
+    }
+
+    // The first reply's payload to method (empty when none came).
+    std::string Call(const std::string& method, const std::string& payload) {
+        std::string reply;
+        bool done = false;
+        struct Got {
+            std::string* reply;
+            bool* done;
+        } got{&reply, &done};
+        const std::string uri = "kelvra://com.orvex.vok.introtest/" + method;
+        KVReplyFunc onReply = [](KVHandle*, KVMessage* message, void* data) {
+            Got* g = static_cast<Got*>(data);
+            *g->reply = KVMessageGetPayload(message);
+            *g->done = true;
+            return true;
+        };
+        if (!KVCallWithTimeout(client_, uri.c_str(), payload.c_str(), 10000, onReply, &got, nullptr,
+                               nullptr)) {
+            return "";
+        }
+        IterateUntil(
+            context_, [&done]() { return done; }, 30);
+        return reply;
+    }
+
+    static constexpr size_t npos = std::string::npos;
+    PrivateBus bus_;
+    StuckBlade blade_;
+    std::unique_ptr<VokShell> shell_;
+    std::unique_ptr<IntrospectionServer> server_;
+    GMainContext* context_ = nullptr;
+    KVHandle* client_ = nullptr;
+};
+
+TEST_F(IntrospectionTest, AnswersWhileABladeIsStuck) {
+    DiagnosticRegisterCounter counter("root.introtest.count", 5);
+    counter.Inc();
+    counter.Set(2);
+    DiagnosticRegisterString text("root.introtest.name", "alpha");
+    DiagnosticRegisterCounter other("root.other.count", 1);
+
+    const std::string registers = Call("diag/registers", "{\"prefix\":\"root.introtest.\"}");
+    EXPECT_NE(npos, registers.find("\"root.introtest.count\":{\"value\":2,\"low\":2,\"high\":6}"))
+        << registers;
+    EXPECT_NE(npos, registers.find("\"root.introtest.name\":{\"value\":\"alpha\"}")) << registers;
+    EXPECT_EQ(npos, registers.find("root.other")) << registers;
+
+    const std::string blades = Call("diag/blades", "{}");
+    EXPECT_NE(npos, blades.find("{\"name\":\"stuck\",\"state\":\"running\",\"busyMs\":")) << blades;
+    EXPECT_NE(npos, blades.find("\"msgsLeakedByUser\":0")) << blades;
+
+    EXPECT_NE(npos, Call("diag/loglevel", "{\"context\":\"INTRO.T\",\"level\":7}")
+                        .find("\"level\":7,\"levelName\":\"debug\""));
+    EXPECT_NE(npos, Call("diag/loglevel", "{\"context\":\"INTRO.T\"}").find("\"level\":7"));
+    EXPECT_NE(npos,
+              Call("diag/loglevel", "{\"context\":\"INTRO.T\",\"level\":3}").find("\"level\":3,"));
+}
+
+TEST_F(IntrospectionTest, RejectsBadRequestsAndKeepsServing) {
+    for (const auto& bad : std::vector<std::pair<std::string, std::string>>{
+             {"diag/nosuch", "{}"},
+             {"diag/registers", "{\"prefix\":"},
+             {"diag/registers", "[1,2]"},
+             {"diag/registers", "{\"prefix\":7}"},
+             {"diag/loglevel", "{}"},
+             {"diag/loglevel", "{\"context\":\"\"}"},
+             {"diag/loglevel", "{\"context\":\"X\",\"level\":8}"},
+             {"diag/loglevel", "{\"context\":\"X\",\"level\":\"debug\"}"},
+         }) {
+        const std::string reply = Call(bad.first, bad.second);
+        EXPECT_NE(npos, reply.find("\"returnValue\":false")) << bad.first << " " << bad.second;
+        EXPECT_NE(npos, reply.find("\"errorCode\"")) << reply;
+    }
+    EXPECT_NE(npos, Call("diag/blades", "{}").find("\"returnValue\":true"));
+}
+
+TEST_F(IntrospectionTest, WatchSendsOnlyChangedRegisters) {
+    DiagnosticRegisterCounter steady("root.watchtest.steady", 1);
+    DiagnosticRegisterCounter moving("root.watchtest.moving", 1);
+    std::vector<std::string> replies;
+    KVReplyFunc onReply = [](KVHandle*, KVMessage* message, void* data) {
+        static_cast<std::vector<std::string>*>(data)->push_back(KVMessageGetPayload(message));
+        return true;
+    };
+    KVMessageToken token = 0;
+    ASSERT_TRUE(KVCall(client_, "kelvra://com.orvex.vok.introtest/diag/watch",
+                       "{\"prefix\":\"root.watchtest.\",\"subscribe\":true}", onReply, &replies,
+                       &token, nullptr));
+    ASSERT_TRUE(IterateUntil(
+        context_, [&]() { return replies.size() == 1; }, 30));
+    EXPECT_NE(npos, replies[0].find("steady"));
+    const auto changedAt = std::chrono::steady_clock::now();
+    moving.Inc();
+    ASSERT_TRUE(IterateUntil(
+        context_, [&]() { return replies.size() == 2; }, 30));
+    EXPECT_LT(std::chrono::steady_clock::now() - changedAt, std::chrono::seconds(20));
+    EXPECT_NE(npos, replies[1].find("\"root.watchtest.moving\":{\"value\":2")) << replies[1];
+    EXPECT_EQ(npos, replies[1].find("steady")) << replies[1];
+    KVCallCancel(client_, token, nullptr);
+
+    // Watchers are bounded: of 20 more, the ones past the limit are refused.
+    std::vector<std::string> more;
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(KVCall(client_, "kelvra://com.orvex.vok.introtest/diag/watch",
+                           "{\"prefix\":\"root.watchtest.\",\"subscribe\":true}", onReply, &more,
+                           nullptr, nullptr));
+    }
+    ASSERT_TRUE(IterateUntil(
+        context_, [&]() { return more.size() == 20; }, 30));
+    EXPECT_EQ(4, std::count_if(more.begin(), more.end(), [](const std::string& reply) {
+                  return reply.find("too many watchers") != std::string::npos;
+              }));
+}
+
+// Runs vokctl with args; returns its exit status and fills *output.
+int RunVokctl(const std::vector<std::string>& args, std::string* output) {
+    std::vector<std::string> argv{VOKCTL};
+    argv.insert(argv.end(), args.begin(), args.end());
+    ChildProcess child;
+    child.Start(argv, true, true);
+    *output = child.ReadAll();
+    const int status = child.Wait();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(IntrospectionTest, VokctlPrintsTablesAndFailsForAMissingDaemon) {
+    DiagnosticRegisterCounter counter("root.ctltest.count", 42);
+    std::string output;
+    EXPECT_EQ(0, RunVokctl({"introtest", "registers", "root.ctltest."}, &output));
+    EXPECT_NE(npos, output.find("root.ctltest.count  42     42   42")) << output;
+    EXPECT_EQ(0, RunVokctl({"list"}, &output));
+    EXPECT_EQ("introtest\n", output);
+    EXPECT_EQ(3, RunVokctl({"nosuch", "status"}, &output));
+    EXPECT_EQ(2, RunVokctl({"introtest", "frobnicate"}, &output));
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace vok
