@@ -21,6 +21,7 @@ std::string IntrospectionServiceName(const std::string& daemonName);
 // gives up the bus name and joins the thread.
 class IntrospectionServer {
   public:
+    // Starts serving shell's daemon on the bus from a new thread.
     explicit IntrospectionServer(const VokShell& shell);
     ~IntrospectionServer();
     IntrospectionServer(const IntrospectionServer&) = delete;

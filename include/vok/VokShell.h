@@ -43,7 +43,7 @@ class ServiceBladeEnvironment;
 
 // One blade as the shell sees it at a given moment (VokShell::GetBladeStatus).
 struct VokBladeStatus {
-    std::string name;
+    std::string name;  // The blade's name, as its loader gives it.
     // "idle" (not started), "starting", "running", "stopping" or "stopped" (Run has returned).
     std::string state;
     int64_t busyMs;  // How long its thread has gone without waiting for events; 0 while it waits.
