@@ -15,6 +15,9 @@ struct DaemonHooks {
     std::function<void(VokShell&)> beforeStart;
     // After every blade has stopped, before the shell is destroyed.
     std::function<void(VokShell&)> beforeDestroy;
+    // Set by EnableIntrospection; without it, RunDaemon enables introspection itself when the
+    // environment has VOK_INTROSPECT=1.
+    bool introspection = false;
 };
 
 // Runs a daemon's shell on the calling thread, which must be the main thread before any other

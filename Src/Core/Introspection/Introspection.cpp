@@ -367,6 +367,7 @@ IntrospectionServer::~IntrospectionServer() {
 }
 
 void EnableIntrospection(DaemonHooks* hooks) {
+    hooks->introspection = true;
     std::shared_ptr<std::unique_ptr<IntrospectionServer>> server(
         new std::unique_ptr<IntrospectionServer>());
     std::function<void(VokShell&)> beforeStart = hooks->beforeStart;

@@ -4,13 +4,22 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <memory>
+
+#include "vok/Introspection.h"
 
 namespace vok {
 
 int RunDaemon(const VokShellDaemonInfo& daemonInfo,
-              const std::vector<VokBladeLoaderInterface*>& bladeLoaders, const DaemonHooks& hooks,
-              int* stopSignal) {
+              const std::vector<VokBladeLoaderInterface*>& bladeLoaders,
+              const DaemonHooks& givenHooks, int* stopSignal) {
+    DaemonHooks hooks = givenHooks;
+    const char* introspect = std::getenv("VOK_INTROSPECT");
+    if (!hooks.introspection && introspect != nullptr && std::strcmp(introspect, "1") == 0) {
+        EnableIntrospection(&hooks);
+    }
     // Blocked before any thread starts, so every thread inherits the mask and only sigwait below
     // takes these signals. The shell's completion is reported with SIGUSR1 to the process.
     sigset_t signals;
