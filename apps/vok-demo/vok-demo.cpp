@@ -15,8 +15,8 @@
 
 #include "DemoBlades.h"
 #include "vok/Daemon.h"
+#include "vok/DiagBusService.h"
 #include "vok/DiagnosticRegister.h"
-#include "vok/Introspection.h"
 #include "vok/Version.h"
 
 namespace {
@@ -72,7 +72,7 @@ int main(int argc, char** argv) {
         PrintRegisters("root.");
         std::fflush(stdout);
     };
-    vok::EnableIntrospection(&hooks);
+    vok::EnableDiagBusService(&hooks);
     int signal = 0;
     const int status = vok::RunDaemon(vok::VokShellDaemonInfo("vok-demo", "demo daemon"),
                                       {&echo, &client, &alarm, &bus}, hooks, &signal);

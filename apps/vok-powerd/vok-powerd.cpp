@@ -16,7 +16,7 @@
 #include "PowerService.h"
 #include "vok/BladeStopWatcher.h"
 #include "vok/Daemon.h"
-#include "vok/Introspection.h"
+#include "vok/DiagBusService.h"
 #include "vok/RuntimeDispatcher.h"
 #include "vok/Version.h"
 #include "vok/VokKvClient.h"
@@ -133,7 +133,7 @@ int main(int argc, char** argv) {
     PowerBladeLoader loader(&shell, log);
     DaemonHooks hooks;
     hooks.beforeStart = [&](VokShell& built) { shell = &built; };
-    EnableIntrospection(&hooks);
+    EnableDiagBusService(&hooks);
     const int status = RunDaemon(VokShellDaemonInfo("vok-powerd", ""), {&loader}, hooks);
     return gFailed ? 1 : status;
 }

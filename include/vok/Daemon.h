@@ -15,9 +15,9 @@ struct DaemonHooks {
     std::function<void(VokShell&)> beforeStart;
     // After every blade has stopped, before the shell is destroyed.
     std::function<void(VokShell&)> beforeDestroy;
-    // Set by EnableIntrospection; without it, RunDaemon enables introspection itself when the
-    // environment has VOK_INTROSPECT=1.
-    bool introspection = false;
+    // Set by EnableDiagBusService; without it, RunDaemon enables the service itself when the
+    // environment has VOK_DIAG_BUS=1.
+    bool diagBusService = false;
 };
 
 // Runs a daemon's shell on the calling thread, which must be the main thread before any other

@@ -5,10 +5,10 @@
 #include <vok/ArgvMaker.h>
 #include <vok/BladeStopWatcher.h>
 #include <vok/Daemon.h>
+#include <vok/DiagBusService.h>
 #include <vok/DiagnosticRegister.h>
 #include <vok/Event.h>
 #include <vok/InteractiveTestManager.h>
-#include <vok/Introspection.h>
 #include <vok/JsonArrayUtils.h>
 #include <vok/JsonObjectFindResult.h>
 #include <vok/JsonObjectUtils.h>

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <memory>
 
-#include "vok/Introspection.h"
+#include "vok/DiagBusService.h"
 
 namespace vok {
 
@@ -16,9 +16,9 @@ int RunDaemon(const VokShellDaemonInfo& daemonInfo,
               const std::vector<VokBladeLoaderInterface*>& bladeLoaders,
               const DaemonHooks& givenHooks, int* stopSignal) {
     DaemonHooks hooks = givenHooks;
-    const char* introspect = std::getenv("VOK_INTROSPECT");
-    if (!hooks.introspection && introspect != nullptr && std::strcmp(introspect, "1") == 0) {
-        EnableIntrospection(&hooks);
+    const char* wanted = std::getenv("VOK_DIAG_BUS");
+    if (!hooks.diagBusService && wanted != nullptr && std::strcmp(wanted, "1") == 0) {
+        EnableDiagBusService(&hooks);
     }
     // Blocked before any thread starts, so every thread inherits the mask and only sigwait below
     // takes these signals. The shell's completion is reported with SIGUSR1 to the process.

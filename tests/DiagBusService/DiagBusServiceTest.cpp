@@ -13,16 +13,16 @@
 
 #include "../Kelvra/PrivateBus.h"
 #include "support/LoopSupport.h"
+#include "vok/DiagBusService.h"
 #include "vok/DiagnosticRegister.h"
 #include "vok/Event.h"
-#include "vok/Introspection.h"
 #include "vok/VokShell.h"
 
 namespace vok {
 namespace test {
 namespace {
 
-// A blade stuck in Run until released: introspection must answer all the same.
+// A blade stuck in Run until released: the diagnostics service must answer all the same.
 class StuckBlade : public ServiceBlade, public VokBladeLoaderInterface {
   public:
     Event release;
@@ -38,14 +38,14 @@ class StuckBlade : public ServiceBlade, public VokBladeLoaderInterface {
     std::string name_ = "stuck";
 };
 
-// A private bus, a shell with the stuck blade, its introspection server and a bus client on a
+// A private bus, a shell with the stuck blade, its diagnostics service and a bus client on a
 // context of the test's own.
-class IntrospectionTest : public ::testing::Test {
+class DiagBusServiceTest : public ::testing::Test {
   protected:
     void SetUp() override {
         setenv("KELVRA_BUS_ADDRESS", bus_.Start().c_str(), 1);
         shell_.reset(new VokShell(VokShellDaemonInfo("introtest", ""), {&blade_}, []() {}));
-        server_.reset(new IntrospectionServer(*shell_));
+        server_.reset(new DiagBusService(*shell_));
         shell_->StartUp();
         context_ = g_main_context_new();
         ASSERT_TRUE(KVRegister(nullptr, &client_, nullptr));
@@ -94,12 +94,12 @@ class IntrospectionTest : public ::testing::Test {
     PrivateBus bus_;
     StuckBlade blade_;
     std::unique_ptr<VokShell> shell_;
-    std::unique_ptr<IntrospectionServer> server_;
+    std::unique_ptr<DiagBusService> server_;
     GMainContext* context_ = nullptr;
     KVHandle* client_ = nullptr;
 };
 
-TEST_F(IntrospectionTest, AnswersWhileABladeIsStuck) {
+TEST_F(DiagBusServiceTest, AnswersWhileABladeIsStuck) {
     DiagnosticRegisterCounter counter("root.introtest.count", 5);
     counter.Inc();
     counter.Set(2);
@@ -123,7 +123,7 @@ TEST_F(IntrospectionTest, AnswersWhileABladeIsStuck) {
               Call("diag/loglevel", "{\"context\":\"INTRO.T\",\"level\":3}").find("\"level\":3,"));
 }
 
-TEST_F(IntrospectionTest, RejectsBadRequestsAndKeepsServing) {
+TEST_F(DiagBusServiceTest, RejectsBadRequestsAndKeepsServing) {
     for (const auto& bad : std::vector<std::pair<std::string, std::string>>{
              {"diag/nosuch", "{}"},
              {"diag/registers", "{\"prefix\":"},
@@ -141,7 +141,7 @@ TEST_F(IntrospectionTest, RejectsBadRequestsAndKeepsServing) {
     EXPECT_NE(npos, Call("diag/blades", "{}").find("\"returnValue\":true"));
 }
 
-TEST_F(IntrospectionTest, WatchSendsOnlyChangedRegisters) {
+TEST_F(DiagBusServiceTest, WatchSendsOnlyChangedRegisters) {
     DiagnosticRegisterCounter steady("root.watchtest.steady", 1);
     DiagnosticRegisterCounter moving("root.watchtest.moving", 1);
     std::vector<std::string> replies;
@@ -190,7 +190,7 @@ int RunVokctl(const std::vector<std::string>& args, std::string* output) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-TEST_F(IntrospectionTest, VokctlPrintsTablesAndFailsForAMissingDaemon) {
+TEST_F(DiagBusServiceTest, VokctlPrintsTablesAndFailsForAMissingDaemon) {
     DiagnosticRegisterCounter counter("root.ctltest.count", 42);
     std::string output;
     EXPECT_EQ(0, RunVokctl({"introtest", "registers", "root.ctltest."}, &output));

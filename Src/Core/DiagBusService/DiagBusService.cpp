@@ -1,4 +1,4 @@
-#include "vok/Introspection.h"
+#include "vok/DiagBusService.h"
 
 #include <glib.h>
 #include <json-c/json.h>
@@ -29,7 +29,7 @@ const unsigned kWatchPeriodMs = 1000;
 // Each watcher costs a snapshot a second; a client that opens more gets an error reply.
 const size_t kMaxWatchers = 16;
 
-// Error codes of the introspection replies.
+// Error codes of the diagnostics replies.
 const int kErrBadPayload = 1;
 const int kErrBadContext = 2;
 const int kErrBadLevel = 3;
@@ -156,31 +156,31 @@ std::string RegistersReply(const RegisterSnapshot& snapshot) {
 
 }  // namespace
 
-std::string IntrospectionServiceName(const std::string& daemonName) {
+std::string DiagBusServiceName(const std::string& daemonName) {
     return kServicePrefix + daemonName;
 }
 
 // The server's state. Everything but the constructor and the destructor runs on the server
 // thread, inside the dispatcher's loop (the destructor wakes it to stop, then joins it).
-class IntrospectionImpl {
+class DiagBusServiceImpl {
   public:
-    explicit IntrospectionImpl(const VokShell& shell)
-        : logger_("VOK.Introspection"),
+    explicit DiagBusServiceImpl(const VokShell& shell)
+        : logger_("VOK.DiagBus"),
           shell_(shell),
-          thread_("introspection", this, &IntrospectionImpl::ThreadRun, 0),
+          thread_("diag-bus", this, &DiagBusServiceImpl::ThreadRun, 0),
           stopBridge_(dispatcher_, [this]() { dispatcher_.RequestStop(); }),
           watchTimer_(dispatcher_, [this]() { WatchTick(); }) {
         thread_.Start();
     }
 
-    ~IntrospectionImpl() {
+    ~DiagBusServiceImpl() {
         stopBridge_.Trigger();
         thread_.Join();
     }
 
   private:
     void ThreadRun(int) {
-        const std::string name = IntrospectionServiceName(shell_.GetDaemonName());
+        const std::string name = DiagBusServiceName(shell_.GetDaemonName());
         KVError error;
         KVErrorInit(&error);
         GMainContext* context =
@@ -229,7 +229,7 @@ class IntrospectionImpl {
         if (!ParseRequest(request)) {
             return Reply(handle, request, ErrorReply(kErrBadPayload, "expected a JSON object"));
         }
-        const IntrospectionImpl* server = static_cast<IntrospectionImpl*>(self);
+        const DiagBusServiceImpl* server = static_cast<DiagBusServiceImpl*>(self);
         JsonPtr reply(NewReply());
         json_object_object_add(reply.get(), "daemon",
                                json_object_new_string(server->shell_.GetDaemonName().c_str()));
@@ -283,7 +283,7 @@ class IntrospectionImpl {
 
     // diag/watch {"prefix":P}: the registers now, then those that changed, at most once a second.
     static bool Watch(KVHandle* handle, KVMessage* request, void* self) {
-        IntrospectionImpl* server = static_cast<IntrospectionImpl*>(self);
+        DiagBusServiceImpl* server = static_cast<DiagBusServiceImpl*>(self);
         std::string prefix;
         if (!RequestPrefix(request, &prefix)) {
             return Reply(handle, request,
@@ -310,7 +310,7 @@ class IntrospectionImpl {
     }
 
     static void WatchCancelled(KVHandle*, KVMessage* request, void* self) {
-        IntrospectionImpl* server = static_cast<IntrospectionImpl*>(self);
+        DiagBusServiceImpl* server = static_cast<DiagBusServiceImpl*>(self);
         auto it = server->watchers_.find(request);
         if (it == server->watchers_.end()) {
             return;
@@ -359,24 +359,22 @@ class IntrospectionImpl {
     std::map<KVMessage*, Watcher> watchers_;  // Open diag/watch subscriptions, each referenced.
 };
 
-IntrospectionServer::IntrospectionServer(const VokShell& shell)
-    : pImpl_(new IntrospectionImpl(shell)) {}
+DiagBusService::DiagBusService(const VokShell& shell) : pImpl_(new DiagBusServiceImpl(shell)) {}
 
-IntrospectionServer::~IntrospectionServer() {
+DiagBusService::~DiagBusService() {
     delete pImpl_;
 }
 
-void EnableIntrospection(DaemonHooks* hooks) {
-    hooks->introspection = true;
-    std::shared_ptr<std::unique_ptr<IntrospectionServer>> server(
-        new std::unique_ptr<IntrospectionServer>());
+void EnableDiagBusService(DaemonHooks* hooks) {
+    hooks->diagBusService = true;
+    std::shared_ptr<std::unique_ptr<DiagBusService>> server(new std::unique_ptr<DiagBusService>());
     std::function<void(VokShell&)> beforeStart = hooks->beforeStart;
     std::function<void(VokShell&)> beforeDestroy = hooks->beforeDestroy;
     hooks->beforeStart = [server, beforeStart](VokShell& shell) {
         if (beforeStart) {
             beforeStart(shell);
         }
-        server->reset(new IntrospectionServer(shell));
+        server->reset(new DiagBusService(shell));
     };
     hooks->beforeDestroy = [server, beforeDestroy](VokShell& shell) {
         server->reset();
