@@ -5,6 +5,8 @@
 # when set, is a command that runs both daemons (valgrind, for one).
 # Usage: demo.sh BUILD_DIR
 set -euo pipefail
+# shellcheck source=scripts/private-bus.sh
+. "$(dirname "$0")/private-bus.sh"
 build=$1
 seconds=${DEMO_SECONDS:-10}
 read -r -a wrapper <<<"${DEMO_WRAPPER:-}"
@@ -25,20 +27,7 @@ trap 'exit 130' INT TERM
 
 say() { printf '\n=== %s\n' "$*"; }
 
-cat >"$work/bus.conf" <<CONF
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:dir=$work</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-CONF
+write_bus_conf "$work/bus.conf" "unix:dir=$work"
 
 say "starting a private D-Bus daemon (the machine's buses are not touched)"
 # --fork returns once the daemon listens; it writes its address and pid first.

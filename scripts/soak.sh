@@ -30,6 +30,8 @@
 # runs nothing and reports on the output of an earlier run kept in DIR.
 # Usage: soak.sh BUILD_DIR
 set -euo pipefail
+# shellcheck source=scripts/private-bus.sh
+. "$(dirname "$0")/private-bus.sh"
 build=$(cd "${1:-.}" && pwd)
 seconds=${SOAK_SECONDS:-600}
 powerdEvery=${SOAK_POWERD_RESTART:-20}
@@ -141,20 +143,7 @@ runSoak() {
     work=$(mktemp -d)
     trap cleanup EXIT
     trap 'echo "soak: interrupted" >&2; exit 130' INT TERM
-    cat >"$work/bus.conf" <<CONF
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:path=$work/bus</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-CONF
+    write_bus_conf "$work/bus.conf" "unix:path=$work/bus"
     export KELVRA_BUS_ADDRESS=unix:path=$work/bus
     unset DBUS_SESSION_BUS_ADDRESS
 

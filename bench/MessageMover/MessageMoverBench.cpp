@@ -7,6 +7,7 @@
 
 #include "BenchPair.h"
 #include "support/BenchRatio.h"
+#include "support/MallocDequeFloor.h"
 #include "vok/DiagnosticRegister.h"
 #include "vok/Mutex.h"
 
@@ -18,19 +19,7 @@ void BM_MallocDequeBaseline(benchmark::State& state) {
     std::mutex mutex;
     std::deque<void*> queue;
     for (auto _ : state) {
-        void* block = std::malloc(68);
-        benchmark::DoNotOptimize(block);
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            queue.push_back(block);
-        }
-        void* got;
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            got = queue.front();
-            queue.pop_front();
-        }
-        std::free(got);
+        vok::bench::MallocDequeRoundTrip(mutex, queue);
     }
 }
 BENCHMARK(BM_MallocDequeBaseline);

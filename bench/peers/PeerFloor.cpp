@@ -6,6 +6,7 @@
 
 #include "Dispatcher/WakeupPairs.h"
 #include "PeerHarness.h"
+#include "support/MallocDequeFloor.h"
 
 namespace {
 
@@ -21,18 +22,7 @@ int MallocDeque() {
     std::deque<void*> queue;
     return peers::Measure(100000, [&](int count) {
         for (int i = 0; i < count; ++i) {
-            void* block = std::malloc(68);
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                queue.push_back(block);
-            }
-            void* got;
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                got = queue.front();
-                queue.pop_front();
-            }
-            std::free(got);
+            vok::bench::MallocDequeRoundTrip(mutex, queue);
         }
     });
 }
