@@ -16,6 +16,7 @@
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "support/LogCapture.h"
 #include "support/LoopSupport.h"
+#include "vok/Event.h"
 #include "vok/JsonObjectFindResult.h"
 #include "vok/JsonToken.h"
 #include "vok/RdKvCall.h"
@@ -188,17 +189,20 @@ TEST_F(BusCallTest, CallsWithATimeoutEndAtTheDeadline) {
         << replies[0];
     EXPECT_FALSE(call);
 
-    // A service on a thread of its own whose loop blocks past the caller's deadline.
+    // A service on a thread of its own whose loop blocks until the caller's deadline has passed.
+    Event deadlinePassed;
     RuntimeDispatcher slowDispatcher;
     FakeService slow(slowDispatcher, "com.test.slow");
-    slow.AddMethod("slow/answer", [](const std::string& payload) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    slow.AddMethod("slow/answer", [&](const std::string& payload) {
+        deadlinePassed.Wait();
         return std::vector<std::string>{payload};
     });
     std::thread serving([&]() { slowDispatcher.Run(); });
     std::vector<std::string> late;
-    RdKvCall lateCall(handle,
-                      [&](KVMessage* reply) { late.push_back(KVMessageGetPayload(reply)); });
+    RdKvCall lateCall(handle, [&](KVMessage* reply) {
+        late.push_back(KVMessageGetPayload(reply));
+        deadlinePassed.Signal();
+    });
     start = Clock::now();
     lateCall.Call("com.test.slow", "slow/answer", "{\"n\":1}", 100);
     Pump(dispatcher_, [&]() { return !late.empty(); });

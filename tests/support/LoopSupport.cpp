@@ -41,12 +41,6 @@ bool IterateUntil(GMainContext* context, const std::function<bool()>& done, int 
         context, done, g_timeout_source_new_seconds(static_cast<guint>(limitSeconds)), &expired);
 }
 
-void IterateFor(GMainContext* context, unsigned milliseconds) {
-    bool expired = false;
-    IterateWithDeadline(
-        context, [&expired]() { return expired; }, g_timeout_source_new(milliseconds), &expired);
-}
-
 CallbackExceptions::CallbackExceptions(RuntimeDispatcher& dispatcher) : dispatcher_(dispatcher) {
     dispatcher_.SetExceptionHandler([this](std::exception_ptr exception) {
         if (!first_) {

@@ -35,9 +35,6 @@ class CallbackExceptions {
 // done(). done() is checked after every iteration.
 bool IterateUntil(GMainContext* context, const std::function<bool()>& done, int limitSeconds = 60);
 
-// Iterates context for milliseconds (to let what should not happen show up).
-void IterateFor(GMainContext* context, unsigned milliseconds);
-
 }  // namespace test
 }  // namespace vok
 
