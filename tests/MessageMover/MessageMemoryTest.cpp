@@ -137,8 +137,6 @@ TEST_F(MessageMemoryTest, RebindMakesEarlierHandlesStaleAndSkipsZero) {
     }
     EXPECT_EQ(1, Block(msg)[42]);
     EXPECT_EQ(0, msg.GetMessageType());
-    EXPECT_TRUE(
-        ThrowsMm([] { MmBaseMessageHandle().GetSenderAddress(); }, "NULL handle block pointer"));
     Manager().FreeMessage(msg);
 }
 
@@ -205,26 +203,6 @@ TEST_F(MessageMemoryTest, DuplicateCopiesNamePayloadAndClearsStamps) {
         EXPECT_EQ(2, Outstanding());
     }
     Manager().FreeMessage(msg);
-}
-
-TEST_F(MessageMemoryTest, ProtocolRangesOfTheHandleKinds) {
-    MmBaseMessageHandle base;
-    Manager().CreateMessage(0, &base);
-    MmCommandMessageHandle command(base);
-    MmConnectionMessageHandle connection(base);
-    const MmMessageName internal = {3, 1}, highest = {0xBFFF, 2}, above = {0xC000, 1};
-    base.SetMessageName(internal);
-    command.SetMessageName({4, 1});
-    connection.SetMessageName(highest);
-    const char* kUserBounds = "protocolId is out of end-user bounds.";
-    for (const MmMessageName& bad : {MmMessageName{0, 1}, internal, above}) {
-        EXPECT_TRUE(ThrowsMm([&] { command.SetMessageName(bad); }, kUserBounds));
-        EXPECT_TRUE(ThrowsMm([&] { connection.SetMessageName(bad); }, kUserBounds));
-    }
-    EXPECT_TRUE(ThrowsMm([&] { base.SetMessageName(above); }, "protocolId is out of bounds."));
-    MmMessageName name;
-    EXPECT_EQ(highest, *base.GetMessageName(&name));  // Failed setters changed nothing.
-    Manager().FreeMessage(base);
 }
 
 }  // namespace
