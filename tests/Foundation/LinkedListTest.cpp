@@ -108,14 +108,6 @@ std::string FatalLine(const char* condition, const char* function, const char* i
 
 using LinkedListDeathTest = LinkedListTest;
 
-TEST_F(LinkedListDeathTest, NullArgumentsPrintTheFatalLineAndAbort) {
-    const auto abrt = ::testing::KilledBySignal(SIGABRT);
-    EXPECT_EXIT(LinkedListNodeInit(nullptr, nullptr), abrt,
-                FatalLine("newNodeP", "LinkedListNodeInit", "NULL arg"));
-    EXPECT_EXIT(LinkedListDequeue(&head_, nullptr), abrt,
-                FatalLine("listHeadP && listNodeP", "LinkedListDequeue", "NULL arg"));
-}
-
 TEST_F(LinkedListDeathTest, EnqueueOfLinkedNodeStopsTheProcess) {
     LinkedListEnqueueTail(&head_, &items_[0].node);
     EXPECT_EXIT(
