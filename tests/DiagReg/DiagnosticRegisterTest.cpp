@@ -100,28 +100,6 @@ TEST_F(DiagnosticRegisterTest, GroupQueryReturnsPrefixMatchesInPathOrderOrNull) 
     EXPECT_EQ("root.grp.c", (*group)[1].first);
     EXPECT_EQ("root.grpX", (*group)[2].first);
     EXPECT_EQ(nullptr, DiagnosticRegisterCounter::QueryGroup("root.nothing"));
-
-    DiagnosticRegisterString s2("root.sg.2", "two");
-    DiagnosticRegisterString s1("root.sg.1", "one");
-    std::unique_ptr<DiagnosticRegisterString::Group> strings(
-        DiagnosticRegisterString::QueryGroup("root.sg."));
-    ASSERT_NE(nullptr, strings);
-    ASSERT_EQ(2u, strings->size());
-    EXPECT_EQ("one", (*strings)[0].second);
-    EXPECT_EQ(nullptr, DiagnosticRegisterString::QueryGroup("root.grp"));
-}
-
-TEST_F(DiagnosticRegisterTest, PathWithoutRootPrefixIsRejectedAndNothingIsCreated) {
-    try {
-        DiagnosticRegisterCounter bad("vok.x", 1);
-        FAIL() << "no exception";
-    } catch (const VokProgramErrorException& e) {
-        EXPECT_EQ(kVokErrBadArg, e.GetErr());
-    }
-    EXPECT_THROW(DiagnosticRegisterString("root", "v"), VokProgramErrorException);
-    Info info{};
-    EXPECT_FALSE(DiagnosticRegisterCounter::Query("vok.x", &info));
-    EXPECT_EQ(nullptr, DiagnosticRegisterCounter::QueryGroup("vok."));
 }
 
 TEST_F(DiagnosticRegisterTest, ConcurrentPublishersAndQueriesLoseNoUpdateNorWatermark) {

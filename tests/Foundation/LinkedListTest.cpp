@@ -96,7 +96,6 @@ TEST_F(LinkedListTest, LockCallbackIsBalancedAndReentered) {
     LinkedListDequeue(&head_, &items_[1].node);
     EXPECT_EQ(0, recorder.depth);
     EXPECT_GE(recorder.maxDepth, 2);  // public operation, then private step
-    EXPECT_GT(recorder.calls, 0);
 }
 
 std::string FatalLine(const char* condition, const char* function, const char* info) {
@@ -107,14 +106,6 @@ std::string FatalLine(const char* condition, const char* function, const char* i
 }
 
 using LinkedListDeathTest = LinkedListTest;
-
-TEST_F(LinkedListDeathTest, NullArgumentsPrintTheFatalLineAndAbort) {
-    const auto abrt = ::testing::KilledBySignal(SIGABRT);
-    EXPECT_EXIT(LinkedListNodeInit(nullptr, nullptr), abrt,
-                FatalLine("newNodeP", "LinkedListNodeInit", "NULL arg"));
-    EXPECT_EXIT(LinkedListDequeue(&head_, nullptr), abrt,
-                FatalLine("listHeadP && listNodeP", "LinkedListDequeue", "NULL arg"));
-}
 
 TEST_F(LinkedListDeathTest, EnqueueOfLinkedNodeStopsTheProcess) {
     LinkedListEnqueueTail(&head_, &items_[0].node);

@@ -99,30 +99,6 @@ TEST(ThrowFormTest, LoggedThrowWritesOneCriticalLineBeforeTheException) {
                              "tests/Foundation/LoggingTest : line [0-9]+"));
 }
 
-TEST(ThrowFormTest, UnloggedThrowsCarryCodeAndOptionalText) {
-    LogCapture capture;
-    try {
-        VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "Blade is not in the Running state.");
-    } catch (const VokException& e) {
-        EXPECT_NE(nullptr, dynamic_cast<const VokProgramErrorException*>(&e));
-        EXPECT_EQ(kVokErrFailed, e.GetErr());
-        EXPECT_THAT(e.what(), MatchesRegex("TestBody:tests/Foundation/LoggingTest:[0-9]+:Blade "
-                                           "is not in the Running state\\."));
-    }
-    try {
-        VOK_THROW_RESOURCE_ERROR(22, nullptr);
-    } catch (const VokResourceException& e) {
-        EXPECT_EQ(22, e.GetErr());
-        EXPECT_THAT(e.what(), MatchesRegex("TestBody:tests/Foundation/LoggingTest:[0-9]+"));
-    }
-    EXPECT_TRUE(capture.Lines().empty());
-}
-
-TEST(ThrowFormTest, MessageHasFunctionPathLineAndText) {
-    EXPECT_EQ("F:Src/A/B:12:t", detail::BuildExceptionMessage("F", "Src/A/B.cpp", 12, "t"));
-    EXPECT_EQ("F:Src/A.b/C:7", detail::BuildExceptionMessage("F", "Src/A.b/C", 7, nullptr));
-}
-
 TEST(FatalCheckDeathTest, PrintsTheFatalLineAndAborts) {
     auto check = [](const char* p) { VOK_FATAL_CHECK(p, "NULL arg"); };
     EXPECT_EXIT(check(nullptr), ::testing::KilledBySignal(SIGABRT),
