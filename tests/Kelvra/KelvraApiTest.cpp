@@ -74,7 +74,6 @@ TEST(KelvraApiTest, BadInputFailsWithAnError) {
     error.Failed(KVGmainAttach(handle, context, error.get()), KV_ERROR_ALREADY_ATTACHED);
 
     const char* badUris[] = {
-        nullptr,
         "http://com.orvex.x/a/b",
         "kelvra://com.orvex.x/",
         "kelvra://com.orvex.x//b",
@@ -83,7 +82,7 @@ TEST(KelvraApiTest, BadInputFailsWithAnError) {
     };
     for (const char* uri : badUris) {
         error.Failed(KVCall(handle, uri, "{}", ReplyLog::Func, nullptr, nullptr, error.get()),
-                     KV_ERROR_BAD_URI, uri != nullptr ? uri : "NULL");
+                     KV_ERROR_BAD_URI, uri);
     }
     const char* uri = "kelvra://com.orvex.x/a/b";
     error.Failed(
