@@ -30,10 +30,6 @@ TEST(JsonArrayIteratorTest, WalksToTheEndAndNoFurther) {
     EXPECT_THROW(++it, std::out_of_range);
     EXPECT_THROW(*it, std::invalid_argument);
 
-    JsonArrayConstIterator at = array.ArrayGetValueAt(2);
-    EXPECT_TRUE(at != array.ArrayBegin());
-    EXPECT_STREQ("x", at->StringPeekValue());
-
     JsonToken empty;
     empty.MakeArray();
     EXPECT_TRUE(empty.ArrayBegin() == empty.ArrayEnd());
@@ -70,10 +66,6 @@ TEST(JsonObjectIteratorTest, VisitsEveryPair) {
     }
     std::map<std::string, std::string> expected = {{"a", "1"}, {"b", "null"}, {"c", "[ true ]"}};
     EXPECT_EQ(expected, seen);
-
-    JsonToken empty;
-    empty.MakeObject();
-    EXPECT_TRUE(empty.ObjectBegin() == empty.ObjectEnd());
 }
 
 TEST(JsonObjectIteratorTest, CopiesAndSwapsPeekAgainLazily) {
@@ -126,7 +118,6 @@ TEST(JsonFindResultTest, AbsentNullAndPresentDiffer) {
     EXPECT_TRUE(null->HasValue());
     EXPECT_EQ(JsonToken::kValueTypeNull, null->GetValueType());
     JsonObjectConstFindResult found = object.ObjectFindPair("s");
-    EXPECT_FALSE(JsonObjectConstFindResult()->HasValue());
 
     // Results hold their own reference: they survive the pair's replacement and the object.
     JsonObjectConstFindResult copy(found);

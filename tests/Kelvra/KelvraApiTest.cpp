@@ -58,7 +58,6 @@ TEST(KelvraApiTest, BadInputFailsWithAnError) {
     Watchdog watchdog;
     ErrorCheck error;
     KVHandle* handle = nullptr;
-    error.Failed(KVRegister(nullptr, nullptr, error.get()), KV_ERROR_INVALID_ARGUMENT);
     for (const char* name : {"nodots", ":1.7", "com.orvex/x"}) {
         error.Failed(KVRegister(name, &handle, error.get()), KV_ERROR_INVALID_ARGUMENT, name);
     }
@@ -75,7 +74,6 @@ TEST(KelvraApiTest, BadInputFailsWithAnError) {
     error.Failed(KVGmainAttach(handle, context, error.get()), KV_ERROR_ALREADY_ATTACHED);
 
     const char* badUris[] = {
-        nullptr,
         "http://com.orvex.x/a/b",
         "kelvra://com.orvex.x/",
         "kelvra://com.orvex.x//b",
@@ -84,11 +82,9 @@ TEST(KelvraApiTest, BadInputFailsWithAnError) {
     };
     for (const char* uri : badUris) {
         error.Failed(KVCall(handle, uri, "{}", ReplyLog::Func, nullptr, nullptr, error.get()),
-                     KV_ERROR_BAD_URI, uri != nullptr ? uri : "NULL");
+                     KV_ERROR_BAD_URI, uri);
     }
     const char* uri = "kelvra://com.orvex.x/a/b";
-    error.Failed(KVCall(handle, uri, nullptr, ReplyLog::Func, nullptr, nullptr, error.get()),
-                 KV_ERROR_BAD_PAYLOAD);
     error.Failed(
         KVCall(handle, uri, "{\"x\":\"\xff\"}", ReplyLog::Func, nullptr, nullptr, error.get()),
         KV_ERROR_BAD_PAYLOAD);
