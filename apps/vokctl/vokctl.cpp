@@ -1,7 +1,8 @@
 // vokctl: looks into running vok daemons over the bus.
 //
 //   vokctl [--json] list
-//   vokctl [--json] DAEMON status|blades|registers [PREFIX]|loglevel CONTEXT [LEVEL]|watch [PREFIX]
+//   vokctl [--json] DAEMON status|blades|ports|registers [PREFIX]|loglevel CONTEXT [LEVEL]|
+//                          watch [PREFIX]
 //
 // Exit status: 0 done, 1 the daemon answered with an error or the bus failed, 2 bad usage,
 // 3 the daemon is not on the bus.
@@ -32,7 +33,8 @@ void Usage(FILE* out) {
                  "       vokctl [--json] DAEMON COMMAND\n"
                  "commands:\n"
                  "  status                  the daemon and its blades\n"
-                 "  blades                  each blade's state and busy time\n"
+                 "  blades                  each blade's state, thread and busy time\n"
+                 "  ports                   MessageMover ports: addresses, peers, queued messages\n"
                  "  registers [PREFIX]      diagnostic registers (default prefix root.)\n"
                  "  loglevel CONTEXT [N]    read, or set to N (0..7), a logging threshold\n"
                  "  watch [PREFIX]          print registers as they change, until interrupted\n"
@@ -169,14 +171,28 @@ void PrintHuman(const Call& call, json_object* reply) {
         if (call.command == "status") {
             std::printf("daemon %s\n", Member(reply, "daemon").c_str());
         }
-        Table table({"BLADE", "STATE", "BUSY_MS", "HELD", "LEAKED", "PORT_HELD"});
+        Table table({"BLADE", "STATE", "TID", "BUSY_MS", "HELD", "LEAKED", "PORT_HELD"});
         json_object* blades = nullptr;
         if (json_object_object_get_ex(reply, "blades", &blades)) {
             for (size_t i = 0; i < json_object_array_length(blades); ++i) {
                 json_object* blade = json_object_array_get_idx(blades, i);
-                table.Add({Member(blade, "name"), Member(blade, "state"), Member(blade, "busyMs"),
-                           Member(blade, "msgsHeldByUser"), Member(blade, "msgsLeakedByUser"),
-                           Member(blade, "msgsHeldByPorts")});
+                table.Add({Member(blade, "name"), Member(blade, "state"), Member(blade, "threadId"),
+                           Member(blade, "busyMs"), Member(blade, "msgsHeldByUser"),
+                           Member(blade, "msgsLeakedByUser"), Member(blade, "msgsHeldByPorts")});
+            }
+        }
+        table.Print();
+    } else if (call.command == "ports") {
+        // Zero addresses mean none: a command port has no peer, most ports no service id.
+        auto orDash = [](const std::string& text) { return text == "0" ? std::string("-") : text; };
+        Table table({"INTERFACE", "ADDRESS", "SERVICE", "PEER", "QUEUED"});
+        json_object* ports = nullptr;
+        if (json_object_object_get_ex(reply, "ports", &ports)) {
+            for (size_t i = 0; i < json_object_array_length(ports); ++i) {
+                json_object* port = json_object_array_get_idx(ports, i);
+                table.Add({Member(port, "interface"), Member(port, "address"),
+                           orDash(Member(port, "serviceId")), orDash(Member(port, "peer")),
+                           Member(port, "queued")});
             }
         }
         table.Print();
@@ -300,6 +316,8 @@ int main(int argc, char** argv) {
     std::string method;
     if ((call.command == "status" || call.command == "blades") && args.size() == 2) {
         method = "diag/blades";
+    } else if (call.command == "ports" && args.size() == 2) {
+        method = "diag/ports";
     } else if ((call.command == "registers" || call.command == "watch") && args.size() <= 3) {
         method = call.command == "watch" ? "diag/watch" : "diag/registers";
         call.subscribe = call.command == "watch";

@@ -1,6 +1,8 @@
 // One KVCall round trip with a 100-byte payload, against a raw GDBus method call carrying the
 // same payload, both to services of one process on a private bus. The bus library adds JSON text
-// and a dispatch to the attached context, not a second round trip.
+// and a dispatch to the attached context, not a second round trip. Also a diag/registers call to
+// the diagnostics service of a shell carrying kDiagRegisters registers, against the echo call:
+// what a vokctl user waits for beyond the bus itself.
 #include <benchmark/benchmark.h>
 #include <gio/gio.h>
 #include <kelvra/kelvra.h>
@@ -8,18 +10,25 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "PrivateBus.h"
 #include "support/BenchRatio.h"
 #include "support/BusEcho.h"
+#include "vok/DiagBusService.h"
+#include "vok/DiagnosticRegister.h"
+#include "vok/VokShell.h"
 
 namespace {
 
 const char kKelvraService[] = "com.orvex.bench";
 const char kRawService[] = "com.orvex.benchraw";
 const char kRawInterface[] = "com.orvex.BenchRaw";
+// About what vok-demo has: its blades' interface counters, the framework's and its own.
+const int kDiagRegisters = 64;
 const char kRawXml[] =
     "<node><interface name='com.orvex.BenchRaw'><method name='Echo'>"
     "<arg type='s' direction='in'/><arg type='s' direction='out'/>"
@@ -76,9 +85,25 @@ class BenchBus {
             Die("client", error.message);
         }
         rawClient_ = Connect(bus_.Address());
+
+        shell_.reset(new vok::VokShell(vok::VokShellDaemonInfo("bench", ""), {}, []() {}));
+        for (int i = 0; i < kDiagRegisters; ++i) {
+            registers_.emplace_back(
+                new vok::DiagnosticRegisterCounter("root.bench.count" + std::to_string(i), i));
+        }
+        diag_.reset(new vok::DiagBusService(*shell_));
+        shell_->StartUp();
+        // The service registers from a thread of its own: call until it answers.
+        while (!DiagCall()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
     }
 
     ~BenchBus() {
+        shell_->RequestStop();
+        diag_.reset();
+        shell_.reset();
+        registers_.clear();
         KVUnregister(client_, nullptr);
         g_dbus_connection_close_sync(rawClient_, nullptr, nullptr);
         g_object_unref(rawClient_);
@@ -106,6 +131,12 @@ class BenchBus {
         }
     }
 
+    void DiagRoundTrip() {
+        if (!DiagCall()) {
+            Die("diag/registers", "no answer");
+        }
+    }
+
     void RawRoundTrip() {
         bool done = false;
         g_main_context_push_thread_default(clientContext_);
@@ -119,6 +150,30 @@ class BenchBus {
     }
 
   private:
+    // One diag/registers call for the whole tree; true when it answered with every register.
+    bool DiagCall() {
+        struct Result {
+            bool done = false;
+            bool ok = false;
+        } result;
+        KVReplyFunc onReply = [](KVHandle*, KVMessage* reply, void* data) {
+            Result* r = static_cast<Result*>(data);
+            const std::string payload = KVMessageGetPayload(reply);
+            r->ok = payload.find("root.bench.count" + std::to_string(kDiagRegisters - 1)) !=
+                    std::string::npos;
+            r->done = true;
+            return true;
+        };
+        if (!KVCall(client_, "kelvra://com.orvex.vok.bench/diag/registers", "{}", onReply, &result,
+                    nullptr, nullptr)) {
+            Die("KVCall", nullptr);
+        }
+        while (!result.done) {
+            g_main_context_iteration(clientContext_, TRUE);
+        }
+        return result.ok;
+    }
+
     static bool OnReply(KVHandle*, KVMessage* reply, void* done) {
         benchmark::DoNotOptimize(KVMessageGetPayload(reply));
         *static_cast<bool*>(done) = true;
@@ -183,6 +238,9 @@ class BenchBus {
     KVHandle* service_ = nullptr;
     GDBusConnection* rawService_ = nullptr;
     guint rawObject_ = 0;
+    std::unique_ptr<vok::VokShell> shell_;
+    std::vector<std::unique_ptr<vok::DiagnosticRegisterCounter>> registers_;
+    std::unique_ptr<vok::DiagBusService> diag_;
 };
 
 // Each iteration makes a batch of round trips of the timed kind, each after one untimed trip of
@@ -217,6 +275,13 @@ void BM_KVCallRoundTrip(benchmark::State& state) {
 }
 BENCHMARK(BM_KVCallRoundTrip)->UseManualTime();
 
+void BM_DiagRegistersRoundTrip(benchmark::State& state) {
+    RoundTrips<&BenchBus::DiagRoundTrip, &BenchBus::KelvraRoundTrip>(state);
+}
+BENCHMARK(BM_DiagRegistersRoundTrip)->UseManualTime();
+
 }  // namespace
 
 VOK_BENCH_RATIO("BM_KVCallRoundTrip/manual_time", "BM_RawGDBusRoundTrip/manual_time", 1.3);
+// Reported, no target: the reply carries kDiagRegisters registers as JSON.
+VOK_BENCH_RATIO("BM_DiagRegistersRoundTrip/manual_time", "BM_KVCallRoundTrip/manual_time", 0);

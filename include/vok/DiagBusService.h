@@ -1,4 +1,5 @@
-// A daemon's registers, blades and log levels served over the bus, for vokctl and other tools.
+// A daemon's registers, blades, ports and log levels served over the bus, for vokctl and other
+// tools.
 #ifndef VOK_DIAGBUSSERVICE_H
 #define VOK_DIAGBUSSERVICE_H
 
@@ -13,7 +14,7 @@ class VokShell;
 // The bus name a daemon serves its diagnostics on: "com.orvex.vok." + daemonName.
 std::string DiagBusServiceName(const std::string& daemonName);
 
-// Serves diag/registers, diag/blades, diag/loglevel and diag/watch on the bus as
+// Serves diag/registers, diag/blades, diag/ports, diag/loglevel and diag/watch on the bus as
 // DiagBusServiceName(shell's daemon name), from a thread and dispatcher of its own, so a
 // blade that hangs does not hide itself. Construct and destroy on one thread (RunDaemon's hooks
 // do it on the main thread); the shell must outlive the server. Construction starts the thread
@@ -31,7 +32,7 @@ class DiagBusService {
     DiagBusServiceImpl* pImpl_;  // Owned.
 };
 
-// Makes RunDaemon run an DiagBusService from just before the shell starts until every blade
+// Makes RunDaemon run a DiagBusService from just before the shell starts until every blade
 // has stopped. Call it on the hooks given to RunDaemon after setting them: it chains to the
 // hooks already there.
 void EnableDiagBusService(DaemonHooks* hooks);

@@ -13,6 +13,7 @@ namespace vok {
 
 class MessageMoverFramework;
 class MessageMoverInterface;
+struct MmPortInfo;
 class MmConnectionPort;
 class VokShellImpl;
 
@@ -46,7 +47,8 @@ struct VokBladeStatus {
     std::string name;  // The blade's name, as its loader gives it.
     // "idle" (not started), "starting", "running", "stopping" or "stopped" (Run has returned).
     std::string state;
-    int64_t busyMs;  // How long its thread has gone without waiting for events; 0 while it waits.
+    int64_t busyMs;    // How long its thread has gone without waiting for events; 0 while it waits.
+    int32_t threadId;  // The kernel's id of the blade's thread (as in ps -L); 0 while none runs.
 };
 
 // One blade's code. Run is its whole life, on the blade's own thread: it typically runs a
@@ -157,6 +159,8 @@ class VokShell {
     // Any thread, while the shell lives.
     const std::string& GetDaemonName() const;
     std::vector<VokBladeStatus> GetBladeStatus() const;
+    // Every open port of the shell's MessageMover (MessageMoverFramework::ListPorts).
+    std::vector<MmPortInfo> ListPorts() const;
 
   private:
     VokShellImpl* pImpl_;  // Owned.

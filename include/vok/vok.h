@@ -31,10 +31,10 @@
 #include <vok/RuntimeDispatcher.h>
 #include <vok/SimpleAsyncInterface.h>
 #include <vok/Thread.h>
+#include <vok/Version.h>
 #include <vok/VokError.h>
 #include <vok/VokKvClient.h>
 #include <vok/VokShell.h>
-#include <vok/Version.h>
 #include <vok/VokTypes.h>
 
 #endif  // VOK_VOK_H

@@ -222,6 +222,21 @@ int ZtLogGetContext(const char* name, ZtLogContext** ctx) {
     return 0;
 }
 
+int ZtLogFindContext(const char* name, ZtLogContext** ctx) {
+    pthread_once(&gInitOnce, Init);
+    if (name == NULL || ctx == NULL) {
+        return -1;
+    }
+    pthread_mutex_lock(&gContextsLock);
+    ZtLogContextImpl* c = FindLocked(name);
+    pthread_mutex_unlock(&gContextsLock);
+    if (c == NULL) {
+        return -1;
+    }
+    *ctx = &c->pub;
+    return 0;
+}
+
 int ZtLogSetLevel(const char* name, int level) {
     if (name == NULL || level < 0 || level > 7) {
         return -1;

@@ -16,6 +16,10 @@
 #include "vok/DiagBusService.h"
 #include "vok/DiagnosticRegister.h"
 #include "vok/Event.h"
+#include "vok/Logger.h"
+#include "vok/MessageMoverFramework.h"
+#include "vok/MessageMoverInterface.h"
+#include "vok/MmCommandPort.h"
 #include "vok/VokShell.h"
 
 namespace vok {
@@ -44,7 +48,7 @@ class DiagBusServiceTest : public ::testing::Test {
   protected:
     void SetUp() override {
         setenv("KELVRA_BUS_ADDRESS", bus_.Start().c_str(), 1);
-        shell_.reset(new VokShell(VokShellDaemonInfo("introtest", ""), {&blade_}, []() {}));
+        shell_.reset(new VokShell(VokShellDaemonInfo("diagtest", ""), {&blade_}, []() {}));
         server_.reset(new DiagBusService(*shell_));
         shell_->StartUp();
         context_ = g_main_context_new();
@@ -74,7 +78,7 @@ class DiagBusServiceTest : public ::testing::Test {
             std::string* reply;
             bool* done;
         } got{&reply, &done};
-        const std::string uri = "kelvra://com.orvex.vok.introtest/" + method;
+        const std::string uri = "kelvra://com.orvex.vok.diagtest/" + method;
         KVReplyFunc onReply = [](KVHandle*, KVMessage* message, void* data) {
             Got* g = static_cast<Got*>(data);
             *g->reply = KVMessageGetPayload(message);
@@ -100,27 +104,48 @@ class DiagBusServiceTest : public ::testing::Test {
 };
 
 TEST_F(DiagBusServiceTest, AnswersWhileABladeIsStuck) {
-    DiagnosticRegisterCounter counter("root.introtest.count", 5);
+    DiagnosticRegisterCounter counter("root.diagtest.count", 5);
     counter.Inc();
     counter.Set(2);
-    DiagnosticRegisterString text("root.introtest.name", "alpha");
+    DiagnosticRegisterString text("root.diagtest.name", "alpha");
     DiagnosticRegisterCounter other("root.other.count", 1);
 
-    const std::string registers = Call("diag/registers", "{\"prefix\":\"root.introtest.\"}");
-    EXPECT_NE(npos, registers.find("\"root.introtest.count\":{\"value\":2,\"low\":2,\"high\":6}"))
+    const std::string registers = Call("diag/registers", "{\"prefix\":\"root.diagtest.\"}");
+    EXPECT_NE(npos, registers.find("\"root.diagtest.count\":{\"value\":2,\"low\":2,\"high\":6}"))
         << registers;
-    EXPECT_NE(npos, registers.find("\"root.introtest.name\":{\"value\":\"alpha\"}")) << registers;
+    EXPECT_NE(npos, registers.find("\"root.diagtest.name\":{\"value\":\"alpha\"}")) << registers;
     EXPECT_EQ(npos, registers.find("root.other")) << registers;
 
     const std::string blades = Call("diag/blades", "{}");
     EXPECT_NE(npos, blades.find("{\"name\":\"stuck\",\"state\":\"running\",\"busyMs\":")) << blades;
     EXPECT_NE(npos, blades.find("\"msgsLeakedByUser\":0")) << blades;
+    const size_t tid = blades.find("\"threadId\":");
+    ASSERT_NE(npos, tid) << blades;
+    EXPECT_NE('0', blades[tid + 11]) << blades;
 
-    EXPECT_NE(npos, Call("diag/loglevel", "{\"context\":\"INTRO.T\",\"level\":7}")
+    // A service port with one message waiting, beside the shell's control connection.
+    MessageMoverInterface* iface = shell_->GetMmFramework().CreateInterface("diag-client");
+    MmCommandPort* port = iface->CreateCommandServicePort(4242);
+    MmCommandMessageHandle msg;
+    iface->CreateCommandMessage(0, &msg);
+    msg.SetDestinationAddress(4242);
+    ASSERT_EQ(kVokErrNone, port->WriteMessage(msg, nullptr));
+    const std::string ports = Call("diag/ports", "{}");
+    EXPECT_NE(npos, ports.find("{\"interface\":\"diag-client\",\"address\":" +
+                               std::to_string(port->GetAddress()) +
+                               ",\"serviceId\":4242,\"peer\":0,\"queued\":1}"))
+        << ports;
+    EXPECT_NE(npos, ports.find("{\"interface\":\"blade_stuck\"")) << ports;
+    iface->DiscardCommandPort(port);
+    shell_->GetMmFramework().DiscardInterface(iface);
+
+    const Logger logger("DIAG.T");
+
+    EXPECT_NE(npos, Call("diag/loglevel", "{\"context\":\"DIAG.T\",\"level\":7}")
                         .find("\"level\":7,\"levelName\":\"debug\""));
-    EXPECT_NE(npos, Call("diag/loglevel", "{\"context\":\"INTRO.T\"}").find("\"level\":7"));
+    EXPECT_NE(npos, Call("diag/loglevel", "{\"context\":\"DIAG.T\"}").find("\"level\":7"));
     EXPECT_NE(npos,
-              Call("diag/loglevel", "{\"context\":\"INTRO.T\",\"level\":3}").find("\"level\":3,"));
+              Call("diag/loglevel", "{\"context\":\"DIAG.T\",\"level\":3}").find("\"level\":3,"));
 }
 
 TEST_F(DiagBusServiceTest, RejectsBadRequestsAndKeepsServing) {
@@ -131,6 +156,7 @@ TEST_F(DiagBusServiceTest, RejectsBadRequestsAndKeepsServing) {
              {"diag/registers", "{\"prefix\":7}"},
              {"diag/loglevel", "{}"},
              {"diag/loglevel", "{\"context\":\"\"}"},
+             {"diag/loglevel", "{\"context\":\"NO.SUCH.CONTEXT\",\"level\":7}"},
              {"diag/loglevel", "{\"context\":\"X\",\"level\":8}"},
              {"diag/loglevel", "{\"context\":\"X\",\"level\":\"debug\"}"},
          }) {
@@ -150,7 +176,7 @@ TEST_F(DiagBusServiceTest, WatchSendsOnlyChangedRegisters) {
         return true;
     };
     KVMessageToken token = 0;
-    ASSERT_TRUE(KVCall(client_, "kelvra://com.orvex.vok.introtest/diag/watch",
+    ASSERT_TRUE(KVCall(client_, "kelvra://com.orvex.vok.diagtest/diag/watch",
                        "{\"prefix\":\"root.watchtest.\",\"subscribe\":true}", onReply, &replies,
                        &token, nullptr));
     ASSERT_TRUE(IterateUntil(
@@ -168,7 +194,7 @@ TEST_F(DiagBusServiceTest, WatchSendsOnlyChangedRegisters) {
     // Watchers are bounded: of 20 more, the ones past the limit are refused.
     std::vector<std::string> more;
     for (int i = 0; i < 20; ++i) {
-        ASSERT_TRUE(KVCall(client_, "kelvra://com.orvex.vok.introtest/diag/watch",
+        ASSERT_TRUE(KVCall(client_, "kelvra://com.orvex.vok.diagtest/diag/watch",
                            "{\"prefix\":\"root.watchtest.\",\"subscribe\":true}", onReply, &more,
                            nullptr, nullptr));
     }
@@ -193,12 +219,15 @@ int RunVokctl(const std::vector<std::string>& args, std::string* output) {
 TEST_F(DiagBusServiceTest, VokctlPrintsTablesAndFailsForAMissingDaemon) {
     DiagnosticRegisterCounter counter("root.ctltest.count", 42);
     std::string output;
-    EXPECT_EQ(0, RunVokctl({"introtest", "registers", "root.ctltest."}, &output));
+    EXPECT_EQ(0, RunVokctl({"diagtest", "registers", "root.ctltest."}, &output));
     EXPECT_NE(npos, output.find("root.ctltest.count  42     42   42")) << output;
+    EXPECT_EQ(0, RunVokctl({"diagtest", "ports"}, &output));
+    EXPECT_NE(npos, output.find("INTERFACE")) << output;
+    EXPECT_NE(npos, output.find("blade_stuck")) << output;
     EXPECT_EQ(0, RunVokctl({"list"}, &output));
-    EXPECT_EQ("introtest\n", output);
+    EXPECT_EQ("diagtest\n", output);
     EXPECT_EQ(3, RunVokctl({"nosuch", "status"}, &output));
-    EXPECT_EQ(2, RunVokctl({"introtest", "frobnicate"}, &output));
+    EXPECT_EQ(2, RunVokctl({"diagtest", "frobnicate"}, &output));
 }
 
 }  // namespace

@@ -47,6 +47,7 @@ class PausablePowerDaemon {
         process_.Wait();
     }
     void Signal(int signal) { process_.Kill(signal); }
+    void Stop() { process_.Stop(); }
     void WaitForLine(const std::string& text) {
         std::string line;
         do {
@@ -151,13 +152,19 @@ TEST_F(AlarmTest, HungPowerServiceLetsTheTimerFireTheAlarmOnce) {
     PausablePowerDaemon powerd;
     RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
     WaitForPower(true);
-    powerd.Signal(SIGSTOP);
+    powerd.Stop();
     const Clock::time_point start = Clock::now();
     alarm.Schedule(500);
     Pump(
         dispatcher_, [&]() { return fired_ == 1; }, 20);
     EXPECT_GE(MsSince(start), 500);
-    EXPECT_EQ(1u, log.Matching("no answer from the power service").size());
+    EXPECT_EQ(1u, log.Matching("no answer from the power service").size()) << [&]() {
+        std::string all;
+        for (const test::LogLine& line : log.Matching("alarm")) {
+            all += line.context + ": " + line.message + "\n";
+        }
+        return all;
+    }();
     // Awake again, the service answers the abandoned request: the alarm is taken back there and
     // its notice never reaches the callback.
     powerd.Signal(SIGCONT);

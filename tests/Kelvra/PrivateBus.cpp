@@ -108,6 +108,16 @@ void ChildProcess::Kill(int signal) {
     }
 }
 
+void ChildProcess::Stop() {
+    // kill() returns before the child's threads have all stopped; one of them could still
+    // answer a request sent now. The stop report comes once the whole group has stopped.
+    int status = 0;
+    if (pid_ > 0 && kill(pid_, SIGSTOP) == 0) {
+        while (waitpid(pid_, &status, WUNTRACED) < 0 && errno == EINTR) {
+        }
+    }
+}
+
 int ChildProcess::Wait() {
     int status = 0;
     while (pid_ > 0 && waitpid(pid_, &status, 0) < 0) {

@@ -30,6 +30,8 @@ class ChildProcess {
     // All captured output up to its end.
     std::string ReadAll();
     void Kill(int signal);
+    // Stops the child with SIGSTOP and returns once every thread of it has stopped.
+    void Stop();
     // Waits for the child and returns its wait status.
     int Wait();
     bool Running() const { return pid_ > 0; }

@@ -42,6 +42,52 @@ TEST(FrameworkStopTest, StopReportsInterfacesNeverDiscarded) {
     EXPECT_EQ("VOK.MessageMover.Leak", leaked[2].context);
 }
 
+// The listing follows ports and their queues, and drops a port once it is discarded.
+using ListPortsTest = test::MmFrameworkTest;
+
+TEST_F(ListPortsTest, ShowsOpenPortsWithTheirQueues) {
+    MessageMoverInterface* a = framework_->CreateInterface("a");
+    MessageMoverInterface* b = framework_->CreateInterface("b");
+    MmCommandPort* service = b->CreateCommandServicePort(300);
+    MmCommandPort* client = a->CreateCommandPort();
+    MmConnectionPort* peer = nullptr;
+    MmConnectionPort* end = a->CreateConnectedPair(b, &peer);
+    for (int i = 0; i < 3; ++i) {
+        MmCommandMessageHandle msg;
+        a->CreateCommandMessage(4, &msg);
+        msg.SetDestinationAddress(300);
+        ASSERT_EQ(kVokErrNone, client->WriteMessage(msg, nullptr));
+    }
+    MmCommandMessageHandle read;
+    ASSERT_EQ(kVokErrNone, service->ReadMessage(&read));
+    b->FreeMessage(read);
+
+    std::vector<MmPortInfo> ports = framework_->ListPorts();
+    ASSERT_EQ(4u, ports.size());
+    // In address order: the service port, the client port, then the pair, each naming the other.
+    EXPECT_EQ(service->GetAddress(), ports[0].address);
+    EXPECT_EQ("b", ports[0].interfaceName);
+    EXPECT_EQ(300u, ports[0].serviceId);
+    EXPECT_EQ(2u, ports[0].queueDepth);
+    EXPECT_EQ(0u, ports[0].peerAddress);
+    EXPECT_EQ(client->GetAddress(), ports[1].address);
+    EXPECT_EQ("a", ports[2].interfaceName);
+    EXPECT_EQ(ports[3].address, ports[2].peerAddress);
+    EXPECT_EQ(ports[2].address, ports[3].peerAddress);
+
+    a->DiscardConnectionPort(end);  // Queues kMmPeerClosedMsg on the peer.
+    a->DiscardCommandPort(client);
+    ports = framework_->ListPorts();
+    ASSERT_EQ(2u, ports.size());
+    EXPECT_EQ(2u, ports[0].queueDepth);
+    EXPECT_EQ(1u, ports[1].queueDepth);
+    b->DiscardCommandPort(service);
+    b->DiscardConnectionPort(peer);
+    EXPECT_TRUE(framework_->ListPorts().empty());
+    framework_->DiscardInterface(a);
+    framework_->DiscardInterface(b);
+}
+
 // Runs the calling thread on the given core only.
 void PinTo(int core) {
     cpu_set_t set;
@@ -136,7 +182,10 @@ TEST_F(ManyWritersTest, MessagesArriveInOrderPerWriterUntilThePortIsDiscarded) {
             }
             EXPECT_EQ(next[payload.writer], payload.number) << "writer " << payload.writer;
             next[payload.writer] = payload.number + 1;
-            ++received;
+            if (++received % 4096 == 0) {
+                // Listing takes the locks a delivery takes, while deliveries run.
+                EXPECT_FALSE(framework_->ListPorts().empty());
+            }
         }
     }
     service->UnregisterPortEventSignalSink();

@@ -14,6 +14,7 @@
 #include "vok/Daemon.h"
 #include "vok/DiagnosticRegister.h"
 #include "vok/Logger.h"
+#include "vok/MessageMoverFramework.h"
 #include "vok/RdAsyncBridge.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
@@ -188,6 +189,7 @@ class DiagBusServiceImpl {
         if (KVRegisterWithFlags(name.c_str(), KV_REGISTER_ALLOW_NO_BUS, &bus_, &error) &&
             KVRegisterMethod(bus_, "diag/registers", &Registers, this, &error) &&
             KVRegisterMethod(bus_, "diag/blades", &Blades, this, &error) &&
+            KVRegisterMethod(bus_, "diag/ports", &Ports, this, &error) &&
             KVRegisterMethod(bus_, "diag/loglevel", &LogLevel, this, &error) &&
             KVRegisterMethod(bus_, "diag/watch", &Watch, this, &error) &&
             KVGmainAttach(bus_, context, &error)) {
@@ -239,10 +241,33 @@ class DiagBusServiceImpl {
             json_object_object_add(blade, "name", json_object_new_string(status.name.c_str()));
             json_object_object_add(blade, "state", json_object_new_string(status.state.c_str()));
             json_object_object_add(blade, "busyMs", json_object_new_int64(status.busyMs));
+            json_object_object_add(blade, "threadId", json_object_new_int(status.threadId));
             AddInterfaceCounts(blade, status.name);
             json_object_array_add(blades, blade);
         }
         json_object_object_add(reply.get(), "blades", blades);
+        return Reply(handle, request, ToString(reply.get()));
+    }
+
+    // diag/ports: every open MessageMover port with its interface, addresses and queue depth.
+    static bool Ports(KVHandle* handle, KVMessage* request, void* self) {
+        if (!ParseRequest(request)) {
+            return Reply(handle, request, ErrorReply(kErrBadPayload, "expected a JSON object"));
+        }
+        const DiagBusServiceImpl* server = static_cast<DiagBusServiceImpl*>(self);
+        JsonPtr reply(NewReply());
+        json_object* ports = json_object_new_array();
+        for (const MmPortInfo& info : server->shell_.ListPorts()) {
+            json_object* port = json_object_new_object();
+            json_object_object_add(port, "interface",
+                                   json_object_new_string(info.interfaceName.c_str()));
+            json_object_object_add(port, "address", json_object_new_int64(info.address));
+            json_object_object_add(port, "serviceId", json_object_new_int64(info.serviceId));
+            json_object_object_add(port, "peer", json_object_new_int64(info.peerAddress));
+            json_object_object_add(port, "queued", json_object_new_int64(info.queueDepth));
+            json_object_array_add(ports, port);
+        }
+        json_object_object_add(reply.get(), "ports", ports);
         return Reply(handle, request, ToString(reply.get()));
     }
 
@@ -259,6 +284,12 @@ class DiagBusServiceImpl {
         if (context.empty() || context.size() > 64) {
             return Reply(handle, request, ErrorReply(kErrBadContext, "bad context name"));
         }
+        // Only contexts the daemon has made can be read or set: a typing error must not create
+        // a context of its own and report success.
+        ZtLogContext* ctx = nullptr;
+        if (ZtLogFindContext(context.c_str(), &ctx) != 0) {
+            return Reply(handle, request, ErrorReply(kErrBadContext, "no such context"));
+        }
         json_object* level = nullptr;
         if (json_object_object_get_ex(payload.get(), "level", &level)) {
             const int64_t value = json_object_get_int64(level);
@@ -266,11 +297,7 @@ class DiagBusServiceImpl {
                 value > kZtLogDebug) {
                 return Reply(handle, request, ErrorReply(kErrBadLevel, "level must be 0..7"));
             }
-            ZtLogSetLevel(context.c_str(), static_cast<int>(value));
-        }
-        ZtLogContext* ctx = nullptr;
-        if (ZtLogGetContext(context.c_str(), &ctx) != 0) {
-            return Reply(handle, request, ErrorReply(kErrBadContext, "no such context"));
+            __atomic_store_n(&ctx->threshold, static_cast<int32_t>(value), __ATOMIC_RELAXED);
         }
         const int threshold = __atomic_load_n(&ctx->threshold, __ATOMIC_RELAXED);
         JsonPtr reply(NewReply());

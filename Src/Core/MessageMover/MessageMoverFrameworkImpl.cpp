@@ -56,6 +56,11 @@ void MessageMoverFrameworkImpl::DiscardInterface(MessageMoverInterface* iface) {
     delete static_cast<MmfMessageMoverInterfaceImpl*>(iface);
 }
 
+std::vector<MmPortInfo> MessageMoverFrameworkImpl::ListPorts() {
+    MMF_TRACE(this);
+    return connectionMgr_.ListPorts();
+}
+
 void MessageMoverFrameworkImpl::ShutDown() {
     MMF_TRACE(this);
     ifaceTracker_.ReportLeaks();

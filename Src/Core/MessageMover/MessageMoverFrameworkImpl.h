@@ -24,6 +24,7 @@ class MessageMoverFrameworkImpl : public MessageMoverFramework {
 
     MessageMoverInterface* CreateInterface(const std::string& name) override;
     void DiscardInterface(MessageMoverInterface* iface) override;
+    std::vector<MmPortInfo> ListPorts() override;
     // Reports the interfaces that were never discarded, then the quarantined messages; neither
     // is destroyed.
     void ShutDown();

@@ -227,6 +227,23 @@ void MmfConnectionManager::PortRegistry::Unregister(MmfPortAddress key) {
     }
 }
 
+std::vector<MmPortInfo> MmfConnectionManager::ListPorts() {
+    MMF_TRACE(this);
+    std::vector<MmPortInfo> ports;
+    // Holding the registry lock keeps every listed port registered, and so alive with its
+    // interface, until it is described.
+    MutexLocker lock(registryLock_);
+    for (const auto& entry : registry_.Records()) {
+        if (!entry.second.isAlias) {
+            MmPortInfo info;
+            entry.second.port->Describe(&info);
+            info.serviceId = entry.second.serviceId;
+            ports.push_back(info);
+        }
+    }
+    return ports;
+}
+
 const MmfConnectionManager::PortMapRecord* MmfConnectionManager::PortRegistry::Find(
     MmfPortAddress key) const {
     const std::map<MmfPortAddress, PortMapRecord>::const_iterator it = records_.find(key);

@@ -4,9 +4,11 @@
 
 #include <cstdint>
 #include <map>
+#include <vector>
 
 #include "Src/Core/MessageMover/MmfMessagePort.h"
 #include "Src/Core/MessageMover/MmfSerialGenerator.h"
+#include "vok/MessageMoverFramework.h"
 #include "vok/MmCommandPort.h"
 #include "vok/MmConnectionPort.h"
 #include "vok/Mutex.h"
@@ -68,6 +70,8 @@ class MmfConnectionManager {
                               bool* takenOver = nullptr);
 
     Statistics GetStatistics();
+    // Every registered port, in address order; each described under its reader lock.
+    std::vector<MmPortInfo> ListPorts();
 
   private:
     // The registry entry of one key; a service port has a canonical record under its address and
@@ -87,6 +91,7 @@ class MmfConnectionManager {
         void Unregister(MmfPortAddress key);
         // The record filed under key, or NULL.
         const PortMapRecord* Find(MmfPortAddress key) const;
+        const std::map<MmfPortAddress, PortMapRecord>& Records() const { return records_; }
 
       private:
         std::map<MmfPortAddress, PortMapRecord> records_;

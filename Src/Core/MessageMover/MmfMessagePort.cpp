@@ -39,9 +39,11 @@ bool MmfMessageListT::IsEmpty() {
 }
 
 MmfMessagePort::MmfMessagePort(MmfMessageMoverInterfaceImpl* iface,
-                               MessageMoverFrameworkImpl* framework, MmfPortAddress address)
+                               MessageMoverFrameworkImpl* framework, MmfPortAddress address,
+                               MmfPortAddress peerAddress)
     : sequenceGenerator_(0),
       address_(address),
+      peerAddress_(peerAddress),
       pFramework_(framework),
       pIface_(iface),
       pMsgMgr_(nullptr),
@@ -72,6 +74,7 @@ MmfMessagePort::~MmfMessagePort() {
 
 inline MmBaseMessageHandle MmfMessagePort::TakeFront() {
     MmfMessageLink& link = readerInfo_.queue.RemoveFront();
+    --readerInfo_.depth;
     AdjustMsgsHeldByPorts(-1);
     try {
         return MmfMessageManager::GetBindingFromLink(link);
@@ -88,6 +91,15 @@ void MmfMessagePort::SetInitialPortState(bool readable, bool writable, bool exce
 
 uint32_t MmfMessagePort::GetDiagOptions() const {
     return pIface_ != nullptr ? pIface_->GetOptionMgr().Get() : 0;
+}
+
+void MmfMessagePort::Describe(MmPortInfo* info) {
+    info->interfaceName = pIface_ != nullptr ? pIface_->GetName() : std::string();
+    info->address = address_;
+    info->serviceId = 0;
+    info->peerAddress = peerAddress_;
+    MutexLocker lock(readerInfo_.readerLock);
+    info->queueDepth = readerInfo_.depth;
 }
 
 void MmfMessagePort::AdjustMsgsHeldByPorts(int32_t delta) {
@@ -128,6 +140,7 @@ void MmfMessagePort::AcceptIncomingMessage(const MmBaseMessageHandle& msg,
     }
     MutexLocker lock(readerInfo_.readerLock);
     readerInfo_.queue.PushBack(MmfMessageManager::GetLinkFromBinding(accepted.GetBinding()));
+    ++readerInfo_.depth;
     AdjustMsgsHeldByPorts(1);
     eventMgr_.SetReadable(pending);
 }

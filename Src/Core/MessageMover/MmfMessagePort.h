@@ -5,6 +5,7 @@
 #include "Src/Core/MessageMover/MmfMessageManager.h"
 #include "Src/Core/MessageMover/MmfPortEventManager.h"
 #include "Src/Core/MessageMover/MmfSerialGenerator.h"
+#include "vok/MessageMoverFramework.h"
 #include "vok/Mutex.h"
 #include "vok/VokError.h"
 
@@ -38,15 +39,18 @@ class MmfMessageListT {
 class MmfMessagePort : public PortEventInterface {
   public:
     // Throws "NULL arg." for a NULL framework. iface is the port's owner (its options and
-    // counters are used).
+    // counters are used). peerAddress is a connection port's peer, kept for Describe.
     MmfMessagePort(MmfMessageMoverInterfaceImpl* iface, MessageMoverFrameworkImpl* framework,
-                   MmfPortAddress address);
+                   MmfPortAddress address, MmfPortAddress peerAddress = 0);
     ~MmfMessagePort() override;
     MmfMessagePort(const MmfMessagePort&) = delete;
     MmfMessagePort& operator=(const MmfMessagePort&) = delete;
 
     void SetInitialPortState(bool readable, bool writable, bool exception);
     MmfPortAddress GetAddress() const { return address_; }
+    // Fills in everything but the service identifier, which the registry keeps. Takes the reader
+    // lock, so it may be called under the registry lock but not under this port's locks.
+    void Describe(MmPortInfo* info);
 
     // Stamps sender, sequence number and (when it is 0) serial, and delivers. The message leaves
     // the writer's hands on return, whatever the result: 0, or kVokErrUnreachable. The
@@ -72,6 +76,7 @@ class MmfMessagePort : public PortEventInterface {
     // The receiving side.
     struct MsgPortReaderInfo {
         MmfMessageListT queue;  // Incoming messages; protected by readerLock.
+        uint32_t depth = 0;     // Messages in queue; protected by readerLock.
         VokError_t linkError;   // Protected by readerLock; once set, every read returns it.
         Mutex readerLock;       // Makes each accept and each read one step.
     };
@@ -88,6 +93,7 @@ class MmfMessagePort : public PortEventInterface {
     MsgPortReaderInfo readerInfo_;
     MmfSerialGenerator sequenceGenerator_;  // Atomic.
     const MmfPortAddress address_;
+    const MmfPortAddress peerAddress_;
     MessageMoverFrameworkImpl* pFramework_;
     MmfMessageMoverInterfaceImpl* const pIface_;
     MmfMessageManager* pMsgMgr_;

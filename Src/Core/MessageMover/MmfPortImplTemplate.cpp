@@ -43,7 +43,7 @@ MmfPortImplT<PortBase, HandleT>::MmfPortImplT(MmfMessageMoverInterfaceImpl* ifac
       pMsgMgr_(nullptr),
       pIface_(iface),
       peerAddress_(peerAddress),
-      messagePort_(iface, framework, address) {
+      messagePort_(iface, framework, address, peerAddress) {
     MMF_TRACE(this);
     pMsgMgr_ = &framework->GetMessageMgr();
 }

@@ -57,7 +57,8 @@ BladeManager::BladeManager(VokBladeLoaderInterface* loader, VokShellImpl* shell)
                    static_cast<void*>(nullptr)),
       pBladeEnv_(nullptr),
       runEntered_(false),
-      active_(false) {}
+      active_(false),
+      threadId_(0) {}
 
 const char* BladeManager::StateName(BladeState state) {
     switch (state) {
@@ -124,6 +125,7 @@ void BladeManager::BladeThreadRunCb(void*) {
     const std::string& name = pLoader_->GetBladeName();
     // Dispatchers created on this thread from now on report to the blade's heartbeat.
     LoopHeartbeat::SetForThisThread(&heartbeat_);
+    threadId_ = static_cast<int32_t>(gettid());
     logger.Debug("Loading blade <%s>", name.c_str());
     RunBladeCode(logger, name, "LoadBlade",
                  [&]() { pLoader_->LoadBlade(pShell_->GetDaemonInfo()); });
@@ -137,6 +139,7 @@ void BladeManager::BladeThreadRunCb(void*) {
     logger.Debug("Unloading blade <%s>", name.c_str());
     RunBladeCode(logger, name, "UnloadBlade", [&]() { pLoader_->UnloadBlade(); });
     LoopHeartbeat::SetForThisThread(nullptr);
+    threadId_ = 0;
     active_ = false;
     exited_ = true;
     logger.Debug("Closing Blade Control Server Port of blade <%s>", name.c_str());
@@ -455,6 +458,7 @@ std::vector<VokBladeStatus> VokShellImpl::GetBladeStatus() const {
             status.state = manager->RunEntered() ? "stopped" : "idle";
         }
         status.busyMs = manager->Active() ? manager->BusyUs(nowUs) / 1000 : 0;
+        status.threadId = manager->ThreadId();
         result.push_back(status);
     }
     return result;
@@ -573,6 +577,10 @@ const std::string& VokShell::GetDaemonName() const {
 }
 std::vector<VokBladeStatus> VokShell::GetBladeStatus() const {
     return pImpl_->GetBladeStatus();
+}
+
+std::vector<MmPortInfo> VokShell::ListPorts() const {
+    return pImpl_->GetMmFramework().ListPorts();
 }
 MessageMoverFramework& VokShell::GetMmFramework() {
     return pImpl_->GetMmFramework();

@@ -54,6 +54,8 @@ class BladeManager {
     // Microseconds the blade's thread has been busy without waiting for events (see
     // LoopHeartbeat), at monotonic time nowUs.
     int64_t BusyUs(int64_t nowUs) const { return heartbeat_.BusyUs(nowUs); }
+    // The kernel's id of the blade thread while it runs blade code, else 0.
+    int32_t ThreadId() const { return threadId_.load(); }
 
   private:
     void BladeThreadRunCb(void* unused);
@@ -67,6 +69,7 @@ class BladeManager {
     LoopHeartbeat heartbeat_;
     std::atomic<bool> runEntered_;
     std::atomic<bool> active_;
+    std::atomic<int32_t> threadId_;
 };
 
 // A blade that has been activated and has not yet acknowledged its stop. Shell thread only.

@@ -54,6 +54,10 @@ typedef struct ZtLogContext {
  * name or ctx is NULL or memory runs out (then *ctx, if ctx is given, is the default context). */
 int ZtLogGetContext(const char* name, ZtLogContext** ctx);
 
+/* Finds the context called name without creating it: returns 0 and stores it in *ctx, or -1
+ * (and leaves *ctx alone) when no such context exists or an argument is NULL. */
+int ZtLogFindContext(const char* name, ZtLogContext** ctx);
+
 /* Writes one message at level when level <= the context's threshold. A NULL context logs through
  * the default context "default". A trailing newline in the formatted text is dropped; the text is
  * written as one line. */
