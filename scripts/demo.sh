@@ -51,8 +51,9 @@ pids+=("$demo")
 
 half=$((seconds / 2))
 sleep "$half"
-say "asking the running demo about itself: vokctl vok-demo status"
-"$build/apps/vokctl/vokctl" vok-demo status || echo "demo: vokctl could not ask vok-demo" >&2
+say "asking the running demo about itself: vokctl vok-demo status, then ports"
+{ "$build/apps/vokctl/vokctl" vok-demo status && "$build/apps/vokctl/vokctl" vok-demo ports; } ||
+    echo "demo: vokctl could not ask vok-demo" >&2
 say "stopping vok-powerd: alarms move to their fallback timer"
 kill -TERM "$powerd"
 wait "$powerd" || true

@@ -89,9 +89,8 @@ void initMessageHandleBlock(MmfMessageHandleBlock* block, uint8_t headerOffset) 
     InitHandleBlock(block, headerOffset);
 }
 
-MmfMessageManager::MmfMessageManager(MessageMoverFrameworkImpl& framework)
-    : framework_(framework),
-      outstandingMsgs_(kMmfOutstandingMsgsDiagRegPath, 0),
+MmfMessageManager::MmfMessageManager(MessageMoverFrameworkImpl& /*framework*/)
+    : outstandingMsgs_(kMmfOutstandingMsgsDiagRegPath, 0),
       quarantinedMsgs_(kMmfQuarantinedMsgsDiagRegPath, 0) {
     MMF_TRACE(this);
     outstandingMsgs_.Reset(0);

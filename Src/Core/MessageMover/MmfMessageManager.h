@@ -272,7 +272,6 @@ class MmfMessageManager {
         return handle;
     }
 
-    MessageMoverFrameworkImpl& framework_;
     DiagnosticRegisterCounter outstandingMsgs_;  // Blocks allocated and not yet released.
     DiagnosticRegisterCounter quarantinedMsgs_;  // Messages in quarantine_.
     Mutex quarantineLock_;  // Protects quarantine_. Taken last, after any port or tracker lock.

@@ -40,8 +40,7 @@ uint32_t MmfMessageMoverInterfaceImpl::OptionMgr::Set(uint32_t optionsToClear,
 
 MmfMessageMoverInterfaceImpl::MmfMessageMoverInterfaceImpl(MessageMoverFrameworkImpl* framework,
                                                            const std::string& name)
-    : pFramework_(framework),
-      pConnMgr_(&framework->GetConnectionMgr()),
+    : pConnMgr_(&framework->GetConnectionMgr()),
       pMsgMgr_(&framework->GetMessageMgr()),
       name_(name),
       msgsHeldByUser_(CounterPath(name, kMmfIfaceMsgsHeldByUserDiagRegName), 0),

@@ -90,7 +90,6 @@ class MmfMessageMoverInterfaceImpl : public MessageMoverInterface {
     template <typename HandleT>
     void FreeMessageT(const HandleT& msg);
 
-    MessageMoverFrameworkImpl* const pFramework_;
     MmfConnectionManager* const pConnMgr_;
     MmfMessageManager* const pMsgMgr_;
     const std::string name_;

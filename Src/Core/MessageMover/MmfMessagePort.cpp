@@ -44,7 +44,6 @@ MmfMessagePort::MmfMessagePort(MmfMessageMoverInterfaceImpl* iface,
     : sequenceGenerator_(0),
       address_(address),
       peerAddress_(peerAddress),
-      pFramework_(framework),
       pIface_(iface),
       pMsgMgr_(nullptr),
       pConnMgr_(nullptr) {

@@ -94,7 +94,6 @@ class MmfMessagePort : public PortEventInterface {
     MmfSerialGenerator sequenceGenerator_;  // Atomic.
     const MmfPortAddress address_;
     const MmfPortAddress peerAddress_;
-    MessageMoverFrameworkImpl* pFramework_;
     MmfMessageMoverInterfaceImpl* const pIface_;
     MmfMessageManager* pMsgMgr_;
     MmfConnectionManager* pConnMgr_;

@@ -14,8 +14,7 @@ const unsigned kTroubleConditions = G_IO_ERR | G_IO_HUP | G_IO_NVAL;
 
 RdDescriptorMonitorImpl::RdDescriptorMonitorImpl(int fd, RuntimeDispatcherImpl* dispatcher,
                                                  std::function<void(bool, bool, bool)> callback)
-    : fd_(fd),
-      dispatcher_(dispatcher),
+    : dispatcher_(dispatcher),
       callback_(std::move(callback)),
       channel_(g_io_channel_unix_new(fd)),
       source_(nullptr),

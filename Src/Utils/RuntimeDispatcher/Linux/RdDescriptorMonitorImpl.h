@@ -33,7 +33,6 @@ class RdDescriptorMonitorImpl : public RefCounted {
   private:
     ~RdDescriptorMonitorImpl() override;
 
-    int32_t fd_;                         // Not owned.
     RuntimeDispatcherImpl* dispatcher_;  // Not owned.
     RdCallback<void(bool, bool, bool)> callback_;
     GIOChannel* channel_;  // Owned reference.
