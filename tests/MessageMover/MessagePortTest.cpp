@@ -46,13 +46,16 @@ class MessagePortTest : public test::MmFrameworkTest {
         msg.SetMessageSerial(serial);
         return port->WriteMessage(msg, serialOut);
     }
-    // Reads one message and returns its id (0 when the read fails), leaving it in *held.
-    uint32_t Read(MmConnectionPort* port, MmConnectionMessageHandle* held) {
-        if (port->ReadMessage(held) != kVokErrNone) {
+    // Reads and frees one message; returns its id, or 0 when the read fails.
+    uint32_t Take(MmConnectionPort* port) {
+        MmConnectionMessageHandle msg;
+        if (port->ReadMessage(&msg) != kVokErrNone) {
             return 0;
         }
         MmMessageName name;
-        return held->GetMessageName(&name)->msgId;
+        const uint32_t id = msg.GetMessageName(&name)->msgId;
+        iface_->FreeMessage(msg);
+        return id;
     }
     bool Readable(MmConnectionPort* port) {
         bool readable = true;
@@ -75,11 +78,9 @@ TEST_F(MessagePortTest, SinkIsTriggeredOncePerEdgeToReadable) {
     EXPECT_EQ(1, sink.count);
     EXPECT_TRUE(Readable(b_));
     MmConnectionMessageHandle msg;
-    EXPECT_EQ(1u, Read(b_, &msg));
-    iface_->FreeMessage(msg);
+    EXPECT_EQ(1u, Take(b_));
     EXPECT_TRUE(Readable(b_));
-    EXPECT_EQ(2u, Read(b_, &msg));
-    iface_->FreeMessage(msg);
+    EXPECT_EQ(2u, Take(b_));
     EXPECT_FALSE(Readable(b_));
     EXPECT_EQ(kVokErrNoMessage, b_->ReadMessage(&msg));
     EXPECT_FALSE(Readable(b_));
@@ -88,8 +89,7 @@ TEST_F(MessagePortTest, SinkIsTriggeredOncePerEdgeToReadable) {
 
     b_->UnregisterPortEventSignalSink();
     b_->UnregisterPortEventSignalSink();
-    EXPECT_EQ(3u, Read(b_, &msg));
-    iface_->FreeMessage(msg);
+    EXPECT_EQ(3u, Take(b_));
     CountingSink second;
     b_->RegisterPortEventSignalSink(second);
     Write(a_, 4);
@@ -115,9 +115,7 @@ TEST_F(MessagePortTest, SinkIsTriggeredWithNoLockHeld) {
         bool unlocked = false;
     } sink;
     sink.reply = [&] {
-        MmConnectionMessageHandle msg;
-        EXPECT_EQ(1u, Read(b_, &msg));
-        iface_->FreeMessage(msg);
+        EXPECT_EQ(1u, Take(b_));
         Write(b_, 2);
         sink.done.set_value();
     };
@@ -125,9 +123,7 @@ TEST_F(MessagePortTest, SinkIsTriggeredWithNoLockHeld) {
     Write(a_, 1);
     sink.helper.join();
     EXPECT_TRUE(sink.unlocked);
-    MmConnectionMessageHandle msg;
-    EXPECT_EQ(2u, Read(a_, &msg));
-    iface_->FreeMessage(msg);
+    EXPECT_EQ(2u, Take(a_));
     b_->UnregisterPortEventSignalSink();
 }
 
@@ -145,7 +141,7 @@ TEST_F(MessagePortTest, WriteStampsSenderDestinationSerialAndSequence) {
 
     MmConnectionMessageHandle got[3];
     for (MmConnectionMessageHandle& h : got) {
-        Read(b_, &h);
+        ASSERT_EQ(kVokErrNone, b_->ReadMessage(&h));
     }
     const MmBaseMessageHandle& first = got[0].GetBinding();
     EXPECT_EQ(49152u, first.GetSenderAddress());
@@ -164,8 +160,7 @@ TEST_F(MessagePortTest, PeerCloseIsStickyAndLeftoversAreFreedWithThePort) {
     iface_->DiscardConnectionPort(a_);
     a_ = nullptr;
     MmConnectionMessageHandle msg;
-    EXPECT_EQ(1u, Read(b_, &msg));
-    iface_->FreeMessage(msg);
+    EXPECT_EQ(1u, Take(b_));
     // The write fails: its kMmPortNotReachableMsg queues behind the peer's close.
     EXPECT_EQ(kVokErrPeerClosed, Write(b_, 2));
     EXPECT_EQ(2, IfaceCounter("port", "msgsHeldByPorts"));
@@ -181,17 +176,15 @@ TEST_F(MessagePortTest, PeerCloseIsStickyAndLeftoversAreFreedWithThePort) {
     EXPECT_EQ(0, IfaceCounter("port", "msgsHeldByPorts"));
 }
 
-TEST_F(MessagePortTest, UserMayNotWriteLinkControlMessages) {
-    MmConnectionMessageHandle msg;
-    iface_->CreateConnectionMessage(0, &msg);
-    msg.GetBinding().SetMessageName(kMmPeerClosedMsg);
-    EXPECT_TRUE(ThrowsMm([&] { a_->WriteMessage(msg, nullptr); },
+// A refused write leaves the message with the writer, to send elsewhere or free.
+TEST_F(MessagePortTest, RefusedWritesLeaveTheMessageWithTheWriter) {
+    MmConnectionMessageHandle control;
+    iface_->CreateConnectionMessage(0, &control);
+    control.GetBinding().SetMessageName(kMmPeerClosedMsg);
+    EXPECT_TRUE(ThrowsMm([&] { a_->WriteMessage(control, nullptr); },
                          "Writing a user message with internal protocolId is not allowed."));
-    EXPECT_EQ(1, IfaceCounter("port", "msgsHeldByUser"));
-    iface_->FreeMessage(msg);
-}
+    iface_->FreeMessage(control);
 
-TEST_F(MessagePortTest, FailedCommandWriteLeavesTheMessageWithTheWriter) {
     MmCommandPort* port = iface_->CreateCommandPort();
     MmCommandMessageHandle msg;
     iface_->CreateCommandMessage(0, &msg);
@@ -199,7 +192,6 @@ TEST_F(MessagePortTest, FailedCommandWriteLeavesTheMessageWithTheWriter) {
     EXPECT_TRUE(ThrowsMm([&] { port->WriteMessage(msg, nullptr); },
                          "Can't deliver - bad destination address"));
     EXPECT_EQ(1, IfaceCounter("port", "msgsHeldByUser"));
-    // Still the writer's to send elsewhere or free.
     msg.SetDestinationAddress(port->GetAddress());
     EXPECT_EQ(kVokErrNone, port->WriteMessage(msg, nullptr));
     EXPECT_EQ(0, IfaceCounter("port", "msgsHeldByUser"));
