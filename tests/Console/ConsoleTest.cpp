@@ -117,18 +117,7 @@ TEST_F(ConsoleTest, LinesRunUntilQuitMatchingNamesOrUniquePrefixesWithoutRegardT
               Session(word + "yyyy sergen.next\nsergen.next\n"));
 }
 
-TEST_F(ConsoleTest, CommandsReportWhatTheyLack) {
-    Command({"mmf.init"});
-    // Bad numbers are refused, not taken as 0 or cut to 32 bits.
-    EXPECT_EQ("Command requires an integer arg for number of messages to add.\n",
-              Command({"mmf.addmany", "-1"}));
-    EXPECT_EQ("Command requires an integer arg for the value to store in the message.\n",
-              Command({"mmf.addback", "5x"}));
-    EXPECT_EQ("Command requires an integer arg for the end of the reserved range.\n",
-              Command({"sergen.init", "4294967296"}));
-}
-
-TEST_F(ConsoleTest, MessagesMoveThroughTheList) {
+TEST_F(ConsoleTest, MessagesMoveThroughTheListAndBadNumbersAreRefused) {
     EXPECT_EQ(
         ">MMF Created.\nMessage List Created.\n>MMF already exists.\n"
         ">Message added; value=5; now 1 messages on list.\n"
@@ -149,6 +138,13 @@ TEST_F(ConsoleTest, MessagesMoveThroughTheList) {
         ">Nothing to remove.\n>",
         Session("mmf.remall quiet\nmmf.remfront\n"));
     EXPECT_EQ(0, test::Outstanding());
+    // Bad numbers are refused, not taken as 0 or cut to 32 bits.
+    EXPECT_EQ("Command requires an integer arg for number of messages to add.\n",
+              Command({"mmf.addmany", "-1"}));
+    EXPECT_EQ("Command requires an integer arg for the value to store in the message.\n",
+              Command({"mmf.addback", "5x"}));
+    EXPECT_EQ("Command requires an integer arg for the end of the reserved range.\n",
+              Command({"sergen.init", "4294967296"}));
 }
 
 TEST_F(ConsoleTest, ForcedAndBogusRemovalsEndTheConsoleWithTheFrameworksProgramError) {

@@ -42,7 +42,7 @@ TEST(JsonArrayIteratorTest, WalksToTheEndAndNoFurther) {
     EXPECT_TRUE(empty.ArrayBegin() == empty.ArrayEnd());
 }
 
-TEST(JsonObjectIteratorTest, VisitsEveryPair) {
+TEST(JsonObjectIteratorTest, VisitsEveryPairAndCopiesAndSwapsPeekAgainLazily) {
     JsonToken object;
     Parse(&object, "{\"a\": 1, \"b\": null, \"c\": [true]}");
     std::map<std::string, std::string> seen;
@@ -51,10 +51,8 @@ TEST(JsonObjectIteratorTest, VisitsEveryPair) {
     }
     std::map<std::string, std::string> expected = {{"a", "1"}, {"b", "null"}, {"c", "[ true ]"}};
     EXPECT_EQ(expected, seen);
-}
 
-TEST(JsonObjectIteratorTest, CopiesAndSwapsPeekAgainLazily) {
-    JsonToken object;
+    // Copies and swaps peek again, lazily.
     Parse(&object, "{\"only\": \"v\"}");
     JsonObjectConstIterator it = object.ObjectBegin();
     EXPECT_STREQ("only", it->name);

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <future>
-#include <thread>
 
 #include "MmTestSupport.h"
 #include "Src/Core/MessageMover/MmfMessageManager.h"
@@ -28,11 +28,10 @@ class MessagePortTest : public test::MmFrameworkTest {
         a_ = iface_->CreateConnectedPair(iface_, &b_);
     }
     void TearDown() override {
-        if (a_ != nullptr) {
-            iface_->DiscardConnectionPort(a_);
-        }
-        if (b_ != nullptr) {
-            iface_->DiscardConnectionPort(b_);
+        for (MmConnectionPort* port : {a_, b_}) {
+            if (port != nullptr) {  // Null when the test discarded it.
+                iface_->DiscardConnectionPort(port);
+            }
         }
         framework_->DiscardInterface(iface_);
         EXPECT_EQ(0, Outstanding());
@@ -102,26 +101,23 @@ TEST_F(MessagePortTest, SinkIsTriggeredOncePerEdgeToReadable) {
 // registry's: a writer still holding any of them while triggering makes the two take turns.
 TEST_F(MessagePortTest, SinkIsTriggeredWithNoLockHeld) {
     struct Sink : SimpleAsyncInterface {
-        void Trigger() override {
-            if (!helper.joinable()) {
-                helper = std::thread(reply);
-                unlocked = done.get_future().wait_for(std::chrono::seconds(5)) ==
-                           std::future_status::ready;
+        void Trigger() override {  // Waits, inside the trigger, for the reader to reply.
+            if (!reply.valid()) {
+                reply = std::async(std::launch::async, read);
+                unlocked = reply.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
             }
         }
-        std::function<void()> reply;
-        std::thread helper;
-        std::promise<void> done;
+        std::function<void()> read;
+        std::future<void> reply;
         bool unlocked = false;
     } sink;
-    sink.reply = [&] {
+    sink.read = [&] {
         EXPECT_EQ(1u, Take(b_));
         Write(b_, 2);
-        sink.done.set_value();
     };
     b_->RegisterPortEventSignalSink(sink);
     Write(a_, 1);
-    sink.helper.join();
+    sink.reply.wait();
     EXPECT_TRUE(sink.unlocked);
     EXPECT_EQ(2u, Take(a_));
     b_->UnregisterPortEventSignalSink();

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -161,17 +162,39 @@ TEST_F(ShellTest, BladesStopOnceOnConcurrentRequestsOrWhenDestroyed) {
 
 // Blades whose mode is not auto are never loaded. A blade returning from Run by itself is
 // unloaded and not restarted while the others run on; one that returns by itself only after the
-// stop request, having ignored it, completes the stop handshake.
-TEST_F(ShellTest, OddBladesAreSkippedUnloadedOrWaitedFor) {
+// stop request, having ignored it, completes the stop handshake. Control messages the shell does
+// not expect are logged and freed.
+TEST_F(ShellTest, OddBladesAreSkippedUnloadedOrWaitedForAndStrayMessagesLogged) {
+    LogCapture capture;
     ShellHarness h(5);
     Event early, late;
     early.Signal();
     h[0].holdUntil = &early;  // Returns from Run at once.
+    h[1].onRun = [](ServiceBladeEnvironment* env, RuntimeDispatcher&) {
+        MessageMoverInterface* iface = env->GetMmInterface();
+        MmConnectionMessageHandle msg;
+        iface->CreateConnectionMessage(4, &msg);
+        msg.SetMessageName(MmMessageName{9, 0x42});
+        EXPECT_EQ(kVokErrNone, env->GetControlPort()->WriteMessage(msg, nullptr));
+        MmCommandPort* port = iface->CreateCommandPort();
+        MmCommandMessageHandle cmd;
+        iface->CreateCommandMessage(0, &cmd);
+        cmd.SetMessageName(MmMessageName{7, 3});
+        cmd.SetDestinationAddress(1);  // the shell's control service
+        EXPECT_EQ(kVokErrNone, port->WriteMessage(cmd, nullptr));
+        iface->DiscardCommandPort(port);
+    };
     h[2].mode = 1;
     h[3].mode = kBladeStartModeDisabled;
     h[4].holdUntil = &late;  // Ignores the stop event.
     h.shell->StartUp();
     h[0].unloaded.Wait();
+    ASSERT_TRUE(
+        capture.WaitFor("ERROR in ShellControlPortMonCb: unexpected message received "
+                        "- protocol=<7>; msgId=<0x3>; sender=<"));
+    ASSERT_TRUE(
+        capture.WaitFor("ERROR in BladeControlPortMonCb: unexpected message received "
+                        "from Service Blade - protocol=<9>; msgId=<0x42>."));
     h.shell->RequestStop();
     h[1].unloaded.Wait();
     EXPECT_EQ(0, h.completions.load());  // Still waiting for b4.
@@ -186,33 +209,6 @@ TEST_F(ShellTest, OddBladesAreSkippedUnloadedOrWaitedFor) {
     EXPECT_EQ(0, h[2].loads.load());
     EXPECT_EQ(0, h[3].loads.load());
     EXPECT_EQ(1, h[4].unloads.load());
-}
-
-TEST_F(ShellTest, UnexpectedControlMessagesAreLoggedAndFreed) {
-    LogCapture capture;
-    ShellHarness h(1);
-    h[0].onRun = [](ServiceBladeEnvironment* env, RuntimeDispatcher&) {
-        MessageMoverInterface* iface = env->GetMmInterface();
-        MmConnectionMessageHandle msg;
-        iface->CreateConnectionMessage(4, &msg);
-        msg.SetMessageName(MmMessageName{9, 0x42});
-        EXPECT_EQ(kVokErrNone, env->GetControlPort()->WriteMessage(msg, nullptr));
-        MmCommandPort* port = iface->CreateCommandPort();
-        MmCommandMessageHandle cmd;
-        iface->CreateCommandMessage(0, &cmd);
-        cmd.SetMessageName(MmMessageName{7, 3});
-        cmd.SetDestinationAddress(1);  // the shell's control service
-        EXPECT_EQ(kVokErrNone, port->WriteMessage(cmd, nullptr));
-        iface->DiscardCommandPort(port);
-    };
-    h.shell->StartUp();
-    ASSERT_TRUE(
-        capture.WaitFor("ERROR in ShellControlPortMonCb: unexpected message received "
-                        "- protocol=<7>; msgId=<0x3>; sender=<"));
-    ASSERT_TRUE(
-        capture.WaitFor("ERROR in BladeControlPortMonCb: unexpected message received "
-                        "from Service Blade - protocol=<9>; msgId=<0x42>."));
-    h.Stop();
     EXPECT_TRUE(capture.Matching("Leaked").empty());
 }
 
@@ -278,47 +274,43 @@ TEST(ShellDeathTest, ExceptionsOutOfBladeOrShellThreadStopTheProcessWithTheirNam
         "crit \\[VOK.Thread\\] .*Thread <VokShell> ended by an exception: completion failed");
 }
 
-// The service manager's end of the notification protocol: a datagram socket of the test's own,
-// named in NOTIFY_SOCKET while the object lives.
+// The service manager's end of the notification protocol: an abstract datagram socket of the
+// test's own, named in NOTIFY_SOCKET while the object lives.
 class NotifySocket {
   public:
-    NotifySocket() : path_("/tmp/vok-notify-" + std::to_string(getpid())) {
-        fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    NotifySocket() : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        const std::string name = "vok-notify-" + std::to_string(getpid());
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
-        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path_.c_str());
-        unlink(path_.c_str());
-        EXPECT_EQ(0, bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
-        setenv("NOTIFY_SOCKET", path_.c_str(), 1);
+        name.copy(addr.sun_path + 1, sizeof addr.sun_path - 1);
+        const socklen_t length = offsetof(sockaddr_un, sun_path) + 1 + name.size();
+        EXPECT_EQ(0, bind(fd_, reinterpret_cast<sockaddr*>(&addr), length));
+        setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
     }
     ~NotifySocket() {
         unsetenv("NOTIFY_SOCKET");
         unsetenv("WATCHDOG_USEC");
         close(fd_);
-        unlink(path_.c_str());
     }
-    // Reads datagrams until one equals or contains text; returns every one read (empty when
-    // none matched within the limit).
-    std::vector<std::string> ReadUntil(const std::string& text, int limitMs = 60000) {
-        std::vector<std::string> seen;
+    // Reads datagrams until one contains text; returns every one read as "<...>" with newlines
+    // shown as '|', or "" when none matched within the limit.
+    std::string ReadUntil(const std::string& text, int limitMs = 60000) {
+        std::string seen;
         const int64_t end = g_get_monotonic_time() + int64_t{limitMs} * 1000;
-        for (;;) {
-            const int64_t left = (end - g_get_monotonic_time()) / 1000;
-            pollfd p{fd_, POLLIN, 0};
-            if (left <= 0 || poll(&p, 1, static_cast<int>(left)) != 1) {
-                return {};
-            }
+        pollfd p{fd_, POLLIN, 0};
+        for (int64_t left; (left = (end - g_get_monotonic_time()) / 1000) > 0 &&
+                           poll(&p, 1, static_cast<int>(left)) == 1;) {
             char buffer[4096];
             const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
-            if (n > 0) {
-                seen.emplace_back(buffer, static_cast<size_t>(n));
-                if (seen.back().find(text) != std::string::npos) {
-                    return seen;
-                }
+            std::string line(buffer, static_cast<size_t>(std::max<ssize_t>(n, 0)));
+            std::replace(line.begin(), line.end(), '\n', '|');
+            seen += "<" + line + ">";
+            if (line.find(text) != std::string::npos) {
+                return seen;
             }
         }
+        return "";
     }
-
     // Reads and drops every datagram already waiting.
     void Drain() {
         char buffer[4096];
@@ -327,7 +319,6 @@ class NotifySocket {
     }
 
   private:
-    std::string path_;
     int fd_;
 };
 
@@ -338,7 +329,7 @@ TEST(ShellDeathTest, RunDaemonReportsReadinessAndStopToTheServiceManager) {
             NotifySocket manager;
             TestBlade b0("b0");
             TestBlade b1("b1");
-            std::vector<std::string> seen;
+            std::string seen;
             std::thread serviceManager;
             DaemonHooks hooks;
             bool started = false;
@@ -348,9 +339,7 @@ TEST(ShellDeathTest, RunDaemonReportsReadinessAndStopToTheServiceManager) {
                 serviceManager = std::thread([&]() {
                     seen = manager.ReadUntil("READY=1");
                     kill(getpid(), SIGTERM);
-                    for (const std::string& line : manager.ReadUntil("STATUS=stopped")) {
-                        seen.push_back(line);
-                    }
+                    seen += manager.ReadUntil("STATUS=stopped");
                 });
             };
             bool stoppedAfterStart = false;
@@ -359,12 +348,7 @@ TEST(ShellDeathTest, RunDaemonReportsReadinessAndStopToTheServiceManager) {
             const int status =
                 RunDaemon(VokShellDaemonInfo("testd", ""), {&b0, &b1}, hooks, &signal);
             serviceManager.join();
-            std::string all;
-            for (std::string line : seen) {
-                std::replace(line.begin(), line.end(), '\n', '|');
-                all += "<" + line + ">";
-            }
-            std::fprintf(stderr, "notified %s\n", all.c_str());
+            std::fprintf(stderr, "notified %s\n", seen.c_str());
             _exit(status == 0 && signal == SIGTERM && stoppedAfterStart ? 0 : 3);
         },
         ::testing::ExitedWithCode(0),
@@ -392,7 +376,7 @@ TEST_F(ShellTest, WatchdogIsFedWhileEveryLoopTurnsAndStopsForAStuckOne) {
     h.shell->StartUp();
     // Idle loops wait for far longer than half the interval: that is no reason to stop feeding.
     for (int feeds = 0; feeds < 4; ++feeds) {
-        ASSERT_FALSE(manager.ReadUntil("WATCHDOG=1").empty());
+        ASSERT_NE("", manager.ReadUntil("WATCHDOG=1"));
     }
     contextKnown.Wait();
     g_main_context_invoke(stuckContext, BlockUntilSignalled, &release);
@@ -402,8 +386,7 @@ TEST_F(ShellTest, WatchdogIsFedWhileEveryLoopTurnsAndStopsForAStuckOne) {
     // No feed after the report (two whole intervals, plenty for a timer of 200 ms). A feed sent
     // before the report may still wait in the socket: it is dropped first.
     manager.Drain();
-    const std::vector<std::string> after = manager.ReadUntil("WATCHDOG=1", 800);
-    EXPECT_TRUE(after.empty()) << after.back();
+    EXPECT_EQ("", manager.ReadUntil("WATCHDOG=1", 800));
     release.Signal();
     h.Stop();
 }
