@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "MessageMover/MmTestSupport.h"
 #include "support/LogCapture.h"
 #include "vok/Daemon.h"
 #include "vok/DiagnosticRegister.h"
@@ -220,10 +221,7 @@ TEST_F(ShellTest, RepeatedCyclesLeakNothing) {
         h.shell->RequestStop();
         h.done.Wait();
         // Every blade has stopped: no message is outstanding in this shell's framework.
-        DiagnosticRegisterCounter::CounterInfo info{};
-        ASSERT_TRUE(
-            DiagnosticRegisterCounter::Query("root.vok.MessageMover.outstandingMessages", &info));
-        EXPECT_EQ(0, info.value);
+        EXPECT_EQ(0, test::Outstanding());
         h.shell.reset();
     }
     for (const auto& line : capture.Matching("Leak")) {
