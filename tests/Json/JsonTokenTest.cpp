@@ -22,11 +22,9 @@ void ExpectThrowText(const std::function<void()>& fn, const std::string& text) {
     try {
         fn();
         ADD_FAILURE() << "no exception, expected: " << text;
-    } catch (const E& e) {
+    } catch (const std::exception& e) {
         EXPECT_EQ(typeid(E), typeid(e)) << e.what();
         EXPECT_EQ(text, e.what());
-    } catch (const std::exception& e) {
-        ADD_FAILURE() << "other exception " << typeid(e).name() << ": " << e.what();
     }
 }
 
