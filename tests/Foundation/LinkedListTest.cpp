@@ -81,20 +81,15 @@ TEST_F(LinkedListTest, EnqueueAtBothEndsAndDequeueKeepTailAndCount) {
     EXPECT_GE(maxLockDepth_, 2);  // The public operation, then its private step.
 }
 
-std::string FatalLine(const char* condition, const char* function, const char* info) {
-    // The line number is the check's own; the rest is exact.
-    return std::string("FATAL ERROR: Condition test <") + condition + "> failed in function " +
-           function + ", file Src/LinkedList/linked_list, line [0-9]+; additional info: <" + info +
-           ">\\.";
-}
-
 using LinkedListDeathTest = LinkedListTest;
 
+// The fatal check's line, exact but for the line number.
 TEST_F(LinkedListDeathTest, EnqueueOfLinkedNodeStopsTheProcess) {
     LinkedListEnqueueTail(&head_, &items_[0].node);
-    EXPECT_EXIT(
-        LinkedListEnqueueTail(&head_, &items_[0].node), ::testing::KilledBySignal(SIGABRT),
-        FatalLine("!newNodeP->isLinked", "PrvLinkedListEnqueueAt", "list node already linked"));
+    EXPECT_EXIT(LinkedListEnqueueTail(&head_, &items_[0].node), ::testing::KilledBySignal(SIGABRT),
+                "FATAL ERROR: Condition test <!newNodeP->isLinked> failed in function "
+                "PrvLinkedListEnqueueAt, file Src/LinkedList/linked_list, line [0-9]+; additional "
+                "info: <list node already linked>\\.");
 }
 
 TEST_F(LinkedListDeathTest, InvariantAssertionsCarryTheirExplanation) {
