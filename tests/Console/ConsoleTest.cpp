@@ -1,27 +1,20 @@
 // The interactive console: matching, help, the line loop, the three command groups, and the
-// vok-console program driven through pipes.
+// vok-console program run as a process of its own.
 #include <gtest/gtest.h>
-
-#include <cerrno>
-#include <csignal>
-
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "MessageMover/MmTestSupport.h"
 #include "support/LogCapture.h"
 #include "vok/InteractiveTestManager.h"
-
-extern char** environ;
 
 namespace vok {
 namespace {
@@ -29,35 +22,15 @@ namespace {
 using test::LogCapture;
 using test::ThrowsMm;
 
-// Runs fn with standard output going to a temporary file and returns what it printed. An
-// exception of fn goes to *error, or is rethrown when error is NULL.
-std::string CaptureStdout(const std::function<void()>& fn, std::exception_ptr* error = nullptr) {
-    std::fflush(stdout);
-    FILE* file = std::tmpfile();
-    const int saved = dup(STDOUT_FILENO);
-    dup2(fileno(file), STDOUT_FILENO);
-    std::exception_ptr caught;
-    try {
-        fn();
-    } catch (...) {
-        caught = std::current_exception();
-    }
-    std::fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    std::string out;
+// What a file holds from its start; closes it.
+std::string ReadAndClose(FILE* file) {
+    std::string text;
     std::rewind(file);
     for (int c; (c = std::fgetc(file)) != EOF;) {
-        out += static_cast<char>(c);
+        text += static_cast<char>(c);
     }
     std::fclose(file);
-    if (caught && error == nullptr) {
-        std::rethrow_exception(caught);
-    }
-    if (error != nullptr) {
-        *error = caught;
-    }
-    return out;
+    return text;
 }
 
 // Every "<0x...>" in text, in order.
@@ -72,30 +45,56 @@ std::vector<std::string> Addresses(const std::string& text) {
 
 class ConsoleTest : public ::testing::Test {
   protected:
+    void TearDown() override { EXPECT_FALSE(error_) << "a command ended with an exception"; }
+    // Runs fn with standard output going to a temporary file and returns what it printed. An
+    // exception of fn is kept in error_.
+    std::string CaptureStdout(const std::function<void()>& fn) {
+        std::fflush(stdout);
+        FILE* file = std::tmpfile();
+        const int saved = dup(STDOUT_FILENO);
+        dup2(fileno(file), STDOUT_FILENO);
+        try {
+            fn();
+        } catch (...) {
+            error_ = std::current_exception();
+        }
+        std::fflush(stdout);
+        dup2(saved, STDOUT_FILENO);
+        close(saved);
+        return ReadAndClose(file);
+    }
     // An interactive session on input; returns what it printed.
-    std::string Session(const std::string& input, std::exception_ptr* error = nullptr) {
+    std::string Session(const std::string& input) {
         FILE* in = fmemopen(const_cast<char*>(input.data()), input.size(), "r");
-        const std::string out = CaptureStdout([&] { console_.Run(in); }, error);
+        const std::string out = CaptureStdout([&] { console_.Run(in); });
         std::fclose(in);
         return out;
     }
     // One command in one-shot mode.
-    std::string Command(std::vector<std::string> args, std::exception_ptr* error = nullptr) {
+    std::string Command(std::vector<std::string> args) {
         std::vector<char*> argv;
         for (std::string& arg : args) {
             argv.push_back(&arg[0]);
         }
         return CaptureStdout(
-            [&] { console_.RunCommand(static_cast<int>(argv.size()), argv.data()); }, error);
+            [&] { console_.RunCommand(static_cast<int>(argv.size()), argv.data()); });
+    }
+    // Success when the last session or command ended with the framework's program error text;
+    // the error is taken.
+    ::testing::AssertionResult EndedWith(const std::string& text) {
+        std::exception_ptr error;
+        std::swap(error, error_);
+        return ThrowsMm([&] { error ? std::rethrow_exception(error) : void(); }, text);
     }
 
+    std::exception_ptr error_;
     // A console that keeps prompting at the end of its input fails the test instead of hanging.
     test::Watchdog watchdog_;
     // Destroyed after each test: releases the framework, lists and generator the test left.
     voktests::InteractiveTestManager console_;
 };
 
-TEST_F(ConsoleTest, WordsMatchWholeNamesOrUniquePrefixesWithoutRegardToCase) {
+TEST_F(ConsoleTest, LinesRunUntilQuitMatchingNamesOrUniquePrefixesWithoutRegardToCase) {
     EXPECT_EQ(
         ">Ambiguous command.  Following commands match:\n\tmmf.rebindall\n\tmmf.remall\n"
         "\tmmf.rembogus\n\tmmf.remfront\n\tmmf.rotate\n>",
@@ -104,31 +103,18 @@ TEST_F(ConsoleTest, WordsMatchWholeNamesOrUniquePrefixesWithoutRegardToCase) {
         ">MMF Created.\nMessage List Created.\n>Serial Generator not created yet.\n>"
         "Unknown command: bogus\n>",
         Session("MMF.INIT\nsergen.n\nbogus\n"));
-}
-
-TEST_F(ConsoleTest, SessionEndsAtQuitOrAtTheEndOfInput) {
+    // A session ends at quit or at the end of its input.
     EXPECT_EQ(">", Session("q\nmmf.init\n"));
     EXPECT_EQ(">>>", Session("\n   \nQuit now\nmmf.init\n"));
     // A last line without its newline still runs.
-    EXPECT_EQ(">MMF Created.\nMessage List Created.\n>", Session("mmf.init"));
+    EXPECT_EQ(">MMF already exists.\n>", Session("mmf.init"));
     // 127 characters of a line are read; the rest of it is dropped.
     const std::string word(127, 'x');
     EXPECT_EQ(">Unknown command: " + word + "\n>Serial Generator not created yet.\n>",
               Session(word + "yyyy sergen.next\nsergen.next\n"));
 }
 
-TEST_F(ConsoleTest, CommandsReportWhatTheyLack) {
-    Command({"mmf.init"});
-    // Bad numbers are refused, not taken as 0 or cut to 32 bits.
-    EXPECT_EQ("Command requires an integer arg for number of messages to add.\n",
-              Command({"mmf.addmany", "-1"}));
-    EXPECT_EQ("Command requires an integer arg for the value to store in the message.\n",
-              Command({"mmf.addback", "5x"}));
-    EXPECT_EQ("Command requires an integer arg for the end of the reserved range.\n",
-              Command({"sergen.init", "4294967296"}));
-}
-
-TEST_F(ConsoleTest, MessagesMoveThroughTheList) {
+TEST_F(ConsoleTest, MessagesMoveThroughTheListAndBadNumbersAreRefused) {
     EXPECT_EQ(
         ">MMF Created.\nMessage List Created.\n>MMF already exists.\n"
         ">Message added; value=5; now 1 messages on list.\n"
@@ -149,20 +135,22 @@ TEST_F(ConsoleTest, MessagesMoveThroughTheList) {
         ">Nothing to remove.\n>",
         Session("mmf.remall quiet\nmmf.remfront\n"));
     EXPECT_EQ(0, test::Outstanding());
+    // Bad numbers are refused, not taken as 0 or cut to 32 bits.
+    EXPECT_EQ("Command requires an integer arg for number of messages to add.\n",
+              Command({"mmf.addmany", "-1"}));
+    EXPECT_EQ("Command requires an integer arg for the value to store in the message.\n",
+              Command({"mmf.addback", "5x"}));
+    EXPECT_EQ("Command requires an integer arg for the end of the reserved range.\n",
+              Command({"sergen.init", "4294967296"}));
 }
 
 TEST_F(ConsoleTest, ForcedAndBogusRemovalsEndTheConsoleWithTheFrameworksProgramError) {
     LogCapture log;
-    std::exception_ptr error;
     EXPECT_EQ(">MMF Created.\nMessage List Created.\n>skipping \"IsEmpty\" check.\n",
-              Session("mmf.init\nmmf.remfront force\nmmf.listall\n", &error));
-    ASSERT_TRUE(error);
-    EXPECT_TRUE(
-        ThrowsMm([&] { std::rethrow_exception(error); }, "ERROR: element index is out of bounds"));
-
-    EXPECT_EQ("", Command({"mmf.rembogus"}, &error));
-    ASSERT_TRUE(error);
-    EXPECT_TRUE(ThrowsMm([&] { std::rethrow_exception(error); }, "NULL handle block pointer"));
+              Session("mmf.init\nmmf.remfront force\nmmf.listall\n"));
+    EXPECT_TRUE(EndedWith("ERROR: element index is out of bounds"));
+    EXPECT_EQ("", Command({"mmf.rembogus"}));
+    EXPECT_TRUE(EndedWith("NULL handle block pointer"));
     EXPECT_EQ(2u, log.Matching("THROWING EXCEPTION").size());
     // The console is still usable.
     EXPECT_EQ("0 messages on list.\n", Command({"mmf.listall"}));
@@ -214,80 +202,38 @@ TEST_F(ConsoleTest, SerialGeneratorIssuesNumbersAfterTheReservedRange) {
         ">Serial Generator destroyed.\n>Serial Generator not created yet.\n>",
         Session("sergen.init 100\nsergen.init 5\nsergen.next\nsergen.getmany 20000\n"
                 "sergen.uninit\nsergen.uninit\n"));
-
-    std::exception_ptr error;
-    EXPECT_EQ(">Serial Generator created; reserved range = 0 .. 4294967294.\n>next=4294967295.\n>",
-              Session("sergen.init 4294967294\nsergen.next\nsergen.next\n", &error));
-    ASSERT_TRUE(error);
-    try {
-        std::rethrow_exception(error);
-    } catch (const VokResourceException& e) {
-        EXPECT_STREQ("MmfSerialGenerator::GetNext - serial number wrap-around", e.what());
-    }
 }
 
-// The vok-console program, its standard input and output on pipes.
+// The vok-console program, started through the emulator when there is one, with args and input
+// on its standard input; its output and error go to files.
 struct ProgramResult {
     int status = -1;  // The wait status.
     std::string out;
     std::string err;
 };
 
-ProgramResult RunConsoleProgram(const std::vector<std::string>& args, const std::string& input) {
-    std::vector<std::string> words;
-    std::istringstream emulator(std::getenv("VOK_TEST_EMULATOR") ? std::getenv("VOK_TEST_EMULATOR")
-                                                                 : "");
-    for (std::string word; emulator >> word;) {
-        words.push_back(word);
-    }
-    words.push_back(VOK_CONSOLE_PROGRAM);
-    words.insert(words.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(&word[0]);
-    }
-    argv.push_back(nullptr);
-
-    int in[2];
-    int out[2];
+ProgramResult RunConsoleProgram(const std::string& args, const std::string& input) {
+    FILE* out = std::tmpfile();
     FILE* err = std::tmpfile();
-    EXPECT_EQ(0, pipe2(in, O_CLOEXEC));
-    EXPECT_EQ(0, pipe2(out, O_CLOEXEC));
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, fileno(err), STDERR_FILENO);
-    pid_t pid = -1;
-    EXPECT_EQ(0, posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ));
-    posix_spawn_file_actions_destroy(&actions);
-    close(in[0]);
-    close(out[1]);
-    // Small enough for the pipe: written whole before the output is read. A program that does not
-    // read its input may already have ended: that is EPIPE here, not a signal.
-    signal(SIGPIPE, SIG_IGN);
-    const ssize_t written = write(in[1], input.data(), input.size());
-    EXPECT_TRUE(written == static_cast<ssize_t>(input.size()) || (written < 0 && errno == EPIPE));
-    close(in[1]);
-
+    const char* emulator = std::getenv("VOK_TEST_EMULATOR");
+    const std::string command =
+        std::string(emulator != nullptr ? emulator : "") + " " + VOK_CONSOLE_PROGRAM + " " + args +
+        " >/dev/fd/" + std::to_string(fileno(out)) + " 2>/dev/fd/" + std::to_string(fileno(err));
+    // A program that does not read its input may have ended before it is written: that is EPIPE
+    // here, not a signal.
+    std::signal(SIGPIPE, SIG_IGN);
+    FILE* in = popen(command.c_str(), "w");
+    std::fputs(input.c_str(), in);
     ProgramResult result;
-    char buffer[4096];
-    for (ssize_t n; (n = read(out[0], buffer, sizeof buffer)) > 0;) {
-        result.out.append(buffer, static_cast<size_t>(n));
-    }
-    close(out[0]);
-    EXPECT_EQ(pid, waitpid(pid, &result.status, 0));
-    std::rewind(err);
-    for (int c; (c = std::fgetc(err)) != EOF;) {
-        result.err += static_cast<char>(c);
-    }
-    std::fclose(err);
+    result.status = pclose(in);
+    result.out = ReadAndClose(out);
+    result.err = ReadAndClose(err);
     return result;
 }
 
-TEST(ConsoleProgramTest, RunsPipedInputOrOneCommandAndEndsWithTheProgramError) {
+TEST(ConsoleProgramTest, RunsItsInputOrOneCommandAndEndsWithTheProgramError) {
     test::Watchdog watchdog;
-    const ProgramResult session = RunConsoleProgram({}, "MMF.INIT\nmmf.addback 7\nmmf.listall\n");
+    const ProgramResult session = RunConsoleProgram("", "MMF.INIT\nmmf.addback 7\nmmf.listall\n");
     EXPECT_EQ(
         ">MMF Created.\nMessage List Created.\n>"
         "Message added; value=7; now 1 messages on list.\n>"
@@ -296,11 +242,11 @@ TEST(ConsoleProgramTest, RunsPipedInputOrOneCommandAndEndsWithTheProgramError) {
     EXPECT_TRUE(WIFEXITED(session.status) && WEXITSTATUS(session.status) == 0) << session.err;
 
     // One-shot mode does not read its input.
-    const ProgramResult oneShot = RunConsoleProgram({"sergen.init", "100"}, "mmf.init\n");
+    const ProgramResult oneShot = RunConsoleProgram("sergen.init 100", "mmf.init\n");
     EXPECT_EQ("Serial Generator created; reserved range = 0 .. 100.\n", oneShot.out);
     EXPECT_TRUE(WIFEXITED(oneShot.status) && WEXITSTATUS(oneShot.status) == 0) << oneShot.err;
 
-    const ProgramResult failed = RunConsoleProgram({}, "mmf.init\nmmf.rembogus\nmmf.listall\n");
+    const ProgramResult failed = RunConsoleProgram("", "mmf.init\nmmf.rembogus\nmmf.listall\n");
     EXPECT_EQ(">MMF Created.\nMessage List Created.\n>", failed.out);
     EXPECT_TRUE(WIFEXITED(failed.status) && WEXITSTATUS(failed.status) == 1);
     EXPECT_NE(std::string::npos, failed.err.find("vok-console: GetHeaderFromBindingLow:Src/Core/"

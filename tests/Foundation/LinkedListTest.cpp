@@ -1,6 +1,7 @@
-// The checked linked list: behaviour, fatal checks and invariant assertions.
+// The checked linked list: behaviour, locking, fatal checks and invariant assertions.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -16,8 +17,16 @@ struct Item {
 
 class LinkedListTest : public ::testing::Test {
   protected:
+    // Every operation takes the list's lock; the steps inside it take it again.
+    static void RecordLock(void* context, Boolean lock) {
+        LinkedListTest* test = static_cast<LinkedListTest*>(context);
+        test->lockDepth_ += lock ? 1 : -1;
+        test->maxLockDepth_ = std::max(test->maxLockDepth_, test->lockDepth_);
+    }
     void SetUp() override {
         LinkedListHeadInit(&head_);
+        head_.lockFn = &RecordLock;
+        head_.lockContextP = this;
         for (int i = 0; i < 4; ++i) {
             items_[i].value = i;
             LinkedListNodeInit(&items_[i].node, &items_[i]);
@@ -35,12 +44,16 @@ class LinkedListTest : public ::testing::Test {
 
     LinkedListHeadType head_;
     Item items_[4];
+    int lockDepth_ = 0;
+    int maxLockDepth_ = 0;
 };
 
 TEST_F(LinkedListTest, EnqueueAtBothEndsAndDequeueKeepTailAndCount) {
-    LinkedListEnqueueTail(&head_, &items_[1].node);
+    LinkedListEnqueueHead(&head_, &items_[1].node);  // On the empty list: the tail too.
+    EXPECT_EQ(&items_[1].node, head_.tailP);
     LinkedListEnqueueTail(&head_, &items_[2].node);
     LinkedListEnqueueHead(&head_, &items_[0].node);
+    EXPECT_EQ(&items_[2].node, head_.tailP);
     EXPECT_EQ((std::vector<int>{0, 1, 2}), Values());
     EXPECT_EQ(3, LinkedListGetCount(&head_));
     EXPECT_EQ(1, LinkedListNodeIsLinked(&items_[2].node));
@@ -64,54 +77,19 @@ TEST_F(LinkedListTest, EnqueueAtBothEndsAndDequeueKeepTailAndCount) {
     EXPECT_EQ(0, LinkedListGetCount(&head_));
     EXPECT_EQ(nullptr, LinkedListDequeueHead(&head_));
     EXPECT_EQ(0, LinkedListGetCount(&head_));
-}
-
-TEST_F(LinkedListTest, EnqueueHeadOnEmptyListSetsTail) {
-    LinkedListEnqueueHead(&head_, &items_[0].node);
-    EXPECT_EQ(&items_[0].node, head_.tailP);
-    LinkedListEnqueueHead(&head_, &items_[1].node);
-    EXPECT_EQ(&items_[0].node, head_.tailP);
-    EXPECT_EQ((std::vector<int>{1, 0}), Values());
-}
-
-struct LockRecorder {
-    int depth = 0;
-    int maxDepth = 0;
-    int calls = 0;
-};
-
-void RecordLock(void* context, Boolean lock) {
-    LockRecorder* r = static_cast<LockRecorder*>(context);
-    r->depth += lock ? 1 : -1;
-    r->maxDepth = std::max(r->maxDepth, r->depth);
-    ++r->calls;
-}
-
-TEST_F(LinkedListTest, LockCallbackIsBalancedAndReentered) {
-    LockRecorder recorder;
-    head_.lockFn = &RecordLock;
-    head_.lockContextP = &recorder;
-    LinkedListEnqueueTail(&head_, &items_[0].node);
-    LinkedListEnqueueTail(&head_, &items_[1].node);
-    LinkedListDequeue(&head_, &items_[1].node);
-    EXPECT_EQ(0, recorder.depth);
-    EXPECT_GE(recorder.maxDepth, 2);  // public operation, then private step
-}
-
-std::string FatalLine(const char* condition, const char* function, const char* info) {
-    // The line number is the check's own; the rest is exact.
-    return std::string("FATAL ERROR: Condition test <") + condition + "> failed in function " +
-           function + ", file Src/LinkedList/linked_list, line [0-9]+; additional info: <" + info +
-           ">\\.";
+    EXPECT_EQ(0, lockDepth_);
+    EXPECT_GE(maxLockDepth_, 2);  // The public operation, then its private step.
 }
 
 using LinkedListDeathTest = LinkedListTest;
 
+// The fatal check's line, exact but for the line number.
 TEST_F(LinkedListDeathTest, EnqueueOfLinkedNodeStopsTheProcess) {
     LinkedListEnqueueTail(&head_, &items_[0].node);
-    EXPECT_EXIT(
-        LinkedListEnqueueTail(&head_, &items_[0].node), ::testing::KilledBySignal(SIGABRT),
-        FatalLine("!newNodeP->isLinked", "PrvLinkedListEnqueueAt", "list node already linked"));
+    EXPECT_EXIT(LinkedListEnqueueTail(&head_, &items_[0].node), ::testing::KilledBySignal(SIGABRT),
+                "FATAL ERROR: Condition test <!newNodeP->isLinked> failed in function "
+                "PrvLinkedListEnqueueAt, file Src/LinkedList/linked_list, line [0-9]+; additional "
+                "info: <list node already linked>\\.");
 }
 
 TEST_F(LinkedListDeathTest, InvariantAssertionsCarryTheirExplanation) {

@@ -1,9 +1,8 @@
-// Logger thresholds, FuncLogger tracing, the exception family and the two throw forms.
+// Logger thresholds and dumps, FuncLogger tracing, and the logged throw.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <ztlog/ztlog.h>
 
-#include "Src/Core/MessageMover/MmfDiag.h"
 #include "Src/Utils/VokThrow.h"
 #include "support/LogCapture.h"
 #include "vok/Logger.h"
@@ -17,6 +16,7 @@ using test::ScopedLogLevel;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 
+// Raised to debug, the logger dumps binary data up to 1024 bytes.
 TEST(LoggerTest, ThresholdFourPassesWarningAndDropsDebugAndTracingUntilRaised) {
     ScopedLogLevel level("Test.Four", 4);
     LogCapture capture;
@@ -28,82 +28,56 @@ TEST(LoggerTest, ThresholdFourPassesWarningAndDropsDebugAndTracingUntilRaised) {
     { FuncLogger trace(logger, "Fn", &logger); }
     ZtLogSetLevel("Test.Four", 7);  // Read at every call: the next one passes.
     logger.Debug("after");
+    std::vector<unsigned char> data(5000, 0x5a);
+    logger.DebugBin(data.data(), data.size());
     auto lines = capture.Lines();
-    ASSERT_EQ(4u, lines.size());
+    ASSERT_EQ(4u + 1024 / 16, lines.size());
     EXPECT_EQ(kLogLevelCritical, lines[0].level);
     EXPECT_EQ("c1", lines[0].message);
     EXPECT_EQ(kLogLevelError, lines[1].level);
     EXPECT_EQ(kLogLevelWarning, lines[2].level);
     EXPECT_EQ("after", lines[3].message);
-}
-
-TEST(LoggerTest, DebugBinDumpsAtMost1024Bytes) {
-    ScopedLogLevel level("Test.Bin", 7);
-    LogCapture capture;
-    Logger logger("Test.Bin");
-    std::vector<unsigned char> data(5000, 0x5a);
-    logger.DebugBin(data.data(), data.size());
-    auto lines = capture.Lines();
-    ASSERT_EQ(1024u / 16, lines.size());
     EXPECT_THAT(lines.back().message, HasSubstr("000003f0:"));
 }
 
 void TracedThrowingFunction(const Logger& logger, const void* object) {
     FuncLogger trace(logger, __func__, object);
-    throw std::runtime_error("boom");
+    VOK_THROW_LOGGED_PROGRAM_ERROR(logger, "not ready for access");
 }
 
-TEST(FuncLoggerTest, WritesEnteringAndLeavingEvenWhenThrowing) {
+// A traced function writes Entering and Leaving even when it throws. A logged throw writes one
+// critical line, then throws the program error named after its function, file and line.
+TEST(FuncLoggerTest, WritesEnteringAndLeavingAroundALoggedThrow) {
     ScopedLogLevel level("Test.Trace", 7);
     LogCapture capture;
     Logger logger("Test.Trace");
     int object = 0;
-    EXPECT_THROW(TracedThrowingFunction(logger, &object), std::runtime_error);
-    EXPECT_THROW(TracedThrowingFunction(logger, nullptr), std::runtime_error);
+    try {
+        TracedThrowingFunction(logger, &object);
+        FAIL() << "no exception";
+    } catch (const VokProgramErrorException& e) {
+        EXPECT_EQ(kVokErrUnspecified, e.GetErr());
+        EXPECT_THAT(e.what(), MatchesRegex("TracedThrowingFunction:tests/Foundation/LoggingTest:"
+                                           "[0-9]+:not ready for access"));
+    }
+    EXPECT_THROW(TracedThrowingFunction(logger, nullptr), VokProgramErrorException);
     auto lines = capture.Lines();
-    ASSERT_EQ(4u, lines.size());
+    ASSERT_EQ(6u, lines.size());
     char expected[64];
     snprintf(expected, sizeof expected, "TracedThrowingFunction: %p: Entering",
              static_cast<void*>(&object));
     EXPECT_EQ(expected, lines[0].message);
+    EXPECT_EQ(kLogLevelCritical, lines[1].level);
+    EXPECT_THAT(lines[1].message,
+                MatchesRegex("THROWING EXCEPTION VokProgramErrorExceptionmsg<not ready for access> "
+                             "err<0XFFFFFFFF> : .*TracedThrowingFunction.* : "
+                             "tests/Foundation/LoggingTest : line [0-9]+"));
     snprintf(expected, sizeof expected, "TracedThrowingFunction: %p: Leaving",
              static_cast<void*>(&object));
-    EXPECT_EQ(expected, lines[1].message);
-    EXPECT_EQ("TracedThrowingFunction: Entering", lines[2].message);
-    EXPECT_EQ("TracedThrowingFunction: Leaving", lines[3].message);
-    EXPECT_EQ(kLogLevelDebug, lines[3].level);
-}
-
-void ThrowsLogged(const Logger& logger) {
-    FuncLogger trace(logger, __func__, nullptr);
-    VOK_THROW_LOGGED_PROGRAM_ERROR(logger, "MmfMessageMgr is not ready for access");
-}
-
-TEST(ThrowFormTest, LoggedThrowWritesOneCriticalLineBeforeTheException) {
-    ScopedLogLevel level("VOK.MessageMover", 4);
-    LogCapture capture;
-    try {
-        ThrowsLogged(MmfDiag::GetLogger());
-        FAIL() << "no exception";
-    } catch (const VokProgramErrorException& e) {
-        EXPECT_EQ(kVokErrUnspecified, e.GetErr());
-        EXPECT_THAT(e.what(), MatchesRegex("ThrowsLogged:tests/Foundation/LoggingTest:[0-9]+:"
-                                           "MmfMessageMgr is not ready for access"));
-    }
-    auto lines = capture.Lines();
-    ASSERT_EQ(1u, lines.size());
-    EXPECT_EQ(kLogLevelCritical, lines[0].level);
-    EXPECT_THAT(lines[0].message,
-                MatchesRegex("THROWING EXCEPTION VokProgramErrorExceptionmsg<MmfMessageMgr is not "
-                             "ready for access> err<0XFFFFFFFF> : .*ThrowsLogged.* : "
-                             "tests/Foundation/LoggingTest : line [0-9]+"));
-}
-
-TEST(FatalCheckDeathTest, PrintsTheFatalLineAndAborts) {
-    auto check = [](const char* p) { VOK_FATAL_CHECK(p, "NULL arg"); };
-    EXPECT_EXIT(check(nullptr), ::testing::KilledBySignal(SIGABRT),
-                "FATAL ERROR: Condition test <p> failed in function operator\\(\\), file "
-                "tests/Foundation/LoggingTest, line [0-9]+; additional info: <NULL arg>\\.");
+    EXPECT_EQ(expected, lines[2].message);
+    EXPECT_EQ("TracedThrowingFunction: Entering", lines[3].message);
+    EXPECT_EQ("TracedThrowingFunction: Leaving", lines[5].message);
+    EXPECT_EQ(kLogLevelDebug, lines[5].level);
 }
 
 }  // namespace

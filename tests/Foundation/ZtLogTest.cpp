@@ -75,9 +75,7 @@ TEST(ZtLogTest, ThresholdComesFromLongestDottedPrefix) {
     // Unmatched contexts take the "*" default; the bad level 11 was ignored.
     EXPECT_EQ(6, ThresholdOf("Elsewhere"));
     EXPECT_EQ(3, ThresholdOf("Zt.Bad"));
-}
-
-TEST(ZtLogTest, SameNameGivesSameContextAndSetLevelAppliesAtOnce) {
+    // One context per name; a level set applies to it at once, a level out of range does not.
     ZtLogContext* a = nullptr;
     ZtLogContext* b = nullptr;
     ZtLogGetContext("Zt.Same", &a);
@@ -88,7 +86,7 @@ TEST(ZtLogTest, SameNameGivesSameContextAndSetLevelAppliesAtOnce) {
     EXPECT_EQ(-1, ZtLogSetLevel("Zt.Same", 8));
 }
 
-TEST(ZtLogTest, LongMessagesAreWrittenWhole) {
+TEST(ZtLogTest, LongMessagesAreWrittenWholeAndDumpsLineByLine) {
     vok::test::LogCapture capture;
     ZtLogContext* ctx = nullptr;
     ZtLogGetContext("Zt", &ctx);
@@ -97,15 +95,11 @@ TEST(ZtLogTest, LongMessagesAreWrittenWhole) {
     auto lines = capture.Lines();
     ASSERT_EQ(1u, lines.size());
     EXPECT_EQ(big + "|", lines[0].message);
-}
-
-TEST(ZtLogTest, DumpWritesOffsetHexAndAscii) {
-    vok::test::LogCapture capture;
-    ZtLogContext* ctx = nullptr;
-    ZtLogGetContext("Zt", &ctx);
+    // A dump writes offset, hex and ASCII, 16 bytes a line.
+    capture.Clear();
     const char data[] = "ABCDEFGHIJKLMNOPqr\n";
     ZtLogDumpData(ctx, 2, data, 19, 0);
-    auto lines = capture.Lines();
+    lines = capture.Lines();
     ASSERT_EQ(2u, lines.size());
     EXPECT_EQ("00000000: 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50  |ABCDEFGHIJKLMNOP|",
               lines[0].message);

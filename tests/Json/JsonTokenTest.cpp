@@ -22,11 +22,9 @@ void ExpectThrowText(const std::function<void()>& fn, const std::string& text) {
     try {
         fn();
         ADD_FAILURE() << "no exception, expected: " << text;
-    } catch (const E& e) {
+    } catch (const std::exception& e) {
         EXPECT_EQ(typeid(E), typeid(e)) << e.what();
         EXPECT_EQ(text, e.what());
-    } catch (const std::exception& e) {
-        ADD_FAILURE() << "other exception " << typeid(e).name() << ": " << e.what();
     }
 }
 
@@ -97,7 +95,7 @@ TEST(JsonTokenTest, WhatJsonCannotSayIsNeverWritten) {
                                            "JSON encoding generator failed: string is not UTF-8");
 }
 
-TEST(JsonTokenTest, StoringMovesOwnershipIntoTheContainer) {
+TEST(JsonTokenTest, StoringSwappingAndTransferringMoveOwnership) {
     JsonToken object;
     object.MakeObject();
     JsonToken value;
@@ -124,24 +122,19 @@ TEST(JsonTokenTest, StoringMovesOwnershipIntoTheContainer) {
     EXPECT_THROW(array.ArraySetElement(-2, &value), std::invalid_argument);
     EXPECT_EQ(9.0, value.NumberGetValue());
     EXPECT_EQ(5, array.ArrayGetLength());
-}
 
-TEST(JsonTokenTest, SwapTransferAndGiveUp) {
-    JsonToken a;
-    JsonToken b;
-    a.MakeNumber(1);
-    b.MakeString("b");
-    a.Swap(&b);
-    EXPECT_STREQ("b", a.StringPeekValue());
-    EXPECT_EQ(1.0, b.NumberGetValue());
-    a.TransferFrom(&b);
-    EXPECT_FALSE(b.HasValue());
-    EXPECT_EQ(1.0, a.NumberGetValue());
-
-    JsonTokenImpl* raw = a.GiveUpPopulatedPimpl();
-    EXPECT_FALSE(a.HasValue());
-    b.SetNewPimpl(raw);  // Adopts the reference given up.
-    EXPECT_EQ(1.0, b.NumberGetValue());
+    // Swapping, transferring and giving up the value move it whole.
+    JsonToken other;
+    other.MakeString("b");
+    value.Swap(&other);
+    EXPECT_STREQ("b", value.StringPeekValue());
+    EXPECT_EQ(9.0, other.NumberGetValue());
+    value.TransferFrom(&other);
+    EXPECT_FALSE(other.HasValue());
+    EXPECT_EQ(9.0, value.NumberGetValue());
+    other.SetNewPimpl(value.GiveUpPopulatedPimpl());  // Adopts the reference given up.
+    EXPECT_FALSE(value.HasValue());
+    EXPECT_EQ(9.0, other.NumberGetValue());
 }
 
 // Misuse throws the family's exception and leaves every token involved as it was.

@@ -28,56 +28,49 @@ class ConnectionManagerTest : public test::MmFrameworkTest {
         msg.SetDestinationAddress(dest);
         return port->WriteMessage(msg, nullptr);
     }
-    // Reads one message from port; returns its id and frees it, or returns 0 when none waits.
-    uint32_t Receive(MmCommandPort* port, MmPortAddress_t* sender = nullptr,
-                     uint8_t* type = nullptr) {
+    struct Received {
+        uint32_t id;  // 0 when no message waited.
+        MmPortAddress_t sender;
+        uint8_t type;
+    };
+    // Reads one message from port and frees it.
+    Received Receive(MmCommandPort* port) {
+        Received got{0, 0, 0};
         MmCommandMessageHandle msg;
-        if (port->ReadMessage(&msg) != kVokErrNone) {
-            return 0;
+        if (port->ReadMessage(&msg) == kVokErrNone) {
+            MmMessageName name;
+            got = {msg.GetMessageName(&name)->msgId, msg.GetSenderAddress(), msg.GetMessageType()};
+            iface_->FreeMessage(msg);
         }
-        MmMessageName name;
-        msg.GetMessageName(&name);
-        if (sender != nullptr) {
-            *sender = msg.GetSenderAddress();
-        }
-        if (type != nullptr) {
-            *type = msg.GetMessageType();
-        }
-        iface_->FreeMessage(msg);
-        return name.msgId;
+        return got;
     }
 
     MessageMoverInterface* iface_ = nullptr;
 };
 
+// Service identifiers lie below the first address and take none; a refused port takes none.
 TEST_F(ConnectionManagerTest, AddressesAreIssuedInOrderFrom49152) {
-    MmCommandPort* command = iface_->CreateCommandPort();
-    EXPECT_EQ(49152u, command->GetAddress());
-    MmConnectionPort* peer = nullptr;
-    MmConnectionPort* first = iface_->CreateConnectedPair(iface_, &peer);
-    // The pair's addresses show through where their messages come from.
-    EXPECT_EQ(kVokErrNone, Send(command, 49153, 1));
-    EXPECT_EQ(kVokErrNone, Send(command, 49154, 2));
-    MmConnectionMessageHandle msg;
-    EXPECT_TRUE(ThrowsMm([&] { first->ReadMessage(&msg); }, "Wrong sender portAddr."));
-    EXPECT_TRUE(ThrowsMm([&] { peer->ReadMessage(&msg); }, "Wrong sender portAddr."));
-    iface_->DiscardConnectionPort(first);
-    iface_->DiscardConnectionPort(peer);
-    iface_->DiscardCommandPort(command);
-    EXPECT_EQ(0, Outstanding());
-}
-
-TEST_F(ConnectionManagerTest, ServiceIdentifierBoundConsumesNoAddress) {
     MmCommandPort* highest = iface_->CreateCommandServicePort(49150);
     EXPECT_EQ(49152u, highest->GetAddress());
     for (MmServiceIdentifier_t bad : {49151u, 49152u, 0xFFFFFFFFu}) {
         EXPECT_TRUE(ThrowsMm([&] { iface_->CreateCommandServicePort(bad); },
                              "Service ID out of bounds for Service CommandPort."));
     }
-    MmCommandPort* next = iface_->CreateCommandPort();
-    EXPECT_EQ(49153u, next->GetAddress());
-    iface_->DiscardCommandPort(next);
+    MmCommandPort* command = iface_->CreateCommandPort();
+    EXPECT_EQ(49153u, command->GetAddress());
+    MmConnectionPort* peer = nullptr;
+    MmConnectionPort* first = iface_->CreateConnectedPair(iface_, &peer);
+    // The pair's addresses show through where their messages come from.
+    EXPECT_EQ(kVokErrNone, Send(command, 49154, 1));
+    EXPECT_EQ(kVokErrNone, Send(command, 49155, 2));
+    MmConnectionMessageHandle msg;
+    EXPECT_TRUE(ThrowsMm([&] { first->ReadMessage(&msg); }, "Wrong sender portAddr."));
+    EXPECT_TRUE(ThrowsMm([&] { peer->ReadMessage(&msg); }, "Wrong sender portAddr."));
+    iface_->DiscardConnectionPort(first);
+    iface_->DiscardConnectionPort(peer);
+    iface_->DiscardCommandPort(command);
     iface_->DiscardCommandPort(highest);
+    EXPECT_EQ(0, Outstanding());
 }
 
 TEST_F(ConnectionManagerTest, ServicePortAnswersAtBothAddressesUntilDiscarded) {
@@ -85,30 +78,30 @@ TEST_F(ConnectionManagerTest, ServicePortAnswersAtBothAddressesUntilDiscarded) {
     MmCommandPort* service = iface_->CreateCommandServicePort(7);
     EXPECT_EQ(kVokErrNone, Send(client, 7, 1));
     EXPECT_EQ(kVokErrNone, Send(client, service->GetAddress(), 2));
-    EXPECT_EQ(1u, Receive(service));
-    EXPECT_EQ(2u, Receive(service));
+    EXPECT_EQ(1u, Receive(service).id);
+    EXPECT_EQ(2u, Receive(service).id);
 
     // A second port for identifier 7 is refused and leaves no record of its own address.
     EXPECT_TRUE(ThrowsMm([&] { iface_->CreateCommandServicePort(7); },
                          "Can't register - portAddr was already registered"));
     const MmPortAddress_t refused = service->GetAddress() + 1;
     EXPECT_EQ(kVokErrNone, Send(client, refused, 3));
-    MmPortAddress_t sender = 0;
-    uint8_t type = 0;
-    EXPECT_EQ(kMmPortNotReachableMsg.msgId, Receive(client, &sender, &type));
-    EXPECT_EQ(refused, sender);
-    EXPECT_EQ(4, type);
+    Received notice = Receive(client);
+    EXPECT_EQ(kMmPortNotReachableMsg.msgId, notice.id);
+    EXPECT_EQ(refused, notice.sender);
+    EXPECT_EQ(4, notice.type);
 
     const MmPortAddress_t serviceAddress = service->GetAddress();
     iface_->DiscardCommandPort(service);
     for (MmPortAddress_t gone : {7u, serviceAddress}) {
         EXPECT_EQ(kVokErrNone, Send(client, gone));
-        EXPECT_EQ(kMmPortNotReachableMsg.msgId, Receive(client, &sender));
-        EXPECT_EQ(gone, sender);
+        notice = Receive(client);
+        EXPECT_EQ(kMmPortNotReachableMsg.msgId, notice.id);
+        EXPECT_EQ(gone, notice.sender);
     }
     MmCommandPort* again = iface_->CreateCommandServicePort(7);
     EXPECT_EQ(kVokErrNone, Send(client, 7, 4));
-    EXPECT_EQ(4u, Receive(again));
+    EXPECT_EQ(4u, Receive(again).id);
     iface_->DiscardCommandPort(again);
     iface_->DiscardCommandPort(client);
     EXPECT_EQ(0, Outstanding());

@@ -1,9 +1,9 @@
-// Interfaces: accounting of held ports and messages, leak reports, diagnostic options.
+// Interfaces: accounting of held ports and messages, and leak reports.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <functional>
-#include <utility>
+#include <vector>
 
 #include "MmTestSupport.h"
 #include "support/LogCapture.h"
@@ -20,12 +20,6 @@ using test::LogCapture;
 using test::Outstanding;
 using test::ThrowsMm;
 
-std::string Format(const char* format, const void* pointer) {
-    char text[256];
-    std::snprintf(text, sizeof text, format, pointer);
-    return text;
-}
-
 // The leak log's lines, with the hex dump lines counted instead of kept.
 std::vector<std::string> LeakLines(const LogCapture& capture) {
     std::vector<std::string> lines;
@@ -34,10 +28,7 @@ std::vector<std::string> LeakLines(const LogCapture& capture) {
             continue;
         }
         EXPECT_EQ(kLogLevelWarning, line.level);
-        const bool dump = line.message.compare(0, 9, "00000000:") == 0 ||
-                          line.message.compare(0, 9, "00000010:") == 0 ||
-                          line.message.compare(0, 9, "00000020:") == 0;
-        lines.push_back(dump ? "dump" : line.message);
+        lines.push_back(line.message.compare(0, 6, "000000") == 0 ? "dump" : line.message);
     }
     return lines;
 }
@@ -79,48 +70,55 @@ TEST_F(InterfaceTest, CountersFollowCreateWriteReadAndFree) {
     }
     EXPECT_EQ(0, IfaceCounter("count", "msgsHeldByUser"));
     iface->DiscardCommandPort(port);
+    LogCapture capture;
+    EXPECT_TRUE(ThrowsMm([&] { iface->DiscardCommandPort(port); },
+                         "set::erase failed; obj not in tracked set;probably attempting to free "
+                         "an invalid or previously-freed object."));
     framework_->DiscardInterface(iface);
+    EXPECT_TRUE(LeakLines(capture).empty());
 }
 
-TEST_F(InterfaceTest, DestructionReportsLeakedPortsAndMessages) {
+// Destroying an interface reports the ports and messages it still holds, with dumps of the
+// messages. The ports are closed then: unreachable, the peer told, their queued messages kept,
+// every call on them refused, and nothing leads back to the destroyed interface.
+TEST_F(InterfaceTest, LeakedPortsAreClosedAndInert) {
     if (test::RunningOnValgrind()) {
         GTEST_SKIP() << "leaks ports and messages on purpose";
     }
-    MessageMoverInterface* iface = framework_->CreateInterface("leaky");
-    MmCommandPort* port;
-    MmConnectionPort* peer;
-    MmConnectionPort* end;
-    MmCommandMessageHandle msgs[2];
+    MessageMoverInterface* keeper = framework_->CreateInterface("keeper");
+    MessageMoverInterface* leaky = framework_->CreateInterface("leaky");
+    MmCommandPort* client = keeper->CreateCommandPort();
+    MmCommandPort* service;
+    MmConnectionPort* leakedEnd;
+    MmConnectionPort* keeperEnd = nullptr;
+    MmCommandMessageHandle msg, held[2];
     {
         IntendedLeakScope leak;
-        port = iface->CreateCommandPort();
-        end = iface->CreateConnectedPair(iface, &peer);  // Both ends tracked here.
-        iface->CreateCommandMessage(3, &msgs[0]);
-        iface->CreateCommandMessage(0, &msgs[1]);
+        service = leaky->CreateCommandServicePort(9);
+        leakedEnd = leaky->CreateConnectedPair(keeper, &keeperEnd);
+        leaky->CreateCommandMessage(3, &held[0]);
+        leaky->CreateCommandMessage(0, &held[1]);
+        keeper->CreateCommandMessage(0, &msg);
+        msg.SetMessageName({20, 1});
+        msg.SetDestinationAddress(9);
+        ASSERT_EQ(kVokErrNone, client->WriteMessage(msg, nullptr));  // Queued, then leaked.
     }
-    msgs[0].SetMessageName({20, 1});
-    msgs[1].SetMessageName({21, 2});
+    held[0].SetMessageName({20, 1});
+    held[1].SetMessageName({21, 2});
     LogCapture capture;
-    framework_->DiscardInterface(iface);
-    // Ports are reported in pointer order.
-    std::vector<std::pair<const void*, unsigned>> connPorts = {{end, 49153}, {peer, 49154}};
-    if (std::less<const void*>()(peer, end)) {
-        std::swap(connPorts[0], connPorts[1]);
-    }
-    std::vector<std::string> expected;
-    for (const auto& connPort : connPorts) {
-        char line[128];
-        std::snprintf(
-            line, sizeof line,
-            "ReportLeaks: Leaked ConnectionPort <portAddr=<%u>; iface=<leaky>>; ptr=<%p>.",
-            connPort.second, connPort.first);
-        expected.push_back(line);
-    }
+    framework_->DiscardInterface(leaky);
+    char connLine[128], cmdLine[128];
+    std::snprintf(connLine, sizeof connLine,
+                  "ReportLeaks: Leaked ConnectionPort <portAddr=<49154>; iface=<leaky>>; ptr=<%p>.",
+                  static_cast<void*>(leakedEnd));
+    std::snprintf(cmdLine, sizeof cmdLine,
+                  "ReportLeaks: Leaked CommandPort <portAddr=<49153>; iface=<leaky>>; ptr=<%p>.",
+                  static_cast<void*>(service));
     // clang-format off
-    const std::vector<std::string> rest = {
-        "ReportLeaks: Summary: 2 ConnectionPort objects in leaky were leaked.",
-        Format("ReportLeaks: Leaked CommandPort <portAddr=<49152>; iface=<leaky>>; ptr=<%p>.",
-               port),
+    const std::vector<std::string> expected = {
+        connLine,
+        "ReportLeaks: Summary: 1 ConnectionPort objects in leaky were leaked.",
+        cmdLine,
         "ReportLeaks: Summary: 1 CommandPort objects in leaky were leaked.",
         "ReportLeaks: Leaked 2 CommandMessage objects in leaky. Hex dumps of leaked handles and "
         "message headers follow.",
@@ -133,36 +131,9 @@ TEST_F(InterfaceTest, DestructionReportsLeakedPortsAndMessages) {
         "ReportLeaks: Summary: 2 CommandMessage objects in leaky were leaked.",
     };
     // clang-format on
-    expected.insert(expected.end(), rest.begin(), rest.end());
     EXPECT_EQ(expected, LeakLines(capture));
     EXPECT_EQ(2, IfaceCounter("leaky", "msgsLeakedByUser"));
-    // Reported, not freed; closing the pair left a peer-closed and an unreachable notice queued.
-    EXPECT_EQ(4, Outstanding());
-}
 
-// Once reported, leaked ports are closed: unreachable, the peer told, their queued messages
-// kept, every call on them refused, and nothing leads back to the destroyed interface.
-TEST_F(InterfaceTest, LeakedPortsAreClosedAndInert) {
-    if (test::RunningOnValgrind()) {
-        GTEST_SKIP() << "leaks ports on purpose";
-    }
-    MessageMoverInterface* keeper = framework_->CreateInterface("keeper");
-    MessageMoverInterface* leaky = framework_->CreateInterface("leaky");
-    MmCommandPort* client = keeper->CreateCommandPort();
-    MmCommandPort* service;
-    MmConnectionPort* leakedEnd;
-    MmConnectionPort* keeperEnd = nullptr;
-    MmCommandMessageHandle msg;
-    {
-        IntendedLeakScope leak;
-        service = leaky->CreateCommandServicePort(9);
-        leakedEnd = leaky->CreateConnectedPair(keeper, &keeperEnd);
-        keeper->CreateCommandMessage(0, &msg);
-        msg.SetMessageName({20, 1});
-        msg.SetDestinationAddress(9);
-        ASSERT_EQ(kVokErrNone, client->WriteMessage(msg, nullptr));  // Queued, then leaked.
-    }
-    framework_->DiscardInterface(leaky);
     MmConnectionMessageHandle notice;
     EXPECT_EQ(kVokErrPeerClosed, keeperEnd->ReadMessage(&notice));
     keeper->CreateCommandMessage(0, &msg);
@@ -192,7 +163,8 @@ TEST_F(InterfaceTest, LeakedPortsAreClosedAndInert) {
     }
     keeper->DiscardCommandPort(client);
     framework_->DiscardInterface(keeper);
-    EXPECT_EQ(1, Outstanding());  // The message still queued at the leaked service port.
+    // Reported, not freed: the two held and the one still queued at the leaked service port.
+    EXPECT_EQ(3, Outstanding());
 }
 
 // Held by another interface or as the other handle kind: refused before anything changes.
@@ -219,18 +191,6 @@ TEST_F(InterfaceTest, MessageNotHeldIsRefusedWithNothingChanged) {
     other->DiscardConnectionPort(peer);
     framework_->DiscardInterface(other);
     framework_->DiscardInterface(owner);
-}
-
-TEST_F(InterfaceTest, PortDiscardedTwiceIsRefusedByTheTracker) {
-    MessageMoverInterface* iface = framework_->CreateInterface("twice");
-    MmCommandPort* port = iface->CreateCommandPort();
-    iface->DiscardCommandPort(port);
-    LogCapture capture;
-    EXPECT_TRUE(ThrowsMm([&] { iface->DiscardCommandPort(port); },
-                         "set::erase failed; obj not in tracked set;probably attempting to free "
-                         "an invalid or previously-freed object."));
-    framework_->DiscardInterface(iface);
-    EXPECT_TRUE(LeakLines(capture).empty());
 }
 
 }  // namespace
