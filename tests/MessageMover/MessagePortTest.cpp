@@ -1,6 +1,7 @@
 // Message ports, their events, and the command and connection port rules.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -97,29 +98,33 @@ TEST_F(MessagePortTest, SinkIsTriggeredOncePerEdgeToReadable) {
     b_->UnregisterPortEventSignalSink();
 }
 
-// The woken reader's first steps take the port's locks, and its reply takes the writer's and the
-// registry's: a writer still holding any of them while triggering makes the two take turns.
+// The woken reader's first steps take the port's locks, its reply takes its own write lock, the
+// registry's and the writer's reader lock, and a second write on the writer's port takes that
+// port's write lock: a writer still holding any of them while triggering makes them take turns.
 TEST_F(MessagePortTest, SinkIsTriggeredWithNoLockHeld) {
     struct Sink : SimpleAsyncInterface {
-        void Trigger() override {  // Waits, inside the trigger, for the reader to reply.
-            if (!reply.valid()) {
+        void Trigger() override {  // Waits, inside the first trigger, for the reader to reply.
+            if (!started.exchange(true)) {
                 reply = std::async(std::launch::async, read);
                 unlocked = reply.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
             }
         }
         std::function<void()> read;
+        std::atomic<bool> started{false};
         std::future<void> reply;
         bool unlocked = false;
     } sink;
     sink.read = [&] {
         EXPECT_EQ(1u, Take(b_));
         Write(b_, 2);
+        Write(a_, 3);
     };
     b_->RegisterPortEventSignalSink(sink);
     Write(a_, 1);
     sink.reply.wait();
     EXPECT_TRUE(sink.unlocked);
     EXPECT_EQ(2u, Take(a_));
+    EXPECT_EQ(3u, Take(b_));
     b_->UnregisterPortEventSignalSink();
 }
 
