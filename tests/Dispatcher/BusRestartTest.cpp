@@ -16,8 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "BusTestSupport.h"
-#include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "KelvraTestSupport.h"
 #include "support/LogCapture.h"
 #include "vok/BladeStopWatcher.h"
 #include "vok/JsonObjectFindResult.h"
@@ -187,7 +186,6 @@ TEST(BusRestartTest, EveryBladeIsBackToNormalSoonAfterTheBusReturns) {
     CallerBlade callers[] = {{&board, "caller1"}, {&board, "caller2"}};
     AlarmBlade alarms(&board, "alarm");
     test::PowerDaemon powerd;
-    powerd.Start();
     bool stopped = false;
     VokShell shell(VokShellDaemonInfo("bus-restart", ""),
                    {&service, &callers[0], &callers[1], &alarms},

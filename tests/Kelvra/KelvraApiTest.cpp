@@ -42,7 +42,7 @@ class ErrorCheck {
 TEST(KelvraAddressTest, KelvraAddressComesFirstThenTheSessionBus) {
     ErrorCheck error;
     KVHandle* handle = reinterpret_cast<KVHandle*>(1);
-    setenv("DBUS_SESSION_BUS_ADDRESS", TestBusAddress().c_str(), 1);
+    setenv("DBUS_SESSION_BUS_ADDRESS", TestBus().Address().c_str(), 1);
     setenv("KELVRA_BUS_ADDRESS", "unix:path=/nonexistent/kelvra-test", 1);
     EXPECT_FALSE(KVRegister(nullptr, &handle, error.get()));
     EXPECT_EQ(nullptr, handle);
@@ -50,7 +50,7 @@ TEST(KelvraAddressTest, KelvraAddressComesFirstThenTheSessionBus) {
     unsetenv("KELVRA_BUS_ADDRESS");
     EXPECT_TRUE(KVRegister(nullptr, &handle, error.get()));
     EXPECT_TRUE(KVUnregister(handle, error.get()));
-    setenv("KELVRA_BUS_ADDRESS", TestBusAddress().c_str(), 1);
+    setenv("KELVRA_BUS_ADDRESS", TestBus().Address().c_str(), 1);
     unsetenv("DBUS_SESSION_BUS_ADDRESS");
 }
 
@@ -74,11 +74,8 @@ TEST(KelvraApiTest, BadInputFailsWithAnError) {
     error.Failed(KVGmainAttach(handle, context, error.get()), KV_ERROR_ALREADY_ATTACHED);
 
     const char* badUris[] = {
-        "http://com.orvex.x/a/b",
-        "kelvra://com.orvex.x/",
-        "kelvra://com.orvex.x//b",
-        "kelvra://com.orvex.x/a-b/c",
-        "kelvra://:1.5/a/b",
+        "http://com.orvex.x/a/b",     "kelvra://com.orvex.x/", "kelvra://com.orvex.x//b",
+        "kelvra://com.orvex.x/a-b/c", "kelvra://:1.5/a/b",
     };
     for (const char* uri : badUris) {
         error.Failed(KVCall(handle, uri, "{}", ReplyLog::Func, nullptr, nullptr, error.get()),
@@ -285,7 +282,7 @@ TEST_F(KelvraServiceTest, OversizedPayloadsAreRefused) {
     EXPECT_EQ(most, log.replies[0].payload);
 
     GDBusConnection* raw = g_dbus_connection_new_for_address_sync(
-        TestBusAddress().c_str(),
+        TestBus().Address().c_str(),
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
         nullptr, nullptr, nullptr);
@@ -315,60 +312,53 @@ TEST_F(KelvraServiceTest, OversizedPayloadsAreRefused) {
 // error reply from the loop, and the same handles come back with their service name, methods
 // and status watches.
 TEST_F(KelvraServiceTest, HandlesSurviveABusRestart) {
-    PrivateBus bus;
-    setenv("KELVRA_BUS_ADDRESS", bus.Start().c_str(), 1);
-    Handle service(context_, "com.orvex.lost");
-    Handle client(context_);
-    setenv("KELVRA_BUS_ADDRESS", TestBusAddress().c_str(), 1);
     std::vector<bool> links;
     ASSERT_TRUE(KVSetConnectionFunc(
-        client.get(),
+        client_.get(),
         [](KVHandle*, bool up, void* links) {
             static_cast<std::vector<bool>*>(links)->push_back(up);
         },
         &links, nullptr));
-    ASSERT_TRUE(KVRegisterMethod(service.get(), "a/keep", Keep, this, nullptr));
-    const std::string uri = "kelvra://com.orvex.lost/a/keep";
+    Register("a/keep", Keep);
     ReplyLog status;
     ReplyLog stream;
-    ASSERT_TRUE(client.Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
-                            "{\"serviceName\":\"com.orvex.lost\"}", &status));
-    ASSERT_TRUE(client.Call(uri, "{}", &stream));
+    ASSERT_TRUE(client_.Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
+                             "{\"serviceName\":\"" + name_ + "\"}", &status));
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &stream));
     ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 1 && status.replies.size() == 1; }));
     ASSERT_TRUE(status.replies[0].Bool("connected"));
-    ASSERT_TRUE(KVSubscriptionAdd(service.get(), requests_[0], Cancelled, this, nullptr));
+    ASSERT_TRUE(KVSubscriptionAdd(service_.get(), requests_[0], Cancelled, this, nullptr));
 
-    bus.Kill(SIGKILL);
+    TestBus().Kill(SIGKILL);
     ASSERT_TRUE(WaitFor([&]() {
         return cancels_ == 1 && stream.replies.size() == 1 && status.replies.size() == 2 &&
                links.size() == 1;
     }));
     EXPECT_FALSE(links[0]);
-    EXPECT_FALSE(KVIsConnected(client.get()));
+    EXPECT_FALSE(KVIsConnected(client_.get()));
     EXPECT_TRUE(stream.replies[0].last);
     EXPECT_EQ(KV_ERROR_BUS_UNAVAILABLE, stream.replies[0].Number("errorCode"));
     EXPECT_FALSE(status.replies[1].Bool("connected"));
     EXPECT_FALSE(status.replies[1].last);
-    error_.Failed(KVReply(service.get(), requests_[0], "{}", error_.get()), KV_ERROR_CLOSED);
+    error_.Failed(KVReply(service_.get(), requests_[0], "{}", error_.get()), KV_ERROR_CLOSED);
     ReplyLog meanwhile;
-    ASSERT_TRUE(client.Call(uri, "{}", &meanwhile));
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &meanwhile));
     EXPECT_TRUE(meanwhile.replies.empty());  // not from inside KVCall
     ASSERT_TRUE(WaitFor([&]() { return meanwhile.replies.size() == 1; }));
     EXPECT_TRUE(meanwhile.replies[0].last);
     EXPECT_EQ(KV_ERROR_BUS_UNAVAILABLE, meanwhile.replies[0].Number("errorCode"));
 
-    bus.Restart();
+    TestBus().Restart();
     ASSERT_TRUE(WaitFor([&]() { return status.replies.size() == 3 && links.size() == 2; }));
     EXPECT_TRUE(status.replies[2].Bool("connected"));
     EXPECT_TRUE(links[1]);
     ReplyLog again;
-    ASSERT_TRUE(client.Call(uri, "{}", &again));
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &again));
     ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 2; }));
-    EXPECT_TRUE(KVReply(service.get(), requests_[1], "{\"back\":true}", error_.get()));
+    EXPECT_TRUE(KVReply(service_.get(), requests_[1], "{\"back\":true}", error_.get()));
     ASSERT_TRUE(WaitFor([&]() { return again.replies.size() == 1; }));
     EXPECT_TRUE(again.replies[0].Bool("back"));
 }
-
 }  // namespace
 }  // namespace test
 }  // namespace vok

@@ -1,6 +1,5 @@
 #include "PrivateBus.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -187,15 +186,9 @@ void PrivateBus::Stop() {
         daemon_.Wait();
     }
     if (!dir_.empty()) {
-        // The configuration, and the socket if the daemon left it.
-        if (DIR* dir = opendir(dir_.c_str())) {
-            while (struct dirent* entry = readdir(dir)) {
-                if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
-                    unlink((dir_ + "/" + entry->d_name).c_str());
-                }
-            }
-            closedir(dir);
-        }
+        // The socket stays behind when the daemon was killed.
+        unlink((dir_ + "/socket").c_str());
+        unlink((dir_ + "/bus.conf").c_str());
         rmdir(dir_.c_str());
         dir_.clear();
     }
