@@ -9,6 +9,7 @@
 
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "support/LogCapture.h"
+#include "support/LoopSupport.h"
 #include "vok/Event.h"
 #include "vok/Logger.h"
 #include "vok/RdTimer.h"
@@ -33,44 +34,23 @@ TEST(DispatcherTest, CallerContextSurvivesTheDispatcher) {
     EXPECT_NE(nullptr, RuntimeDispatcher::GetImpl(privateContext)->GetContext());
 }
 
-TEST(DispatcherTest, RunInsideRunReturnsAtOnceAndRequestStopEndsIt) {
-    test::Watchdog watchdog;
-    RuntimeDispatcher dispatcher;
-    bool nestedReturned = false;
-    RdTimerBase timer(dispatcher, [&]() {
-        dispatcher.Run();  // Already running: returns at once.
-        nestedReturned = true;
-        dispatcher.RequestStop();
-    });
-    timer.Schedule(0);
-    dispatcher.Run();
-    EXPECT_TRUE(nestedReturned);
-}
-
-TEST(DispatcherTest, StopRequestedBeforeRunIsLost) {
+// A stop requested before Run is lost; Run inside Run returns at once; the loop runs again after
+// a stop and stops on a request from another thread.
+TEST(DispatcherTest, RequestStopEndsOnlyARunningLoop) {
     test::Watchdog watchdog;
     RuntimeDispatcher dispatcher;
     dispatcher.RequestStop();
-    bool fired = false;
+    bool nestedReturned = false;
     RdTimerBase timer(dispatcher, [&]() {
-        fired = true;
+        dispatcher.Run();
+        nestedReturned = true;
         dispatcher.RequestStop();
     });
     timer.Schedule(20);
-    dispatcher.Run();  // Would return at once if the early stop had counted.
-    EXPECT_TRUE(fired);
-    // The loop may run again after a stop.
-    fired = false;
-    timer.Schedule(0);
     dispatcher.Run();
-    EXPECT_TRUE(fired);
-}
-
-TEST(DispatcherTest, RequestStopFromAnotherThread) {
-    test::Watchdog watchdog;
-    RuntimeDispatcher dispatcher;
+    EXPECT_TRUE(nestedReturned);
     Event running;
-    RdTimerBase timer(dispatcher, [&]() { running.Signal(); });
+    timer.ChangeCb([&]() { running.Signal(); });
     timer.Schedule(0);
     std::thread stopper([&]() {
         running.Wait();
@@ -123,7 +103,7 @@ TEST(DispatcherExceptionTest, LoopSteppedByTheApplicationHandsExceptionsToItsHan
         [&](std::exception_ptr exception) { handled.push_back(TextOf(exception)); });
     RdTimerBase thrower(dispatcher, []() { throw std::runtime_error("stepped"); });
     thrower.Schedule(0);
-    g_main_context_iteration(RuntimeDispatcher::GetImpl(dispatcher)->GetContext(), FALSE);
+    test::Drain(dispatcher);
     EXPECT_EQ(std::vector<std::string>{"stepped"}, handled);
     // Nothing stale is left for a later Run.
     RdTimerBase stop(dispatcher, [&]() { dispatcher.RequestStop(); });
@@ -138,7 +118,7 @@ TEST(DispatcherDeathTest, ExceptionWithNobodyToTakeItIsLoggedAndAborts) {
             RuntimeDispatcher dispatcher;
             RdTimerBase thrower(dispatcher, []() { throw std::runtime_error("stepped alone"); });
             thrower.Schedule(0);
-            g_main_context_iteration(RuntimeDispatcher::GetImpl(dispatcher)->GetContext(), FALSE);
+            test::Drain(dispatcher);
         },
         "crit \\[VOK.Dispatcher\\] .*: stepped alone");
     // A bus callback of a handle that no dispatcher registered.

@@ -6,8 +6,8 @@
 #include <thread>
 #include <vector>
 
-#include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "support/LogCapture.h"
+#include "support/LoopSupport.h"
 #include "vok/MessageMoverFramework.h"
 #include "vok/MessageMoverInterface.h"
 #include "vok/MmCommandPort.h"
@@ -33,11 +33,7 @@ class PortMonitorTest : public ::testing::Test {
         framework_->DiscardInterface(iface_);
         MessageMoverFramework::StopMessageMoverFramework(framework_);
     }
-    void Drain() {
-        GMainContext* context = RuntimeDispatcher::GetImpl(dispatcher_)->GetContext();
-        while (g_main_context_iteration(context, FALSE)) {
-        }
-    }
+    void Drain() { test::Drain(dispatcher_); }
     void WriteToEnd(int count) {
         for (int i = 0; i < count; ++i) {
             MmConnectionMessageHandle msg;
