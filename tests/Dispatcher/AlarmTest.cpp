@@ -70,18 +70,6 @@ TEST_F(AlarmTest, ChangeCbFromInsideTheCallbackKeepsTheRunningCallableAlive) {
     EXPECT_EQ(tag, seen);
 }
 
-TEST_F(AlarmTest, ThroughThePowerServiceAFractionalIntervalIsRoundedUpNotDown) {
-    PowerDaemon powerd;
-    RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
-    WaitForPower(true);
-    const Clock::time_point start = Clock::now();
-    alarm.Schedule(1500);
-    Pump(dispatcher_, [&]() { return fired_ == 1; });
-    EXPECT_GE(MsSince(start), 1500);
-    EXPECT_EQ(1, powerd.CountLines("alarmAdd id=1 relative_time=00:00:02 subscribed=1"));
-    EXPECT_TRUE(powerd.WaitForLine("fired id=1"));
-}
-
 // Kills and restarts vok-powerd twice within each alarm's interval; each alarm must fire once, at
 // its due time (never early; late by at most the rounding to seconds). The number of rounds
 // comes from VOK_ALARM_RESTART_ROUNDS (default 3); the timing error is printed.
@@ -251,27 +239,34 @@ TEST_F(PowerdRequestTest, OnlyTheOwnerRemovesAnAlarmAndEachClientHasALimit) {
     EXPECT_EQ(ids[0], Remove(":1.1", ids[0]).removed);
 }
 
-// Through the bus: the service tells its clients apart by their bus names, and an alarm ends
-// when its client leaves.
-TEST_F(AlarmTest, PowerServiceKnowsWhichClientOwnsAnAlarm) {
+// Through vok-powerd: a fractional interval is rounded up, not down; the service tells its
+// clients apart by their bus names, and an alarm ends when its client leaves.
+TEST_F(AlarmTest, PowerServiceRoundsIntervalsUpAndKnowsWhichClientOwnsAnAlarm) {
     PowerDaemon powerd(test::ContextOf(dispatcher_));
+    RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
+    WaitForPower(true);
+    const Clock::time_point start = Clock::now();
+    alarm.Schedule(1500);
+    Pump(dispatcher_, [&]() { return fired_ == 1; });
+    EXPECT_GE(MsSince(start), 1500);
+    EXPECT_EQ(1, powerd.CountLines("alarmAdd id=1 relative_time=00:00:02 subscribed=1"));
+    EXPECT_TRUE(powerd.WaitForLine("fired id=1"));
+
     test::Handle owner(test::ContextOf(dispatcher_));
     test::ReplyLog added;
     ASSERT_TRUE(owner.Call("kelvra://com.orvex.power/time/alarmAdd",
                            "{\"subscribe\":true,\"relative_time\":\"00:10:00\"}", &added));
     Pump(dispatcher_, [&]() { return !added.replies.empty(); });
-    ASSERT_EQ(1, added.replies[0].Number("alarmId"));
-
+    ASSERT_EQ(2, added.replies[0].Number("alarmId"));
     std::vector<std::string> replies;
     RdKvCall other(RdKelvraUtils::GetKvHandle(dispatcher_),
                    [&](KVMessage* reply) { replies.push_back(KVMessageGetPayload(reply)); });
-    other.Call("com.orvex.power", "time/alarmRemove", "{\"alarmId\":1}");
+    other.Call("com.orvex.power", "time/alarmRemove", "{\"alarmId\":2}");
     Pump(dispatcher_, [&]() { return !replies.empty(); });
     EXPECT_THAT(replies[0], ContainsRegex("\"errorCode\": *6\\b"));
     EXPECT_EQ(1u, added.replies.size());  // no "removed" end for the owner
-
     owner.Unregister();
-    Pump(dispatcher_, [&]() { return powerd.CountLines("cancelled id=1") > 0; });
+    Pump(dispatcher_, [&]() { return powerd.CountLines("cancelled id=2") > 0; });
 }
 
 }  // namespace
