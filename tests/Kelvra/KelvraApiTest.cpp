@@ -153,12 +153,20 @@ TEST_F(KelvraServiceTest, NamesAndMethodsAreRegisteredOnce) {
     EXPECT_TRUE(KVMessageIsSubscription(requests_[1]));
 }
 
+// One answer, or a stream until its last; a cancel before or after the first reply closes the
+// request.
 TEST_F(KelvraServiceTest, RepliesFollowTheRequestsState) {
     ReplyLog single;
     ReplyLog stream;
+    ReplyLog early;
+    ReplyLog late;
     ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &single));
     ASSERT_TRUE(client_.Call(Uri("a/keep"), "{\"subscribe\":true}", &stream));
-    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 2; }));
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &early));
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &late));
+    // Cancelled before the service has even seen it.
+    ASSERT_TRUE(KVCallCancel(client_.get(), early.token, error_.get()));
+    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 4; }));
     KVMessage* once = requests_[0];
     KVMessage* subscription = requests_[1];
 
@@ -184,18 +192,9 @@ TEST_F(KelvraServiceTest, RepliesFollowTheRequestsState) {
     EXPECT_FALSE(stream.replies[2].last);
     EXPECT_TRUE(stream.replies[3].last);
     EXPECT_EQ(0, cancels_);  // Ended by the service: no cancel notification.
-}
 
-TEST_F(KelvraServiceTest, CancelBeforeAndAfterTheFirstReply) {
-    ReplyLog early;
-    ReplyLog late;
-    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &early));
-    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &late));
-    // Cancelled before the service has even seen it.
-    ASSERT_TRUE(KVCallCancel(client_.get(), early.token, error_.get()));
-    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 2; }));
-    ASSERT_TRUE(KVSubscriptionAdd(service_.get(), requests_[1], Cancelled, this, error_.get()));
-    ASSERT_TRUE(KVReply(service_.get(), requests_[1], "{}", error_.get()));
+    ASSERT_TRUE(KVSubscriptionAdd(service_.get(), requests_[3], Cancelled, this, error_.get()));
+    ASSERT_TRUE(KVReply(service_.get(), requests_[3], "{}", error_.get()));
     ASSERT_TRUE(WaitFor([&]() { return late.replies.size() == 1; }));
     ASSERT_TRUE(KVCallCancel(client_.get(), late.token, error_.get()));
     ASSERT_TRUE(WaitFor([&]() { return cancels_ == 1; }));

@@ -171,15 +171,6 @@ void PrivateBus::Launch() {
     address_ = address;
 }
 
-void PrivateBus::Kill(int signal) {
-    daemon_.Kill(signal);
-    daemon_.Wait();
-}
-
-void PrivateBus::Restart() {
-    Launch();
-}
-
 void PrivateBus::Stop() {
     if (daemon_.Running()) {
         daemon_.Kill(SIGTERM);

@@ -54,9 +54,12 @@ class PrivateBus {
     void Stop();
     const std::string& Address() const { return address_; }
     // Kills the daemon with signal (its clients lose their connections); the address stays.
-    void Kill(int signal);
+    void Kill(int signal) {
+        daemon_.Kill(signal);
+        daemon_.Wait();
+    }
     // Starts a killed daemon again at the same address.
-    void Restart();
+    void Restart() { Launch(); }
 
   private:
     void Launch();
