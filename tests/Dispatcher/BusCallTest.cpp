@@ -46,8 +46,6 @@ class BusCallTest : public ::testing::Test {
 
 // Replies arrive on the dispatcher's thread until the last; a call while one is pending cancels
 // the first.
-// Replies arrive on the dispatcher's thread until the last; a call while one is pending cancels
-// the first.
 TEST_F(BusCallTest, RepliesArriveOnTheDispatcherThreadUntilTheLast) {
     FakeService service(dispatcher_, "com.test.echo");
     service.AddMethod("echo/three", [](const std::string& payload) {

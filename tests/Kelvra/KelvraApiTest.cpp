@@ -348,6 +348,7 @@ TEST_F(KelvraServiceTest, HandlesSurviveABusRestart) {
     ASSERT_TRUE(WaitFor([&]() { return again.replies.size() == 1; }));
     EXPECT_TRUE(again.replies[0].Bool("back"));
 }
+
 }  // namespace
 }  // namespace test
 }  // namespace vok

@@ -39,13 +39,10 @@ int ExitStatus(ChildProcess* process) {
 Outcome RunKvCall(const std::vector<std::string>& args, const std::string& busAddress = "") {
     char errorsPath[] = "/tmp/vok-kv-call-errors-XXXXXX";
     close(mkstemp(errorsPath));
-    std::vector<std::string> argv = {"/bin/sh",
-                                     "-c",
-                                     "[ -z \"$1\" ] || export KELVRA_BUS_ADDRESS=\"$1\"; shift;"
-                                     " exec $VOK_TEST_EMULATOR \"$@\" 2>\"$0\"",
-                                     errorsPath,
-                                     busAddress,
-                                     KV_CALL};
+    const char* script =
+        "[ -z \"$1\" ] || export KELVRA_BUS_ADDRESS=\"$1\"; shift;"
+        " exec $VOK_TEST_EMULATOR \"$@\" 2>\"$0\"";
+    std::vector<std::string> argv = {"/bin/sh", "-c", script, errorsPath, busAddress, KV_CALL};
     argv.insert(argv.end(), args.begin(), args.end());
     ChildProcess process;
     process.Start(argv, false, true);
