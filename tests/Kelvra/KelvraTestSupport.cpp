@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 
@@ -148,11 +149,9 @@ int PowerDaemon::CountLines(const std::string& text) {
 }
 
 int PowerDaemon::CountLinesLocked(const std::string& text) const {
-    int count = 0;
-    for (const std::string& line : lines_) {
-        count += line.find(text) != std::string::npos ? 1 : 0;
-    }
-    return count;
+    return static_cast<int>(std::count_if(
+        lines_.begin(), lines_.end(),
+        [&](const std::string& line) { return line.find(text) != std::string::npos; }));
 }
 
 }  // namespace test

@@ -36,8 +36,7 @@ struct Reply {
 };
 
 // A reply function that records every reply of one call.
-class ReplyLog {
-  public:
+struct ReplyLog {
     static bool Func(KVHandle* handle, KVMessage* reply, void* self);
     std::vector<Reply> replies;
     KVMessageToken token = 0;
