@@ -65,7 +65,7 @@ class KelvraBusTest : public testing::Test {
     std::unique_ptr<TestService> service_;
 };
 
-TEST_F(KelvraBusTest, CallsGetRepliesAndServiceErrors) {
+TEST_F(KelvraBusTest, CallsGetRepliesAndServiceErrorsAndStatusFollowsTheService) {
     ReplyLog status;
     WatchStatus(&status);
     EXPECT_FALSE(status.replies[0].Bool("connected"));
@@ -96,15 +96,9 @@ TEST_F(KelvraBusTest, CallsGetRepliesAndServiceErrors) {
     }
     // The service is unharmed.
     EXPECT_TRUE(CallOnce("echo", "{}").Bool("returnValue"));
-}
 
-// The status follows the service until cancelled; a service that leaves the bus ends the
-// subscriptions it held open.
-TEST_F(KelvraBusTest, StatusFollowsTheServiceUntilCancelled) {
-    ReplyLog status;
-    WatchStatus(&status);
-    EXPECT_FALSE(status.replies[0].Bool("connected"));
-    StartService(&status);
+    // The status follows the service until cancelled; a service that leaves the bus ends the
+    // subscriptions it held open.
     ReplyLog orphan;
     ASSERT_TRUE(client_.Call(Uri("subscribe"), "{\"subscribe\":true}", &orphan));
     ASSERT_TRUE(WaitForReplies(&orphan, 1));
