@@ -75,10 +75,6 @@ bool Events(KVHandle*, KVMessage* request, void* data) {
     return true;
 }
 
-bool NoReply(KVHandle*, KVMessage*, void*) {
-    return true;
-}
-
 // A service that hangs: the cancel of a client that gave up waits behind the reply.
 bool Late(KVHandle*, KVMessage* request, void* data) {
     Service* service = static_cast<Service*>(data);
@@ -94,10 +90,6 @@ bool Late(KVHandle*, KVMessage* request, void* data) {
         Hold(service, request);
     }
     return true;
-}
-
-bool Fail(KVHandle*, KVMessage*, void*) {
-    return false;
 }
 
 bool Quit(KVHandle*, KVMessage* request, void* data) {
@@ -131,10 +123,15 @@ int main(int argc, char** argv) {
     const struct {
         const char* name;
         KVMethodFunc func;
-    } methods[] = {{"test/echo", Echo},     {"test/subscribe", Subscribe},
-                   {"test/events", Events}, {"test/noreply", NoReply},
-                   {"test/fail", Fail},     {"test/quit", Quit},
-                   {"test/late", Late}};
+    } methods[] = {
+        {"test/echo", Echo},
+        {"test/subscribe", Subscribe},
+        {"test/events", Events},
+        {"test/noreply", [](KVHandle*, KVMessage*, void*) { return true; }},
+        {"test/fail", [](KVHandle*, KVMessage*, void*) { return false; }},
+        {"test/quit", Quit},
+        {"test/late", Late},
+    };
     for (const auto& method : methods) {
         KVRegisterMethod(service.handle, method.name, method.func, &service, nullptr);
     }
