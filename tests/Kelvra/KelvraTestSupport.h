@@ -113,7 +113,7 @@ class PowerDaemon {
     int CountLinesLocked(const std::string& text) const;
 
     ChildProcess process_;
-    GMainContext* wake_;
+    GMainContext* const wake_;
     std::thread reader_;
     std::mutex mutex_;  // Protects lines_.
     std::condition_variable lineAdded_;
