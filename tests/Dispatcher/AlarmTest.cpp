@@ -12,9 +12,8 @@
 #include <vector>
 
 #include "AlarmBook.h"
-#include "BusTestSupport.h"
+#include "KelvraTestSupport.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/RdAlarmImpl.h"
-#include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "support/LogCapture.h"
 #include "vok/RdAlarm.h"
 #include "vok/RdKvCall.h"
@@ -33,32 +32,6 @@ using ::testing::ContainsRegex;
 long long MsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
-
-// vok-powerd that the test can stop and continue (SIGSTOP: alive and on the bus, but deaf).
-class PausablePowerDaemon {
-  public:
-    PausablePowerDaemon() {
-        process_.Start({VOK_POWERD, "--log"}, true, true);
-        WaitForLine("ready");
-    }
-    ~PausablePowerDaemon() {
-        process_.Kill(SIGCONT);
-        process_.Kill(SIGTERM);
-        process_.Wait();
-    }
-    void Signal(int signal) { process_.Kill(signal); }
-    void Stop() { process_.Stop(); }
-    void WaitForLine(const std::string& text) {
-        std::string line;
-        do {
-            line = process_.ReadLine();
-            ASSERT_FALSE(line.empty()) << "vok-powerd ended before \"" << text << "\"";
-        } while (line.find(text) == std::string::npos);
-    }
-
-  private:
-    test::ChildProcess process_;
-};
 
 class AlarmTest : public ::testing::Test {
   protected:
@@ -97,19 +70,6 @@ TEST_F(AlarmTest, ChangeCbFromInsideTheCallbackKeepsTheRunningCallableAlive) {
     EXPECT_EQ(tag, seen);
 }
 
-TEST_F(AlarmTest, ThroughThePowerServiceAFractionalIntervalIsRoundedUpNotDown) {
-    PowerDaemon powerd;
-    powerd.Start();
-    RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
-    WaitForPower(true);
-    const Clock::time_point start = Clock::now();
-    alarm.Schedule(1500);
-    Pump(dispatcher_, [&]() { return fired_ == 1; });
-    EXPECT_GE(MsSince(start), 1500);
-    EXPECT_TRUE(powerd.HasLine("alarmAdd id=1 relative_time=00:00:02 subscribed=1"));
-    EXPECT_TRUE(powerd.WaitForLine("fired id=1"));
-}
-
 // Kills and restarts vok-powerd twice within each alarm's interval; each alarm must fire once, at
 // its due time (never early; late by at most the rounding to seconds). The number of rounds
 // comes from VOK_ALARM_RESTART_ROUNDS (default 3); the timing error is printed.
@@ -119,7 +79,6 @@ TEST_F(AlarmTest, PowerServiceRestartsKeepTheDueTime) {
     const long long intervalMs = 4000;
     long long minError = 1 << 30, maxError = -(1 << 30);
     std::unique_ptr<PowerDaemon> powerd(new PowerDaemon);
-    powerd->Start();
     RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
     WaitForPower(true);
     for (int round = 0; round < rounds; ++round) {
@@ -128,10 +87,9 @@ TEST_F(AlarmTest, PowerServiceRestartsKeepTheDueTime) {
         alarm.Schedule(intervalMs);
         for (long long at : {1000LL, 2500LL}) {
             Settle(at - MsSince(start));
-            powerd->Kill();
+            powerd->Stop(SIGKILL);
             WaitForPower(false);
             powerd.reset(new PowerDaemon);
-            powerd->Start();
             WaitForPower(true);
         }
         Pump(dispatcher_, [&]() { return fired_ == 1; });
@@ -149,10 +107,10 @@ TEST_F(AlarmTest, PowerServiceRestartsKeepTheDueTime) {
 
 TEST_F(AlarmTest, HungPowerServiceLetsTheTimerFireTheAlarmOnce) {
     test::LogCapture log;
-    PausablePowerDaemon powerd;
+    PowerDaemon powerd;
     RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
     WaitForPower(true);
-    powerd.Stop();
+    powerd.Pause();
     const Clock::time_point start = Clock::now();
     alarm.Schedule(500);
     Pump(
@@ -168,8 +126,8 @@ TEST_F(AlarmTest, HungPowerServiceLetsTheTimerFireTheAlarmOnce) {
     // Awake again, the service answers the abandoned request: the alarm is taken back there and
     // its notice never reaches the callback.
     powerd.Signal(SIGCONT);
-    powerd.WaitForLine("alarmAdd id=1");
-    powerd.WaitForLine("id=1");  // removed, or cancelled with its subscription
+    EXPECT_TRUE(powerd.WaitForLine("alarmAdd id=1"));
+    EXPECT_TRUE(powerd.WaitForLine("id=1", 2));  // removed, or cancelled with its subscription
     Settle(1500);
     EXPECT_EQ(1, fired_);
 }
@@ -287,37 +245,34 @@ TEST_F(PowerdRequestTest, OnlyTheOwnerRemovesAnAlarmAndEachClientHasALimit) {
     EXPECT_EQ(ids[0], Remove(":1.1", ids[0]).removed);
 }
 
-// Through the bus: the service tells its clients apart by their bus names, and an alarm ends
-// when its client leaves.
-TEST_F(AlarmTest, PowerServiceKnowsWhichClientOwnsAnAlarm) {
-    PowerDaemon powerd;
-    powerd.Start();
-    GMainContext* context = RuntimeDispatcher::GetImpl(dispatcher_)->GetContext();
-    powerd.WakeOnLine(context);
-    KVHandle* owner = nullptr;
-    ASSERT_TRUE(KVRegister(nullptr, &owner, nullptr));
-    ASSERT_TRUE(KVGmainAttach(owner, context, nullptr));
-    std::vector<std::string> ownerReplies;
-    auto collect = [](KVHandle*, KVMessage* reply, void* list) {
-        static_cast<std::vector<std::string>*>(list)->push_back(KVMessageGetPayload(reply));
-        return true;
-    };
-    ASSERT_TRUE(KVCall(owner, "kelvra://com.orvex.power/time/alarmAdd",
-                       "{\"subscribe\":true,\"relative_time\":\"00:10:00\"}", collect,
-                       &ownerReplies, nullptr, nullptr));
-    Pump(dispatcher_, [&]() { return !ownerReplies.empty(); });
-    ASSERT_THAT(ownerReplies[0], ContainsRegex("\"alarmId\": *1\\b"));
+// Through vok-powerd: a fractional interval is rounded up, not down; the service tells its
+// clients apart by their bus names, and an alarm ends when its client leaves.
+TEST_F(AlarmTest, PowerServiceRoundsIntervalsUpAndKnowsWhichClientOwnsAnAlarm) {
+    PowerDaemon powerd(test::ContextOf(dispatcher_));
+    RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
+    WaitForPower(true);
+    const Clock::time_point start = Clock::now();
+    alarm.Schedule(1500);
+    Pump(dispatcher_, [&]() { return fired_ == 1; });
+    EXPECT_GE(MsSince(start), 1500);
+    EXPECT_EQ(1, powerd.CountLines("alarmAdd id=1 relative_time=00:00:02 subscribed=1"));
+    EXPECT_TRUE(powerd.WaitForLine("fired id=1"));
 
+    test::Handle owner(test::ContextOf(dispatcher_));
+    test::ReplyLog added;
+    ASSERT_TRUE(owner.Call("kelvra://com.orvex.power/time/alarmAdd",
+                           "{\"subscribe\":true,\"relative_time\":\"00:10:00\"}", &added));
+    Pump(dispatcher_, [&]() { return !added.replies.empty(); });
+    ASSERT_EQ(2, added.replies[0].Number("alarmId"));
     std::vector<std::string> replies;
     RdKvCall other(RdKelvraUtils::GetKvHandle(dispatcher_),
                    [&](KVMessage* reply) { replies.push_back(KVMessageGetPayload(reply)); });
-    other.Call("com.orvex.power", "time/alarmRemove", "{\"alarmId\":1}");
+    other.Call("com.orvex.power", "time/alarmRemove", "{\"alarmId\":2}");
     Pump(dispatcher_, [&]() { return !replies.empty(); });
     EXPECT_THAT(replies[0], ContainsRegex("\"errorCode\": *6\\b"));
-    EXPECT_EQ(1u, ownerReplies.size());  // no "removed" end for the owner
-
-    KVUnregister(owner, nullptr);
-    Pump(dispatcher_, [&]() { return powerd.HasLine("cancelled id=1"); });
+    EXPECT_EQ(1u, added.replies.size());  // no "removed" end for the owner
+    owner.Unregister();
+    Pump(dispatcher_, [&]() { return powerd.CountLines("cancelled id=2") > 0; });
 }
 
 }  // namespace

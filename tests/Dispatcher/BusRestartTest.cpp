@@ -16,8 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "BusTestSupport.h"
-#include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "KelvraTestSupport.h"
 #include "support/LogCapture.h"
 #include "vok/BladeStopWatcher.h"
 #include "vok/JsonObjectFindResult.h"
@@ -140,14 +139,13 @@ class CallerBlade : public Blade {
 };
 
 // Keeps a 700 ms alarm going: each firing is checked against its due time and the next alarm is
-// set at once, so a late, early or doubled firing shows in the record.
+// set at once, so an early firing shows in the record, and so does a doubled one (as early).
 class AlarmBlade : public Blade {
   public:
     using Blade::Blade;
     // Guarded by the board.
     int fired = 0;
     int early = 0;
-    int doubled = 0;
 
   private:
     static constexpr unsigned kIntervalMs = 700;
@@ -159,24 +157,19 @@ class AlarmBlade : public Blade {
     void Finish() override { alarm_.reset(); }
     void Set() {
         due_ = Clock::now() + std::chrono::milliseconds(kIntervalMs);
-        pending_ = true;
         alarm_->Schedule(kIntervalMs);
     }
     void OnFired() {
         const bool wasEarly = Clock::now() < due_;
-        const bool wasPending = pending_;
-        pending_ = false;
         board_->Update([&]() {
             ++fired;
             early += wasEarly ? 1 : 0;
-            doubled += wasPending ? 0 : 1;
         });
         Set();
     }
 
     std::unique_ptr<RdAlarmBase> alarm_;
     Clock::time_point due_;
-    bool pending_ = false;
 };
 
 TEST(BusRestartTest, EveryBladeIsBackToNormalSoonAfterTheBusReturns) {
@@ -187,7 +180,6 @@ TEST(BusRestartTest, EveryBladeIsBackToNormalSoonAfterTheBusReturns) {
     CallerBlade callers[] = {{&board, "caller1"}, {&board, "caller2"}};
     AlarmBlade alarms(&board, "alarm");
     test::PowerDaemon powerd;
-    powerd.Start();
     bool stopped = false;
     VokShell shell(VokShellDaemonInfo("bus-restart", ""),
                    {&service, &callers[0], &callers[1], &alarms},
@@ -242,7 +234,6 @@ TEST(BusRestartTest, EveryBladeIsBackToNormalSoonAfterTheBusReturns) {
             EXPECT_EQ((std::vector<bool>{true, false, true, false, true}), caller.heard);
         }
         EXPECT_EQ(0, alarms.early);
-        EXPECT_EQ(0, alarms.doubled);
     });
     shell.RequestStop();
     ASSERT_TRUE(board.WaitUntil([&]() { return stopped; }, std::chrono::seconds(60)));

@@ -9,6 +9,7 @@
 
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "support/LogCapture.h"
+#include "support/LoopSupport.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
 
@@ -35,45 +36,22 @@ TEST(TimespecTest, ArithmeticCarriesAndNeverGoesNegative) {
 
 class TimerTest : public ::testing::Test {
   protected:
-    GMainContext* Context() { return RuntimeDispatcher::GetImpl(dispatcher_)->GetContext(); }
+    GMainContext* Context() { return test::ContextOf(dispatcher_); }
     // One non-blocking loop iteration.
     void Step() { g_main_context_iteration(Context(), FALSE); }
-    // Runs the loop until flag is set.
-    void RunUntil(const bool& flag) {
-        while (!flag) {
-            g_main_context_iteration(Context(), TRUE);
-        }
-    }
 
     test::Watchdog watchdog_;
     RuntimeDispatcher dispatcher_;
 };
 
-TEST_F(TimerTest, NeverFiresEarly) {
-    bool fired = false;
-    long long elapsed = 0;
+TEST_F(TimerTest, SecondScheduleReplacesTheFirstNeverEarlyAndCancelDisarms) {
+    std::vector<long long> fired;
     const Clock::time_point start = Clock::now();
-    RdTimerBase timer(dispatcher_, [&]() {
-        elapsed = MsSince(start);
-        fired = true;
-    });
-    timer.Schedule(120);
-    RunUntil(fired);
-    EXPECT_GE(elapsed, 120);
-}
-
-TEST_F(TimerTest, SecondScheduleReplacesTheFirstAndCancelDisarms) {
-    std::vector<int> fired;
-    int which = 1;
-    RdTimerBase timer(dispatcher_, [&]() { fired.push_back(which); });
+    RdTimerBase timer(dispatcher_, [&]() { fired.push_back(MsSince(start)); });
     timer.Schedule(0);
-    which = 2;
-    timer.Schedule(30);
-    bool done = false;
-    RdTimerBase stop(dispatcher_, [&]() { done = true; });
-    stop.Schedule(100);
-    RunUntil(done);
-    EXPECT_EQ(std::vector<int>{2}, fired);
+    timer.Schedule(120);
+    test::Pump(dispatcher_, [&]() { return !fired.empty(); });
+    EXPECT_GE(fired[0], 120);
 
     timer.Schedule(0);
     timer.Cancel();
@@ -98,6 +76,12 @@ TEST_F(TimerTest, CallbackMayRearmOrDestroyItsTimer) {
     }
     EXPECT_EQ(3, count);
     EXPECT_EQ(nullptr, timer);
+
+    // An empty callback raises out of Run, and the timer may be destroyed afterwards.
+    auto empty = std::make_unique<RdTimerBase>(dispatcher_, std::function<void()>());
+    empty->Schedule(0);
+    EXPECT_THROW(dispatcher_.Run(), std::bad_function_call);
+    empty.reset();
 }
 
 TEST_F(TimerTest, ChangeCbKeepsTheArmingAndMayRunInsideTheCallback) {
@@ -129,13 +113,6 @@ TEST_F(TimerTest, ChangeCbKeepsTheArmingAndMayRunInsideTheCallback) {
     EXPECT_EQ(2, second);
 }
 
-TEST_F(TimerTest, EmptyCallbackRaisesOutOfRunAndTheTimerMayBeDestroyedAfterwards) {
-    auto empty = std::make_unique<RdTimerBase>(dispatcher_, std::function<void()>());
-    empty->Schedule(0);
-    EXPECT_THROW(dispatcher_.Run(), std::bad_function_call);
-    empty.reset();
-}
-
 // Counts the loop's polls, i.e. its wake-ups.
 int gPolls = 0;
 GPollFunc gRealPoll = nullptr;
@@ -153,7 +130,7 @@ TEST_F(TimerTest, PendingTimerDoesNotWakeTheLoopEveryMillisecond) {
     RdTimerBase stop(dispatcher_, [&]() { done = true; });
     stop.Schedule(500);
     gPolls = 0;
-    RunUntil(done);
+    test::Pump(dispatcher_, [&]() { return done; });
     // Polling every millisecond would give about 500.
     EXPECT_LE(gPolls, 10);
     g_main_context_set_poll_func(Context(), gRealPoll);

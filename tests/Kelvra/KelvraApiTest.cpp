@@ -21,17 +21,12 @@ class ErrorCheck {
     ErrorCheck() { KVErrorInit(&error_); }
     ~ErrorCheck() { KVErrorFree(&error_); }
     KVError* get() { return &error_; }
-    // The code of the last failure; clears the record.
-    int Take() {
-        EXPECT_NE(nullptr, error_.message);
-        int code = error_.code;
-        KVErrorFree(&error_);
-        return code;
-    }
-    // Expects a call's result to be a failure with code.
+    // Expects a call's result to be a failure with code and a message; clears the record.
     void Failed(bool result, int code, const char* what = "") {
         EXPECT_FALSE(result) << what;
-        EXPECT_EQ(code, Take()) << what;
+        EXPECT_NE(nullptr, error_.message) << what;
+        EXPECT_EQ(code, error_.code) << what;
+        KVErrorFree(&error_);
     }
 
   private:
@@ -42,15 +37,14 @@ class ErrorCheck {
 TEST(KelvraAddressTest, KelvraAddressComesFirstThenTheSessionBus) {
     ErrorCheck error;
     KVHandle* handle = reinterpret_cast<KVHandle*>(1);
-    setenv("DBUS_SESSION_BUS_ADDRESS", TestBusAddress().c_str(), 1);
+    setenv("DBUS_SESSION_BUS_ADDRESS", TestBus().Address().c_str(), 1);
     setenv("KELVRA_BUS_ADDRESS", "unix:path=/nonexistent/kelvra-test", 1);
-    EXPECT_FALSE(KVRegister(nullptr, &handle, error.get()));
+    error.Failed(KVRegister(nullptr, &handle, error.get()), KV_ERROR_BUS);
     EXPECT_EQ(nullptr, handle);
-    EXPECT_EQ(KV_ERROR_BUS, error.Take());
     unsetenv("KELVRA_BUS_ADDRESS");
     EXPECT_TRUE(KVRegister(nullptr, &handle, error.get()));
     EXPECT_TRUE(KVUnregister(handle, error.get()));
-    setenv("KELVRA_BUS_ADDRESS", TestBusAddress().c_str(), 1);
+    setenv("KELVRA_BUS_ADDRESS", TestBus().Address().c_str(), 1);
     unsetenv("DBUS_SESSION_BUS_ADDRESS");
 }
 
@@ -74,11 +68,8 @@ TEST(KelvraApiTest, BadInputFailsWithAnError) {
     error.Failed(KVGmainAttach(handle, context, error.get()), KV_ERROR_ALREADY_ATTACHED);
 
     const char* badUris[] = {
-        "http://com.orvex.x/a/b",
-        "kelvra://com.orvex.x/",
-        "kelvra://com.orvex.x//b",
-        "kelvra://com.orvex.x/a-b/c",
-        "kelvra://:1.5/a/b",
+        "http://com.orvex.x/a/b",     "kelvra://com.orvex.x/", "kelvra://com.orvex.x//b",
+        "kelvra://com.orvex.x/a-b/c", "kelvra://:1.5/a/b",
     };
     for (const char* uri : badUris) {
         error.Failed(KVCall(handle, uri, "{}", ReplyLog::Func, nullptr, nullptr, error.get()),
@@ -103,8 +94,11 @@ TEST(KelvraApiTest, BadInputFailsWithAnError) {
 // A service and a client in this process, on one context.
 class KelvraServiceTest : public testing::Test {
   protected:
+    // The service has a method "a/keep" that keeps each request it receives.
     KelvraServiceTest()
-        : context_(g_main_context_new()), service_(context_, name_.c_str()), client_(context_) {}
+        : context_(g_main_context_new()), service_(context_, name_.c_str()), client_(context_) {
+        EXPECT_TRUE(KVRegisterMethod(service_.get(), "a/keep", Keep, this, nullptr));
+    }
     ~KelvraServiceTest() override { g_main_context_unref(context_); }
 
     void Register(const char* method, KVMethodFunc func) {
@@ -113,7 +107,6 @@ class KelvraServiceTest : public testing::Test {
     std::string Uri(const char* method) const { return "kelvra://" + name_ + "/" + method; }
     bool WaitFor(const std::function<bool()>& done) { return IterateUntil(context_, done); }
 
-    // Keeps each request it receives.
     static bool Keep(KVHandle*, KVMessage* request, void* self) {
         static_cast<KelvraServiceTest*>(self)->requests_.push_back(KVMessageRef(request));
         return true;
@@ -140,7 +133,6 @@ class KelvraServiceTest : public testing::Test {
 TEST_F(KelvraServiceTest, NamesAndMethodsAreRegisteredOnce) {
     KVHandle* second = nullptr;
     error_.Failed(KVRegister(name_.c_str(), &second, error_.get()), KV_ERROR_NAME_TAKEN);
-    Register("a/keep", Keep);
     error_.Failed(KVRegisterMethod(service_.get(), "a/keep", Keep, this, error_.get()),
                   KV_ERROR_EXISTS);
     for (const char* bad : {"", "a/", "/b", "a//b", "a/b-c", "a.b/c"}) {
@@ -161,13 +153,20 @@ TEST_F(KelvraServiceTest, NamesAndMethodsAreRegisteredOnce) {
     EXPECT_TRUE(KVMessageIsSubscription(requests_[1]));
 }
 
+// One answer, or a stream until its last; a cancel before or after the first reply closes the
+// request.
 TEST_F(KelvraServiceTest, RepliesFollowTheRequestsState) {
-    Register("a/keep", Keep);
     ReplyLog single;
     ReplyLog stream;
+    ReplyLog early;
+    ReplyLog late;
     ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &single));
     ASSERT_TRUE(client_.Call(Uri("a/keep"), "{\"subscribe\":true}", &stream));
-    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 2; }));
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &early));
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &late));
+    // Cancelled before the service has even seen it.
+    ASSERT_TRUE(KVCallCancel(client_.get(), early.token, error_.get()));
+    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 4; }));
     KVMessage* once = requests_[0];
     KVMessage* subscription = requests_[1];
 
@@ -193,19 +192,9 @@ TEST_F(KelvraServiceTest, RepliesFollowTheRequestsState) {
     EXPECT_FALSE(stream.replies[2].last);
     EXPECT_TRUE(stream.replies[3].last);
     EXPECT_EQ(0, cancels_);  // Ended by the service: no cancel notification.
-}
 
-TEST_F(KelvraServiceTest, CancelBeforeAndAfterTheFirstReply) {
-    Register("a/keep", Keep);
-    ReplyLog early;
-    ReplyLog late;
-    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &early));
-    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &late));
-    // Cancelled before the service has even seen it.
-    ASSERT_TRUE(KVCallCancel(client_.get(), early.token, error_.get()));
-    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 2; }));
-    ASSERT_TRUE(KVSubscriptionAdd(service_.get(), requests_[1], Cancelled, this, error_.get()));
-    ASSERT_TRUE(KVReply(service_.get(), requests_[1], "{}", error_.get()));
+    ASSERT_TRUE(KVSubscriptionAdd(service_.get(), requests_[3], Cancelled, this, error_.get()));
+    ASSERT_TRUE(KVReply(service_.get(), requests_[3], "{}", error_.get()));
     ASSERT_TRUE(WaitFor([&]() { return late.replies.size() == 1; }));
     ASSERT_TRUE(KVCallCancel(client_.get(), late.token, error_.get()));
     ASSERT_TRUE(WaitFor([&]() { return cancels_ == 1; }));
@@ -218,7 +207,6 @@ TEST_F(KelvraServiceTest, CancelBeforeAndAfterTheFirstReply) {
 
 // Reply functions may cancel their own call or unregister the handle; nothing is delivered after.
 TEST_F(KelvraServiceTest, ReplyFunctionsMayEndTheirCallOrTheHandle) {
-    Register("a/keep", Keep);
     struct Stopper {
         KVHandle* handle;
         KVMessageToken token = 0;
@@ -269,7 +257,6 @@ TEST_F(KelvraServiceTest, ReplyFunctionsMayEndTheirCallOrTheHandle) {
 // Payloads above the limit are refused before anything is sent, and the handles stay usable; a
 // service answers such a request that reaches it around the library with an error reply.
 TEST_F(KelvraServiceTest, OversizedPayloadsAreRefused) {
-    Register("a/keep", Keep);
     const std::string over = "{\"x\":\"" + std::string(KV_MAX_PAYLOAD_SIZE - 7, 'x') + "\"}";
     const std::string most = over.substr(0, 6) + over.substr(7);
     ReplyLog refused;
@@ -285,7 +272,7 @@ TEST_F(KelvraServiceTest, OversizedPayloadsAreRefused) {
     EXPECT_EQ(most, log.replies[0].payload);
 
     GDBusConnection* raw = g_dbus_connection_new_for_address_sync(
-        TestBusAddress().c_str(),
+        TestBus().Address().c_str(),
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
         nullptr, nullptr, nullptr);
@@ -315,56 +302,49 @@ TEST_F(KelvraServiceTest, OversizedPayloadsAreRefused) {
 // error reply from the loop, and the same handles come back with their service name, methods
 // and status watches.
 TEST_F(KelvraServiceTest, HandlesSurviveABusRestart) {
-    PrivateBus bus;
-    setenv("KELVRA_BUS_ADDRESS", bus.Start().c_str(), 1);
-    Handle service(context_, "com.orvex.lost");
-    Handle client(context_);
-    setenv("KELVRA_BUS_ADDRESS", TestBusAddress().c_str(), 1);
     std::vector<bool> links;
     ASSERT_TRUE(KVSetConnectionFunc(
-        client.get(),
+        client_.get(),
         [](KVHandle*, bool up, void* links) {
             static_cast<std::vector<bool>*>(links)->push_back(up);
         },
         &links, nullptr));
-    ASSERT_TRUE(KVRegisterMethod(service.get(), "a/keep", Keep, this, nullptr));
-    const std::string uri = "kelvra://com.orvex.lost/a/keep";
     ReplyLog status;
     ReplyLog stream;
-    ASSERT_TRUE(client.Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
-                            "{\"serviceName\":\"com.orvex.lost\"}", &status));
-    ASSERT_TRUE(client.Call(uri, "{}", &stream));
+    ASSERT_TRUE(client_.Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
+                             "{\"serviceName\":\"" + name_ + "\"}", &status));
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &stream));
     ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 1 && status.replies.size() == 1; }));
     ASSERT_TRUE(status.replies[0].Bool("connected"));
-    ASSERT_TRUE(KVSubscriptionAdd(service.get(), requests_[0], Cancelled, this, nullptr));
+    ASSERT_TRUE(KVSubscriptionAdd(service_.get(), requests_[0], Cancelled, this, nullptr));
 
-    bus.Kill(SIGKILL);
+    TestBus().Kill(SIGKILL);
     ASSERT_TRUE(WaitFor([&]() {
         return cancels_ == 1 && stream.replies.size() == 1 && status.replies.size() == 2 &&
                links.size() == 1;
     }));
     EXPECT_FALSE(links[0]);
-    EXPECT_FALSE(KVIsConnected(client.get()));
+    EXPECT_FALSE(KVIsConnected(client_.get()));
     EXPECT_TRUE(stream.replies[0].last);
     EXPECT_EQ(KV_ERROR_BUS_UNAVAILABLE, stream.replies[0].Number("errorCode"));
     EXPECT_FALSE(status.replies[1].Bool("connected"));
     EXPECT_FALSE(status.replies[1].last);
-    error_.Failed(KVReply(service.get(), requests_[0], "{}", error_.get()), KV_ERROR_CLOSED);
+    error_.Failed(KVReply(service_.get(), requests_[0], "{}", error_.get()), KV_ERROR_CLOSED);
     ReplyLog meanwhile;
-    ASSERT_TRUE(client.Call(uri, "{}", &meanwhile));
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &meanwhile));
     EXPECT_TRUE(meanwhile.replies.empty());  // not from inside KVCall
     ASSERT_TRUE(WaitFor([&]() { return meanwhile.replies.size() == 1; }));
     EXPECT_TRUE(meanwhile.replies[0].last);
     EXPECT_EQ(KV_ERROR_BUS_UNAVAILABLE, meanwhile.replies[0].Number("errorCode"));
 
-    bus.Restart();
+    TestBus().Restart();
     ASSERT_TRUE(WaitFor([&]() { return status.replies.size() == 3 && links.size() == 2; }));
     EXPECT_TRUE(status.replies[2].Bool("connected"));
     EXPECT_TRUE(links[1]);
     ReplyLog again;
-    ASSERT_TRUE(client.Call(uri, "{}", &again));
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &again));
     ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 2; }));
-    EXPECT_TRUE(KVReply(service.get(), requests_[1], "{\"back\":true}", error_.get()));
+    EXPECT_TRUE(KVReply(service_.get(), requests_[1], "{\"back\":true}", error_.get()));
     ASSERT_TRUE(WaitFor([&]() { return again.replies.size() == 1; }));
     EXPECT_TRUE(again.replies[0].Bool("back"));
 }

@@ -10,6 +10,8 @@
 
 #include "KelvraTestSupport.h"
 #include "support/LogCapture.h"
+#include "vok/JsonObjectFindResult.h"
+#include "vok/JsonToken.h"
 
 namespace vok {
 namespace test {
@@ -63,7 +65,7 @@ class KelvraBusTest : public testing::Test {
     std::unique_ptr<TestService> service_;
 };
 
-TEST_F(KelvraBusTest, CallsGetRepliesAndServiceErrors) {
+TEST_F(KelvraBusTest, CallsGetRepliesAndServiceErrorsAndStatusFollowsTheService) {
     ReplyLog status;
     WatchStatus(&status);
     EXPECT_FALSE(status.replies[0].Bool("connected"));
@@ -83,9 +85,9 @@ TEST_F(KelvraBusTest, CallsGetRepliesAndServiceErrors) {
         const char* payload;
         int code;
     } failures[] = {
-        {"nosuch", "{}", KV_ERROR_NO_METHOD},  {"echo", "{", KV_ERROR_BAD_PAYLOAD},
-        {"echo", "[1]", KV_ERROR_BAD_PAYLOAD},
-        {"noreply", "{}", KV_ERROR_NO_REPLY},  {"fail", "{}", KV_ERROR_METHOD_FAILED},
+        {"nosuch", "{}", KV_ERROR_NO_METHOD},   {"echo", "{", KV_ERROR_BAD_PAYLOAD},
+        {"echo", "[1]", KV_ERROR_BAD_PAYLOAD},  {"noreply", "{}", KV_ERROR_NO_REPLY},
+        {"fail", "{}", KV_ERROR_METHOD_FAILED},
     };
     for (const auto& f : failures) {
         Reply reply = CallOnce(f.method, f.payload);
@@ -94,16 +96,17 @@ TEST_F(KelvraBusTest, CallsGetRepliesAndServiceErrors) {
     }
     // The service is unharmed.
     EXPECT_TRUE(CallOnce("echo", "{}").Bool("returnValue"));
-}
 
-TEST_F(KelvraBusTest, StatusFollowsTheServiceUntilCancelled) {
-    ReplyLog status;
-    WatchStatus(&status);
-    EXPECT_FALSE(status.replies[0].Bool("connected"));
-    StartService(&status);
+    // The status follows the service until cancelled; a service that leaves the bus ends the
+    // subscriptions it held open.
+    ReplyLog orphan;
+    ASSERT_TRUE(client_.Call(Uri("subscribe"), "{\"subscribe\":true}", &orphan));
+    ASSERT_TRUE(WaitForReplies(&orphan, 1));
     service_->Kill(SIGKILL);
-    ASSERT_TRUE(WaitForReplies(&status, 3));
+    ASSERT_TRUE(WaitForReplies(&status, 3) && WaitForReplies(&orphan, 2));
     EXPECT_FALSE(status.replies[2].Bool("connected"));
+    EXPECT_TRUE(orphan.replies[1].last);
+    EXPECT_EQ(KV_ERROR_SERVICE_GONE, orphan.replies[1].Number("errorCode"));
     EXPECT_TRUE(WIFSIGNALED(service_->Wait()));
 
     StartService(&status);
@@ -172,21 +175,6 @@ TEST_F(KelvraBusTest, CallsWithATimeoutEndAtTheirDeadline) {
     ASSERT_GT(Clock::now() - streamStart, std::chrono::milliseconds(1000));
     EXPECT_EQ(1u, stream.replies.size());
     EXPECT_FALSE(stream.replies[0].last);
-}
-
-// A service that leaves the bus ends the subscriptions it held open.
-TEST_F(KelvraBusTest, OpenCallsEndWhenTheServiceLeaves) {
-    ReplyLog status;
-    WatchStatus(&status);
-    StartService(&status);
-    ReplyLog orphan;
-    ASSERT_TRUE(client_.Call(Uri("subscribe"), "{\"subscribe\":true}", &orphan));
-    ASSERT_TRUE(WaitForReplies(&orphan, 1));
-    service_->Kill(SIGKILL);
-    ASSERT_TRUE(WaitForReplies(&orphan, 2));
-    EXPECT_TRUE(orphan.replies[1].last);
-    EXPECT_EQ(KV_ERROR_SERVICE_GONE, orphan.replies[1].Number("errorCode"));
-    service_->Wait();
 }
 
 }  // namespace

@@ -4,14 +4,14 @@
 //   test/subscribe  with "subscribe":true, a subscription: {"returnValue":true,"n":0} at once
 //   test/events     a subscription told {"cancelled":N} whenever a subscription is cancelled
 //   test/noreply    releases the request unanswered; test/fail returns false
-//   test/late       never answers (told of cancels as test/subscribe); with {"blockMs":N} blocks
-//   its
-//                   loop N ms, then answers {"returnValue":true,"late":true}
+//   test/late       never answers (told of cancels as test/subscribe); with {"blockMs":N}
+//                   blocks its loop N ms, then answers {"returnValue":true,"late":true}
 #include <glib-unix.h>
 #include <glib.h>
 #include <json-c/json.h>
 #include <kelvra/kelvra.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -21,8 +21,8 @@ namespace {
 struct Service {
     KVHandle* handle = nullptr;
     GMainLoop* loop = nullptr;
-    std::vector<KVMessage*> subscriptions;  // each with a reference of ours
-    std::vector<KVMessage*> watchers;       // test/events subscriptions, with a reference
+    std::vector<KVMessage*> held;      // open requests, each with a reference of ours
+    std::vector<KVMessage*> watchers;  // the test/events ones among them
     int cancels = 0;
 };
 
@@ -30,27 +30,26 @@ void Reply(Service* service, KVMessage* request, const std::string& payload) {
     KVReply(service->handle, request, payload.c_str(), nullptr);
 }
 
-void Forget(std::vector<KVMessage*>* list, KVMessage* request) {
-    for (auto it = list->begin(); it != list->end(); ++it) {
-        if (*it == request) {
-            list->erase(it);
-            KVMessageUnref(request);
-            return;
-        }
-    }
-}
-
+// A cancelled request other than a watcher's is counted and told to every watcher.
 void OnCancel(KVHandle*, KVMessage* request, void* data) {
     Service* service = static_cast<Service*>(data);
-    Forget(&service->subscriptions, request);
-    ++service->cancels;
-    for (KVMessage* watcher : service->watchers) {
-        Reply(service, watcher, "{\"cancelled\":" + std::to_string(service->cancels) + "}");
+    std::vector<KVMessage*>& watchers = service->watchers;
+    const auto found = std::find(watchers.begin(), watchers.end(), request);
+    if (found != watchers.end()) {
+        watchers.erase(found);
+    } else {
+        ++service->cancels;
+        for (KVMessage* watcher : watchers) {
+            Reply(service, watcher, "{\"cancelled\":" + std::to_string(service->cancels) + "}");
+        }
     }
+    service->held.erase(std::find(service->held.begin(), service->held.end(), request));
+    KVMessageUnref(request);
 }
 
-void OnWatcherCancel(KVHandle*, KVMessage* request, void* data) {
-    Forget(&static_cast<Service*>(data)->watchers, request);
+void Hold(Service* service, KVMessage* request) {
+    KVSubscriptionAdd(service->handle, request, OnCancel, service, nullptr);
+    service->held.push_back(KVMessageRef(request));
 }
 
 bool Echo(KVHandle*, KVMessage* request, void* data) {
@@ -59,30 +58,25 @@ bool Echo(KVHandle*, KVMessage* request, void* data) {
     return true;
 }
 
-bool Subscribe(KVHandle* handle, KVMessage* request, void* data) {
+bool Subscribe(KVHandle*, KVMessage* request, void* data) {
     Service* service = static_cast<Service*>(data);
     if (KVMessageIsSubscription(request)) {
-        KVSubscriptionAdd(handle, request, OnCancel, service, nullptr);
-        service->subscriptions.push_back(KVMessageRef(request));
+        Hold(service, request);
     }
     Reply(service, request, "{\"returnValue\":true,\"n\":0}");
     return true;
 }
 
-bool Events(KVHandle* handle, KVMessage* request, void* data) {
+bool Events(KVHandle*, KVMessage* request, void* data) {
     Service* service = static_cast<Service*>(data);
-    KVSubscriptionAdd(handle, request, OnWatcherCancel, service, nullptr);
-    service->watchers.push_back(KVMessageRef(request));
+    Hold(service, request);
+    service->watchers.push_back(request);
     Reply(service, request, "{\"returnValue\":true}");
     return true;
 }
 
-bool NoReply(KVHandle*, KVMessage*, void*) {
-    return true;
-}
-
 // A service that hangs: the cancel of a client that gave up waits behind the reply.
-bool Late(KVHandle* handle, KVMessage* request, void* data) {
+bool Late(KVHandle*, KVMessage* request, void* data) {
     Service* service = static_cast<Service*>(data);
     json_object* payload = json_tokener_parse(KVMessageGetPayload(request));
     json_object* block = nullptr;
@@ -93,14 +87,9 @@ bool Late(KVHandle* handle, KVMessage* request, void* data) {
         g_usleep(static_cast<gulong>(blockMs) * 1000);
         Reply(service, request, "{\"returnValue\":true,\"late\":true}");
     } else {
-        KVSubscriptionAdd(handle, request, OnCancel, service, nullptr);
-        service->subscriptions.push_back(KVMessageRef(request));
+        Hold(service, request);
     }
     return true;
-}
-
-bool Fail(KVHandle*, KVMessage*, void*) {
-    return false;
 }
 
 bool Quit(KVHandle*, KVMessage* request, void* data) {
@@ -134,20 +123,22 @@ int main(int argc, char** argv) {
     const struct {
         const char* name;
         KVMethodFunc func;
-    } methods[] = {{"test/echo", Echo},     {"test/subscribe", Subscribe},
-                   {"test/events", Events}, {"test/noreply", NoReply},
-                   {"test/fail", Fail},     {"test/quit", Quit},
-                   {"test/late", Late}};
+    } methods[] = {
+        {"test/echo", Echo},
+        {"test/subscribe", Subscribe},
+        {"test/events", Events},
+        {"test/noreply", [](KVHandle*, KVMessage*, void*) { return true; }},
+        {"test/fail", [](KVHandle*, KVMessage*, void*) { return false; }},
+        {"test/quit", Quit},
+        {"test/late", Late},
+    };
     for (const auto& method : methods) {
         KVRegisterMethod(service.handle, method.name, method.func, &service, nullptr);
     }
     service.loop = g_main_loop_new(nullptr, FALSE);
     g_unix_signal_add(SIGTERM, OnTerm, &service);
     g_main_loop_run(service.loop);
-    for (KVMessage* message : service.subscriptions) {
-        KVMessageUnref(message);
-    }
-    for (KVMessage* message : service.watchers) {
+    for (KVMessage* message : service.held) {
         KVMessageUnref(message);
     }
     KVUnregister(service.handle, nullptr);

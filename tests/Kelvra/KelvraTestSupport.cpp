@@ -3,7 +3,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
+
+#include "vok/JsonObjectFindResult.h"
+#include "vok/JsonToken.h"
 
 namespace vok {
 namespace test {
@@ -25,8 +30,8 @@ BusEnvironment* gEnvironment =
 
 }  // namespace
 
-const std::string& TestBusAddress() {
-    return gEnvironment->bus_.Address();
+PrivateBus& TestBus() {
+    return gEnvironment->bus_;
 }
 
 bool Reply::Bool(const char* name) const {
@@ -56,10 +61,6 @@ Handle::Handle(GMainContext* context, const char* serviceName) {
     KVErrorFree(&error);
 }
 
-Handle::~Handle() {
-    Unregister();
-}
-
 void Handle::Unregister() {
     if (handle_ != nullptr) {
         EXPECT_TRUE(KVUnregister(handle_, nullptr));
@@ -74,12 +75,83 @@ bool Handle::Call(const std::string& uri, const std::string& payload, ReplyLog* 
 }
 
 TestService::TestService(const std::string& serviceName) {
-    process_.Start({KELVRA_TEST_SERVICE, serviceName}, true, false);
+    Start({KELVRA_TEST_SERVICE, serviceName}, true, false);
 }
 
 std::string UniqueServiceName() {
     static int counter = 0;
     return "com.orvex.test.p" + std::to_string(getpid()) + "n" + std::to_string(++counter);
+}
+
+FakeService::FakeService(RuntimeDispatcher& dispatcher, const char* serviceName)
+    : handle_(ContextOf(dispatcher), serviceName) {}
+
+void FakeService::AddMethod(const std::string& method, Method answer) {
+    methods_[method] = std::move(answer);
+    EXPECT_TRUE(
+        KVRegisterMethod(handle_.get(), method.c_str(), &FakeService::MethodCb, this, nullptr));
+}
+
+bool FakeService::MethodCb(KVHandle* handle, KVMessage* request, void* self) {
+    FakeService* service = static_cast<FakeService*>(self);
+    const std::string method = KVMessageGetMethod(request);
+    const std::string payload = KVMessageGetPayload(request);
+    service->requests_[method].push_back(payload);
+    const std::vector<std::string> replies = service->methods_[method](payload);
+    if (replies.size() > 1) {
+        KVSubscriptionAdd(handle, request, nullptr, nullptr, nullptr);
+    }
+    for (size_t i = 0; i < replies.size() && !replies[i].empty(); ++i) {
+        if (i + 1 < replies.size()) {
+            KVReply(handle, request, replies[i].c_str(), nullptr);
+        } else {
+            KVReplyLast(handle, request, replies[i].c_str(), nullptr);
+        }
+    }
+    return true;
+}
+
+PowerDaemon::PowerDaemon(GMainContext* wake) : wake_(wake) {
+    process_.Start({VOK_POWERD, "--log"}, true, true);
+    reader_ = std::thread([this]() {
+        for (std::string line; !(line = process_.ReadLine()).empty();) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            lines_.push_back(line);
+            lineAdded_.notify_all();
+            if (wake_ != nullptr) {
+                g_main_context_wakeup(wake_);
+            }
+        }
+    });
+    EXPECT_TRUE(WaitForLine("ready"));
+}
+
+void PowerDaemon::Stop(int signal) {
+    if (process_.Running()) {
+        process_.Kill(SIGCONT);
+        process_.Kill(signal);
+        process_.Wait();
+    }
+    if (reader_.joinable()) {
+        reader_.join();
+    }
+}
+
+bool PowerDaemon::WaitForLine(const std::string& text, int count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return lineAdded_.wait_for(lock, std::chrono::seconds(60),
+                               [&]() { return CountLinesLocked(text) >= count; });
+}
+
+int PowerDaemon::CountLines(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return CountLinesLocked(text);
+}
+
+int PowerDaemon::CountLinesLocked(const std::string& text) const {
+    return static_cast<int>(std::count_if(
+        lines_.begin(), lines_.end(),
+        [&](const std::string& line) { return line.find(text) != std::string::npos; }));
 }
 
 }  // namespace test

@@ -1,39 +1,42 @@
-// Helpers of the bus tests: the private bus every test program starts, loop stepping, reply
-// recording and the test service process.
+// Helpers of the bus tests: the private bus each test program starts before its first test,
+// handles that record replies, the test service in a process of its own, a fake service on a
+// dispatcher, and vok-powerd as a child process.
 #ifndef VOK_TESTS_KELVRA_KELVRATESTSUPPORT_H
 #define VOK_TESTS_KELVRA_KELVRATESTSUPPORT_H
 
 #include <glib.h>
 #include <kelvra/kelvra.h>
+#include <signal.h>
 
+#include <condition_variable>
 #include <functional>
+#include <map>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "PrivateBus.h"
 #include "support/LoopSupport.h"
-#include "vok/JsonToken.h"
 
 namespace vok {
 namespace test {
 
-// The private bus of this test program, started before the first test; KELVRA_BUS_ADDRESS
-// points at it.
-const std::string& TestBusAddress();
+// The private bus of this test program; KELVRA_BUS_ADDRESS points at it.
+PrivateBus& TestBus();
 
 // One reply as received.
 struct Reply {
     std::string payload;
     bool last;
 
-    // The payload parsed; a failed parse leaves the token unpopulated.
+    // A field of the payload (a JSON object).
     bool Bool(const char* name) const;
     double Number(const char* name) const;
 };
 
 // A reply function that records every reply of one call.
-class ReplyLog {
-  public:
+struct ReplyLog {
     static bool Func(KVHandle* handle, KVMessage* reply, void* self);
     std::vector<Reply> replies;
     KVMessageToken token = 0;
@@ -44,7 +47,7 @@ class Handle {
   public:
     // serviceName NULL: anonymous. Fails the current test when registration fails.
     explicit Handle(GMainContext* context, const char* serviceName = nullptr);
-    ~Handle();
+    ~Handle() { Unregister(); }
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
     KVHandle* get() const { return handle_; }
@@ -59,18 +62,64 @@ class Handle {
 };
 
 // The test service program in a process of its own, owning serviceName.
-class TestService {
+class TestService : public ChildProcess {
   public:
     explicit TestService(const std::string& serviceName);
-    void Kill(int signal) { process_.Kill(signal); }
-    int Wait() { return process_.Wait(); }
-
-  private:
-    ChildProcess process_;
 };
 
 // A service name no other test uses.
 std::string UniqueServiceName();
+
+// A service on the bus served from a dispatcher's loop: each method answers with a function of
+// the request's payload; every request is recorded.
+class FakeService {
+  public:
+    // The replies to send: the last one closes the request, unless it is empty: the request then
+    // stays open.
+    typedef std::function<std::vector<std::string>(const std::string& payload)> Method;
+
+    FakeService(RuntimeDispatcher& dispatcher, const char* serviceName);
+    void AddMethod(const std::string& method, Method answer);
+    // Payloads received by method, in order.
+    std::vector<std::string> Requests(const std::string& method) { return requests_[method]; }
+    // True while the service is on the bus and owns its name.
+    bool Connected() const { return KVIsConnected(handle_.get()); }
+
+  private:
+    static bool MethodCb(KVHandle* handle, KVMessage* request, void* self);
+
+    Handle handle_;
+    std::map<std::string, Method> methods_;
+    std::map<std::string, std::vector<std::string>> requests_;
+};
+
+// vok-powerd --log as a child process, started by the constructor, which waits until it serves;
+// a reader thread collects its output lines. Destruction ends it as Stop(SIGTERM) does.
+class PowerDaemon {
+  public:
+    // wake, when given, is woken at every output line, so that a loop waiting for one re-checks.
+    explicit PowerDaemon(GMainContext* wake = nullptr);
+    ~PowerDaemon() { Stop(SIGTERM); }
+    // Pause leaves it alive and on the bus, but deaf (SIGSTOP); Signal(SIGCONT) wakes it.
+    void Pause() { process_.Pause(); }
+    void Signal(int signal) { process_.Kill(signal); }
+    // Ends it with signal, reaps it and joins the reader.
+    void Stop(int signal);
+    // The number of output lines so far that contain text.
+    int CountLines(const std::string& text);
+    // Waits (at most 60 s) until count output lines contain text.
+    bool WaitForLine(const std::string& text, int count = 1);
+
+  private:
+    int CountLinesLocked(const std::string& text) const;
+
+    ChildProcess process_;
+    GMainContext* const wake_;
+    std::thread reader_;
+    std::mutex mutex_;  // Protects lines_.
+    std::condition_variable lineAdded_;
+    std::vector<std::string> lines_;
+};
 
 }  // namespace test
 }  // namespace vok

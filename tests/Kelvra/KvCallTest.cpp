@@ -29,23 +29,20 @@ struct Outcome {
     int status;
 };
 
-void StartKvCall(ChildProcess* process, const std::vector<std::string>& args) {
-    std::vector<std::string> argv = {KV_CALL};
-    argv.insert(argv.end(), args.begin(), args.end());
-    process->Start(argv, true, true);
-}
-
 int ExitStatus(ChildProcess* process) {
     int status = process->Wait();
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Through sh, to keep standard error apart in a file of its own.
-Outcome RunKvCall(const std::vector<std::string>& args) {
+// kv-call through sh, to keep standard error apart in a file of its own; busAddress, when given,
+// is the bus of kv-call alone.
+Outcome RunKvCall(const std::vector<std::string>& args, const std::string& busAddress = "") {
     char errorsPath[] = "/tmp/vok-kv-call-errors-XXXXXX";
     close(mkstemp(errorsPath));
-    std::vector<std::string> argv = {"/bin/sh", "-c", "exec $VOK_TEST_EMULATOR \"$@\" 2>\"$0\"",
-                                     errorsPath, KV_CALL};
+    const char* script =
+        "[ -z \"$1\" ] || export KELVRA_BUS_ADDRESS=\"$1\"; shift;"
+        " exec $VOK_TEST_EMULATOR \"$@\" 2>\"$0\"";
+    std::vector<std::string> argv = {"/bin/sh", "-c", script, errorsPath, busAddress, KV_CALL};
     argv.insert(argv.end(), args.begin(), args.end());
     ChildProcess process;
     process.Start(argv, false, true);
@@ -63,57 +60,38 @@ Outcome RunKvCall(const std::vector<std::string>& args) {
 class SilentBus {
   public:
     SilentBus() {
-        char pattern[] = "/tmp/vok-silent-bus-XXXXXX";
-        dir_ = mkdtemp(pattern);
-        path_ = dir_ + "/socket";
-        fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
         std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
+        unlink(path_.c_str());
         EXPECT_EQ(0, bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address));
         EXPECT_EQ(0, listen(fd_, 8));
     }
     ~SilentBus() {
         close(fd_);
         unlink(path_.c_str());
-        rmdir(dir_.c_str());
     }
-    SilentBus(const SilentBus&) = delete;
-    SilentBus& operator=(const SilentBus&) = delete;
     std::string Address() const { return "unix:path=" + path_; }
 
   private:
-    std::string dir_;
-    std::string path_;
-    int fd_ = -1;
+    const std::string path_ = "/tmp/vok-silent-bus-" + std::to_string(getpid());
+    const int fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
 };
 
 TEST(KvCallTest, TimeoutBoundsTheWholeRunAgainstABusThatNeverAnswers) {
     Watchdog watchdog;
     SilentBus bus;
     for (const char* subscribe : {"", "--subscribe"}) {
-        // Through sh: the bus address for kv-call alone, and its standard error captured too.
-        std::vector<std::string> argv = {
-            "/bin/sh",
-            "-c",
-            "KELVRA_BUS_ADDRESS=\"$0\" exec $VOK_TEST_EMULATOR \"$@\" 2>&1",
-            bus.Address(),
-            KV_CALL,
-            "kelvra://com.x/a/b",
-            "{}",
-            "--timeout",
-            "1"};
+        std::vector<std::string> args = {"kelvra://com.x/a/b", "{}", "--timeout", "1"};
         if (*subscribe != '\0') {
-            argv.push_back(subscribe);
+            args.push_back(subscribe);
         }
         const auto start = std::chrono::steady_clock::now();
-        ChildProcess process;
-        process.Start(argv, false, true);
-        const std::string output = process.ReadAll();
-        const int status = ExitStatus(&process);
+        const Outcome outcome = RunKvCall(args, bus.Address());
         const auto elapsed = std::chrono::steady_clock::now() - start;
-        EXPECT_NE(0, status) << subscribe;
-        EXPECT_EQ("kv-call: no answer from the bus within 1 s\n", output) << subscribe;
+        EXPECT_NE(0, outcome.status) << subscribe;
+        EXPECT_EQ("kv-call: no answer from the bus within 1 s\n", outcome.output + outcome.errors)
+            << subscribe;
         EXPECT_GE(elapsed, std::chrono::seconds(1));
         EXPECT_LT(elapsed, std::chrono::seconds(30));
     }
@@ -132,7 +110,7 @@ TEST(KvCallTest, PrintsRepliesAndSaysWhatWentWrong) {
 
     // The second status line comes when the service appears.
     ChildProcess watcher;
-    StartKvCall(&watcher, {status, watch, "--subscribe", "--count", "2"});
+    watcher.Start({KV_CALL, status, watch, "--subscribe", "--count", "2"}, true, true);
     EXPECT_NE(std::string::npos, watcher.ReadLine().find("\"connected\":false"));
     TestService service(name);
     EXPECT_NE(std::string::npos, watcher.ReadLine().find("\"connected\":true"));

@@ -1,6 +1,5 @@
 #include "PrivateBus.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -108,7 +107,7 @@ void ChildProcess::Kill(int signal) {
     }
 }
 
-void ChildProcess::Stop() {
+void ChildProcess::Pause() {
     // kill() returns before the child's threads have all stopped; one of them could still
     // answer a request sent now. The stop report comes once the whole group has stopped.
     int status = 0;
@@ -182,30 +181,15 @@ void PrivateBus::Launch() {
     address_ = address;
 }
 
-void PrivateBus::Kill(int signal) {
-    daemon_.Kill(signal);
-    daemon_.Wait();
-}
-
-void PrivateBus::Restart() {
-    Launch();
-}
-
 void PrivateBus::Stop() {
     if (daemon_.Running()) {
         daemon_.Kill(SIGTERM);
         daemon_.Wait();
     }
     if (!dir_.empty()) {
-        // The configuration, and the socket if the daemon left it.
-        if (DIR* dir = opendir(dir_.c_str())) {
-            while (struct dirent* entry = readdir(dir)) {
-                if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
-                    unlink((dir_ + "/" + entry->d_name).c_str());
-                }
-            }
-            closedir(dir);
-        }
+        // The socket stays behind when the daemon was killed.
+        unlink((dir_ + "/socket").c_str());
+        unlink((dir_ + "/bus.conf").c_str());
         rmdir(dir_.c_str());
         dir_.clear();
     }

@@ -31,7 +31,7 @@ class ChildProcess {
     std::string ReadAll();
     void Kill(int signal);
     // Stops the child with SIGSTOP and returns once every thread of it has stopped.
-    void Stop();
+    void Pause();
     // Waits for the child and returns its wait status.
     int Wait();
     bool Running() const { return pid_ > 0; }
@@ -56,9 +56,12 @@ class PrivateBus {
     void Stop();
     const std::string& Address() const { return address_; }
     // Kills the daemon with signal (its clients lose their connections); the address stays.
-    void Kill(int signal);
+    void Kill(int signal) {
+        daemon_.Kill(signal);
+        daemon_.Wait();
+    }
     // Starts a killed daemon again at the same address.
-    void Restart();
+    void Restart() { Launch(); }
 
   private:
     void Launch();

@@ -25,22 +25,13 @@ int CheckShape(const vok::ArgvMaker& maker, const std::string& line) {
         }
         return 0;
     }
-    if (maker.ErrorText() != nullptr) {
-        Fail("a parse that worked has an error text", line);
-    }
     const int argc = maker.Argc();
-    if (argc == 0) {
-        if (maker.Argv() != nullptr) {
-            Fail("an empty list has a vector", line);
-        }
-        return 0;
+    if (maker.ErrorText() != nullptr || argc < 0 || (argc == 0) != (maker.Argv() == nullptr)) {
+        Fail("a parse that worked has an error text, or a vector that does not fit argc", line);
     }
-    if (argc < 0 || maker.Argv() == nullptr || maker.Argv()[argc] != nullptr) {
-        Fail("the vector is not argc long and NULL-terminated", line);
-    }
-    for (int i = 0; i < argc; ++i) {
-        if (maker.Argv()[i] == nullptr) {
-            Fail("a NULL before argv[argc]", line);
+    for (int i = 0; i <= argc && argc > 0; ++i) {
+        if ((maker.Argv()[i] == nullptr) != (i == argc)) {
+            Fail("the vector is not argc non-NULL arguments and a NULL", line);
         }
     }
     return argc;

@@ -29,31 +29,25 @@ namespace {
 }
 
 void Uri(const std::string& uri) {
-    char* service = nullptr;
-    char* path = nullptr;
-    char* member = nullptr;
+    g_autofree char* service = nullptr;
+    g_autofree char* path = nullptr;
+    g_autofree char* member = nullptr;
     if (!KvParseUri(uri.c_str(), &service, &path, &member)) {
         return;
     }
     if (!KvIsServiceName(service)) {
         Fail("the service of a parsed URI is not a service name", uri);
     }
-    char* method = KvMethodKey(path, member);
+    g_autofree char* method = KvMethodKey(path, member);
     if (method == nullptr || "kelvra://" + std::string(service) + "/" + method != uri) {
         Fail("a parsed URI does not rebuild from its parts", uri);
     }
-    char* path2 = nullptr;
-    char* member2 = nullptr;
+    g_autofree char* path2 = nullptr;
+    g_autofree char* member2 = nullptr;
     if (!KvSplitMethod(method, &path2, &member2) || std::strcmp(path, path2) != 0 ||
         std::strcmp(member, member2) != 0) {
         Fail("the method of a parsed URI splits into other parts", uri);
     }
-    g_free(path2);
-    g_free(member2);
-    g_free(method);
-    g_free(service);
-    g_free(path);
-    g_free(member);
 }
 
 void ErrorPayload(int code, const std::string& text) {
@@ -61,7 +55,7 @@ void ErrorPayload(int code, const std::string& text) {
     if (!g_utf8_validate(text.c_str(), -1, nullptr)) {
         return;
     }
-    char* payload = KvErrorPayload(code, text.c_str());
+    g_autofree char* payload = KvErrorPayload(code, text.c_str());
     json_tokener* tokener = json_tokener_new();
     json_tokener_set_flags(tokener, JSON_TOKENER_STRICT | JSON_TOKENER_VALIDATE_UTF8);
     json_object* reply =
@@ -80,7 +74,6 @@ void ErrorPayload(int code, const std::string& text) {
     }
     json_object_put(reply);
     json_tokener_free(tokener);
-    g_free(payload);
 }
 
 }  // namespace

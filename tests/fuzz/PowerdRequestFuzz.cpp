@@ -13,9 +13,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,22 +31,18 @@ void Check(bool condition, const char* what) {
     }
 }
 
-// The reply as a strict JSON object (ownership to the caller), or abort.
-json_object* ParseReply(const std::string& reply) {
+// Checks the reply's shape: one strict JSON object; returns its returnValue and, for accepted
+// adds, its alarmId.
+bool CheckReply(const std::string& reply, int64_t* alarmId) {
     json_tokener* tokener = json_tokener_new();
     json_tokener_set_flags(tokener, JSON_TOKENER_STRICT);
-    json_object* value =
+    json_object* json =
         json_tokener_parse_ex(tokener, reply.c_str(), static_cast<int>(reply.size()));
-    const bool whole = json_tokener_get_error(tokener) == json_tokener_success &&
-                       json_tokener_get_parse_end(tokener) == reply.size();
+    Check(json_tokener_get_error(tokener) == json_tokener_success &&
+              json_tokener_get_parse_end(tokener) == reply.size() &&
+              json_object_is_type(json, json_type_object),
+          "reply is a JSON object");
     json_tokener_free(tokener);
-    Check(whole && json_object_is_type(value, json_type_object), "reply is a JSON object");
-    return value;
-}
-
-// Checks the reply's shape; returns its returnValue and, for accepted adds, its alarmId.
-bool CheckReply(const std::string& reply, int64_t* alarmId) {
-    json_object* json = ParseReply(reply);
     json_object* field = nullptr;
     Check(json_object_object_get_ex(json, "returnValue", &field) &&
               json_object_is_type(field, json_type_boolean),
@@ -81,14 +75,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::map<uint32_t, ModelAlarm> model;
     int64_t now = 0;
     const std::string input(reinterpret_cast<const char*>(data), size);
-    size_t start = 0;
-    while (start < input.size()) {
-        size_t end = input.find('\n', start);
-        if (end == std::string::npos) {
-            end = input.size();
-        }
+    for (size_t start = 0, end = 0; start < input.size(); start = end + 1) {
+        end = std::min(input.find('\n', start), input.size());
         const std::string line = input.substr(start, end - start);
-        start = end + 1;
         if (line.size() < 2) {
             continue;
         }
@@ -142,8 +131,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 Check(ok && it != model.end() && it->second.sender == sender,
                       "only the owner removes an alarm");
                 model.erase(it);
-            } else if (line[0] == 'r') {
-                Check(!ok, "a remove without effect is refused");
             } else {
                 Check(!ok, "a request without effect is refused");
             }

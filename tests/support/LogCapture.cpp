@@ -2,6 +2,7 @@
 
 #include <ztlog/ztlog.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -26,12 +27,9 @@ void LogCapture::Hook(void* user, int level, const char* context, const char* me
 bool LogCapture::WaitFor(const std::string& text, std::chrono::seconds limit) const {
     std::unique_lock<std::mutex> lock(mutex_);
     return lineAdded_.wait_for(lock, limit, [&]() {
-        for (const LogLine& line : lines_) {
-            if (line.message.find(text) != std::string::npos) {
-                return true;
-            }
-        }
-        return false;
+        return std::any_of(lines_.begin(), lines_.end(), [&](const LogLine& line) {
+            return line.message.find(text) != std::string::npos;
+        });
     });
 }
 

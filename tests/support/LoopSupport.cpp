@@ -1,64 +1,73 @@
 #include "support/LoopSupport.h"
 
 #include <glib.h>
+#include <gtest/gtest.h>
+
+#include <exception>
+#include <memory>
 
 #include "vok/RuntimeDispatcher.h"
 
 namespace vok {
 namespace test {
 
-namespace {
-
-gboolean SetFlag(gpointer flag) {
-    *static_cast<bool*>(flag) = true;
-    return G_SOURCE_REMOVE;
-}
-
-// Runs context until done() or until deadline, when it fires, sets *expired. done() may throw
-// (a dispatcher rethrowing a callback's exception): the deadline is removed all the same.
-bool IterateWithDeadline(GMainContext* context, const std::function<bool()>& done,
-                         GSource* deadline, bool* expired) {
-    struct Remove {
-        GSource* source;
-        ~Remove() {
-            g_source_destroy(source);
-            g_source_unref(source);
-        }
-    } remove{deadline};
-    g_source_set_callback(deadline, SetFlag, expired, nullptr);
-    g_source_attach(deadline, context);
-    while (!done() && !*expired) {
-        g_main_context_iteration(context, TRUE);
-    }
-    return done();
-}
-
-}  // namespace
-
 bool IterateUntil(GMainContext* context, const std::function<bool()>& done, int limitSeconds) {
     bool expired = false;
-    return IterateWithDeadline(
-        context, done, g_timeout_source_new_seconds(static_cast<guint>(limitSeconds)), &expired);
-}
-
-CallbackExceptions::CallbackExceptions(RuntimeDispatcher& dispatcher) : dispatcher_(dispatcher) {
-    dispatcher_.SetExceptionHandler([this](std::exception_ptr exception) {
-        if (!first_) {
-            first_ = exception;
+    // Removed however the loop ends: done() may throw (Pump rethrowing a callback's exception).
+    std::unique_ptr<GSource, void (*)(GSource*)> deadline(
+        g_timeout_source_new_seconds(static_cast<guint>(limitSeconds)), [](GSource* source) {
+            g_source_destroy(source);
+            g_source_unref(source);
+        });
+    g_source_set_callback(
+        deadline.get(),
+        [](gpointer flag) -> gboolean {
+            *static_cast<bool*>(flag) = true;
+            return G_SOURCE_REMOVE;
+        },
+        &expired, nullptr);
+    g_source_attach(deadline.get(), context);
+    while (!done()) {
+        if (expired) {
+            return false;
         }
-    });
-}
-
-CallbackExceptions::~CallbackExceptions() {
-    dispatcher_.SetExceptionHandler(nullptr);
-}
-
-void CallbackExceptions::RethrowFirst() {
-    if (first_) {
-        std::exception_ptr exception = first_;
-        first_ = nullptr;
-        std::rethrow_exception(exception);
+        g_main_context_iteration(context, TRUE);
     }
+    return true;
+}
+
+bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int limitSeconds) {
+    std::exception_ptr raised;
+    dispatcher.SetExceptionHandler(
+        [&raised](std::exception_ptr exception) { raised = raised ? raised : exception; });
+    struct Restore {
+        RuntimeDispatcher& dispatcher;
+        ~Restore() { dispatcher.SetExceptionHandler(nullptr); }
+    } restore{dispatcher};
+    const bool reached = IterateUntil(
+        ContextOf(dispatcher),
+        [&]() {
+            if (raised) {
+                std::exception_ptr first = raised;
+                raised = nullptr;
+                std::rethrow_exception(first);
+            }
+            return done();
+        },
+        limitSeconds);
+    if (!reached) {
+        ADD_FAILURE() << "condition not reached within " << limitSeconds << " s";
+    }
+    return reached;
+}
+
+void Drain(RuntimeDispatcher& dispatcher) {
+    while (g_main_context_iteration(ContextOf(dispatcher), FALSE)) {
+    }
+}
+
+GMainContext* ContextOf(RuntimeDispatcher& dispatcher) {
+    return g_main_loop_get_context(RuntimeDispatcher::GetInternalLoop(dispatcher));
 }
 
 }  // namespace test

@@ -1,8 +1,7 @@
-// Test helpers that drive a GLib main context until something happens.
+// Test helpers that drive a GLib main context, or a dispatcher's, until something happens.
 #ifndef VOK_TESTS_SUPPORT_LOOPSUPPORT_H
 #define VOK_TESTS_SUPPORT_LOOPSUPPORT_H
 
-#include <exception>
 #include <functional>
 
 typedef struct _GMainContext GMainContext;
@@ -13,27 +12,19 @@ class RuntimeDispatcher;
 
 namespace test {
 
-// Collects the exceptions of a dispatcher's callbacks while a test steps its context itself (no
-// Run in progress), so that the test can rethrow them on its own thread. Restores the default
-// handler when destroyed.
-class CallbackExceptions {
-  public:
-    explicit CallbackExceptions(RuntimeDispatcher& dispatcher);
-    ~CallbackExceptions();
-    CallbackExceptions(const CallbackExceptions&) = delete;
-    CallbackExceptions& operator=(const CallbackExceptions&) = delete;
-
-    // Rethrows (and forgets) the first exception collected, if any.
-    void RethrowFirst();
-
-  private:
-    RuntimeDispatcher& dispatcher_;
-    std::exception_ptr first_;
-};
-
 // Iterates context (blocking on its events) until done() holds or limitSeconds pass; returns
 // done(). done() is checked after every iteration.
 bool IterateUntil(GMainContext* context, const std::function<bool()>& done, int limitSeconds = 60);
+
+// IterateUntil on the dispatcher's context for a test that steps the loop itself (no Run in
+// progress): the first exception out of a callback is rethrown here, on the test's thread. Fails
+// the test when the limit passes.
+bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int limitSeconds = 60);
+
+// Runs what is ready on the dispatcher's context until nothing is, without blocking.
+void Drain(RuntimeDispatcher& dispatcher);
+
+GMainContext* ContextOf(RuntimeDispatcher& dispatcher);
 
 }  // namespace test
 }  // namespace vok
