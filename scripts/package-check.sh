@@ -56,7 +56,8 @@ expect "${deb[libvok-dev]}" '/include/vok/vok\.h$' '/include/vok/Version\.h$' \
     '/include/ztlog/ztlog\.h$' '/include/kelvra/kelvra\.h$' '/lib/.*libvok\.so$' \
     '/pkgconfig/vok\.pc$' '/pkgconfig/ztlog\.pc$' '/pkgconfig/kelvra\.pc$' \
     '/cmake/vok/vokConfig\.cmake$' '/cmake/vok/vokConfigVersion\.cmake$'
-expect "${deb[vok-tools]}" '/bin/kv-call$' '/bin/vok-console$' '/bin/vok-powerd$'
+expect "${deb[vok-tools]}" '/bin/kv-call$' '/bin/vok-console$' '/bin/vok-powerd$' \
+    '/share/dbus-1/system.d/com\.orvex\.vok\.conf$'
 # Each program has its manual page beside it.
 for program in $(listing "${deb[vok-tools]}" | sed -n 's|^/usr/bin/||p'); do
     expect "${deb[vok-tools]}" "/share/man/man1/$program\\.1\\.gz\$"
