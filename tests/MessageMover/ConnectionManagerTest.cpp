@@ -85,7 +85,9 @@ TEST_F(ConnectionManagerTest, ServicePortAnswersAtBothAddressesUntilDiscarded) {
     EXPECT_TRUE(ThrowsMm([&] { iface_->CreateCommandServicePort(7); },
                          "Can't register - portAddr was already registered"));
     const MmPortAddress_t refused = service->GetAddress() + 1;
+    const int32_t undeliverable = test::CounterValue("root.vok.MessageMover.undeliverableMessages");
     EXPECT_EQ(kVokErrNone, Send(client, refused, 3));
+    EXPECT_EQ(undeliverable + 1, test::CounterValue("root.vok.MessageMover.undeliverableMessages"));
     Received notice = Receive(client);
     EXPECT_EQ(kMmPortNotReachableMsg.msgId, notice.id);
     EXPECT_EQ(refused, notice.sender);

@@ -20,11 +20,9 @@ MmfConnectionManager::MmfConnectionManager(MessageMoverFrameworkImpl& framework)
     : framework_(framework),
       pMsgMgr_(nullptr),
       addressGenerator_(kAddressGeneratorStart),
-      deliveryCount_(0),
-      undeliverableCount_(0),
-      registeredCount_(0),
-      unregisteredCount_(0) {
+      undeliverableMsgs_(kMmfUndeliverableMsgsDiagRegPath, 0) {
     MMF_TRACE(this);
+    undeliverableMsgs_.Reset(0);
 }
 
 MmfConnectionManager::~MmfConnectionManager() {
@@ -100,7 +98,6 @@ void MmfConnectionManager::RegisterPort(MmfMessagePort& port, MmServiceIdentifie
             throw;
         }
     }
-    ++registeredCount_;
 }
 
 void MmfConnectionManager::UnregisterPort(MmfMessagePort& port) {
@@ -123,7 +120,6 @@ void MmfConnectionManager::UnregisterPort(MmfMessagePort& port) {
         registry_.Unregister(canonical->serviceId);
     }
     registry_.Unregister(address);
-    ++unregisteredCount_;
 }
 
 void MmfConnectionManager::DiscardCommandPort(MmCommandPort* port) {
@@ -185,7 +181,6 @@ VokError_t MmfConnectionManager::DeliverMessageHelper_Locked(const MmBaseMessage
     if (dest == 0) {
         MMF_THROW("Can't deliver - bad destination address");
     }
-    ++deliveryCount_;
     if (takenOver != nullptr) {
         *takenOver = true;
     }
@@ -196,17 +191,9 @@ VokError_t MmfConnectionManager::DeliverMessageHelper_Locked(const MmBaseMessage
     }
     logger.Debug("%s: Can't deliver message - dest port with address <%ld> is unreachable.",
                  __func__, static_cast<long>(dest));
-    ++undeliverableCount_;
+    undeliverableMsgs_.Inc();
     pMsgMgr_->FreeMessage(msg);
     return kVokErrUnreachable;
-}
-
-MmfConnectionManager::Statistics MmfConnectionManager::GetStatistics() {
-    MMF_TRACE(this);
-    MutexLocker lock(registryLock_);
-    const Statistics statistics = {deliveryCount_, undeliverableCount_, registeredCount_,
-                                   unregisteredCount_};
-    return statistics;
 }
 
 void MmfConnectionManager::PortRegistry::Register(MmfPortAddress key, const PortMapRecord& record) {

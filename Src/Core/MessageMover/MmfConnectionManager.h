@@ -8,6 +8,7 @@
 
 #include "Src/Core/MessageMover/MmfMessagePort.h"
 #include "Src/Core/MessageMover/MmfSerialGenerator.h"
+#include "vok/DiagnosticRegister.h"
 #include "vok/MessageMoverFramework.h"
 #include "vok/MmCommandPort.h"
 #include "vok/MmConnectionPort.h"
@@ -27,14 +28,6 @@ class MmfMessageMoverInterfaceImpl;
 // taken under the registry lock.
 class MmfConnectionManager {
   public:
-    // Monotonic counts of what the registry has seen.
-    struct Statistics {
-        uint32_t deliveries;     // Attempts with non-zero sender and destination.
-        uint32_t undeliverable;  // Messages (replies included) that found no port.
-        uint32_t registered;     // Successful RegisterPort calls.
-        uint32_t unregistered;   // Successful UnregisterPort calls.
-    };
-
     explicit MmfConnectionManager(MessageMoverFrameworkImpl& framework);
     ~MmfConnectionManager();
     MmfConnectionManager(const MmfConnectionManager&) = delete;
@@ -69,7 +62,6 @@ class MmfConnectionManager {
     VokError_t DeliverMessage(const MmBaseMessageHandle& msg, MmfPendingTrigger* pending,
                               bool* takenOver = nullptr);
 
-    Statistics GetStatistics();
     // Every registered port, in address order; each described under its reader lock.
     std::vector<MmPortInfo> ListPorts();
 
@@ -104,16 +96,13 @@ class MmfConnectionManager {
 
     MessageMoverFrameworkImpl& framework_;
     MmfMessageManager* pMsgMgr_;  // Set by Init.
-    // Protects registry_ and the four counts, and is held for the whole of each delivery, so a
+    // Protects registry_, and is held for the whole of each delivery, so a
     // port cannot be unregistered while a message is handed to it. Taken after a writing port's
     // write lock and before the destination port's locks.
     Mutex registryLock_;
     MmfSerialGenerator addressGenerator_;  // Protected by its own lock.
     PortRegistry registry_;
-    uint32_t deliveryCount_;
-    uint32_t undeliverableCount_;
-    uint32_t registeredCount_;
-    uint32_t unregisteredCount_;
+    DiagnosticRegisterCounter undeliverableMsgs_;  // Counted on the failure path only.
 };
 
 }  // namespace vok

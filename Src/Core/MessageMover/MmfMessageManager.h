@@ -30,6 +30,9 @@ constexpr char kMmfDiagRegGroupPath[] = VOK_MMF_DIAG_REG_GROUP_PATH;
 constexpr char kMmfIfaceDiagRegGroupPath[] = VOK_MMF_DIAG_REG_GROUP_PATH "Iface.";
 constexpr char kMmfOutstandingMsgsDiagRegPath[] = VOK_MMF_DIAG_REG_GROUP_PATH "outstandingMessages";
 constexpr char kMmfQuarantinedMsgsDiagRegPath[] = VOK_MMF_DIAG_REG_GROUP_PATH "quarantinedMessages";
+// Messages (unreachable notices included) that found no port at their destination.
+constexpr char kMmfUndeliverableMsgsDiagRegPath[] =
+    VOK_MMF_DIAG_REG_GROUP_PATH "undeliverableMessages";
 constexpr char kMmfIfaceMsgsHeldByUserDiagRegName[] = "msgsHeldByUser";
 constexpr char kMmfIfaceMsgsLeakedByUserDiagRegName[] = "msgsLeakedByUser";
 constexpr char kMmfIfaceMsgsHeldByPortsDiagRegName[] = "msgsHeldByPorts";
