@@ -1,7 +1,7 @@
 // vokctl: looks into running vok daemons over the bus.
 //
 //   vokctl [--json] list
-//   vokctl [--json] DAEMON status|blades|ports|registers [PREFIX]|loglevel CONTEXT [LEVEL]|
+//   vokctl [--json] DAEMON status|blades|ports|registers [PREFIX]|loglevel [CONTEXT [LEVEL]]|
 //                          watch [PREFIX]
 //
 // Exit status: 0 done, 1 the daemon answered with an error or the bus failed, 2 bad usage,
@@ -36,7 +36,8 @@ void Usage(FILE* out) {
                  "  blades                  each blade's state, thread and busy time\n"
                  "  ports                   MessageMover ports: addresses, peers, queued messages\n"
                  "  registers [PREFIX]      diagnostic registers (default prefix root.)\n"
-                 "  loglevel CONTEXT [N]    read, or set to N (0..7), a logging threshold\n"
+                 "  loglevel [CONTEXT [N]]  list the logging contexts and their thresholds, or\n"
+                 "                          read one, or set it to N (0..7)\n"
                  "  watch [PREFIX]          print registers as they change, until interrupted\n"
                  "options:\n"
                  "  --json                  print the daemon's replies as JSON, one per line\n"
@@ -196,6 +197,17 @@ void PrintHuman(const Call& call, json_object* reply) {
             }
         }
         table.Print();
+    } else if (call.command == "loglevel" && Member(reply, "context").empty()) {
+        Table table({"CONTEXT", "LEVEL", "NAME"});
+        json_object* contexts = nullptr;
+        if (json_object_object_get_ex(reply, "contexts", &contexts)) {
+            for (size_t i = 0; i < json_object_array_length(contexts); ++i) {
+                json_object* context = json_object_array_get_idx(contexts, i);
+                table.Add({Member(context, "context"), Member(context, "level"),
+                           Member(context, "levelName")});
+            }
+        }
+        table.Print();
     } else if (call.command == "loglevel") {
         std::printf("%s %s (%s)\n", Member(reply, "context").c_str(),
                     Member(reply, "level").c_str(), Member(reply, "levelName").c_str());
@@ -324,9 +336,11 @@ int main(int argc, char** argv) {
         if (args.size() == 3) {
             json_object_object_add(payload, "prefix", json_object_new_string(args[2].c_str()));
         }
-    } else if (call.command == "loglevel" && (args.size() == 3 || args.size() == 4)) {
+    } else if (call.command == "loglevel" && args.size() <= 4) {
         method = "diag/loglevel";
-        json_object_object_add(payload, "context", json_object_new_string(args[2].c_str()));
+        if (args.size() >= 3) {
+            json_object_object_add(payload, "context", json_object_new_string(args[2].c_str()));
+        }
         if (args.size() == 4) {
             char* end = nullptr;
             const long level = std::strtol(args[3].c_str(), &end, 10);

@@ -237,6 +237,18 @@ int ZtLogFindContext(const char* name, ZtLogContext** ctx) {
     return 0;
 }
 
+void ZtLogForEachContext(void (*fn)(const char* name, int threshold, void* user), void* user) {
+    pthread_once(&gInitOnce, Init);
+    if (fn == NULL) {
+        return;
+    }
+    pthread_mutex_lock(&gContextsLock);
+    for (const ZtLogContextImpl* c = gContexts; c != NULL; c = c->next) {
+        fn(c->name, __atomic_load_n(&c->pub.threshold, __ATOMIC_RELAXED), user);
+    }
+    pthread_mutex_unlock(&gContextsLock);
+}
+
 int ZtLogSetLevel(const char* name, int level) {
     if (name == NULL || level < 0 || level > 7) {
         return -1;

@@ -146,6 +146,9 @@ TEST_F(DiagBusServiceTest, AnswersWhileABladeIsStuck) {
     EXPECT_NE(npos, Call("diag/loglevel", "{\"context\":\"DIAG.T\"}").find("\"level\":7"));
     EXPECT_NE(npos,
               Call("diag/loglevel", "{\"context\":\"DIAG.T\",\"level\":3}").find("\"level\":3,"));
+    const std::string contexts = Call("diag/loglevel", "{}");
+    EXPECT_NE(npos, contexts.find("{\"context\":\"DIAG.T\",\"level\":3,\"levelName\":\"err\"}"))
+        << contexts;
 }
 
 TEST_F(DiagBusServiceTest, RejectsBadRequestsAndKeepsServing) {
@@ -154,11 +157,11 @@ TEST_F(DiagBusServiceTest, RejectsBadRequestsAndKeepsServing) {
              {"diag/registers", "{\"prefix\":"},
              {"diag/registers", "[1,2]"},
              {"diag/registers", "{\"prefix\":7}"},
-             {"diag/loglevel", "{}"},
+             {"diag/loglevel", "{\"context\":5}"},
              {"diag/loglevel", "{\"context\":\"\"}"},
              {"diag/loglevel", "{\"context\":\"NO.SUCH.CONTEXT\",\"level\":7}"},
-             {"diag/loglevel", "{\"context\":\"X\",\"level\":8}"},
-             {"diag/loglevel", "{\"context\":\"X\",\"level\":\"debug\"}"},
+             {"diag/loglevel", "{\"context\":\"VOK.DiagBus\",\"level\":8}"},
+             {"diag/loglevel", "{\"context\":\"VOK.DiagBus\",\"level\":\"debug\"}"},
          }) {
         const std::string reply = Call(bad.first, bad.second);
         EXPECT_NE(npos, reply.find("\"returnValue\":false")) << bad.first << " " << bad.second;
@@ -224,6 +227,8 @@ TEST_F(DiagBusServiceTest, VokctlPrintsTablesAndFailsForAMissingDaemon) {
     EXPECT_EQ(0, RunVokctl({"diagtest", "ports"}, &output));
     EXPECT_NE(npos, output.find("INTERFACE")) << output;
     EXPECT_NE(npos, output.find("blade_stuck")) << output;
+    EXPECT_EQ(0, RunVokctl({"diagtest", "loglevel"}, &output));
+    EXPECT_NE(npos, output.find("VOK.DiagBus")) << output;
     EXPECT_EQ(0, RunVokctl({"list"}, &output));
     EXPECT_EQ("diagtest\n", output);
     EXPECT_EQ(3, RunVokctl({"nosuch", "status"}, &output));

@@ -143,6 +143,32 @@ void AddInterfaceCounts(json_object* blade, const std::string& bladeName) {
     }
 }
 
+// Adds one context's "context", "level" and "levelName" to entry; returns entry.
+json_object* AddContextLevel(json_object* entry, const char* name, int threshold) {
+    json_object_object_add(entry, "context", json_object_new_string(name));
+    json_object_object_add(entry, "level", json_object_new_int(threshold));
+    json_object_object_add(entry, "levelName", json_object_new_string(ZtLogLevelName(threshold)));
+    return entry;
+}
+
+// {"returnValue":true,"contexts":[...]}: every logging context, by name.
+std::string ContextList() {
+    std::map<std::string, int> contexts;
+    ZtLogForEachContext(
+        [](const char* name, int threshold, void* user) {
+            (*static_cast<std::map<std::string, int>*>(user))[name] = threshold;
+        },
+        &contexts);
+    JsonPtr reply(NewReply());
+    json_object* list = json_object_new_array();
+    for (const auto& context : contexts) {
+        json_object_array_add(
+            list, AddContextLevel(json_object_new_object(), context.first.c_str(), context.second));
+    }
+    json_object_object_add(reply.get(), "contexts", list);
+    return ToString(reply.get());
+}
+
 // {"returnValue":true,"registers":{path:entry,...}} of the entries given.
 std::string RegistersReply(const RegisterSnapshot& snapshot) {
     JsonPtr reply(NewReply());
@@ -271,15 +297,19 @@ class DiagBusServiceImpl {
         return Reply(handle, request, ToString(reply.get()));
     }
 
-    // diag/loglevel {"context":C} reads, {"context":C,"level":N} sets C's threshold (0..7).
+    // diag/loglevel {"context":C} reads, {"context":C,"level":N} sets C's threshold (0..7);
+    // {} lists every context with its threshold.
     static bool LogLevel(KVHandle* handle, KVMessage* request, void*) {
         JsonPtr payload = ParseRequest(request);
         std::string context;
         bool present = false;
-        if (!payload || !StringMember(payload.get(), "context", &context, &present) || !present) {
+        if (!payload || !StringMember(payload.get(), "context", &context, &present)) {
             return Reply(
                 handle, request,
-                ErrorReply(kErrBadPayload, "expected {\"context\":string[,\"level\":0..7]}"));
+                ErrorReply(kErrBadPayload, "expected {[\"context\":string[,\"level\":0..7]]}"));
+        }
+        if (!present) {
+            return Reply(handle, request, ContextList());
         }
         if (context.empty() || context.size() > 64) {
             return Reply(handle, request, ErrorReply(kErrBadContext, "bad context name"));
@@ -299,12 +329,9 @@ class DiagBusServiceImpl {
             }
             __atomic_store_n(&ctx->threshold, static_cast<int32_t>(value), __ATOMIC_RELAXED);
         }
-        const int threshold = __atomic_load_n(&ctx->threshold, __ATOMIC_RELAXED);
         JsonPtr reply(NewReply());
-        json_object_object_add(reply.get(), "context", json_object_new_string(context.c_str()));
-        json_object_object_add(reply.get(), "level", json_object_new_int(threshold));
-        json_object_object_add(reply.get(), "levelName",
-                               json_object_new_string(ZtLogLevelName(threshold)));
+        AddContextLevel(reply.get(), context.c_str(),
+                        __atomic_load_n(&ctx->threshold, __ATOMIC_RELAXED));
         return Reply(handle, request, ToString(reply.get()));
     }
 

@@ -58,6 +58,10 @@ int ZtLogGetContext(const char* name, ZtLogContext** ctx);
  * (and leaves *ctx alone) when no such context exists or an argument is NULL. */
 int ZtLogFindContext(const char* name, ZtLogContext** ctx);
 
+/* Calls fn once for every context that exists, with its name and current threshold, newest
+ * first. fn runs under the library's context lock: it must not create or look up contexts. */
+void ZtLogForEachContext(void (*fn)(const char* name, int threshold, void* user), void* user);
+
 /* Writes one message at level when level <= the context's threshold. A NULL context logs through
  * the default context "default". A trailing newline in the formatted text is dropped; the text is
  * written as one line. */
