@@ -53,12 +53,12 @@ for _ in $(seq 100); do [ -S "$work/bus" ] && break; sleep 0.1; done
 
 "$build/apps/vok-powerd/vok-powerd" >"$work/powerd.log" 2>&1 &
 pids+=($!)
-call() {  # call [setpriv args...] -- URI PAYLOAD: prints the reply (error replies included)
+kvcall="$build/apps/kv-call/kv-call"
+call() {  # call [prefix...] -- URI PAYLOAD: prints the reply (error replies included)
     local prefix=()
     while [ "$1" != "--" ]; do prefix+=("$1"); shift; done
     shift
-    "${prefix[@]}" "$build/apps/kv-call/kv-call" --timeout 10 --ignore-errors "$@" 2>/dev/null ||
-        true
+    "${prefix[@]}" "$kvcall" --timeout 10 --ignore-errors "$@" 2>/dev/null || true
 }
 diag="kelvra://com.orvex.vok.vok-powerd/diag/blades"
 remove="kelvra://com.orvex.power/time/alarmRemove"
@@ -82,7 +82,13 @@ if [ "$(id -u)" != 0 ] || ! command -v setpriv >/dev/null; then
     echo "bus-policy-check: not root or no setpriv: other users not checked"
     exit 0
 fi
-nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+# The build tree may sit in a directory only its owner can enter: the other user runs a copy of
+# kv-call and its bus library.
+mkdir -m 755 "$work/bin"
+cp "$build/apps/kv-call/kv-call" "$work/bin/"
+cp -P "$build"/platform/kelvra/libkelvra.so.* "$work/bin/"
+nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups env LD_LIBRARY_PATH="$work/bin")
+kvcall="$work/bin/kv-call"
 call "${nobody[@]}" -- "$remove" '{"alarmId":99}' | grep -q '"errorText":"no such alarm"' ||
     fail "another user cannot call com.orvex.power"
 call "${nobody[@]}" -- "$diag" '{}' | grep -q 'Rejected send message' ||
