@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "vok/DiagBusService.h"
 #include "vok/Version.h"
 
 namespace {
@@ -315,10 +316,11 @@ int main(int argc, char** argv) {
         }
         return kExitOk;
     }
-    const std::string& daemon = args[0];
+    // The daemon as it names itself, or as `vokctl list` shows it (its bus name's last part).
+    const std::string daemon = vok::DiagBusServiceName(args[0]).substr(std::strlen(kPrefix));
     if (std::find(daemons.begin(), daemons.end(), daemon) == daemons.end()) {
         std::fprintf(stderr, "vokctl: no daemon '%s' on the bus (try vokctl list)\n",
-                     daemon.c_str());
+                     args[0].c_str());
         return kExitNoDaemon;
     }
     Call call;

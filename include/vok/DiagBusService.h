@@ -11,7 +11,9 @@ struct DaemonHooks;
 class DiagBusServiceImpl;
 class VokShell;
 
-// The bus name a daemon serves its diagnostics on: "com.orvex.vok." + daemonName.
+// The bus name a daemon serves its diagnostics on: "com.orvex.vok." + daemonName, with each
+// character a bus name cannot hold turned into '_', and '_' put before a leading digit
+// ("4g modem" is served as "com.orvex.vok._4g_modem"). Any thread.
 std::string DiagBusServiceName(const std::string& daemonName);
 
 // Serves diag/registers, diag/blades, diag/ports, diag/loglevel and diag/watch on the bus as

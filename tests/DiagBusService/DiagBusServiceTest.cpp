@@ -1,3 +1,4 @@
+#include <gio/gio.h>
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
@@ -233,6 +234,15 @@ TEST_F(DiagBusServiceTest, VokctlPrintsTablesAndFailsForAMissingDaemon) {
     EXPECT_EQ("diagtest\n", output);
     EXPECT_EQ(3, RunVokctl({"nosuch", "status"}, &output));
     EXPECT_EQ(2, RunVokctl({"diagtest", "frobnicate"}, &output));
+}
+
+// A daemon name a bus name cannot hold is still served, under a name vokctl finds from it.
+TEST(DiagBusServiceNameTest, DaemonNamesBecomeValidBusNames) {
+    EXPECT_EQ("com.orvex.vok.vok-demo", DiagBusServiceName("vok-demo"));
+    EXPECT_EQ("com.orvex.vok._4g_modem_d_", DiagBusServiceName("4g modem.d\xc3"));
+    EXPECT_EQ("com.orvex.vok._", DiagBusServiceName(""));
+    EXPECT_EQ(255u, DiagBusServiceName(std::string(300, 'x')).size());
+    EXPECT_TRUE(g_dbus_is_name(DiagBusServiceName("4g modem.d\xc3").c_str()));
 }
 
 }  // namespace

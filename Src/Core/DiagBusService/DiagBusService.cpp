@@ -184,7 +184,18 @@ std::string RegistersReply(const RegisterSnapshot& snapshot) {
 }  // namespace
 
 std::string DiagBusServiceName(const std::string& daemonName) {
-    return kServicePrefix + daemonName;
+    // An element of a bus name holds only ASCII letters, digits, '_' and '-', does not start
+    // with a digit, and the whole name stays within 255 bytes.
+    std::string element;
+    for (const char c : daemonName) {
+        const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                             (c >= '0' && c <= '9') || c == '_' || c == '-';
+        element += allowed ? c : '_';
+    }
+    if (element.empty() || (element[0] >= '0' && element[0] <= '9')) {
+        element.insert(0, "_");
+    }
+    return (kServicePrefix + element).substr(0, 255);
 }
 
 // The server's state. Everything but the constructor and the destructor runs on the server
