@@ -202,21 +202,12 @@ class BenchBus {
             Die("service", error.message);
         }
         rawService_ = Connect(bus_.Address());
-        GError* gerror = nullptr;
-        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kRawXml, &gerror);
-        static const GDBusInterfaceVTable vtable = {
-            vok::bench::GdbusEcho, nullptr, nullptr, {nullptr}};
-        rawObject_ = g_dbus_connection_register_object(rawService_, "/bench", node->interfaces[0],
-                                                       &vtable, nullptr, nullptr, &gerror);
-        g_dbus_node_info_unref(node);
-        GVariant* owned = g_dbus_connection_call_sync(
-            rawService_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-            "RequestName", g_variant_new("(su)", kRawService, 4u), G_VARIANT_TYPE("(u)"),
-            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &gerror);
-        if (rawObject_ == 0 || owned == nullptr) {
-            Die("raw service", gerror != nullptr ? gerror->message : nullptr);
+        std::string gerror;
+        rawObject_ =
+            vok::bench::ServeGdbusEcho(rawService_, kRawXml, "/bench", kRawService, &gerror);
+        if (rawObject_ == 0) {
+            Die("raw service", gerror.c_str());
         }
-        g_variant_unref(owned);
     }
 
     void StopServices() {

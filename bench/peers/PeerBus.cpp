@@ -75,21 +75,12 @@ class EchoServices {
             Die("kelvra service", error.message);
         }
         gdbus_ = Connect(address_);
-        GError* gerror = nullptr;
-        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kEchoXml, &gerror);
-        static const GDBusInterfaceVTable vtable = {
-            vok::bench::GdbusEcho, nullptr, nullptr, {nullptr}};
-        object_ = g_dbus_connection_register_object(gdbus_, kEchoPath, node->interfaces[0], &vtable,
-                                                    nullptr, nullptr, &gerror);
-        g_dbus_node_info_unref(node);
-        GVariant* owned = g_dbus_connection_call_sync(
-            gdbus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-            "RequestName", g_variant_new("(su)", kEchoService, 4u), G_VARIANT_TYPE("(u)"),
-            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &gerror);
-        if (object_ == 0 || owned == nullptr) {
-            Die("gdbus service", gerror != nullptr ? gerror->message : nullptr);
+        std::string serveError;
+        object_ =
+            vok::bench::ServeGdbusEcho(gdbus_, kEchoXml, kEchoPath, kEchoService, &serveError);
+        if (object_ == 0) {
+            Die("gdbus service", serveError.c_str());
         }
-        g_variant_unref(owned);
     }
     void Stop() {
         g_dbus_connection_unregister_object(gdbus_, object_);

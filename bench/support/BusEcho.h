@@ -47,6 +47,35 @@ inline void GdbusEcho(GDBusConnection*, const gchar*, const gchar*, const gchar*
     g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", text));
 }
 
+// Serves GdbusEcho at path on connection, under the one interface xml describes, and owns
+// service; returns the object's registration id, or 0 with *error set.
+inline guint ServeGdbusEcho(GDBusConnection* connection, const char* xml, const char* path,
+                            const char* service, std::string* error) {
+    GError* gerror = nullptr;
+    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(xml, &gerror);
+    static const GDBusInterfaceVTable vtable = {GdbusEcho, nullptr, nullptr, {nullptr}};
+    const guint object =
+        node == nullptr ? 0
+                        : g_dbus_connection_register_object(connection, path, node->interfaces[0],
+                                                            &vtable, nullptr, nullptr, &gerror);
+    if (node != nullptr) {
+        g_dbus_node_info_unref(node);
+    }
+    GVariant* owned =
+        object == 0 ? nullptr
+                    : g_dbus_connection_call_sync(
+                          connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                          "org.freedesktop.DBus", "RequestName", g_variant_new("(su)", service, 4u),
+                          G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &gerror);
+    if (owned == nullptr) {
+        *error = gerror != nullptr ? gerror->message : "cannot serve";
+        g_clear_error(&gerror);
+        return 0;
+    }
+    g_variant_unref(owned);
+    return object;
+}
+
 }  // namespace bench
 }  // namespace vok
 
