@@ -57,9 +57,9 @@ class StrictScanner {
         }
         switch (*p_) {
             case '{':
-                return Object(depth + 1);
+                return Members('}', true, depth + 1);
             case '[':
-                return Array(depth + 1);
+                return Members(']', false, depth + 1);
             case '"':
                 return String();
             case 't':
@@ -82,48 +82,30 @@ class StrictScanner {
         return true;
     }
 
-    bool Object(int depth) {
-        ++p_;  // '{'
+    // An object (keyed: "name": value members) or an array, from its opening bracket to close.
+    bool Members(char close, bool keyed, int depth) {
+        ++p_;  // '{' or '['
         SkipSpace();
-        if (Take('}')) {
+        if (Take(close)) {
             return true;
         }
         for (;;) {
             SkipSpace();
-            if (AtEnd() || *p_ != '"' || !String()) {
-                return false;
+            if (keyed) {
+                if (AtEnd() || *p_ != '"' || !String()) {
+                    return false;
+                }
+                SkipSpace();
+                if (!Take(':')) {
+                    return false;
+                }
+                SkipSpace();
             }
-            SkipSpace();
-            if (!Take(':')) {
-                return false;
-            }
-            SkipSpace();
             if (!Value(depth)) {
                 return false;
             }
             SkipSpace();
-            if (Take('}')) {
-                return true;
-            }
-            if (!Take(',')) {
-                return false;
-            }
-        }
-    }
-
-    bool Array(int depth) {
-        ++p_;  // '['
-        SkipSpace();
-        if (Take(']')) {
-            return true;
-        }
-        for (;;) {
-            SkipSpace();
-            if (!Value(depth)) {
-                return false;
-            }
-            SkipSpace();
-            if (Take(']')) {
+            if (Take(close)) {
                 return true;
             }
             if (!Take(',')) {
