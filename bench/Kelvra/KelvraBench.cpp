@@ -29,10 +29,6 @@ const char kRawService[] = "com.orvex.benchraw";
 const char kRawInterface[] = "com.orvex.BenchRaw";
 // About what vok-demo has: its blades' interface counters, the framework's and its own.
 const int kDiagRegisters = 64;
-const char kRawXml[] =
-    "<node><interface name='com.orvex.BenchRaw'><method name='Echo'>"
-    "<arg type='s' direction='in'/><arg type='s' direction='out'/>"
-    "</method></interface></node>";
 
 [[noreturn]] void Die(const char* what, const char* detail) {
     std::fprintf(stderr, "KelvraBench: %s: %s\n", what, detail != nullptr ? detail : "");
@@ -204,7 +200,7 @@ class BenchBus {
         rawService_ = Connect(bus_.Address());
         std::string gerror;
         rawObject_ =
-            vok::bench::ServeGdbusEcho(rawService_, kRawXml, "/bench", kRawService, &gerror);
+            vok::bench::ServeGdbusEcho(rawService_, kRawInterface, "/bench", kRawService, &gerror);
         if (rawObject_ == 0) {
             Die("raw service", gerror.c_str());
         }

@@ -24,10 +24,6 @@ const char kKelvraUri[] = "kelvra://com.orvex.peers/peers/echo";
 const char kEchoService[] = "com.orvex.peersraw";
 const char kEchoPath[] = "/peers";
 const char kEchoInterface[] = "com.orvex.PeersRaw";
-const char kEchoXml[] =
-    "<node><interface name='com.orvex.PeersRaw'><method name='Echo'>"
-    "<arg type='s' direction='in'/><arg type='s' direction='out'/>"
-    "</method></interface></node>";
 
 [[noreturn]] void Die(const char* what, const char* detail) {
     std::fprintf(stderr, "PeerBus: %s: %s\n", what, detail != nullptr ? detail : "");
@@ -76,8 +72,8 @@ class EchoServices {
         }
         gdbus_ = Connect(address_);
         std::string serveError;
-        object_ =
-            vok::bench::ServeGdbusEcho(gdbus_, kEchoXml, kEchoPath, kEchoService, &serveError);
+        object_ = vok::bench::ServeGdbusEcho(gdbus_, kEchoInterface, kEchoPath, kEchoService,
+                                             &serveError);
         if (object_ == 0) {
             Die("gdbus service", serveError.c_str());
         }

@@ -47,12 +47,15 @@ inline void GdbusEcho(GDBusConnection*, const gchar*, const gchar*, const gchar*
     g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", text));
 }
 
-// Serves GdbusEcho at path on connection, under the one interface xml describes, and owns
-// service; returns the object's registration id, or 0 with *error set.
-inline guint ServeGdbusEcho(GDBusConnection* connection, const char* xml, const char* path,
-                            const char* service, std::string* error) {
+// Serves GdbusEcho as method Echo of interfaceName at path on connection, and owns service;
+// returns the object's registration id, or 0 with *error set.
+inline guint ServeGdbusEcho(GDBusConnection* connection, const char* interfaceName,
+                            const char* path, const char* service, std::string* error) {
+    const std::string xml = std::string("<node><interface name='") + interfaceName +
+                            "'><method name='Echo'><arg type='s' direction='in'/>"
+                            "<arg type='s' direction='out'/></method></interface></node>";
     GError* gerror = nullptr;
-    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(xml, &gerror);
+    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(xml.c_str(), &gerror);
     static const GDBusInterfaceVTable vtable = {GdbusEcho, nullptr, nullptr, {nullptr}};
     const guint object =
         node == nullptr ? 0
