@@ -42,7 +42,7 @@ TEST(JsonArrayIteratorTest, WalksToTheEndAndNoFurther) {
     EXPECT_TRUE(empty.ArrayBegin() == empty.ArrayEnd());
 }
 
-TEST(JsonObjectIteratorTest, VisitsEveryPairAndCopiesAndSwapsPeekAgainLazily) {
+TEST(JsonObjectIteratorTest, VisitsEveryPairAndKeepsTheValueItPresents) {
     JsonToken object;
     Parse(&object, "{\"a\": 1, \"b\": null, \"c\": [true]}");
     std::map<std::string, std::string> seen;
@@ -52,44 +52,12 @@ TEST(JsonObjectIteratorTest, VisitsEveryPairAndCopiesAndSwapsPeekAgainLazily) {
     std::map<std::string, std::string> expected = {{"a", "1"}, {"b", "null"}, {"c", "[ true ]"}};
     EXPECT_EQ(expected, seen);
 
-    // Copies and swaps peek again, lazily.
     Parse(&object, "{\"only\": \"v\"}");
-    JsonObjectConstIterator it = object.ObjectBegin();
-    EXPECT_STREQ("only", it->name);
-    JsonObjectConstIterator copy(it);
-    EXPECT_STREQ("v", copy->value->StringPeekValue());
-    JsonObjectConstIterator unpopulated;
-    it.Swap(&unpopulated);
-    EXPECT_FALSE(it.IsPopulated());
-    EXPECT_TRUE(unpopulated == copy);
-    EXPECT_STREQ("only", unpopulated->name);
-
+    JsonObjectConstIterator copy(object.ObjectBegin());
+    EXPECT_STREQ("only", copy->name);
     // The value a dereference presented stays valid after the object is gone.
     object.Reset();
     EXPECT_STREQ("v", copy->value->StringPeekValue());
-}
-
-TEST(JsonIteratorTest, UnpopulatedOrForeignIteratorsThrow) {
-    JsonToken a;
-    JsonToken other;
-    JsonToken b;
-    Parse(&a, "[1]");
-    Parse(&other, "[1]");
-    Parse(&b, "{\"a\": 1}");
-    JsonArrayConstIterator array;
-    EXPECT_FALSE(array.IsPopulated());
-    EXPECT_THROW(a.ArrayBegin() == other.ArrayBegin(), std::invalid_argument);
-    EXPECT_THROW(a.ArrayBegin() != array, std::invalid_argument);
-    EXPECT_THROW(++array, std::invalid_argument);
-    EXPECT_THROW(*array, std::invalid_argument);
-    JsonObjectConstIterator object;
-    EXPECT_THROW(*object, std::invalid_argument);
-    EXPECT_THROW(++object, std::invalid_argument);
-    EXPECT_THROW(object == b.ObjectBegin(), std::invalid_argument);
-    // json-c does not check its end position: the iterator does.
-    JsonObjectConstIterator end = b.ObjectEnd();
-    EXPECT_THROW(*end, std::out_of_range);
-    EXPECT_THROW(++end, std::out_of_range);
 }
 
 TEST(JsonFindResultTest, AbsentNullAndPresentDiffer) {
@@ -110,9 +78,6 @@ TEST(JsonFindResultTest, AbsentNullAndPresentDiffer) {
     EXPECT_STREQ("text", found->StringPeekValue());
     EXPECT_STREQ("text", (*copy).StringPeekValue());
     EXPECT_STREQ("text", absent->StringPeekValue());
-    null.Swap(&copy);
-    EXPECT_STREQ("text", null->StringPeekValue());
-    EXPECT_EQ(JsonToken::kValueTypeNull, copy->GetValueType());
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The framework through its public API: stopping it, and many threads writing at once.
+// The framework through its public API: listing ports, and many threads writing at once.
 #include <gtest/gtest.h>
 #include <sched.h>
 
@@ -19,28 +19,6 @@ using test::CountingSink;
 using test::IfaceCounter;
 using test::LogCapture;
 using test::Outstanding;
-using test::ThrowsMm;
-
-TEST(FrameworkStopTest, StopReportsInterfacesNeverDiscarded) {
-    if (test::RunningOnValgrind()) {
-        GTEST_SKIP() << "leaks interfaces on purpose";
-    }
-    MessageMoverFramework* framework = MessageMoverFramework::StartMessageMoverFramework("x");
-    {
-        test::IntendedLeakScope leak;  // The framework leaves leaked interfaces alone.
-        framework->CreateInterface("first");
-        framework->CreateInterface("second");
-    }
-    LogCapture capture;
-    MessageMoverFramework::StopMessageMoverFramework(framework);
-    const std::vector<test::LogLine> leaked = capture.Matching("MessageMoverInterface");
-    ASSERT_EQ(3u, leaked.size());
-    EXPECT_EQ(1u, capture.Matching("Leaked MessageMoverInterface <first>").size());
-    EXPECT_EQ(1u, capture.Matching("Leaked MessageMoverInterface <second>").size());
-    EXPECT_EQ("ReportLeaks: Summary: 2 MessageMoverInterface objects in VOK Daemon were leaked.",
-              leaked[2].message);
-    EXPECT_EQ("VOK.MessageMover.Leak", leaked[2].context);
-}
 
 // The listing follows ports and their queues, and drops a port once it is discarded.
 using ListPortsTest = test::MmFrameworkTest;
