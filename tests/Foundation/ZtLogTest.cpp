@@ -1,4 +1,4 @@
-// The logging library: configuration from the environment, output hook, dumps, threads.
+// The logging library: configuration from the environment, long lines, outputs, threads.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
@@ -9,7 +9,6 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -86,7 +85,7 @@ TEST(ZtLogTest, ThresholdComesFromLongestDottedPrefix) {
     EXPECT_EQ(-1, ZtLogSetLevel("Zt.Same", 8));
 }
 
-TEST(ZtLogTest, LongMessagesAreWrittenWholeAndDumpsLineByLine) {
+TEST(ZtLogTest, LongMessagesAreWrittenWhole) {
     vok::test::LogCapture capture;
     ZtLogContext* ctx = nullptr;
     ZtLogGetContext("Zt", &ctx);
@@ -95,51 +94,6 @@ TEST(ZtLogTest, LongMessagesAreWrittenWholeAndDumpsLineByLine) {
     auto lines = capture.Lines();
     ASSERT_EQ(1u, lines.size());
     EXPECT_EQ(big + "|", lines[0].message);
-    // A dump writes offset, hex and ASCII, 16 bytes a line.
-    capture.Clear();
-    const char data[] = "ABCDEFGHIJKLMNOPqr\n";
-    ZtLogDumpData(ctx, 2, data, 19, 0);
-    lines = capture.Lines();
-    ASSERT_EQ(2u, lines.size());
-    EXPECT_EQ("00000000: 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50  |ABCDEFGHIJKLMNOP|",
-              lines[0].message);
-    EXPECT_EQ("00000010: 71 72 0a                                         |qr.|", lines[1].message);
-}
-
-TEST(ZtLogOutputTest, StandardErrorGetsOneLineWithTimestampLevelContextAndThreadId) {
-    // Standard error is a pipe while two threads log (no hook is installed).
-    ZtLogContext* ctx = nullptr;
-    ZtLogGetContext("Zt", &ctx);  // Configured first: its own warnings are not part of this.
-    int pipeFds[2];
-    ASSERT_EQ(0, pipe(pipeFds));
-    const int savedStderr = dup(STDERR_FILENO);
-    dup2(pipeFds[1], STDERR_FILENO);
-    close(pipeFds[1]);
-    ZtLogPrint(ctx, 2, "first %d\n", 1);
-    long otherId = 0;
-    std::thread other([&]() {
-        otherId = ThreadId();
-        ZtLogPrint(ctx, 3, "second");
-    });
-    other.join();
-    ZtLogPrint(ctx, 4, "dropped");
-    ZtLogPrint(nullptr, 6, "default context");
-    dup2(savedStderr, STDERR_FILENO);
-    close(savedStderr);
-    std::vector<std::string> lines;
-    FILE* output = fdopen(pipeFds[0], "r");
-    for (char line[512]; fgets(line, sizeof line, output) != nullptr;) {
-        lines.emplace_back(line, strcspn(line, "\n"));
-    }
-    fclose(output);
-    ASSERT_EQ(3u, lines.size());
-    const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6}Z";
-    EXPECT_THAT(lines[0], ::testing::MatchesRegex(stamp + " crit \\[Zt\\] \\(tid " +
-                                                  std::to_string(ThreadId()) + "\\) first 1"));
-    EXPECT_THAT(lines[1], ::testing::MatchesRegex(stamp + " err \\[Zt\\] \\(tid " +
-                                                  std::to_string(otherId) + "\\) second"));
-    EXPECT_THAT(lines[2], ::testing::EndsWith(" info [default] (tid " + std::to_string(ThreadId()) +
-                                              ") default context"));
 }
 
 TEST(ZtLogOutputTest, SyslogAndJournalGetContextAndThreadId) {
