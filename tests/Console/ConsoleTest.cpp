@@ -193,17 +193,6 @@ TEST_F(ConsoleTest, IntrusiveListElementsAreAddedListedRemovedAndRotated) {
               Session("intrus.remfront\nintrus.remall\nintrus.remfront\nintrus.destroy\n"));
 }
 
-TEST_F(ConsoleTest, SerialGeneratorIssuesNumbersAfterTheReservedRange) {
-    EXPECT_EQ(
-        ">Serial Generator created; reserved range = 0 .. 100.\n"
-        ">Serial Generator already exists.\n>next=101.\n"
-        ">progress 10000...\nprogress 20000...\n"
-        "Total generated=20000, last generated serial=20101.\n"
-        ">Serial Generator destroyed.\n>Serial Generator not created yet.\n>",
-        Session("sergen.init 100\nsergen.init 5\nsergen.next\nsergen.getmany 20000\n"
-                "sergen.uninit\nsergen.uninit\n"));
-}
-
 // The vok-console program, started through the emulator when there is one, with args and input
 // on its standard input; its output and error go to files.
 struct ProgramResult {
@@ -233,14 +222,6 @@ ProgramResult RunConsoleProgram(const std::string& args, const std::string& inpu
 
 TEST(ConsoleProgramTest, RunsItsInputOrOneCommandAndEndsWithTheProgramError) {
     test::Watchdog watchdog;
-    const ProgramResult session = RunConsoleProgram("", "MMF.INIT\nmmf.addback 7\nmmf.listall\n");
-    EXPECT_EQ(
-        ">MMF Created.\nMessage List Created.\n>"
-        "Message added; value=7; now 1 messages on list.\n>"
-        "Message #0: value=7.\n1 messages on list.\n>",
-        session.out);
-    EXPECT_TRUE(WIFEXITED(session.status) && WEXITSTATUS(session.status) == 0) << session.err;
-
     // One-shot mode does not read its input.
     const ProgramResult oneShot = RunConsoleProgram("sergen.init 100", "mmf.init\n");
     EXPECT_EQ("Serial Generator created; reserved range = 0 .. 100.\n", oneShot.out);
