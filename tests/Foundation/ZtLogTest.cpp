@@ -1,4 +1,5 @@
-// The logging library: configuration from the environment, long lines, outputs, threads.
+// The logging library (configuration from the environment, long lines, outputs, threads) and
+// the Logger over it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "support/LogCapture.h"
+#include "vok/Logger.h"
 
 // Receives what the library sends to syslog (ZTLOG_OUTPUT=syslog), in place of the C library's
 // syslog, so that no test line reaches the machine's log.
@@ -74,15 +76,7 @@ TEST(ZtLogTest, ThresholdComesFromLongestDottedPrefix) {
     // Unmatched contexts take the "*" default; the bad level 11 was ignored.
     EXPECT_EQ(6, ThresholdOf("Elsewhere"));
     EXPECT_EQ(3, ThresholdOf("Zt.Bad"));
-    // One context per name; a level set applies to it at once, a level out of range does not.
-    ZtLogContext* a = nullptr;
-    ZtLogContext* b = nullptr;
-    ZtLogGetContext("Zt.Same", &a);
-    ZtLogGetContext("Zt.Same", &b);
-    EXPECT_EQ(a, b);
-    EXPECT_EQ(0, ZtLogSetLevel("Zt.Same", 7));
-    EXPECT_EQ(7, a->threshold);
-    EXPECT_EQ(-1, ZtLogSetLevel("Zt.Same", 8));
+    EXPECT_EQ(-1, ZtLogSetLevel("Zt.Same", 8));  // Out of range.
 }
 
 TEST(ZtLogTest, LongMessagesAreWrittenWhole) {
@@ -140,6 +134,31 @@ TEST(ZtLogTest, ConcurrentLoggingLosesNothing) {
         thread.join();
     }
     EXPECT_EQ(static_cast<size_t>(kThreads * kLines), capture.Lines().size());
+}
+
+// A logger at threshold 4 passes warnings and drops debug lines and tracing; a level set takes
+// effect at its next call. Raised to debug, it dumps binary data up to 1024 bytes.
+TEST(LoggerTest, ThresholdFourPassesWarningAndDropsDebugAndTracingUntilRaised) {
+    vok::test::ScopedLogLevel level("Test.Four", 4);
+    vok::test::LogCapture capture;
+    vok::Logger logger("Test.Four");
+    logger.Critical("c%d", 1);
+    logger.Error("e");
+    logger.Warning("w");
+    logger.Debug("d");
+    { vok::FuncLogger trace(logger, "Fn", &logger); }
+    ZtLogSetLevel("Test.Four", 7);
+    logger.Debug("after");
+    std::vector<unsigned char> data(5000, 0x5a);
+    logger.DebugBin(data.data(), data.size());
+    auto lines = capture.Lines();
+    ASSERT_EQ(4u + 1024 / 16, lines.size());
+    EXPECT_EQ(vok::kLogLevelCritical, lines[0].level);
+    EXPECT_EQ("c1", lines[0].message);
+    EXPECT_EQ(vok::kLogLevelError, lines[1].level);
+    EXPECT_EQ(vok::kLogLevelWarning, lines[2].level);
+    EXPECT_EQ("after", lines[3].message);
+    EXPECT_THAT(lines.back().message, ::testing::HasSubstr("000003f0:"));
 }
 
 }  // namespace
