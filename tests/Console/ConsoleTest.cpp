@@ -104,7 +104,6 @@ TEST_F(ConsoleTest, LinesRunUntilQuitMatchingNamesOrUniquePrefixesWithoutRegardT
         "Unknown command: bogus\n>",
         Session("MMF.INIT\nsergen.n\nbogus\n"));
     // A session ends at quit or at the end of its input.
-    EXPECT_EQ(">", Session("q\nmmf.init\n"));
     EXPECT_EQ(">>>", Session("\n   \nQuit now\nmmf.init\n"));
     // A last line without its newline still runs.
     EXPECT_EQ(">MMF already exists.\n>", Session("mmf.init"));
@@ -154,21 +153,6 @@ TEST_F(ConsoleTest, ForcedAndBogusRemovalsEndTheConsoleWithTheFrameworksProgramE
     EXPECT_EQ(2u, log.Matching("THROWING EXCEPTION").size());
     // The console is still usable.
     EXPECT_EQ("0 messages on list.\n", Command({"mmf.listall"}));
-}
-
-TEST_F(ConsoleTest, InterfacesAreFreedByTheAddressPrinted) {
-    Command({"mmf.init"});
-    const std::string created = Command({"mmf.createiface", "probe"});
-    const std::vector<std::string> address = Addresses(created);
-    ASSERT_EQ(1u, address.size());
-    EXPECT_EQ("Interface created: addr=<" + address[0] + ">;name=<probe>.\n", created);
-    EXPECT_EQ(0, test::IfaceCounter("probe", "msgsHeldByUser"));
-    EXPECT_EQ("Interface freed: addr=<" + address[0] + ">.\n",
-              Command({"mmf.freeiface", address[0]}));
-    EXPECT_EQ("No interface created at <" + address[0] + ">.\n",
-              Command({"mmf.freeiface", address[0]}));
-    // Left for the manager to release at the end of the test.
-    Command({"mmf.createiface", "left"});
 }
 
 TEST_F(ConsoleTest, IntrusiveListElementsAreAddedListedRemovedAndRotated) {
