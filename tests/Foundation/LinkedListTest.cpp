@@ -10,7 +10,6 @@ namespace {
 
 struct Item {
     LinkedListLinkType node;
-    int value;
 };
 
 class LinkedListTest : public ::testing::Test {
@@ -18,7 +17,6 @@ class LinkedListTest : public ::testing::Test {
     void SetUp() override {
         LinkedListHeadInit(&head_);
         for (int i = 0; i < 4; ++i) {
-            items_[i].value = i;
             LinkedListNodeInit(&items_[i].node, &items_[i]);
         }
     }

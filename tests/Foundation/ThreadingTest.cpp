@@ -16,12 +16,10 @@
 namespace vok {
 namespace {
 
-using test::Watchdog;
-
 TEST(MutexTest, RecursiveOnOneThreadExclusiveAcrossThreadsAndOwned) {
     // Each thread takes the lock twice, reads a plain counter, lets go once, yields and writes
     // it back: if the lock excluded nothing, or the inner unlock released it, updates are lost.
-    Watchdog watchdog;
+    test::Watchdog watchdog;
     Mutex mutex;
     int counter = 0;
     const int kRounds = 2000;
