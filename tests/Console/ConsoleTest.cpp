@@ -104,7 +104,6 @@ TEST_F(ConsoleTest, LinesRunUntilQuitMatchingNamesOrUniquePrefixesWithoutRegardT
         "Unknown command: bogus\n>",
         Session("MMF.INIT\nsergen.n\nbogus\n"));
     // A session ends at quit or at the end of its input.
-    EXPECT_EQ(">", Session("q\nmmf.init\n"));
     EXPECT_EQ(">>>", Session("\n   \nQuit now\nmmf.init\n"));
     // A last line without its newline still runs.
     EXPECT_EQ(">MMF already exists.\n>", Session("mmf.init"));
@@ -156,21 +155,6 @@ TEST_F(ConsoleTest, ForcedAndBogusRemovalsEndTheConsoleWithTheFrameworksProgramE
     EXPECT_EQ("0 messages on list.\n", Command({"mmf.listall"}));
 }
 
-TEST_F(ConsoleTest, InterfacesAreFreedByTheAddressPrinted) {
-    Command({"mmf.init"});
-    const std::string created = Command({"mmf.createiface", "probe"});
-    const std::vector<std::string> address = Addresses(created);
-    ASSERT_EQ(1u, address.size());
-    EXPECT_EQ("Interface created: addr=<" + address[0] + ">;name=<probe>.\n", created);
-    EXPECT_EQ(0, test::IfaceCounter("probe", "msgsHeldByUser"));
-    EXPECT_EQ("Interface freed: addr=<" + address[0] + ">.\n",
-              Command({"mmf.freeiface", address[0]}));
-    EXPECT_EQ("No interface created at <" + address[0] + ">.\n",
-              Command({"mmf.freeiface", address[0]}));
-    // Left for the manager to release at the end of the test.
-    Command({"mmf.createiface", "left"});
-}
-
 TEST_F(ConsoleTest, IntrusiveListElementsAreAddedListedRemovedAndRotated) {
     Command({"intrus.create"});
     Command({"intrus.addback", "-7"});
@@ -191,17 +175,6 @@ TEST_F(ConsoleTest, IntrusiveListElementsAreAddedListedRemovedAndRotated) {
                   ">, value=-7, removed (will be deleted), 2 element(s) left.\n"
                   ">2 element(s) removed; list is empty.\n>Nothing to remove.\n>List destroyed.\n>",
               Session("intrus.remfront\nintrus.remall\nintrus.remfront\nintrus.destroy\n"));
-}
-
-TEST_F(ConsoleTest, SerialGeneratorIssuesNumbersAfterTheReservedRange) {
-    EXPECT_EQ(
-        ">Serial Generator created; reserved range = 0 .. 100.\n"
-        ">Serial Generator already exists.\n>next=101.\n"
-        ">progress 10000...\nprogress 20000...\n"
-        "Total generated=20000, last generated serial=20101.\n"
-        ">Serial Generator destroyed.\n>Serial Generator not created yet.\n>",
-        Session("sergen.init 100\nsergen.init 5\nsergen.next\nsergen.getmany 20000\n"
-                "sergen.uninit\nsergen.uninit\n"));
 }
 
 // The vok-console program, started through the emulator when there is one, with args and input
@@ -233,14 +206,6 @@ ProgramResult RunConsoleProgram(const std::string& args, const std::string& inpu
 
 TEST(ConsoleProgramTest, RunsItsInputOrOneCommandAndEndsWithTheProgramError) {
     test::Watchdog watchdog;
-    const ProgramResult session = RunConsoleProgram("", "MMF.INIT\nmmf.addback 7\nmmf.listall\n");
-    EXPECT_EQ(
-        ">MMF Created.\nMessage List Created.\n>"
-        "Message added; value=7; now 1 messages on list.\n>"
-        "Message #0: value=7.\n1 messages on list.\n>",
-        session.out);
-    EXPECT_TRUE(WIFEXITED(session.status) && WEXITSTATUS(session.status) == 0) << session.err;
-
     // One-shot mode does not read its input.
     const ProgramResult oneShot = RunConsoleProgram("sergen.init 100", "mmf.init\n");
     EXPECT_EQ("Serial Generator created; reserved range = 0 .. 100.\n", oneShot.out);

@@ -1,4 +1,5 @@
-// The logging library: configuration from the environment, output hook, dumps, threads.
+// The logging library (configuration from the environment, long lines, outputs, threads) and
+// the Logger over it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
@@ -9,12 +10,12 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/LogCapture.h"
+#include "vok/Logger.h"
 
 // Receives what the library sends to syslog (ZTLOG_OUTPUT=syslog), in place of the C library's
 // syslog, so that no test line reaches the machine's log.
@@ -75,18 +76,10 @@ TEST(ZtLogTest, ThresholdComesFromLongestDottedPrefix) {
     // Unmatched contexts take the "*" default; the bad level 11 was ignored.
     EXPECT_EQ(6, ThresholdOf("Elsewhere"));
     EXPECT_EQ(3, ThresholdOf("Zt.Bad"));
-    // One context per name; a level set applies to it at once, a level out of range does not.
-    ZtLogContext* a = nullptr;
-    ZtLogContext* b = nullptr;
-    ZtLogGetContext("Zt.Same", &a);
-    ZtLogGetContext("Zt.Same", &b);
-    EXPECT_EQ(a, b);
-    EXPECT_EQ(0, ZtLogSetLevel("Zt.Same", 7));
-    EXPECT_EQ(7, a->threshold);
-    EXPECT_EQ(-1, ZtLogSetLevel("Zt.Same", 8));
+    EXPECT_EQ(-1, ZtLogSetLevel("Zt.Same", 8));  // Out of range.
 }
 
-TEST(ZtLogTest, LongMessagesAreWrittenWholeAndDumpsLineByLine) {
+TEST(ZtLogTest, LongMessagesAreWrittenWhole) {
     vok::test::LogCapture capture;
     ZtLogContext* ctx = nullptr;
     ZtLogGetContext("Zt", &ctx);
@@ -95,51 +88,6 @@ TEST(ZtLogTest, LongMessagesAreWrittenWholeAndDumpsLineByLine) {
     auto lines = capture.Lines();
     ASSERT_EQ(1u, lines.size());
     EXPECT_EQ(big + "|", lines[0].message);
-    // A dump writes offset, hex and ASCII, 16 bytes a line.
-    capture.Clear();
-    const char data[] = "ABCDEFGHIJKLMNOPqr\n";
-    ZtLogDumpData(ctx, 2, data, 19, 0);
-    lines = capture.Lines();
-    ASSERT_EQ(2u, lines.size());
-    EXPECT_EQ("00000000: 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50  |ABCDEFGHIJKLMNOP|",
-              lines[0].message);
-    EXPECT_EQ("00000010: 71 72 0a                                         |qr.|", lines[1].message);
-}
-
-TEST(ZtLogOutputTest, StandardErrorGetsOneLineWithTimestampLevelContextAndThreadId) {
-    // Standard error is a pipe while two threads log (no hook is installed).
-    ZtLogContext* ctx = nullptr;
-    ZtLogGetContext("Zt", &ctx);  // Configured first: its own warnings are not part of this.
-    int pipeFds[2];
-    ASSERT_EQ(0, pipe(pipeFds));
-    const int savedStderr = dup(STDERR_FILENO);
-    dup2(pipeFds[1], STDERR_FILENO);
-    close(pipeFds[1]);
-    ZtLogPrint(ctx, 2, "first %d\n", 1);
-    long otherId = 0;
-    std::thread other([&]() {
-        otherId = ThreadId();
-        ZtLogPrint(ctx, 3, "second");
-    });
-    other.join();
-    ZtLogPrint(ctx, 4, "dropped");
-    ZtLogPrint(nullptr, 6, "default context");
-    dup2(savedStderr, STDERR_FILENO);
-    close(savedStderr);
-    std::vector<std::string> lines;
-    FILE* output = fdopen(pipeFds[0], "r");
-    for (char line[512]; fgets(line, sizeof line, output) != nullptr;) {
-        lines.emplace_back(line, strcspn(line, "\n"));
-    }
-    fclose(output);
-    ASSERT_EQ(3u, lines.size());
-    const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6}Z";
-    EXPECT_THAT(lines[0], ::testing::MatchesRegex(stamp + " crit \\[Zt\\] \\(tid " +
-                                                  std::to_string(ThreadId()) + "\\) first 1"));
-    EXPECT_THAT(lines[1], ::testing::MatchesRegex(stamp + " err \\[Zt\\] \\(tid " +
-                                                  std::to_string(otherId) + "\\) second"));
-    EXPECT_THAT(lines[2], ::testing::EndsWith(" info [default] (tid " + std::to_string(ThreadId()) +
-                                              ") default context"));
 }
 
 TEST(ZtLogOutputTest, SyslogAndJournalGetContextAndThreadId) {
@@ -186,6 +134,31 @@ TEST(ZtLogTest, ConcurrentLoggingLosesNothing) {
         thread.join();
     }
     EXPECT_EQ(static_cast<size_t>(kThreads * kLines), capture.Lines().size());
+}
+
+// A logger at threshold 4 passes warnings and drops debug lines and tracing; a level set takes
+// effect at its next call. Raised to debug, it dumps binary data up to 1024 bytes.
+TEST(LoggerTest, ThresholdFourPassesWarningAndDropsDebugAndTracingUntilRaised) {
+    vok::test::ScopedLogLevel level("Test.Four", 4);
+    vok::test::LogCapture capture;
+    vok::Logger logger("Test.Four");
+    logger.Critical("c%d", 1);
+    logger.Error("e");
+    logger.Warning("w");
+    logger.Debug("d");
+    { vok::FuncLogger trace(logger, "Fn", &logger); }
+    ZtLogSetLevel("Test.Four", 7);
+    logger.Debug("after");
+    std::vector<unsigned char> data(5000, 0x5a);
+    logger.DebugBin(data.data(), data.size());
+    auto lines = capture.Lines();
+    ASSERT_EQ(4u + 1024 / 16, lines.size());
+    EXPECT_EQ(vok::kLogLevelCritical, lines[0].level);
+    EXPECT_EQ("c1", lines[0].message);
+    EXPECT_EQ(vok::kLogLevelError, lines[1].level);
+    EXPECT_EQ(vok::kLogLevelWarning, lines[2].level);
+    EXPECT_EQ("after", lines[3].message);
+    EXPECT_THAT(lines.back().message, ::testing::HasSubstr("000003f0:"));
 }
 
 }  // namespace

@@ -366,8 +366,7 @@ TEST_F(ShellTest, WatchdogIsFedWhileEveryLoopTurnsAndStopsForAStuckOne) {
     ShellHarness h(2);  // b1 gets stuck.
     std::atomic<GMainContext*> stuckContext{nullptr};
     Event contextKnown, release;
-    h[1].onRun = [&](ServiceBladeEnvironment* env, RuntimeDispatcher& dispatcher) {
-        EXPECT_EQ(400000u, env->GetWatchdogUsec());
+    h[1].onRun = [&](ServiceBladeEnvironment*, RuntimeDispatcher& dispatcher) {
         stuckContext = g_main_loop_get_context(RuntimeDispatcher::GetInternalLoop(dispatcher));
         contextKnown.Signal();
     };
