@@ -366,7 +366,8 @@ TEST_F(ShellTest, WatchdogIsFedWhileEveryLoopTurnsAndStopsForAStuckOne) {
     ShellHarness h(2);  // b1 gets stuck.
     std::atomic<GMainContext*> stuckContext{nullptr};
     Event contextKnown, release;
-    h[1].onRun = [&](ServiceBladeEnvironment*, RuntimeDispatcher& dispatcher) {
+    h[1].onRun = [&](ServiceBladeEnvironment* env, RuntimeDispatcher& dispatcher) {
+        EXPECT_EQ(400000u, env->GetWatchdogUsec());  // What a blade without a loop paces by.
         stuckContext = g_main_loop_get_context(RuntimeDispatcher::GetInternalLoop(dispatcher));
         contextKnown.Signal();
     };
