@@ -135,10 +135,6 @@ TEST_F(KelvraServiceTest, NamesAndMethodsAreRegisteredOnce) {
     error_.Failed(KVRegister(name_.c_str(), &second, error_.get()), KV_ERROR_NAME_TAKEN);
     error_.Failed(KVRegisterMethod(service_.get(), "a/keep", Keep, this, error_.get()),
                   KV_ERROR_EXISTS);
-    for (const char* bad : {"", "a/", "/b", "a//b", "a/b-c", "a.b/c"}) {
-        error_.Failed(KVRegisterMethod(service_.get(), bad, Keep, this, error_.get()),
-                      KV_ERROR_INVALID_ARGUMENT, bad);
-    }
     // Methods without a category, and with several.
     Register("top", Keep);
     Register("x/y/z", Keep);
