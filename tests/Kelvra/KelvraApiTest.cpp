@@ -52,10 +52,6 @@ TEST(KelvraApiTest, BadInputFailsWithAnError) {
     Watchdog watchdog;
     ErrorCheck error;
     KVHandle* handle = nullptr;
-    for (const char* name : {"nodots", ":1.7", "com.orvex/x"}) {
-        error.Failed(KVRegister(name, &handle, error.get()), KV_ERROR_INVALID_ARGUMENT, name);
-    }
-
     // A handle that is not attached yet accepts no calls.
     ASSERT_TRUE(KVRegister(nullptr, &handle, error.get()));
     KVMessageToken token = 99;
