@@ -192,38 +192,32 @@ class PowerdRequestTest : public ::testing::Test {
 
 TEST_F(PowerdRequestTest, MalformedRequestsGetClearRefusals) {
     ASSERT_EQ(1u, Add(":1.1").added);
-    // Each request is the method's usual payload with the field's value given here.
+    const char* add = "time/alarmAdd";
+    const char* remove = "time/alarmRemove";
     const struct {
-        bool add;
-        const char* value;
+        const char* method;
+        const char* payload;
         int code;
     } bad[] = {
-        {true, "\"00:00:01\"} x", powerd::kPowerErrBadPayload},
-        {true, "\"24:00:00\"", powerd::kPowerErrBadTime},
-        {true, "\"-0:00:01\"", powerd::kPowerErrBadTime},
-        {true, "\"00:00:01x\"", powerd::kPowerErrBadTime},
-        {false, "\"1\"", powerd::kPowerErrBadId},
-        {false, "1.5", powerd::kPowerErrBadId},
-        {false, "4294967297", powerd::kPowerErrBadId},
-        {false, "1e300", powerd::kPowerErrBadId},
-        {false, "NaN", powerd::kPowerErrBadId},
-        {false, "-4294967295", powerd::kPowerErrBadId},
-        {false, "12345", powerd::kPowerErrUnknownId},
+        {add, nullptr, powerd::kPowerErrBadPayload},
+        {add, "{\"subscribe\":true,\"relative_time\":\"00:00:01\"} x", powerd::kPowerErrBadPayload},
+        {add, "{\"relative_time\":\"00:00:01\"}", powerd::kPowerErrNotSubscribed},
+        {add, "{\"subscribe\":true,\"relative_time\":\"24:00:00\"}", powerd::kPowerErrBadTime},
+        {add, "{\"subscribe\":true,\"relative_time\":\"-0:00:01\"}", powerd::kPowerErrBadTime},
+        {add, "{\"subscribe\":true,\"relative_time\":\"00:00:01x\"}", powerd::kPowerErrBadTime},
+        {remove, "{\"alarmId\":\"1\"}", powerd::kPowerErrBadId},
+        {remove, "{\"alarmId\":1.5}", powerd::kPowerErrBadId},
+        {remove, "{\"alarmId\":4294967297}", powerd::kPowerErrBadId},
+        {remove, "{\"alarmId\":1e300}", powerd::kPowerErrBadId},
+        {remove, "{\"alarmId\":NaN}", powerd::kPowerErrBadId},
+        {remove, "{\"alarmId\":-4294967295}", powerd::kPowerErrBadId},
+        {remove, "{\"alarmId\":12345}", powerd::kPowerErrUnknownId},
     };
     for (const auto& request : bad) {
-        const std::string payload =
-            (request.add ? "{\"subscribe\":true,\"relative_time\":" : "{\"alarmId\":") +
-            std::string(request.value) + "}";
-        const Book::Outcome outcome = book_.Handle(
-            request.add ? "time/alarmAdd" : "time/alarmRemove", payload.c_str(), ":1.1", 0);
-        EXPECT_EQ(request.code, ErrorCode(outcome.reply)) << payload << " -> " << outcome.reply;
+        const Book::Outcome outcome = book_.Handle(request.method, request.payload, ":1.1", 0);
+        EXPECT_EQ(request.code, ErrorCode(outcome.reply))
+            << (request.payload ? request.payload : "NULL") << " -> " << outcome.reply;
     }
-    EXPECT_EQ(powerd::kPowerErrBadPayload,
-              ErrorCode(book_.Handle("time/alarmAdd", nullptr, ":1.1", 0).reply));
-    EXPECT_EQ(
-        powerd::kPowerErrNotSubscribed,
-        ErrorCode(
-            book_.Handle("time/alarmAdd", "{\"relative_time\":\"00:00:01\"}", ":1.1", 0).reply));
     EXPECT_EQ(1u, book_.Count());  // 4294967297 did not wrap onto alarm 1
 }
 
