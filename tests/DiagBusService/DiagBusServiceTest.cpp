@@ -225,11 +225,6 @@ TEST_F(DiagBusServiceTest, VokctlPrintsTablesAndFailsForAMissingDaemon) {
     std::string output;
     EXPECT_EQ(0, RunVokctl({"diagtest", "registers", "root.ctltest."}, &output));
     EXPECT_NE(npos, output.find("root.ctltest.count  42     42   42")) << output;
-    EXPECT_EQ(0, RunVokctl({"diagtest", "ports"}, &output));
-    EXPECT_NE(npos, output.find("INTERFACE")) << output;
-    EXPECT_NE(npos, output.find("blade_stuck")) << output;
-    EXPECT_EQ(0, RunVokctl({"diagtest", "loglevel"}, &output));
-    EXPECT_NE(npos, output.find("VOK.DiagBus")) << output;
     EXPECT_EQ(0, RunVokctl({"list"}, &output));
     EXPECT_EQ("diagtest\n", output);
     EXPECT_EQ(3, RunVokctl({"nosuch", "status"}, &output));
@@ -238,11 +233,10 @@ TEST_F(DiagBusServiceTest, VokctlPrintsTablesAndFailsForAMissingDaemon) {
 
 // A daemon name a bus name cannot hold is still served, under a name vokctl finds from it.
 TEST(DiagBusServiceNameTest, DaemonNamesBecomeValidBusNames) {
-    EXPECT_EQ("com.orvex.vok.vok-demo", DiagBusServiceName("vok-demo"));
+    for (const std::string& daemon : {std::string("4g modem.d\xc3"), std::string(300, 'x')}) {
+        EXPECT_TRUE(g_dbus_is_name(DiagBusServiceName(daemon).c_str())) << daemon;
+    }
     EXPECT_EQ("com.orvex.vok._4g_modem_d_", DiagBusServiceName("4g modem.d\xc3"));
-    EXPECT_EQ("com.orvex.vok._", DiagBusServiceName(""));
-    EXPECT_EQ(255u, DiagBusServiceName(std::string(300, 'x')).size());
-    EXPECT_TRUE(g_dbus_is_name(DiagBusServiceName("4g modem.d\xc3").c_str()));
 }
 
 }  // namespace

@@ -81,23 +81,6 @@ class Blade : public ServiceBlade, public VokBladeLoaderInterface {
     std::string name_;
 };
 
-// Serves kService's "echo/once" with a bus handle of its own.
-class ServiceBladeImpl : public Blade {
-  public:
-    using Blade::Blade;
-
-  private:
-    void Start(RuntimeDispatcher& dispatcher) override {
-        service_.reset(new test::FakeService(dispatcher, kService));
-        service_->AddMethod("echo/once", [](const std::string& payload) {
-            return std::vector<std::string>{payload};
-        });
-    }
-    void Finish() override { service_.reset(); }
-
-    std::unique_ptr<test::FakeService> service_;
-};
-
 // Calls the service every 20 ms through the dispatcher's bus handle and follows its status
 // through the dispatcher's client.
 class CallerBlade : public Blade {
@@ -138,9 +121,10 @@ class CallerBlade : public Blade {
     VokKvClient* client_ = nullptr;
 };
 
-// Keeps a 700 ms alarm going: each firing is checked against its due time and the next alarm is
-// set at once, so an early firing shows in the record, and so does a doubled one (as early).
-class AlarmBlade : public Blade {
+// Serves kService's "echo/once" with a bus handle of its own, and keeps a 700 ms alarm going:
+// each firing is checked against its due time and the next alarm is set at once, so an early
+// firing shows in the record, and so does a doubled one (as early).
+class ServiceAndAlarmBlade : public Blade {
   public:
     using Blade::Blade;
     // Guarded by the board.
@@ -151,10 +135,17 @@ class AlarmBlade : public Blade {
     static constexpr unsigned kIntervalMs = 700;
 
     void Start(RuntimeDispatcher& dispatcher) override {
+        service_.reset(new test::FakeService(dispatcher, kService));
+        service_->AddMethod("echo/once", [](const std::string& payload) {
+            return std::vector<std::string>{payload};
+        });
         alarm_.reset(new RdAlarmBase(dispatcher, [this]() { OnFired(); }));
         Set();
     }
-    void Finish() override { alarm_.reset(); }
+    void Finish() override {
+        alarm_.reset();
+        service_.reset();
+    }
     void Set() {
         due_ = Clock::now() + std::chrono::milliseconds(kIntervalMs);
         alarm_->Schedule(kIntervalMs);
@@ -168,6 +159,7 @@ class AlarmBlade : public Blade {
         Set();
     }
 
+    std::unique_ptr<test::FakeService> service_;
     std::unique_ptr<RdAlarmBase> alarm_;
     Clock::time_point due_;
 };
@@ -176,13 +168,11 @@ TEST(BusRestartTest, EveryBladeIsBackToNormalSoonAfterTheBusReturns) {
     test::Watchdog watchdog;
     test::LogCapture log;  // the dispatchers' warnings about the bus
     Board board;
-    ServiceBladeImpl service(&board, "service");
     CallerBlade callers[] = {{&board, "caller1"}, {&board, "caller2"}};
-    AlarmBlade alarms(&board, "alarm");
+    ServiceAndAlarmBlade alarms(&board, "service");
     test::PowerDaemon powerd;
     bool stopped = false;
-    VokShell shell(VokShellDaemonInfo("bus-restart", ""),
-                   {&service, &callers[0], &callers[1], &alarms},
+    VokShell shell(VokShellDaemonInfo("bus-restart", ""), {&callers[0], &callers[1], &alarms},
                    [&]() { board.Update([&]() { stopped = true; }); });
     shell.StartUp();
     // Every caller has heard the service's status last as up (or down) and, when up, has had an

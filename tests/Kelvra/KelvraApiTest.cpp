@@ -52,10 +52,6 @@ TEST(KelvraApiTest, BadInputFailsWithAnError) {
     Watchdog watchdog;
     ErrorCheck error;
     KVHandle* handle = nullptr;
-    for (const char* name : {"nodots", ":1.7", "com.orvex/x"}) {
-        error.Failed(KVRegister(name, &handle, error.get()), KV_ERROR_INVALID_ARGUMENT, name);
-    }
-
     // A handle that is not attached yet accepts no calls.
     ASSERT_TRUE(KVRegister(nullptr, &handle, error.get()));
     KVMessageToken token = 99;
@@ -135,10 +131,6 @@ TEST_F(KelvraServiceTest, NamesAndMethodsAreRegisteredOnce) {
     error_.Failed(KVRegister(name_.c_str(), &second, error_.get()), KV_ERROR_NAME_TAKEN);
     error_.Failed(KVRegisterMethod(service_.get(), "a/keep", Keep, this, error_.get()),
                   KV_ERROR_EXISTS);
-    for (const char* bad : {"", "a/", "/b", "a//b", "a/b-c", "a.b/c"}) {
-        error_.Failed(KVRegisterMethod(service_.get(), bad, Keep, this, error_.get()),
-                      KV_ERROR_INVALID_ARGUMENT, bad);
-    }
     // Methods without a category, and with several.
     Register("top", Keep);
     Register("x/y/z", Keep);
