@@ -111,6 +111,27 @@ TEST_F(BusCallTest, ServiceStatusReachesObserversOncePerChangeInKeyOrder) {
     EXPECT_EQ(&keys[1], calls[5].first);
 }
 
+// A service that never answers: the callback gets the timeout error, and may destroy its call.
+TEST_F(BusCallTest, CallsWithATimeoutEndAtTheDeadline) {
+    FakeService quiet(dispatcher_, "com.test.quiet");
+    quiet.AddMethod("never/answer", [](const std::string&) {
+        return std::vector<std::string>{"", ""};  // stays open, unanswered
+    });
+    std::vector<std::string> replies;
+    std::unique_ptr<RdKvCall> call(
+        new RdKvCall(RdKelvraUtils::GetKvHandle(dispatcher_), [&](KVMessage* reply) {
+            replies.push_back(KVMessageGetPayload(reply));
+            call.reset();
+        }));
+    const auto start = std::chrono::steady_clock::now();
+    call->Call("com.test.quiet", "never/answer", "{}", 200);
+    Pump(dispatcher_, [&]() { return !replies.empty(); });
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+    EXPECT_TRUE(IsLibraryError(replies[0], KV_ERROR_TIMEOUT, "No reply within 200 ms"))
+        << replies[0];
+    EXPECT_FALSE(call);
+}
+
 // The bus killed and started again at the same address: nothing throws, calls open then or made
 // meanwhile end through their callbacks from the loop, and a dispatcher whose first bus use falls
 // in the gap works afterwards. (BusRestartTest follows service status across restarts.)
