@@ -137,6 +137,9 @@ int main(int argc, char** argv) {
     }
     service.loop = g_main_loop_new(nullptr, FALSE);
     g_unix_signal_add(SIGTERM, OnTerm, &service);
+    // It owns its name and has its methods: a call sent from now on is served.
+    std::printf("ready\n");
+    std::fflush(stdout);
     g_main_loop_run(service.loop);
     for (KVMessage* message : service.held) {
         KVMessageUnref(message);

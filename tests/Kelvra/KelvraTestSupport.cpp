@@ -75,7 +75,8 @@ bool Handle::Call(const std::string& uri, const std::string& payload, ReplyLog* 
 }
 
 TestService::TestService(const std::string& serviceName) {
-    Start({KELVRA_TEST_SERVICE, serviceName}, true, false);
+    Start({KELVRA_TEST_SERVICE, serviceName}, true, true);
+    EXPECT_EQ("ready", ReadLine()) << serviceName;
 }
 
 std::string UniqueServiceName() {

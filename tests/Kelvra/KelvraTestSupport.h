@@ -61,7 +61,8 @@ class Handle {
     KVHandle* handle_ = nullptr;
 };
 
-// The test service program in a process of its own, owning serviceName.
+// The test service program in a process of its own; construction returns once it owns
+// serviceName and serves its methods.
 class TestService : public ChildProcess {
   public:
     explicit TestService(const std::string& serviceName);
