@@ -18,7 +18,7 @@ class RdPortMonitorImpl;
 // holds, so it need not drain the port in one call. The port signals the monitor from whatever
 // thread changes it; everything else happens on the dispatcher's thread, where the monitor is
 // created, used and destroyed. The callback may destroy the monitor. Destroying it unregisters
-// it from the port.
+// it from the port; discarding the port first is refused with VokProgramErrorException.
 class RdPortMonitorBase : private Uncopyable {
   public:
     // Registers with port; nothing is watched until SetEventMask.
@@ -27,7 +27,8 @@ class RdPortMonitorBase : private Uncopyable {
     virtual ~RdPortMonitorBase();
 
     // Sets the watched conditions; a condition that already holds is reported without waiting
-    // for a new port event.
+    // for a new port event. Only readability can be watched: a port is always writable and
+    // raises no exceptions, so write or exception throws VokProgramErrorException.
     void SetEventMask(bool read, bool write, bool exception);
     // Replaces the callback.
     void ChangeCb(std::function<void(bool, bool, bool)> callback);

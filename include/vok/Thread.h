@@ -10,9 +10,11 @@ namespace vok {
 class ThreadImpl;
 
 // A joinable thread that runs a nullary callable. The owner starts it once and joins it once,
-// from any thread but the one it runs; destroying the object neither stops nor joins the thread,
-// so the owner must have joined it. An exception that leaves the callable is logged at critical
-// level on "VOK.Thread" with the thread's name, and the process aborts. Not copyable.
+// from any thread but the one it runs. Destroying the object joins a thread that was started and
+// not joined (logging a critical line on "VOK.Thread" when it still runs; aborting when the
+// thread destroys its own object), so the thread never outlives what it uses. An exception that
+// leaves the callable is logged at critical level on "VOK.Thread" with the thread's name, and the
+// process aborts. Not copyable.
 class ThreadBase {
   public:
     // A thread that will run entry once started; name is for the owner's messages.

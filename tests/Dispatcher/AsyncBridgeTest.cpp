@@ -100,5 +100,27 @@ TEST_F(AsyncBridgeTest, EveryTriggerFromManyThreadsIsCoveredByARun) {
     EXPECT_EQ(kThreads * kTriggers, seen);
 }
 
+// A trigger from another thread wakes the loop once: one poll returns and the callback runs.
+// A source that owned a descriptor of its own would cost a second, empty wake-up per trigger,
+// as GLib takes the descriptor out of the poll while the source dispatches and puts it back.
+TEST_F(AsyncBridgeTest, EachTriggerFromAnotherThreadWakesTheLoopOnce) {
+    const int kHops = 50;
+    Event ran;
+    int runs = 0;
+    RdAsyncBridge bridge(dispatcher_, [&]() {
+        ++runs;
+        ran.Signal();
+    });
+    const int polls = test::CountPollsOverHops(dispatcher_, kHops, [&]() {
+        bridge.Trigger();
+        ran.Wait();
+        ran.Reset();
+    });
+    EXPECT_EQ(kHops, runs);
+    // One per trigger, and at most three more for starting and stopping.
+    EXPECT_GE(polls, kHops);
+    EXPECT_LE(polls, kHops + 3);
+}
+
 }  // namespace
 }  // namespace vok

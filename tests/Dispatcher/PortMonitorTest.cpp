@@ -8,6 +8,7 @@
 
 #include "support/LogCapture.h"
 #include "support/LoopSupport.h"
+#include "vok/Event.h"
 #include "vok/MessageMoverFramework.h"
 #include "vok/MessageMoverInterface.h"
 #include "vok/MmCommandPort.h"
@@ -155,6 +156,56 @@ TEST_F(PortMonitorTest, MessagesFromFourWriterThreadsAllReachTheMonitorThread) {
     EXPECT_FALSE(wrongThread);
     monitor.reset();
     iface_->DiscardCommandPort(inbox);
+}
+
+// A port is always writable and raises no exceptions: watching either would call back for
+// ever, so both are refused and a readable mask keeps working.
+TEST_F(PortMonitorTest, WriteAndExceptionMasksAreRefused) {
+    int calls = 0;
+    RdPortMonitor monitor(*end_, dispatcher_,
+                          [&](bool, bool, bool) { calls += ReadOne() ? 1 : 0; });
+    EXPECT_THROW(monitor.SetEventMask(false, true, false), VokProgramErrorException);
+    EXPECT_THROW(monitor.SetEventMask(false, false, true), VokProgramErrorException);
+    EXPECT_THROW(monitor.SetEventMask(true, true, true), VokProgramErrorException);
+    Drain();
+    EXPECT_EQ(0, calls);
+    monitor.SetEventMask(true, false, false);
+    WriteToEnd(2);
+    Drain();
+    EXPECT_EQ(2, calls);
+}
+
+// Discarding a port that a monitor still watches is refused, the port left as it was; the
+// monitor can then be destroyed and the port discarded.
+TEST_F(PortMonitorTest, DiscardingAWatchedPortIsRefusedUntilItsMonitorIsGone) {
+    MmCommandPort* inbox = iface_->CreateCommandPort();
+    auto monitor = std::make_unique<RdPortMonitor>(*inbox, dispatcher_, [](bool, bool, bool) {});
+    EXPECT_THROW(iface_->DiscardCommandPort(inbox), VokProgramErrorException);
+    monitor.reset();
+    iface_->DiscardCommandPort(inbox);
+}
+
+// A message written on another thread wakes the monitor's loop once: one poll per hop.
+TEST_F(PortMonitorTest, EachMessageFromAnotherThreadWakesTheLoopOnce) {
+    const int kHops = 50;
+    Event read;
+    int received = 0;
+    RdPortMonitor monitor(*end_, dispatcher_, [&](bool, bool, bool) {
+        while (ReadOne()) {
+            ++received;
+        }
+        read.Signal();
+    });
+    monitor.SetEventMask(true, false, false);
+    const int polls = test::CountPollsOverHops(dispatcher_, kHops, [&]() {
+        WriteToEnd(1);
+        read.Wait();
+        read.Reset();
+    });
+    EXPECT_EQ(kHops, received);
+    // One per message, and at most three more for starting and stopping.
+    EXPECT_GE(polls, kHops);
+    EXPECT_LE(polls, kHops + 3);
 }
 
 }  // namespace

@@ -1,10 +1,11 @@
-// Mutex and Event.
+// Mutex, Event and Thread.
 #include <gtest/gtest.h>
 
 #include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <memory>
 #include <thread>
 
 #include "support/LogCapture.h"
@@ -66,6 +67,27 @@ TEST(EventDeathTest, WaitAfterResetBlocksUntilTheNextSignal) {
             std::_Exit(0);
         },
         ::testing::KilledBySignal(SIGALRM), "");
+}
+
+// The owner destroys the thread object while its thread still runs: the thread is joined after
+// a critical line, instead of going on with a callable that has been freed.
+TEST(ThreadTest, DestroyedWhileRunningJoinsTheThreadFirst) {
+    test::Watchdog watchdog;
+    test::LogCapture capture;
+    Event release;
+    bool ended = false;
+    auto thread = std::make_unique<ThreadBase>("busy", [&] {
+        release.Wait();
+        ended = true;
+    });
+    thread->Start();
+    std::thread releaser([&] {
+        EXPECT_TRUE(capture.WaitFor("Thread <busy> destroyed while its thread runs"));
+        release.Signal();
+    });
+    thread.reset();
+    EXPECT_TRUE(ended);
+    releaser.join();
 }
 
 }  // namespace

@@ -150,5 +150,48 @@ TEST_F(InterfaceTest, MessageNotHeldIsRefusedWithNothingChanged) {
     framework_->DiscardInterface(owner);
 }
 
+// Interfaces with one name share their counters: a second one neither resets them nor takes
+// the first one's messages into its leak count.
+TEST_F(InterfaceTest, SameNameInterfacesShareCountersWithoutResettingThem) {
+    MessageMoverInterface* first = framework_->CreateInterface("twin");
+    MmCommandMessageHandle a, b, c;
+    first->CreateCommandMessage(0, &a);
+    first->CreateCommandMessage(0, &b);
+    MessageMoverInterface* second = framework_->CreateInterface("twin");
+    EXPECT_EQ(2, IfaceCounter("twin", "msgsHeldByUser"));
+    second->CreateCommandMessage(0, &c);
+    first->FreeMessage(a);
+    first->FreeMessage(b);
+    framework_->DiscardInterface(first);
+    EXPECT_EQ(1, IfaceCounter("twin", "msgsHeldByUser"));
+    EXPECT_EQ(0, IfaceCounter("twin", "msgsLeakedByUser"));
+    second->FreeMessage(c);
+    framework_->DiscardInterface(second);
+    EXPECT_EQ(0, IfaceCounter("twin", "msgsHeldByUser"));
+    EXPECT_EQ(0, IfaceCounter("twin", "msgsLeakedByUser"));
+}
+
+// A message that has been read was rebound, so it cannot be duplicated: refused before a copy
+// is allocated, so nothing leaks.
+TEST_F(InterfaceTest, DuplicatingAReadMessageIsRefusedWithNothingAllocated) {
+    MessageMoverInterface* iface = framework_->CreateInterface("dup");
+    MmConnectionPort* peer = nullptr;
+    MmConnectionPort* end = iface->CreateConnectedPair(iface, &peer);
+    MmConnectionMessageHandle msg;
+    iface->CreateConnectionMessage(4, &msg);
+    msg.SetMessageName({20, 1});
+    ASSERT_EQ(kVokErrNone, peer->WriteMessage(msg, nullptr));
+    ASSERT_EQ(kVokErrNone, end->ReadMessage(&msg));
+    EXPECT_TRUE(
+        ThrowsMm([&] { iface->DuplicateConnectionMessage(msg); }, "binding number mismatch"));
+    EXPECT_EQ(1, Outstanding());
+    EXPECT_EQ(1, IfaceCounter("dup", "msgsHeldByUser"));
+    iface->FreeMessage(msg);
+    EXPECT_EQ(0, Outstanding());
+    iface->DiscardConnectionPort(end);
+    iface->DiscardConnectionPort(peer);
+    framework_->DiscardInterface(iface);
+}
+
 }  // namespace
 }  // namespace vok

@@ -5,11 +5,15 @@
 #include <chrono>
 #include <functional>
 #include <future>
+#include <thread>
+
+#include <time.h>
 
 #include "MmTestSupport.h"
 #include "Src/Core/MessageMover/MmfMessageManager.h"
 #include "support/LogCapture.h"
 #include "support/MemoryCheck.h"
+#include "vok/Event.h"
 #include "vok/MessageMoverFramework.h"
 
 namespace vok {
@@ -126,6 +130,41 @@ TEST_F(MessagePortTest, SinkIsTriggeredWithNoLockHeld) {
     EXPECT_EQ(2u, Take(a_));
     EXPECT_EQ(3u, Take(b_));
     b_->UnregisterPortEventSignalSink();
+}
+
+// Unregistering waits for a trigger that a writer has under way, asleep: a waiting thread that
+// kept the processor (yielding in a loop) would starve the writer whenever the scheduler put the
+// waiter first, as a real-time waiter above a normal writer on one core does.
+TEST_F(MessagePortTest, UnregisteringWaitsForATriggerInFlightAsleep) {
+    test::Watchdog watchdog;
+    struct Sink : SimpleAsyncInterface {
+        void Trigger() override {
+            entered.Signal();
+            release.Wait();
+        }
+        Event entered, release;
+    } sink;
+    b_->RegisterPortEventSignalSink(sink);
+    std::thread writer([&] { Write(a_, 1); });
+    sink.entered.Wait();
+    std::atomic<bool> returned{false};
+    double waiterCpuSeconds = 0;
+    std::thread waiter([&] {
+        timespec start, end;
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &start);
+        b_->UnregisterPortEventSignalSink();
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
+        waiterCpuSeconds = (end.tv_sec - start.tv_sec) + (end.tv_nsec - start.tv_nsec) / 1e9;
+        returned = true;
+    });
+    // Long enough for a spinning waiter to burn a measurable share of it.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_FALSE(returned);
+    sink.release.Signal();
+    writer.join();
+    waiter.join();
+    EXPECT_LT(waiterCpuSeconds, 0.05);
+    EXPECT_EQ(1u, Take(b_));
 }
 
 // A write without a serial takes the next one; the reader sees the serial the writer was told.

@@ -3,8 +3,10 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <exception>
 #include <memory>
+#include <thread>
 
 #include "vok/RuntimeDispatcher.h"
 
@@ -68,6 +70,35 @@ void Drain(RuntimeDispatcher& dispatcher) {
 
 GMainContext* ContextOf(RuntimeDispatcher& dispatcher) {
     return g_main_loop_get_context(RuntimeDispatcher::GetInternalLoop(dispatcher));
+}
+
+namespace {
+
+std::atomic<int> gPolls(0);
+GPollFunc gRealPoll = nullptr;
+
+gint CountingPoll(GPollFD* fds, guint nfds, gint timeout) {
+    ++gPolls;
+    return gRealPoll(fds, nfds, timeout);
+}
+
+}  // namespace
+
+int CountPollsOverHops(RuntimeDispatcher& dispatcher, int hops, const std::function<void()>& hop) {
+    GMainContext* context = ContextOf(dispatcher);
+    gRealPoll = g_main_context_get_poll_func(context);
+    g_main_context_set_poll_func(context, &CountingPoll);
+    gPolls = 0;
+    std::thread other([&]() {
+        for (int i = 0; i < hops; ++i) {
+            hop();
+        }
+        dispatcher.RequestStop();
+    });
+    dispatcher.Run();
+    other.join();
+    g_main_context_set_poll_func(context, gRealPoll);
+    return gPolls.load();
 }
 
 }  // namespace test

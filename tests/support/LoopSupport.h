@@ -26,6 +26,11 @@ void Drain(RuntimeDispatcher& dispatcher);
 
 GMainContext* ContextOf(RuntimeDispatcher& dispatcher);
 
+// Runs the dispatcher while another thread calls hop() hops times (each call sends one event to
+// the loop and waits until the loop has handled it), then stops it; returns how often the loop
+// polled meanwhile, i.e. its wake-ups, counted through the context's poll function.
+int CountPollsOverHops(RuntimeDispatcher& dispatcher, int hops, const std::function<void()>& hop);
+
 }  // namespace test
 }  // namespace vok
 

@@ -47,6 +47,19 @@ MessageMoverInterface* MessageMoverFrameworkImpl::CreateInterface(const std::str
     return iface;
 }
 
+bool MessageMoverFrameworkImpl::TakeInterfaceName(const std::string& name) {
+    MutexLocker lock(namesLock_);
+    return ++liveNames_[name] == 1;
+}
+
+void MessageMoverFrameworkImpl::GiveBackInterfaceName(const std::string& name) {
+    MutexLocker lock(namesLock_);
+    const std::map<std::string, int32_t>::iterator it = liveNames_.find(name);
+    if (it != liveNames_.end() && --it->second == 0) {
+        liveNames_.erase(it);
+    }
+}
+
 void MessageMoverFrameworkImpl::DiscardInterface(MessageMoverInterface* iface) {
     MMF_TRACE(this);
     if (iface == nullptr) {

@@ -2,12 +2,14 @@
 #ifndef VOK_SRC_CORE_MESSAGEMOVER_MESSAGEMOVERFRAMEWORKIMPL_H
 #define VOK_SRC_CORE_MESSAGEMOVER_MESSAGEMOVERFRAMEWORKIMPL_H
 
+#include <map>
 #include <string>
 
 #include "Src/Core/MessageMover/MmfConnectionManager.h"
 #include "Src/Core/MessageMover/MmfMessageManager.h"
 #include "Src/Core/MessageMover/MmfObjectTrackerTemplate.h"
 #include "vok/MessageMoverFramework.h"
+#include "vok/Mutex.h"
 
 namespace vok {
 
@@ -35,6 +37,12 @@ class MessageMoverFrameworkImpl : public MessageMoverFramework {
 
     static std::string GetIfaceInfoForObjectTracker(const MmfMessageMoverInterfaceImpl& iface);
 
+    // Interfaces with one name share their counters. An interface takes its name when it is
+    // made and gives it back when it is destroyed; taking answers whether no other live
+    // interface has the name, so that only the first one resets the shared counters.
+    bool TakeInterfaceName(const std::string& name);
+    void GiveBackInterfaceName(const std::string& name);
+
   private:
     bool managersReady_;  // Set once both managers are constructed; never cleared.
     bool shutDown_;
@@ -43,6 +51,8 @@ class MessageMoverFrameworkImpl : public MessageMoverFramework {
     MmfMessageManager messageMgr_;
     MmfConnectionManager connectionMgr_;
     MmfObjectTrackerT<MmfMessageMoverInterfaceImpl> ifaceTracker_;
+    Mutex namesLock_;                           // Protects liveNames_.
+    std::map<std::string, int32_t> liveNames_;  // Live interfaces per name.
 };
 
 }  // namespace vok

@@ -1,7 +1,9 @@
 #include "Src/Core/MessageMover/MmfMessageManager.h"
 
+#include <atomic>
+#include <memory>
+#include <mutex>
 #include <new>
-#include <unordered_set>
 
 namespace vok {
 
@@ -25,24 +27,107 @@ void InitHandleBlock(MmfMessageHandleBlock* block, uint8_t headerOffset) {
 }
 
 // The handle blocks of the large blocks that are allocated, in every framework of the process.
+// Contains, which every access through a handle of a large block asks, takes no lock and does
+// not allocate: it probes an open-addressed table of atomic slots. Add and Remove (once per
+// block) serialise on a mutex. A removed entry leaves a tombstone that a later Add reuses, so
+// no entry ever moves while a reader may be probing for it; the table only grows (doubling
+// once a quarter of it is live), and a table that was replaced is kept, since a reader may
+// still be probing it.
 class LargeBlockSet {
   public:
+    LargeBlockSet() : table_(NewTable(kInitialSlots)), live_(0) {}
+
     void Add(const MmfMessageHandleBlock* block) {
-        MutexLocker lock(lock_);
-        blocks_.insert(block);
+        std::lock_guard<std::mutex> lock(writeLock_);
+        Table* table = table_.load(std::memory_order_relaxed);
+        if ((live_ + 1) * 4 > table->mask + 1) {
+            table = Grow(table);
+        }
+        const uintptr_t key = reinterpret_cast<uintptr_t>(block);
+        for (size_t i = Home(key, table->mask);; i = (i + 1) & table->mask) {
+            const uintptr_t slot = table->slots[i].load(std::memory_order_relaxed);
+            if (slot == kEmpty || slot == kTombstone) {
+                table->slots[i].store(key, std::memory_order_release);
+                break;
+            }
+        }
+        ++live_;
     }
     void Remove(const MmfMessageHandleBlock* block) {
-        MutexLocker lock(lock_);
-        blocks_.erase(block);
+        std::lock_guard<std::mutex> lock(writeLock_);
+        Table* const table = table_.load(std::memory_order_relaxed);
+        std::atomic<uintptr_t>* const slot = Find(table, reinterpret_cast<uintptr_t>(block));
+        if (slot != nullptr) {
+            slot->store(kTombstone, std::memory_order_release);
+            --live_;
+        }
     }
-    bool Contains(const MmfMessageHandleBlock* block) {
-        MutexLocker lock(lock_);
-        return blocks_.count(block) != 0;
+    bool Contains(const MmfMessageHandleBlock* block) const {
+        return Find(table_.load(std::memory_order_acquire), reinterpret_cast<uintptr_t>(block)) !=
+               nullptr;
     }
 
   private:
-    Mutex lock_;  // Protects blocks_. A leaf: nothing else is taken under it.
-    std::unordered_set<const MmfMessageHandleBlock*> blocks_;
+    struct Table {
+        size_t mask;  // Slots - 1; the slot count is a power of two.
+        std::unique_ptr<std::atomic<uintptr_t>[]> slots;
+    };
+    static constexpr uintptr_t kEmpty = 0;
+    static constexpr uintptr_t kTombstone = 1;  // Never a block address.
+    static constexpr size_t kInitialSlots = 64;
+
+    static Table* NewTable(size_t slots) {
+        Table* table = new Table;
+        table->mask = slots - 1;
+        table->slots.reset(new std::atomic<uintptr_t>[slots]);
+        for (size_t i = 0; i < slots; ++i) {
+            table->slots[i].store(kEmpty, std::memory_order_relaxed);
+        }
+        return table;
+    }
+    static size_t Home(uintptr_t key, size_t mask) {
+        // Blocks are at least 8-byte aligned; a multiplicative hash spreads the rest.
+        return static_cast<size_t>((static_cast<uint64_t>(key >> 3) * 0x9E3779B97F4A7C15ull) >>
+                                   32) &
+               mask;
+    }
+    // The slot holding key, or NULL. Stops at an empty slot or after one round.
+    static std::atomic<uintptr_t>* Find(Table* table, uintptr_t key) {
+        size_t i = Home(key, table->mask);
+        for (size_t probed = 0; probed <= table->mask; ++probed, i = (i + 1) & table->mask) {
+            const uintptr_t slot = table->slots[i].load(std::memory_order_acquire);
+            if (slot == key) {
+                return &table->slots[i];
+            }
+            if (slot == kEmpty) {
+                return nullptr;
+            }
+        }
+        return nullptr;
+    }
+    // Under writeLock_: a table twice the size with the live entries, published.
+    Table* Grow(Table* old) {
+        Table* const table = NewTable((old->mask + 1) * 2);
+        for (size_t i = 0; i <= old->mask; ++i) {
+            const uintptr_t key = old->slots[i].load(std::memory_order_relaxed);
+            if (key == kEmpty || key == kTombstone) {
+                continue;
+            }
+            size_t j = Home(key, table->mask);
+            while (table->slots[j].load(std::memory_order_relaxed) != kEmpty) {
+                j = (j + 1) & table->mask;
+            }
+            table->slots[j].store(key, std::memory_order_relaxed);
+        }
+        retired_.emplace_back(old);
+        table_.store(table, std::memory_order_release);
+        return table;
+    }
+
+    std::mutex writeLock_;  // Serialises Add and Remove. A leaf: nothing else is taken under it.
+    std::atomic<Table*> table_;
+    size_t live_;                                  // Entries in table_; under writeLock_.
+    std::vector<std::unique_ptr<Table>> retired_;  // Replaced tables; under writeLock_.
 };
 
 // Never destroyed, so a handle checked during exit still finds it.
@@ -187,6 +272,11 @@ void MmfMessageManager::RebindMessage(MmBaseMessageHandle* handle) {
 MmBaseMessageHandle MmfMessageManager::DuplicateMessage(const MmBaseMessageHandle& source) {
     MMF_TRACE(this);
     const MmfBaseMessageHeader& sourceHeader = GetHeaderFromBinding(source);
+    // The copy's handle takes the source's binding number, not the copy's own 1, so a source
+    // that has been rebound yields no usable copy: refused before anything is allocated.
+    if (sourceHeader.handleBlock.bindingNumber != 1) {
+        MMF_THROW("binding number mismatch");
+    }
     const uint32_t payloadSize = sourceHeader.GetPayloadSize();
     uint32_t blockSize = 0;
     void* block = AllocateBlock(payloadSize, &blockSize);
@@ -198,7 +288,6 @@ MmBaseMessageHandle MmfMessageManager::DuplicateMessage(const MmBaseMessageHandl
     copy->SetSenderAddress(0);
     copy->SetDestAddress(0);
     InitHandleBlock(&copy->handleBlock, sourceHeader.handleBlock.headerOffset);
-    // The copy's handle takes the source's binding number, not the copy's own 1.
     return MakeHandle(&copy->handleBlock, sourceHeader.handleBlock.bindingNumber);
 }
 

@@ -181,7 +181,7 @@ class MmfMessageManager {
     static void RebindMessage(MmBaseMessageHandle* handle);
     // A copy without serials, addresses and sequence number. The returned handle carries the
     // source's binding number, so only a source that was never rebound yields a usable copy;
-    // otherwise the copy stays allocated and counted and "binding number mismatch" is thrown.
+    // any other throws "binding number mismatch" before anything is allocated.
     MmBaseMessageHandle DuplicateMessage(const MmBaseMessageHandle& source);
 
     // Checks signature, version, payload offset and guard; logs and throws on the first failure.

@@ -40,7 +40,8 @@ uint32_t MmfMessageMoverInterfaceImpl::OptionMgr::Set(uint32_t optionsToClear,
 
 MmfMessageMoverInterfaceImpl::MmfMessageMoverInterfaceImpl(MessageMoverFrameworkImpl* framework,
                                                            const std::string& name)
-    : pConnMgr_(&framework->GetConnectionMgr()),
+    : pFramework_(framework),
+      pConnMgr_(&framework->GetConnectionMgr()),
       pMsgMgr_(&framework->GetMessageMgr()),
       name_(name),
       msgsHeldByUser_(CounterPath(name, kMmfIfaceMsgsHeldByUserDiagRegName), 0),
@@ -53,13 +54,18 @@ MmfMessageMoverInterfaceImpl::MmfMessageMoverInterfaceImpl(MessageMoverFramework
     MMF_TRACE(this);
     // The leak count outlives the interface and the prune of ended work.
     msgsLeakedByUser_.SetLongevity(kLeakedCounterLongevity);
-    msgsHeldByUser_.Reset(0);
-    msgsHeldByPorts_.Reset(0);
+    // Counters shared with a live interface of the same name hold its counts.
+    if (pFramework_->TakeInterfaceName(name_)) {
+        msgsHeldByUser_.Reset(0);
+        msgsHeldByPorts_.Reset(0);
+    }
 }
 
 MmfMessageMoverInterfaceImpl::~MmfMessageMoverInterfaceImpl() {
     MMF_TRACE(this);
-    msgsLeakedByUser_.Adjust(msgsHeldByUser_.Get(nullptr));
+    // What this interface's user holds; the shared counter may count other interfaces' too.
+    msgsLeakedByUser_.Adjust(connMsgTracker_.GetCount() + cmdMsgTracker_.GetCount());
+    pFramework_->GiveBackInterfaceName(name_);
     connPortTracker_.ReportLeaks();
     cmdPortTracker_.ReportLeaks();
     connMsgTracker_.ReportLeaks();
@@ -106,9 +112,21 @@ MmConnectionPort* MmfMessageMoverInterfaceImpl::CreateConnectedPair(
     return port;
 }
 
+template <typename PortT, typename TrackerT>
+void MmfMessageMoverInterfaceImpl::UntrackForDiscard(TrackerT& tracker, PortT* port) {
+    tracker.Untrack(port);  // Before anything follows the pointer.
+    if (port->GetMessagePort()->HasSignalSink()) {
+        // Its monitor would go on using the port; the port stays as it was.
+        tracker.Track(port);
+        MMF_THROW(
+            "Port still has a Port Event Signal Sink; destroy its monitor before discarding the "
+            "port.");
+    }
+}
+
 void MmfMessageMoverInterfaceImpl::DiscardConnectionPort(MmConnectionPort* port) {
     MMF_TRACE(this);
-    connPortTracker_.Untrack(port);  // Before anything follows the pointer.
+    UntrackForDiscard(connPortTracker_, static_cast<MmfConnectionPortImpl*>(port));
     pConnMgr_->DiscardConnectionPort(port);
 }
 
@@ -133,7 +151,7 @@ MmCommandPort* MmfMessageMoverInterfaceImpl::CreateCommandPort_Helper(
 
 void MmfMessageMoverInterfaceImpl::DiscardCommandPort(MmCommandPort* port) {
     MMF_TRACE(this);
-    cmdPortTracker_.Untrack(port);  // Before anything follows the pointer.
+    UntrackForDiscard(cmdPortTracker_, static_cast<MmfCommandPortImpl*>(port));
     pConnMgr_->DiscardCommandPort(port);
 }
 

@@ -83,6 +83,9 @@ class MmfMessageMoverInterfaceImpl : public MessageMoverInterface {
     template <typename P>
     static std::string GetPortInfoForObjectTrackerT(const P& port);
     void CloseLeakedPorts();
+    // Untracks a port that is to be discarded; refuses one that a monitor still watches.
+    template <typename PortT, typename TrackerT>
+    void UntrackForDiscard(TrackerT& tracker, PortT* port);
     template <typename HandleT>
     void* CreateMessageT(uint32_t payloadSize, HandleT* msg);
     template <typename HandleT>
@@ -90,6 +93,7 @@ class MmfMessageMoverInterfaceImpl : public MessageMoverInterface {
     template <typename HandleT>
     void FreeMessageT(const HandleT& msg);
 
+    MessageMoverFrameworkImpl* const pFramework_;
     MmfConnectionManager* const pConnMgr_;
     MmfMessageManager* const pMsgMgr_;
     const std::string name_;

@@ -71,6 +71,8 @@ class MmfMessagePort : public PortEventInterface {
     void UnregisterPortEventSignalSink() override;
     void WatchPortEvents(bool readable, bool writable, bool exception) override;
     void GetPortState(bool* readable, bool* writable, bool* exception) override;
+    // Whether a signal sink (a port monitor) is registered.
+    bool HasSignalSink() const { return eventMgr_.HasSignalSink(); }
 
   private:
     // The receiving side.

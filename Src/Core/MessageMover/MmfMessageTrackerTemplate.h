@@ -59,6 +59,12 @@ class MmfMessageTrackerT {
         pCounter_->Dec();
     }
 
+    // The number of messages tracked.
+    int32_t GetCount() {
+        MutexLocker lock(mutex_);
+        return list_.GetCount();
+    }
+
     // A header line, one line and two hex dumps (the handle, the first 39 header bytes) per
     // message, and a summary; nothing when empty. The messages stay tracked and allocated.
     void ReportLeaks() {

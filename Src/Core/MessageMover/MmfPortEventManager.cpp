@@ -1,7 +1,5 @@
 #include "Src/Core/MessageMover/MmfPortEventManager.h"
 
-#include <sched.h>
-
 #include "Src/Core/MessageMover/MmfTrace.h"
 #include "vok/SimpleAsyncInterface.h"
 
@@ -19,8 +17,8 @@ void MmfPendingTrigger::Fire() {
         gMmfLogger.Error("Port Event Signal Sink ptr=<%p> failed to trigger: %s",
                          static_cast<void*>(pSink_), e.what());
     }
-    // The last touch of the manager: once it is down, the manager may be gone.
-    mgr->triggersInFlight_.fetch_sub(1, std::memory_order_release);
+    // The last touch of the manager: once it has left, the manager may be gone.
+    mgr->triggersInFlight_.Leave();
 }
 
 MmfPortEventManager::MmfPortEventManager()
@@ -30,21 +28,14 @@ MmfPortEventManager::MmfPortEventManager()
       watchReadable_(false),
       watchWritable_(false),
       watchException_(false),
-      pSink_(nullptr),
-      triggersInFlight_(0) {
+      pSink_(nullptr) {
     MMF_TRACE(this);
 }
 
 MmfPortEventManager::~MmfPortEventManager() {
-    WaitForTriggersInFlight();
-}
-
-void MmfPortEventManager::WaitForTriggersInFlight() const {
-    // A trigger in flight is a few instructions on a thread that holds none of our locks; let it
-    // run (on one core it needs this thread's slice).
-    while (triggersInFlight_.load(std::memory_order_acquire) != 0) {
-        sched_yield();
-    }
+    // A trigger in flight is a few instructions on a thread that holds none of our locks; this
+    // thread sleeps until it is done, whatever the two threads' priorities.
+    triggersInFlight_.WaitIdle();
 }
 
 void MmfPortEventManager::SetInitialPortState(bool readable, bool writable, bool exception) {
@@ -75,7 +66,7 @@ void MmfPortEventManager::SetReadable(MmfPendingTrigger* pending) {
             gMmfLogger.Debug("Triggering Port Event Signal Sink ptr=<%p>.",
                              static_cast<void*>(sink));
         }
-        triggersInFlight_.fetch_add(1, std::memory_order_relaxed);
+        triggersInFlight_.Enter();
         pending->pMgr_ = this;
         pending->pSink_ = sink;
     }
@@ -113,7 +104,7 @@ void MmfPortEventManager::UnregisterPortEventSignalSink() {
         watchWritable_ = false;
         watchException_ = false;
     }
-    WaitForTriggersInFlight();
+    triggersInFlight_.WaitIdle();
 }
 
 void MmfPortEventManager::WatchPortEvents(bool readable, bool writable, bool exception) {

@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "Src/Utils/Linux/InFlightGate.h"
 #include "vok/Mutex.h"
 #include "vok/PortEventInterface.h"
 
@@ -49,10 +50,10 @@ class MmfPortEventManager : public PortEventInterface {
     void UnregisterPortEventSignalSink() override;
     void WatchPortEvents(bool readable, bool writable, bool exception) override;
     void GetPortState(bool* readable, bool* writable, bool* exception) override;
+    bool HasSignalSink() const { return pSink_.load(std::memory_order_acquire) != nullptr; }
 
   private:
     friend class MmfPendingTrigger;
-    void WaitForTriggersInFlight() const;
 
     // The state flags are atomics, so a message passing costs no lock here unless it makes the
     // port readable while a sink is registered.
@@ -65,8 +66,8 @@ class MmfPortEventManager : public PortEventInterface {
     bool watchException_;
     // Not owned; NULL when none is registered. Read without the lock only to skip taking it.
     std::atomic<SimpleAsyncInterface*> pSink_;
-    // Pending triggers armed and not yet fired; raised under stateLock_, lowered without it.
-    std::atomic<int> triggersInFlight_;
+    // Pending triggers armed and not yet fired; entered under stateLock_, left without it.
+    InFlightGate triggersInFlight_;
 };
 
 }  // namespace vok

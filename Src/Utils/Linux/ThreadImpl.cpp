@@ -2,6 +2,7 @@
 
 #include <glib.h>
 
+#include <cstdlib>
 #include <exception>
 
 #include "Src/Utils/Linux/UncaughtException.h"
@@ -12,7 +13,24 @@
 namespace vok {
 
 ThreadImpl::ThreadImpl(const std::string& name, const std::function<void()>& entry)
-    : name_(name), pThread_(nullptr), entry_(entry) {}
+    : name_(name), pThread_(nullptr), entry_(entry), running_(false) {}
+
+ThreadImpl::~ThreadImpl() {
+    if (pThread_ == nullptr) {
+        return;
+    }
+    static const Logger logger("VOK.Thread");
+    if (g_thread_self() == pThread_) {
+        logger.Critical("Thread <%s> destroyed its own thread object while running; aborting",
+                        name_.c_str());
+        abort();
+    }
+    if (running_.load(std::memory_order_acquire)) {
+        logger.Critical("Thread <%s> destroyed while its thread runs; joining it first",
+                        name_.c_str());
+    }
+    Join();
+}
 
 void* ThreadImpl::ThreadEntry(void* data) {
     ThreadImpl* self = static_cast<ThreadImpl*>(data);
@@ -26,6 +44,7 @@ void* ThreadImpl::ThreadEntry(void* data) {
         const std::string what = "Thread <" + self->name_ + "> ended by an exception";
         AbortOnException(logger, what.c_str(), std::current_exception());
     }
+    self->running_.store(false, std::memory_order_release);
     return nullptr;
 }
 
@@ -33,8 +52,10 @@ void ThreadImpl::Start() {
     GError* error = nullptr;
     // Joinable, default stack size, normal priority; no name, so the OS thread keeps the
     // process's name.
+    running_.store(true, std::memory_order_relaxed);
     GThread* thread = g_thread_try_new(nullptr, &ThreadImpl::ThreadEntry, this, &error);
     if (thread == nullptr) {
+        running_.store(false, std::memory_order_relaxed);
         if (error != nullptr) {
             g_error_free(error);
         }

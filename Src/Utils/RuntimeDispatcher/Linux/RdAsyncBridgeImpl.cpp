@@ -1,15 +1,6 @@
 #include "Src/Utils/RuntimeDispatcher/Linux/RdAsyncBridgeImpl.h"
 
-#include <errno.h>
-#include <string.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <cstdint>
-
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
-#include "Src/Utils/VokThrow.h"
-#include "vok/Logger.h"
 #include "vok/RdAsyncBridge.h"
 #include "vok/RuntimeDispatcher.h"
 
@@ -21,59 +12,49 @@ struct RdAsyncBridgeImpl::BridgeSource {
     RdAsyncBridgeImpl* bridge;
 };
 
-namespace {
-
-int NewEventFd() {
-    const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (fd < 0) {
-        VOK_THROW_RESOURCE_ERROR(errno, "eventfd");
-    }
-    return fd;
-}
-
-const Logger& BridgeLogger() {
-    static const Logger logger("VOK.Dispatcher");
-    return logger;
-}
-
-}  // namespace
-
-// No prepare or check: GLib dispatches a source whose descriptor polled ready.
-GSourceFuncs RdAsyncBridgeImpl::sourceFuncs_ = {nullptr, nullptr, &RdAsyncBridgeImpl::Dispatch,
-                                                nullptr, nullptr, nullptr};
+GSourceFuncs RdAsyncBridgeImpl::sourceFuncs_ = {&RdAsyncBridgeImpl::Prepare,
+                                                &RdAsyncBridgeImpl::Check,
+                                                &RdAsyncBridgeImpl::Dispatch,
+                                                nullptr,
+                                                nullptr,
+                                                nullptr};
 
 RdAsyncBridgeImpl::RdAsyncBridgeImpl(RuntimeDispatcherImpl* dispatcher,
                                      std::function<void()> callback)
     : dispatcher_(dispatcher),
+      context_(dispatcher->GetContext()),
       callback_(std::move(callback)),
-      eventFd_(NewEventFd()),
       source_(g_source_new(&sourceFuncs_, sizeof(BridgeSource))),
       runDue_(false) {
     reinterpret_cast<BridgeSource*>(source_)->bridge = this;
-    g_source_add_unix_fd(source_, eventFd_, G_IO_IN);
     // Default priority, not idle priority: a triggered bridge competes with timers and I/O.
     g_source_set_priority(source_, G_PRIORITY_DEFAULT);
     g_source_set_can_recurse(source_, FALSE);
-    g_source_attach(source_, dispatcher_->GetContext());
+    g_source_attach(source_, context_);
 }
 
 RdAsyncBridgeImpl::~RdAsyncBridgeImpl() {
     g_source_unref(source_);
-    (void)close(eventFd_);
+}
+
+RdAsyncBridgeImpl* RdAsyncBridgeImpl::BridgeOf(GSource* source) {
+    return reinterpret_cast<BridgeSource*>(source)->bridge;
+}
+
+bool RdAsyncBridgeImpl::InOwnDispatch() const {
+    GSource* const current = g_main_current_source();
+    return current != nullptr && g_source_get_context(current) == context_;
 }
 
 void RdAsyncBridgeImpl::Trigger() {
-    if (runDue_.exchange(true, std::memory_order_acq_rel)) {
-        return;  // The run already due covers this trigger.
+    if (!triggers_.TryEnter()) {
+        return;  // Being discarded: the run could not happen anyway.
     }
-    const uint64_t one = 1;
-    if (write(eventFd_, &one, sizeof one) != static_cast<ssize_t>(sizeof one)) {
-        // Not expected with a valid descriptor (the count stays far below its limit); the next
-        // trigger tries again.
-        BridgeLogger().Error("async bridge %p: waking the dispatcher failed: %s",
-                             static_cast<void*>(this), strerror(errno));
-        runDue_.store(false, std::memory_order_seq_cst);
+    if (!runDue_.exchange(true, std::memory_order_acq_rel) && !InOwnDispatch()) {
+        // One write to the context's wake-up descriptor; a run already due covers this trigger.
+        g_main_context_wakeup(context_);
     }
+    triggers_.Leave();
 }
 
 void RdAsyncBridgeImpl::ChangeCb(std::function<void()> callback) {
@@ -81,20 +62,27 @@ void RdAsyncBridgeImpl::ChangeCb(std::function<void()> callback) {
 }
 
 void RdAsyncBridgeImpl::Discard() {
+    triggers_.CloseAndWait();
     g_source_destroy(source_);
     DropRef();
 }
 
+gboolean RdAsyncBridgeImpl::Prepare(GSource* source, gint* timeout) {
+    *timeout = -1;
+    return BridgeOf(source)->runDue_.load(std::memory_order_acquire);
+}
+
+gboolean RdAsyncBridgeImpl::Check(GSource* source) {
+    return BridgeOf(source)->runDue_.load(std::memory_order_acquire);
+}
+
 gboolean RdAsyncBridgeImpl::Dispatch(GSource* source, GSourceFunc, gpointer) {
-    reinterpret_cast<BridgeSource*>(source)->bridge->Run();
+    BridgeOf(source)->Run();
     return G_SOURCE_CONTINUE;  // Discard, if the callback ran it, has destroyed the source.
 }
 
 void RdAsyncBridgeImpl::Run() {
-    // Asleep again first, then open to new triggers: one that comes from here on makes another
-    // run due, and one before has its event seen by this run.
-    uint64_t count;
-    (void)read(eventFd_, &count, sizeof count);
+    // Open to new triggers first: one that comes from here on makes another run due.
     runDue_.store(false, std::memory_order_seq_cst);
     RdAsyncBridgeImpl* self = this;
     dispatcher_->RunGuarded([self]() {

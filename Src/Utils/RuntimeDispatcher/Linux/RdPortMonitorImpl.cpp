@@ -1,7 +1,10 @@
 #include "Src/Utils/RuntimeDispatcher/Linux/RdPortMonitorImpl.h"
 
+#include <exception>
+
+#include "Src/Utils/RuntimeDispatcher/Linux/RdAsyncBridgeImpl.h"
+#include "Src/Utils/VokThrow.h"
 #include "vok/PortEventInterface.h"
-#include "vok/RdAsyncBridge.h"
 #include "vok/RdPortMonitor.h"
 #include "vok/RuntimeDispatcher.h"
 
@@ -10,33 +13,41 @@ namespace vok {
 RdPortMonitorImpl::RdPortMonitorImpl(PortEventInterface& port, RuntimeDispatcher& dispatcher,
                                      std::function<void(bool, bool, bool)> callback)
     : port_(port),
-      dispatcher_(dispatcher),
       callback_(std::move(callback)),
       maskRead_(false),
-      maskWrite_(false),
-      maskException_(false),
-      bridge_(new RdAsyncBridge(dispatcher_, [this]() { CallbackFunc(bridge_.get(), nullptr); })) {
-    port_.WatchPortEvents(false, false, false);
-    port_.RegisterPortEventSignalSink(*bridge_);
+      bridge_(new RdAsyncBridgeImpl(RuntimeDispatcher::GetImpl(dispatcher),
+                                    [this]() { CallbackFunc(); })) {
+    try {
+        port_.WatchPortEvents(false, false, false);
+        port_.RegisterPortEventSignalSink(*bridge_);
+    } catch (...) {
+        bridge_->Discard();
+        throw;
+    }
 }
 
-RdPortMonitorImpl::~RdPortMonitorImpl() = default;
+RdPortMonitorImpl::~RdPortMonitorImpl() {
+    bridge_->Discard();
+}
 
 void RdPortMonitorImpl::CheckPort(bool* readable, bool* writable, bool* exception) {
     port_.GetPortState(readable, writable, exception);
     *readable = *readable && maskRead_;
-    *writable = *writable && maskWrite_;
-    *exception = *exception && maskException_;
+    *writable = false;
+    *exception = false;
 }
 
 void RdPortMonitorImpl::SetEventMask(bool read, bool write, bool exception) {
+    if (write || exception) {
+        VOK_THROW_PROGRAM_ERROR(kVokErrFailed,
+                                "a port monitor watches readability only; a MessageMover port is "
+                                "always writable and raises no exceptions");
+    }
+    port_.WatchPortEvents(read, false, false);
     maskRead_ = read;
-    maskWrite_ = write;
-    maskException_ = exception;
-    port_.WatchPortEvents(read, write, exception);
     bool r = false, w = false, e = false;
     CheckPort(&r, &w, &e);
-    if (r || w || e) {
+    if (r) {
         bridge_->Trigger();  // Already true: report it without waiting for a new event.
     }
 }
@@ -45,25 +56,32 @@ void RdPortMonitorImpl::ChangeCb(std::function<void(bool, bool, bool)> callback)
     callback_.Replace(std::move(callback));
 }
 
-void RdPortMonitorImpl::CallbackFunc(RdAsyncBridge*, void*) {
+void RdPortMonitorImpl::CallbackFunc() {
     bool r = false, w = false, e = false;
     CheckPort(&r, &w, &e);
-    if (!r && !w && !e) {
+    if (!r) {
         return;  // A stale or masked-out signal.
     }
     Holder hold(this);
     callback_(r, w, e);  // std::bad_function_call when empty.
     if (m_refCount > 1) {
-        // The front still exists: keep calling back while the port stays ready.
+        // The front still exists: keep calling back while the port stays readable. This runs
+        // inside the loop's dispatch, so marking the run due is enough: the loop sees it when it
+        // prepares its sources again, with no wake-up and no system call.
         CheckPort(&r, &w, &e);
-        if (r || w || e) {
-            bridge_->Trigger();
+        if (r) {
+            bridge_->MarkDue();
         }
     }
 }
 
 void RdPortMonitorImpl::Discard() {
-    port_.UnregisterPortEventSignalSink();
+    try {
+        port_.UnregisterPortEventSignalSink();
+    } catch (const std::exception&) {
+        // A port whose interface was discarded refuses every call; it delivers nothing any more,
+        // so it never triggers this monitor again.
+    }
     DropRef();
 }
 

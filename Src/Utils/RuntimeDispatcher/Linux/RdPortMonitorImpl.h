@@ -3,7 +3,6 @@
 #define VOK_SRC_UTILS_RUNTIMEDISPATCHER_LINUX_RDPORTMONITORIMPL_H
 
 #include <functional>
-#include <memory>
 
 #include "Src/Utils/RuntimeDispatcher/Linux/RdCallback.h"
 #include "vok/VokTypes.h"
@@ -11,15 +10,19 @@
 namespace vok {
 
 class PortEventInterface;
-class RdAsyncBridge;
+class RdAsyncBridgeImpl;
 class RuntimeDispatcher;
 
 // Everything runs on the dispatcher's thread; the port triggers the bridge from any thread.
+// Only readability is watched: a MessageMover port is always writable and never raises an
+// exception, so those conditions would hold for ever and the monitor would call back without
+// end; SetEventMask refuses them.
 class RdPortMonitorImpl : public RefCounted {
   public:
     RdPortMonitorImpl(PortEventInterface& port, RuntimeDispatcher& dispatcher,
                       std::function<void(bool, bool, bool)> callback);
 
+    // Throws VokProgramErrorException for write or exception, with nothing changed.
     void SetEventMask(bool read, bool write, bool exception);
     void ChangeCb(std::function<void(bool, bool, bool)> callback);
     // The port's state, masked.
@@ -30,16 +33,13 @@ class RdPortMonitorImpl : public RefCounted {
   private:
     ~RdPortMonitorImpl() override;
     // Run by the bridge on the dispatcher's thread.
-    void CallbackFunc(RdAsyncBridge* bridge, void* user);
+    void CallbackFunc();
 
     PortEventInterface& port_;  // Not owned; outlives the monitor.
-    RuntimeDispatcher& dispatcher_;
     RdCallback<void(bool, bool, bool)> callback_;
     bool maskRead_;
-    bool maskWrite_;
-    bool maskException_;
-    // The port's signal sink from construction to Discard, so it outlives that window.
-    std::unique_ptr<RdAsyncBridge> bridge_;
+    // The port's signal sink from construction to Discard; one reference.
+    RdAsyncBridgeImpl* const bridge_;
 };
 
 }  // namespace vok
