@@ -146,8 +146,9 @@ void MmfConnectionManager::DiscardConnectionPort(MmConnectionPort* port) {
 VokError_t MmfConnectionManager::DeliverMessage(const MmBaseMessageHandle& msg,
                                                 MmfPendingTrigger* pending, bool* takenOver) {
     MMF_TRACE(this);
-    const MmfPortAddress sender = MmfMessageManager::GetHeaderFromBinding(msg).GetSenderAddress();
-    const MmfPortAddress dest = MmfMessageManager::GetHeaderFromBinding(msg).GetDestAddress();
+    const MmfBaseMessageHeader& header = MmfMessageManager::CheckedHeaderOf(msg);
+    const MmfPortAddress sender = header.GetSenderAddress();
+    const MmfPortAddress dest = header.GetDestAddress();
     MutexLocker lock(registryLock_);
     const VokError_t result = DeliverMessageHelper_Locked(msg, sender, dest, pending, takenOver);
     if (result != kVokErrNone) {

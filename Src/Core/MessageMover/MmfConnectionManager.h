@@ -55,10 +55,10 @@ class MmfConnectionManager {
 
     // Hands msg to the port at its destination: 0, or kVokErrUnreachable after freeing it and
     // sending kMmPortNotReachableMsg to its sender. Either way msg has left the caller's hands.
-    // A zero sender or destination throws and leaves msg with the caller. *takenOver (unless
-    // NULL) is set once the message has left the caller's hands, so a caller can tell whether
-    // an exception left it the message. The trigger of the receiving port's sink is armed in
-    // *pending, for the caller to fire once it holds no lock.
+    // msg has just been checked by the caller. A zero sender or destination throws and leaves msg
+    // with the caller. *takenOver (unless NULL) is set once the message has left the caller's
+    // hands, so a caller can tell whether an exception left it the message. The trigger of the
+    // receiving port's sink is armed in *pending, for the caller to fire once it holds no lock.
     VokError_t DeliverMessage(const MmBaseMessageHandle& msg, MmfPendingTrigger* pending,
                               bool* takenOver = nullptr);
 

@@ -240,13 +240,17 @@ void* MmfMessageManager::CreateMessage(uint32_t payloadSize, MmBaseMessageHandle
     header->packed[kMmfHdrPayloadOffset] = static_cast<uint8_t>(kMmfMessageHeaderSize);
     header->StoreHalves(kMmfHdrPayloadSize, payloadSize);
     InitHandleBlock(&header->handleBlock, kMmfHdrPackedSize);
-    *handle = MakeHandle(&header->handleBlock, header->handleBlock.bindingNumber);
-    return GetPayloadPtrFromBinding(*handle, nullptr);
+    *handle = HandleOfCheckedHeader(*header);
+    return GetPayloadPtrFromBinding(*handle, nullptr);  // Checks the new message once.
 }
 
 void MmfMessageManager::FreeMessage(const MmBaseMessageHandle& handle) {
     MMF_TRACE(this);
-    MmfBaseMessageHeader& header = GetHeaderFromBinding(handle);
+    FreeCheckedMessage(handle, GetHeaderFromBinding(handle));
+}
+
+void MmfMessageManager::FreeCheckedMessage(const MmBaseMessageHandle& handle,
+                                           MmfBaseMessageHeader& header) {
     if (header.handleBlock.link.IsLinked()) {
         MMF_THROW("Message being freed still in queue");
     }
@@ -266,7 +270,7 @@ void MmfMessageManager::RebindMessage(MmBaseMessageHandle* handle) {
         MMF_THROW("Message being rebound is still in queue");
     }
     block.bindingNumber = block.bindingNumber == 0xFFFF ? 1 : block.bindingNumber + 1;
-    *handle = MakeHandle(&block, block.bindingNumber);
+    *handle = HandleOfCheckedHeader(header);
 }
 
 MmBaseMessageHandle MmfMessageManager::DuplicateMessage(const MmBaseMessageHandle& source) {

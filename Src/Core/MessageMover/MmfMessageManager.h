@@ -176,6 +176,8 @@ class MmfMessageManager {
     // Refuses a message that is still in a list. Zeroes the signature and the binding number
     // before releasing the block, so a handle kept afterwards is stale.
     void FreeMessage(const MmBaseMessageHandle& handle);
+    // FreeMessage of a message whose handle the caller has just checked; header is its header.
+    void FreeCheckedMessage(const MmBaseMessageHandle& handle, MmfBaseMessageHeader& header);
     // Moves the message to a new owner: advances the binding number (skipping 0) so that every
     // earlier handle is stale, and rewrites *handle. Refuses a message that is in a list.
     static void RebindMessage(MmBaseMessageHandle* handle);
@@ -223,6 +225,23 @@ class MmfMessageManager {
         MmfMessageHandleBlock* block = link.GetOwner();
         return MakeHandle(block, block->bindingNumber);
     }
+    // The framework's own operations check a message once, where it changes hands (creation,
+    // write, delivery, read, free), and then work on the checked header: these two skip the
+    // checks, for a handle or header that the calling operation has just checked.
+    static MmfBaseMessageHeader& CheckedHeaderOf(const MmBaseMessageHandle& handle) {
+        return *reinterpret_cast<MmfBaseMessageHeader*>(reinterpret_cast<uint8_t*>(handle.pBlock_) -
+                                                        kMmfHdrPackedSize);
+    }
+    static MmBaseMessageHandle HandleOfCheckedHeader(MmfBaseMessageHeader& header) {
+        MmBaseMessageHandle handle;
+        handle.pBlock_ = &header.handleBlock;
+        handle.bindingNumber_ = header.handleBlock.bindingNumber;
+        handle.isLargeBlock_ =
+            header.GetPayloadSize() + kMmfMessageHeaderSize + kMmfPayloadGuardSize >=
+            kMmfLargeBlockSize;
+        return handle;
+    }
+
     // Dumps the whole block (at most 10240 bytes) through the given dump member of logger.
     static void LogMessage(const MmBaseMessageHandle& handle, const Logger& logger,
                            DumpFunction dump);

@@ -160,7 +160,7 @@ void* MmfMessageMoverInterfaceImpl::CreateMessageT(uint32_t payloadSize, HandleT
     MmBaseMessageHandle created;
     void* payload = pMsgMgr_->CreateMessage(payloadSize, &created);
     *msg = HandleT(created);
-    GetMessageTracker(*msg).Track(*msg);
+    GetMessageTracker(*msg).Track(MmfMessageManager::CheckedHeaderOf(created).handleBlock.link);
     return payload;
 }
 
@@ -174,9 +174,10 @@ HandleT MmfMessageMoverInterfaceImpl::DuplicateMessageT(const HandleT& msg) {
 
 template <typename HandleT>
 void MmfMessageMoverInterfaceImpl::FreeMessageT(const HandleT& msg) {
-    // Untracking counts the message out of msgsHeldByUser.
-    GetMessageTracker(msg).Untrack(msg);
-    pMsgMgr_->FreeMessage(msg.GetBinding());
+    // Checked once; untracking counts the message out of msgsHeldByUser.
+    MmfBaseMessageHeader& header = MmfMessageManager::GetHeaderFromBinding(msg.GetBinding());
+    GetMessageTracker(msg).Untrack(header.handleBlock.link);
+    pMsgMgr_->FreeCheckedMessage(msg.GetBinding(), header);
 }
 
 void* MmfMessageMoverInterfaceImpl::CreateConnectionMessage(uint32_t payloadSize,

@@ -13,8 +13,7 @@ const uint32_t kLogWrittenMessages = 1;
 const uint32_t kLogDeliveredMessages = 2;
 const uint32_t kLogReadMessages = 4;
 
-bool IsPeerClosedMessage(const MmBaseMessageHandle& msg) {
-    const MmfBaseMessageHeader& header = MmfMessageManager::GetHeaderFromBinding(msg);
+bool IsPeerClosedMessage(const MmfBaseMessageHeader& header) {
     return header.GetMsgType() == kMmfLinkControlMsgType &&
            header.GetProtocolId() == kMmPeerClosedMsg.protocolId &&
            header.GetMsgId() == kMmPeerClosedMsg.msgId;
@@ -110,18 +109,25 @@ void MmfMessagePort::AdjustMsgsHeldByPorts(int32_t delta) {
 VokError_t MmfMessagePort::WriteMessage(MmBaseMessageHandle& msg, MmMessageSerial_t* serialOut,
                                         bool* takenOver) {
     MMF_TRACE(this);
-    // Each field access checks the message again, as every access through a handle does.
-    MmfMessageManager::GetHeaderFromBinding(msg).SetSenderAddress(address_);
+    return WriteCheckedMessage(msg, MmfMessageManager::GetHeaderFromBinding(msg), serialOut,
+                               takenOver);
+}
+
+VokError_t MmfMessagePort::WriteCheckedMessage(MmBaseMessageHandle& msg,
+                                               MmfBaseMessageHeader& header,
+                                               MmMessageSerial_t* serialOut, bool* takenOver) {
+    MMF_TRACE(this);
+    header.SetSenderAddress(address_);
     // Declared before the lock, so it fires after the lock is let go, on every way out.
     MmfPendingTrigger pending;
     MutexLocker lock(writeLock_);
     const uint32_t sequenceNumber = sequenceGenerator_.GetNext();
-    MmfMessageManager::GetHeaderFromBinding(msg).SetSequenceNumber(sequenceNumber);
-    if (MmfMessageManager::GetHeaderFromBinding(msg).GetSerial() == 0) {
-        MmfMessageManager::GetHeaderFromBinding(msg).SetSerial(sequenceNumber);
+    header.SetSequenceNumber(sequenceNumber);
+    if (header.GetSerial() == 0) {
+        header.SetSerial(sequenceNumber);
     }
     if (serialOut != nullptr) {
-        *serialOut = MmfMessageManager::GetHeaderFromBinding(msg).GetSerial();
+        *serialOut = header.GetSerial();
     }
     if ((GetDiagOptions() & kLogWrittenMessages) != 0) {
         MmfMessageManager::LogMessage(msg, MmfDiag::GetMsgWriteLogger(), &Logger::DebugBin);
@@ -133,12 +139,12 @@ void MmfMessagePort::AcceptIncomingMessage(const MmBaseMessageHandle& msg,
                                            MmfPendingTrigger* pending) {
     MMF_TRACE(this);
     MmBaseMessageHandle accepted(msg);
-    MmfMessageManager::RebindMessage(&accepted);
+    MmfMessageManager::RebindMessage(&accepted);  // Checks the message as it changes hands.
     if ((GetDiagOptions() & kLogDeliveredMessages) != 0) {
         MmfMessageManager::LogMessage(accepted, MmfDiag::GetMsgDeliveryLogger(), &Logger::DebugBin);
     }
     MutexLocker lock(readerInfo_.readerLock);
-    readerInfo_.queue.PushBack(MmfMessageManager::GetLinkFromBinding(accepted.GetBinding()));
+    readerInfo_.queue.PushBack(MmfMessageManager::CheckedHeaderOf(accepted).handleBlock.link);
     ++readerInfo_.depth;
     AdjustMsgsHeldByPorts(1);
     eventMgr_.SetReadable(pending);
@@ -148,6 +154,11 @@ VokError_t MmfMessagePort::ReadMessage(MmBaseMessageHandle* out) {
     MMF_TRACE(this);
     if (out == nullptr) {
         MMF_THROW("NULL arg.");
+    }
+    // Readable holds from the accept that queues a message until the read that takes the last
+    // one, and for good once the link error is set; so an empty port needs no lock.
+    if (!eventMgr_.IsReadable()) {
+        return kVokErrNoMessage;
     }
     const Logger& logger = gMmfLogger;
     MmBaseMessageHandle msg;
@@ -171,7 +182,7 @@ VokError_t MmfMessagePort::ReadMessage(MmBaseMessageHandle* out) {
             }
             throw;
         }
-        if (IsPeerClosedMessage(msg)) {
+        if (IsPeerClosedMessage(MmfMessageManager::CheckedHeaderOf(msg))) {
             logger.Debug("%s: it's a <Peer Closed> Link Control Message.", __func__);
             readerInfo_.linkError = kVokErrPeerClosed;
             pMsgMgr_->FreeMessage(msg);

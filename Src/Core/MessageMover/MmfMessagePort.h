@@ -58,12 +58,16 @@ class MmfMessagePort : public PortEventInterface {
     // (unless NULL) tells whether the message had left them already.
     VokError_t WriteMessage(MmBaseMessageHandle& msg, MmMessageSerial_t* serialOut,
                             bool* takenOver = nullptr);
+    // WriteMessage of a message that the caller has just checked; header is its header.
+    VokError_t WriteCheckedMessage(MmBaseMessageHandle& msg, MmfBaseMessageHeader& header,
+                                   MmMessageSerial_t* serialOut, bool* takenOver);
     // Takes the message over (rebinds it to this port) and queues it; a trigger of the sink that
     // this makes due is armed in *pending. Called by the connection manager only, with its
     // registry lock held.
     void AcceptIncomingMessage(const MmBaseMessageHandle& msg, MmfPendingTrigger* pending);
-    // The oldest message into *out: 0, kVokErrNoMessage, or the sticky kVokErrPeerClosed once
-    // the peer's close has been read. A corrupt message at the head is logged, quarantined and
+    // The oldest message into *out, checked: 0, kVokErrNoMessage, or the sticky
+    // kVokErrPeerClosed once the peer's close has been read. An empty port answers without a
+    // lock. A corrupt message at the head is logged, quarantined and
     // thrown for; the next read returns the next message.
     VokError_t ReadMessage(MmBaseMessageHandle* out);
 

@@ -26,9 +26,10 @@ class MmfMessageTrackerT {
           pMsgMgr_(msgMgr) {}
 
     // Checks the message first; a message in another list stops the process.
-    void Track(const T& msg) {
+    void Track(const T& msg) { Track(MmfMessageManager::GetLinkFromBinding(msg.GetBinding())); }
+    // Track for the link of a message that the caller has just checked.
+    void Track(MmfMessageLink& link) {
         MMF_TRACE(this);
-        MmfMessageLink& link = MmfMessageManager::GetLinkFromBinding(msg.GetBinding());
         {
             MutexLocker lock(mutex_);
             list_.PushBack(link);
@@ -49,9 +50,10 @@ class MmfMessageTrackerT {
     }
 
     // Checks the message first; a message that is not in this list throws as CheckHeld does.
-    void Untrack(const T& msg) {
+    void Untrack(const T& msg) { Untrack(MmfMessageManager::GetLinkFromBinding(msg.GetBinding())); }
+    // Untrack for the link of a message that the caller has just checked.
+    void Untrack(MmfMessageLink& link) {
         MMF_TRACE(this);
-        MmfMessageLink& link = MmfMessageManager::GetLinkFromBinding(msg.GetBinding());
         {
             MutexLocker lock(mutex_);
             list_.RemoveAt(link);

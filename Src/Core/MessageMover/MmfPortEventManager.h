@@ -50,6 +50,7 @@ class MmfPortEventManager : public PortEventInterface {
     void UnregisterPortEventSignalSink() override;
     void WatchPortEvents(bool readable, bool writable, bool exception) override;
     void GetPortState(bool* readable, bool* writable, bool* exception) override;
+    bool IsReadable() const { return readable_.load(std::memory_order_acquire); }
     bool HasSignalSink() const { return pSink_.load(std::memory_order_acquire) != nullptr; }
 
   private:

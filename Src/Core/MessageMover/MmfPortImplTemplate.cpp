@@ -65,8 +65,9 @@ VokError_t MmfPortImplT<PortBase, HandleT>::WriteMessage(HandleT& msg,
                                                          MmMessageSerial_t* serialOut) {
     MMF_TRACE(this);
     RequireInterface();
-    const uint32_t protocolId =
-        MmfMessageManager::GetHeaderFromBinding(msg.GetBinding()).GetProtocolId();
+    // Checked here, once, as the message leaves its writer.
+    MmfBaseMessageHeader& header = MmfMessageManager::GetHeaderFromBinding(msg.GetBinding());
+    const uint32_t protocolId = header.GetProtocolId();
     if (protocolId == kLinkControlProtocolId) {
         gMmfLogger.Critical(
             "ERROR in %s: user <%s> attempted to write a message with internal protocolId=<%ld>.",
@@ -75,13 +76,14 @@ VokError_t MmfPortImplT<PortBase, HandleT>::WriteMessage(HandleT& msg,
     }
     // Only a message the writer holds is touched.
     MmfMessageTrackerT<HandleT>& tracker = pIface_->GetMessageTracker(msg);
-    tracker.Untrack(msg);
+    tracker.Untrack(header.handleBlock.link);
     bool takenOver = false;
     const HeldMessageRestorer<HandleT> restorer(tracker, msg, takenOver);
     if (peerAddress_ != 0) {
-        MmfMessageManager::GetHeaderFromBinding(msg.GetBinding()).SetDestAddress(peerAddress_);
+        header.SetDestAddress(peerAddress_);
     }
-    const VokError_t result = messagePort_.WriteMessage(msg.GetBinding(), serialOut, &takenOver);
+    const VokError_t result =
+        messagePort_.WriteCheckedMessage(msg.GetBinding(), header, serialOut, &takenOver);
     if (result == kVokErrUnreachable) {
         // A connection port's only destination is its peer; a command port's writer learns of
         // the unreachable address from the kMmPortNotReachableMsg it receives.
@@ -102,9 +104,10 @@ VokError_t MmfPortImplT<PortBase, HandleT>::ReadMessage(HandleT* msg) {
     if (result != kVokErrNone) {
         return result;
     }
+    // The read has checked the message.
+    MmfBaseMessageHeader& header = MmfMessageManager::CheckedHeaderOf(incoming);
     if (peerAddress_ != 0) {
-        const MmfPortAddress sender =
-            MmfMessageManager::GetHeaderFromBinding(incoming).GetSenderAddress();
+        const MmfPortAddress sender = header.GetSenderAddress();
         if (sender != peerAddress_) {
             gMmfLogger.Critical(
                 "ERROR in %s: Connection message from wrong sender; expected sender "
@@ -115,7 +118,7 @@ VokError_t MmfPortImplT<PortBase, HandleT>::ReadMessage(HandleT* msg) {
         }
     }
     *msg = HandleT(incoming);
-    pIface_->GetMessageTracker(*msg).Track(*msg);
+    pIface_->GetMessageTracker(*msg).Track(header.handleBlock.link);
     return kVokErrNone;
 }
 
