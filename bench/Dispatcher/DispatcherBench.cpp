@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "PortMonitorPair.h"
+#include "SyscallCounts.h"
 #include "WakeupPairs.h"
 #include "support/BenchRatio.h"
 #include "vok/RdTimer.h"
@@ -66,10 +67,16 @@ long ContextSwitches() {
     return usage.ru_nvcsw + usage.ru_nivcsw;
 }
 
-void ReportSwitches(benchmark::State& state, long before) {
-    state.counters["csw_per_trip"] =
-        static_cast<double>(ContextSwitches() - before) /
-        static_cast<double>(state.iterations() * kRoundTripsPerIteration);
+// Context switches, read and write calls and polls of the whole process per round trip.
+void ReportSwitches(benchmark::State& state, long before, const vok::bench::SyscallCounts& calls) {
+    const double trips = static_cast<double>(state.iterations() * kRoundTripsPerIteration);
+    const vok::bench::SyscallCounts now = vok::bench::TakeSyscallCounts();
+    state.counters["csw_per_trip"] = static_cast<double>(ContextSwitches() - before) / trips;
+    state.counters["writes_per_trip"] = static_cast<double>(now.writes - calls.writes) / trips;
+    state.counters["reads_per_trip"] = static_cast<double>(now.reads - calls.reads) / trips;
+    if (now.polls >= 0) {
+        state.counters["polls_per_trip"] = static_cast<double>(now.polls - calls.polls) / trips;
+    }
 }
 
 // The round trips of one pair kind, kRoundTripsPerIteration per iteration.
@@ -78,10 +85,11 @@ void RoundTrips(benchmark::State& state, bool pinned) {
     OneCpu cpu(pinned);
     Pair pair;
     const long switches = ContextSwitches();
+    const vok::bench::SyscallCounts calls = vok::bench::TakeSyscallCounts();
     for (auto _ : state) {
         pair.RoundTrips(kRoundTripsPerIteration);
     }
-    ReportSwitches(state, switches);
+    ReportSwitches(state, switches, calls);
     state.SetItemsProcessed(state.iterations() * kRoundTripsPerIteration);
 }
 
@@ -138,28 +146,20 @@ BENCHMARK(BM_EventfdRoundTripPinned)
 
 // ---- idle cost: wake-ups per second with one timer armed 10 s ahead ----
 
-int gPolls = 0;
-GPollFunc gRealPoll = nullptr;
-gint CountingPoll(GPollFD* fds, guint nfds, gint timeout) {
-    ++gPolls;
-    return gRealPoll(fds, nfds, timeout);
-}
-
 void BM_IdleWakeupsWithFarTimer(benchmark::State& state) {
     GMainContext* context = g_main_context_new();
     double wakeupsPerSecond = 0;
     for (auto _ : state) {
         vok::GlibRuntimeDispatcher dispatcher(context);
-        gRealPoll = g_main_context_get_poll_func(context);
-        g_main_context_set_poll_func(context, &CountingPoll);
+        vok::bench::CountPollsOf(context);
         vok::RdTimerBase far(dispatcher, []() {});
         far.Schedule(10000);
         vok::RdTimerBase stop(dispatcher, [&]() { dispatcher.RequestStop(); });
         stop.Schedule(2000);
-        gPolls = 0;
+        const long before = vok::bench::PollCounter().load();
         dispatcher.Run();
-        wakeupsPerSecond = gPolls / 2.0;
-        g_main_context_set_poll_func(context, gRealPoll);
+        wakeupsPerSecond = static_cast<double>(vok::bench::PollCounter().load() - before) / 2.0;
+        g_main_context_set_poll_func(context, &g_poll);
     }
     g_main_context_unref(context);
     state.counters["wakeups_per_s"] = wakeupsPerSecond;

@@ -8,6 +8,7 @@
 #include <memory>
 #include <thread>
 
+#include "SyscallCounts.h"
 #include "vok/Event.h"
 #include "vok/MessageMoverFramework.h"
 #include "vok/MessageMoverInterface.h"
@@ -87,6 +88,7 @@ class PortMonitorPair {
     };
 
     void Run(Side* side, bool isA) {
+        CountPollsOf(g_main_loop_get_context(RuntimeDispatcher::GetInternalLoop(side->dispatcher)));
         side->monitor.reset(new RdPortMonitor(*side->port, side->dispatcher,
                                               [side](bool, bool, bool) { side->Bounce(); }));
         side->monitor->SetEventMask(true, false, false);

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "BatchDone.h"
+#include "SyscallCounts.h"
 
 namespace vok {
 namespace bench {
@@ -25,6 +26,8 @@ class GlibIdlePair {
         a_.peer = &b_;
         b_.peer = &a_;
         a_.done = &done_;
+        CountPollsOf(a_.context);
+        CountPollsOf(b_.context);
         ta_ = std::thread([this]() { g_main_loop_run(a_.loop); });
         tb_ = std::thread([this]() { g_main_loop_run(b_.loop); });
     }

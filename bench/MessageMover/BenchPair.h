@@ -28,9 +28,9 @@ class BenchPair {
     BenchPair(const BenchPair&) = delete;
     BenchPair& operator=(const BenchPair&) = delete;
 
-    // Creates, writes, reads and frees one zero-payload connection message; false on failure.
-    bool RoundTrip() {
-        Write();
+    // Creates, writes, reads and frees one connection message; false on failure.
+    bool RoundTrip(uint32_t payloadSize = 0) {
+        Write(payloadSize);
         MmConnectionMessageHandle got;
         if (reader_->ReadMessage(&got) != kVokErrNone) {
             return false;
@@ -39,14 +39,15 @@ class BenchPair {
         return true;
     }
 
-    void Write() {
+    void Write(uint32_t payloadSize = 0) {
         MmConnectionMessageHandle msg;
-        iface_->CreateConnectionMessage(0, &msg);
+        iface_->CreateConnectionMessage(payloadSize, &msg);
         writer_->WriteMessage(msg, nullptr);
     }
 
     MessageMoverInterface* Iface() { return iface_; }
     MmConnectionPort* Reader() { return reader_; }
+    MmConnectionPort* Writer() { return writer_; }
 
   private:
     MessageMoverFramework* framework_;

@@ -71,6 +71,9 @@ const char* const kModes[] = {"pinned", "unpinned"};
 struct Run {
     double nsPerOp;
     double switchesPerOp;
+    double readsPerOp;   // read calls of every thread
+    double writesPerOp;  // write calls of every thread
+    double pollsPerOp;   // GLib polls; negative when the program does not count them
 };
 
 // Pins the calling process to CPU 0 (or the first CPU it may use), as `taskset -c 0` does; the
@@ -137,6 +140,14 @@ bool RunPeer(const std::string& programDir, const Peer& peer, bool pinned, int e
     }
     run->nsPerOp = ns / static_cast<double>(ops);
     run->switchesPerOp = static_cast<double>(switches) / static_cast<double>(ops);
+    long reads = 0, writes = 0, polls = -1;
+    const size_t calls = text.find(" rd=", at);
+    if (calls != std::string::npos) {
+        std::sscanf(text.c_str() + calls, " rd=%ld wr=%ld polls=%ld", &reads, &writes, &polls);
+    }
+    run->readsPerOp = static_cast<double>(reads) / static_cast<double>(ops);
+    run->writesPerOp = static_cast<double>(writes) / static_cast<double>(ops);
+    run->pollsPerOp = polls < 0 ? -1.0 : static_cast<double>(polls) / static_cast<double>(ops);
     return true;
 }
 
@@ -152,6 +163,9 @@ struct Summary {
     double fastest;
     double switches;
     int runs;
+    double reads;  // medians per operation
+    double writes;
+    double polls;  // negative: not counted
 };
 
 std::vector<Summary> Summarise(const std::map<const Peer*, std::vector<Run>>& runs,
@@ -163,13 +177,17 @@ std::vector<Summary> Summarise(const std::map<const Peer*, std::vector<Run>>& ru
         if (std::strcmp(peer.section, section.id) != 0 || it == runs.end() || it->second.empty()) {
             continue;
         }
-        std::vector<double> times, switches;
+        std::vector<double> times, switches, reads, writes, polls;
         for (const Run& run : it->second) {
             times.push_back(run.nsPerOp * scale);
             switches.push_back(run.switchesPerOp);
+            reads.push_back(run.readsPerOp);
+            writes.push_back(run.writesPerOp);
+            polls.push_back(run.pollsPerOp);
         }
         rows.push_back({&peer, Median(times), *std::min_element(times.begin(), times.end()),
-                        Median(switches), static_cast<int>(times.size())});
+                        Median(switches), static_cast<int>(times.size()), Median(reads),
+                        Median(writes), Median(polls)});
     }
     return rows;
 }
@@ -187,14 +205,20 @@ std::string Table(const Section& section, const char* mode, const std::vector<Su
         << (std::strcmp(mode, "pinned") == 0 ? "pinned to one CPU" : "unpinned") << "\n";
     // "µ" takes two bytes and one column.
     const int width = std::strcmp(section.unit, "us") == 0 ? 10 : 9;
-    std::snprintf(line, sizeof line, "  %-52s %*s %*s %8s %6s %9s %9s\n", "peer", width,
+    std::snprintf(line, sizeof line, "  %-52s %*s %*s %8s %6s %6s %8s %6s %9s %9s\n", "peer", width,
                   (std::string("median ") + unit).c_str(), width,
-                  (std::string("min ") + unit).c_str(), "csw/op", "runs", "peer/vok", "vok/peer");
+                  (std::string("min ") + unit).c_str(), "csw/op", "wr/op", "rd/op", "polls/op",
+                  "runs", "peer/vok", "vok/peer");
     out << line;
     for (const Summary& row : rows) {
-        std::snprintf(line, sizeof line, "  %-52s %9.*f %9.*f %8.2f %6d %9.2f %9.2f\n",
+        char polls[16] = "-";
+        if (row.polls >= 0) {
+            std::snprintf(polls, sizeof polls, "%.2f", row.polls);
+        }
+        std::snprintf(line, sizeof line,
+                      "  %-52s %9.*f %9.*f %8.2f %6.2f %6.2f %8s %6d %9.2f %9.2f\n",
                       row.peer->label, decimals, row.median, decimals, row.fastest, row.switches,
-                      row.runs, vok > 0 ? row.median / vok : 0.0,
+                      row.writes, row.reads, polls, row.runs, vok > 0 ? row.median / vok : 0.0,
                       vok > 0 && row.median > 0 ? vok / row.median : 0.0);
         out << line;
     }
@@ -349,13 +373,15 @@ int main(int argc, char** argv) {
     close(errorLog);
 
     std::ostringstream report;
-    report << "Peer benchmarks, " << stamp << ", " << repetitions
-           << " interleaved runs per peer and mode; csw = voluntary + involuntary context "
-              "switches of the measuring process (getrusage) per operation; bus: the "
-              "dbus-daemon's own switches are not counted. peer/vok = the peer's median over "
-              "vok's, vok/peer = vok's over the peer's.\n"
-           << "Machine at start: " << machineBefore << "\nMachine at end:   " << Machine()
-           << "\n\n";
+    report
+        << "Peer benchmarks, " << stamp << ", " << repetitions
+        << " interleaved runs per peer and mode; csw = voluntary + involuntary context "
+           "switches of the measuring process (getrusage) per operation; wr, rd = write and read "
+           "calls of all its threads (/proc/self/io), polls = polls of its GLib contexts, per "
+           "operation (- where the loop is not GLib's); bus: the "
+           "dbus-daemon's own switches are not counted. peer/vok = the peer's median over "
+           "vok's, vok/peer = vok's over the peer's.\n"
+        << "Machine at start: " << machineBefore << "\nMachine at end:   " << Machine() << "\n\n";
     const bool png = HaveProgram("gnuplot");
     for (int mode = 0; mode < 2; ++mode) {
         for (const Section& section : kSections) {

@@ -1,8 +1,10 @@
 // The measuring loop every peer program shares. A program measures one operation per run and
 // prints one line the driver reads:
 //   result ops=<operations> ns=<wall time in ns> csw=<context switches of the whole process>
-// Context switches are voluntary plus involuntary ones of every thread (getrusage), counted
-// over the timed part only.
+//          rd=<read calls> wr=<write calls> polls=<GLib polls, -1 when not counted>
+// Context switches are voluntary plus involuntary ones of every thread (getrusage), read and
+// write calls those of every thread (/proc/self/io), polls those of the GLib contexts a program
+// hooks; all counted over the timed part only.
 #ifndef VOK_BENCH_PEERS_PEERHARNESS_H
 #define VOK_BENCH_PEERS_PEERHARNESS_H
 
@@ -14,6 +16,7 @@
 #include <cstring>
 
 #include "Dispatcher/BatchDone.h"
+#include "Dispatcher/SyscallCounts.h"
 
 namespace peers {
 
@@ -42,6 +45,7 @@ int Measure(int batchSize, Batch&& batch) {
     const double limit = MeasureSeconds();
     long long ops = 0;
     const long switches = ContextSwitches();
+    const vok::bench::SyscallCounts calls = vok::bench::TakeSyscallCounts();
     const Clock::time_point start = Clock::now();
     double elapsed = 0;
     do {
@@ -49,8 +53,11 @@ int Measure(int batchSize, Batch&& batch) {
         ops += batchSize;
         elapsed = std::chrono::duration<double>(Clock::now() - start).count();
     } while (elapsed < limit);
-    std::printf("result ops=%lld ns=%.0f csw=%ld\n", ops, elapsed * 1e9,
-                ContextSwitches() - switches);
+    const long switchesDone = ContextSwitches() - switches;
+    const vok::bench::SyscallCounts now = vok::bench::TakeSyscallCounts();
+    std::printf("result ops=%lld ns=%.0f csw=%ld rd=%ld wr=%ld polls=%ld\n", ops, elapsed * 1e9,
+                switchesDone, now.reads - calls.reads, now.writes - calls.writes,
+                now.polls < 0 ? -1L : now.polls - calls.polls);
     std::fflush(stdout);
     return 0;
 }

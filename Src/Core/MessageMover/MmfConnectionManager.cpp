@@ -73,6 +73,7 @@ MmConnectionPort* MmfConnectionManager::CreateConnectedPair(MmfMessageMoverInter
     // cannot be registered.
     MmfConnectionPortImpl* registeredA = portA.release();
     RegisterPort(*portB->GetMessagePort(), 0);
+    MmfMessagePort::ConnectPair(*registeredA->GetMessagePort(), *portB->GetMessagePort());
     *peerOut = portB.release();
     return registeredA;
 }
@@ -109,6 +110,7 @@ void MmfConnectionManager::UnregisterPort(MmfMessagePort& port) {
     if (address == 0) {
         MMF_THROW("Can't unregister - bad port address");
     }
+    port.DisconnectPair();  // Before the registry lock: it takes write locks.
     MutexLocker lock(registryLock_);
     const PortMapRecord* canonical = registry_.Find(address);
     if (canonical == nullptr) {

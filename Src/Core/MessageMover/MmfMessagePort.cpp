@@ -21,6 +21,13 @@ bool IsPeerClosedMessage(const MmfBaseMessageHeader& header) {
 
 }  // namespace
 
+// The two ends of a connected pair. lock makes each end's leaving one step, so an end never
+// follows its pointer to a peer that has left.
+struct MmfPairLink {
+    Mutex lock;
+    MmfMessagePort* ends[2];  // NULL once that end has left; protected by lock.
+};
+
 void MmfMessageListT::PushBack(MmfMessageLink& link) {
     list_.PushBack(link);
 }
@@ -45,7 +52,9 @@ MmfMessagePort::MmfMessagePort(MmfMessageMoverInterfaceImpl* iface,
       peerAddress_(peerAddress),
       pIface_(iface),
       pMsgMgr_(nullptr),
-      pConnMgr_(nullptr) {
+      pConnMgr_(nullptr),
+      directPeer_(nullptr),
+      pairSide_(0) {
     MMF_TRACE(this);
     readerInfo_.linkError = kVokErrNone;
     if (framework == nullptr) {
@@ -57,6 +66,7 @@ MmfMessagePort::MmfMessagePort(MmfMessageMoverInterfaceImpl* iface,
 
 MmfMessagePort::~MmfMessagePort() {
     MMF_TRACE(this);
+    DisconnectPair();
     int freed = 0;
     MutexLocker lock(readerInfo_.readerLock);
     while (!readerInfo_.queue.IsEmpty()) {
@@ -80,6 +90,35 @@ inline MmBaseMessageHandle MmfMessagePort::TakeFront() {
         pMsgMgr_->Quarantine(link);  // The check has logged it with its dump.
         throw;
     }
+}
+
+void MmfMessagePort::ConnectPair(MmfMessagePort& a, MmfMessagePort& b) {
+    std::shared_ptr<MmfPairLink> link = std::make_shared<MmfPairLink>();
+    link->ends[0] = &a;
+    link->ends[1] = &b;
+    MutexLocker lock(link->lock);
+    for (int side = 0; side < 2; ++side) {
+        MmfMessagePort& end = *link->ends[side];
+        MutexLocker writeLock(end.writeLock_);
+        end.pairLink_ = link;
+        end.pairSide_ = side;
+        end.directPeer_ = link->ends[1 - side];
+    }
+}
+
+void MmfMessagePort::DisconnectPair() {
+    if (!pairLink_) {
+        return;
+    }
+    MutexLocker lock(pairLink_->lock);
+    MmfMessagePort* const peer = pairLink_->ends[1 - pairSide_];
+    if (peer != nullptr) {
+        MutexLocker peerWriteLock(peer->writeLock_);
+        peer->directPeer_ = nullptr;
+    }
+    MutexLocker writeLock(writeLock_);
+    directPeer_ = nullptr;
+    pairLink_->ends[pairSide_] = nullptr;
 }
 
 void MmfMessagePort::SetInitialPortState(bool readable, bool writable, bool exception) {
@@ -131,6 +170,14 @@ VokError_t MmfMessagePort::WriteCheckedMessage(MmBaseMessageHandle& msg,
     }
     if ((GetDiagOptions() & kLogWrittenMessages) != 0) {
         MmfMessageManager::LogMessage(msg, MmfDiag::GetMsgWriteLogger(), &Logger::DebugBin);
+    }
+    if (directPeer_ != nullptr && header.GetDestAddress() == directPeer_->address_) {
+        // The peer stays registered while this lock is held (see DisconnectPair).
+        if (takenOver != nullptr) {
+            *takenOver = true;
+        }
+        directPeer_->AcceptIncomingMessage(msg, &pending);
+        return kVokErrNone;
     }
     return pConnMgr_->DeliverMessage(msg, &pending, takenOver);
 }

@@ -2,6 +2,8 @@
 #ifndef VOK_SRC_CORE_MESSAGEMOVER_MMFMESSAGEPORT_H
 #define VOK_SRC_CORE_MESSAGEMOVER_MMFMESSAGEPORT_H
 
+#include <memory>
+
 #include "Src/Core/MessageMover/MmfMessageManager.h"
 #include "Src/Core/MessageMover/MmfPortEventManager.h"
 #include "Src/Core/MessageMover/MmfSerialGenerator.h"
@@ -30,12 +32,17 @@ class MmfMessageListT {
     MmfMessageList list_;
 };
 
+struct MmfPairLink;
+
 // The sending and receiving end of a port: an address, a queue, a sequence-number generator for
 // what it writes and the port-event state. Any thread may write, read and use the port events.
 // Owned by its command or connection port; destroying it frees the messages still queued (and
 // quarantines those found corrupt; it never throws). Lock
 // order on a delivery: the writer's writeLock_, the connection manager's registry lock, then the
 // destination's readerLock_, then its queue lock or its event manager's state lock (never both).
+// The two ends of a connected pair know each other: a write to the peer goes to it directly, its
+// pointer guarded by the writer's writeLock_ instead of the registry lock, until either end
+// leaves the registry.
 class MmfMessagePort : public PortEventInterface {
   public:
     // Throws "NULL arg." for a NULL framework. iface is the port's owner (its options and
@@ -47,6 +54,12 @@ class MmfMessagePort : public PortEventInterface {
     MmfMessagePort& operator=(const MmfMessagePort&) = delete;
 
     void SetInitialPortState(bool readable, bool writable, bool exception);
+    // Lets a and b, both registered, write to each other without the registry.
+    static void ConnectPair(MmfMessagePort& a, MmfMessagePort& b);
+    // Ends the direct way to and from the peer; later writes to the peer go through the
+    // registry. Called as the port leaves it; again does nothing. Takes the write locks of both
+    // ends, so no write from the peer is under way when it returns.
+    void DisconnectPair();
     MmfPortAddress GetAddress() const { return address_; }
     // Fills in everything but the service identifier, which the registry keeps. Takes the reader
     // lock, so it may be called under the registry lock but not under this port's locks.
@@ -103,6 +116,9 @@ class MmfMessagePort : public PortEventInterface {
     MmfMessageMoverInterfaceImpl* const pIface_;
     MmfMessageManager* pMsgMgr_;
     MmfConnectionManager* pConnMgr_;
+    MmfMessagePort* directPeer_;  // The connected peer while both are registered; writeLock_.
+    std::shared_ptr<MmfPairLink> pairLink_;  // Shared with the peer; set once by ConnectPair.
+    int pairSide_;                           // This end's index in pairLink_.
 };
 
 }  // namespace vok
