@@ -90,6 +90,19 @@ std::vector<uint64_t> Points(uint64_t total, uint64_t sample) {
     return points;
 }
 
+int FailureCount() {
+    const ::testing::TestResult* result =
+        ::testing::UnitTest::GetInstance()->current_test_info()->result();
+    int failures = 0;
+    for (int i = 0; i < result->total_part_count(); ++i) {
+        failures += result->GetTestPartResult(i).failed() ? 1 : 0;
+    }
+    return failures;
+}
+
+// Defects reported per scenario before its sweep stops.
+constexpr int kDefectsReported = 5;
+
 // One run with the given failures; false (and a gtest failure) on a defect.
 bool RunOnce(const Scenario& scenario, uint64_t k, uint32_t failCount, SweepResult* result) {
     std::snprintf(gRunInProgress, sizeof gRunInProgress, "%s, allocation %llu, %s",
@@ -119,8 +132,9 @@ bool RunOnce(const Scenario& scenario, uint64_t k, uint32_t failCount, SweepResu
         return false;
     }
     if (scenario.check) {
+        const int before = FailureCount();
         scenario.check();
-        if (::testing::Test::HasFailure()) {
+        if (FailureCount() != before) {
             ADD_FAILURE() << "the check failed after " << gRunInProgress;
             return false;
         }
@@ -179,11 +193,12 @@ SweepResult Sweep(const Scenario& scenario) {
     if (::testing::Test::HasFailure()) {
         return result;
     }
+    int defects = 0;
     for (uint32_t failCount : {1u, kFailForever, 2u, 3u, 4u}) {
         const uint64_t sample =
             failCount == 1 || failCount == kFailForever ? kSampledPoints : kSampledPoints / 4;
         for (uint64_t k : Points(result.points, sample)) {
-            if (!RunOnce(scenario, k, failCount, &result)) {
+            if (!RunOnce(scenario, k, failCount, &result) && ++defects == kDefectsReported) {
                 return result;
             }
             uint64_t& runs = failCount == 1              ? result.transientRuns

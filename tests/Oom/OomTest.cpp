@@ -2,19 +2,32 @@
 // turn (once, for good, and in runs of 2 to 4), and each run must complete or end in the
 // documented error, leak nothing and leave the framework usable.
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <ztlog/ztlog.h>
 
 #include <atomic>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 
+#include "MessageMover/MmTestSupport.h"
 #include "OomSweep.h"
+#include "support/LoopSupport.h"
+#include "vok/BladeStopWatcher.h"
 #include "vok/DiagnosticRegister.h"
+#include "vok/Event.h"
 #include "vok/JsonToken.h"
 #include "vok/Logger.h"
+#include "vok/MessageMoverFramework.h"
+#include "vok/RdAsyncBridge.h"
+#include "vok/RdDescriptorMonitor.h"
+#include "vok/RdPortMonitor.h"
+#include "vok/RdTimer.h"
+#include "vok/RuntimeDispatcher.h"
+#include "vok/VokShell.h"
 
 namespace vok {
 namespace test {
@@ -39,6 +52,10 @@ bool PendingAllowed() {
     const char* pending = std::getenv("VOK_OOM_PENDING");
     return pending != nullptr && std::strcmp(pending, "0") != 0;
 }
+
+const char kMessageMoverLeaks[] =
+    "pending: MessageMover leaks a new interface, command port or connected pair when an "
+    "allocation after its creation fails";
 
 std::string OnlyBadAlloc() {
     try {
@@ -106,6 +123,24 @@ TEST_F(OomTest, JsonGenerate) {
             "{ \"serviceName\": \"com.orvex.power\", \"count\": 3, \"on\": true, "
             "\"array\": [ 1.5, \"two\", null ] }") {
             ADD_FAILURE() << "generated wrong: " << text;
+        }
+    };
+    Sweep(json);
+}
+
+// Parsing a document of numbers, the part of json-c's parser that is safe when malloc fails:
+// parsed whole or std::bad_alloc, never the document null in its place.
+TEST_F(OomTest, JsonParseNumbers) {
+    Scenario json;
+    json.name = "json parse (numbers)";
+    json.classify = OnlyBadAlloc;
+    json.run = [] {
+        JsonToken document;
+        if (!document.ParseJsonString("[1,2.5,[3,-4],[]]")) {
+            ADD_FAILURE() << "a valid document was refused";
+        } else if (document.GetValueType() != JsonToken::kValueTypeArray ||
+                   document.ArrayGetLength() != 4) {
+            ADD_FAILURE() << "parsed wrong";
         }
     };
     Sweep(json);
@@ -196,6 +231,243 @@ TEST_F(OomTest, DiagnosticRegisters) {
         EXPECT_EQ(counter.Inc(), 2);
     };
     Sweep(registers);
+}
+
+// Runs f when the scope ends, however it ends: what a scenario created is given back on every
+// path.
+template <typename F>
+struct Finally {
+    F f;
+    ~Finally() { f(); }
+};
+template <typename F>
+Finally<F> MakeFinally(F f) {
+    return Finally<F>{f};
+}
+
+// Dispatcher objects: a dispatcher, a timer that fires, a descriptor monitor that sees its
+// descriptor readable, all destroyed. Resource failures surface as VokResourceException or
+// std::bad_alloc.
+TEST_F(OomTest, DispatcherTimerAndDescriptorMonitor) {
+    Scenario dispatcher;
+    dispatcher.name = "dispatcher timer, descriptor monitor";
+    dispatcher.run = [] {
+        RuntimeDispatcher loop;
+        bool fired = false;
+        RdTimerBase timer(loop, [&fired] { fired = true; });
+        timer.Schedule(0);
+        if (!Pump(
+                loop, [&fired] { return fired; }, 10)) {
+            return;
+        }
+        int fds[2];
+        if (pipe(fds) != 0) {
+            throw DocumentedError("pipe");
+        }
+        auto closeFds = MakeFinally([&fds] {
+            close(fds[0]);
+            close(fds[1]);
+        });
+        bool readable = false;
+        RdDescriptorMonitorBase monitor(fds[0], loop,
+                                        [&readable](bool read, bool, bool) { readable = read; });
+        monitor.SetEventMask(true, false, false);
+        if (write(fds[1], "x", 1) != 1) {
+            throw DocumentedError("write");
+        }
+        Pump(
+            loop, [&readable] { return readable; }, 10);
+        timer.Schedule(60000);
+        timer.Cancel();
+    };
+    Sweep(dispatcher);
+}
+
+// Message memory and ports: a framework, two interfaces, a command service port and its
+// client, a connected pair; messages created, duplicated, written, read and freed, one left
+// queued for the discard; the framework stopped. After every run a framework starts again and
+// carries a message, and no message is outstanding.
+TEST_F(OomTest, MessagePath) {
+    if (!PendingAllowed()) {
+        GTEST_SKIP() << kMessageMoverLeaks;
+    }
+    Scenario path;
+    path.name = "message path";
+    path.run = [] {
+        MessageMoverFramework* framework = MessageMoverFramework::StartMessageMoverFramework("oom");
+        auto stop = MakeFinally(
+            [framework] { MessageMoverFramework::StopMessageMoverFramework(framework); });
+        MessageMoverInterface* client = framework->CreateInterface("oomClient");
+        auto discardClient = MakeFinally([&] { framework->DiscardInterface(client); });
+        MessageMoverInterface* server = framework->CreateInterface("oomServer");
+        auto discardServer = MakeFinally([&] { framework->DiscardInterface(server); });
+        MmCommandPort* service = server->CreateCommandServicePort(120);
+        auto discardService = MakeFinally([&] { server->DiscardCommandPort(service); });
+        MmCommandPort* sender = client->CreateCommandPort();
+        auto discardSender = MakeFinally([&] { client->DiscardCommandPort(sender); });
+        MmConnectionPort* serverEnd = nullptr;
+        MmConnectionPort* clientEnd = client->CreateConnectedPair(server, &serverEnd);
+        auto discardPair = MakeFinally([&] {
+            client->DiscardConnectionPort(clientEnd);
+            server->DiscardConnectionPort(serverEnd);
+        });
+
+        // Messages the client still holds are freed on the way out.
+        MmCommandMessageHandle command;
+        MmCommandMessageHandle copy;
+        MmCommandMessageHandle received;
+        bool holdsCommand = false, holdsCopy = false, holdsReceived = false;
+        auto freeCommands = MakeFinally([&] {
+            if (holdsCommand)
+                client->FreeMessage(command);
+            if (holdsCopy)
+                client->FreeMessage(copy);
+            if (holdsReceived)
+                server->FreeMessage(received);
+        });
+        std::memset(client->CreateCommandMessage(32, &command), 'c', 32);
+        holdsCommand = true;
+        command.SetMessageName({20, 1});
+        command.SetDestinationAddress(120);
+        copy = client->DuplicateCommandMessage(command);
+        holdsCopy = true;
+        MmMessageSerial_t serial = 0;
+        if (sender->WriteMessage(command, &serial) != kVokErrNone) {
+            ADD_FAILURE() << "command write";
+        }
+        holdsCommand = false;
+        holdsReceived = service->ReadMessage(&received) == kVokErrNone;
+        if (!holdsReceived) {
+            ADD_FAILURE() << "command read";
+        }
+
+        MmConnectionMessageHandle queued;
+        std::memset(client->CreateConnectionMessage(100, &queued), 'q', 100);
+        queued.SetMessageName({20, 2});
+        if (clientEnd->WriteMessage(queued, nullptr) != kVokErrNone) {
+            client->FreeMessage(queued);
+            ADD_FAILURE() << "connection write";
+        }
+    };
+    path.check = [] {
+        MessageMoverFramework* framework = MessageMoverFramework::StartMessageMoverFramework("oom");
+        MessageMoverInterface* iface = framework->CreateInterface("oomCheck");
+        MmConnectionPort* peer = nullptr;
+        MmConnectionPort* end = iface->CreateConnectedPair(iface, &peer);
+        MmConnectionMessageHandle msg;
+        iface->CreateConnectionMessage(8, &msg);
+        msg.SetMessageName({20, 3});
+        EXPECT_EQ(end->WriteMessage(msg, nullptr), kVokErrNone);
+        MmConnectionMessageHandle in;
+        EXPECT_EQ(peer->ReadMessage(&in), kVokErrNone);
+        iface->FreeMessage(in);
+        iface->DiscardConnectionPort(end);
+        iface->DiscardConnectionPort(peer);
+        framework->DiscardInterface(iface);
+        MessageMoverFramework::StopMessageMoverFramework(framework);
+        EXPECT_EQ(Outstanding(), 0);
+        EXPECT_EQ(IfaceCounter("oomClient", "msgsHeldByUser"), 0);
+        EXPECT_EQ(IfaceCounter("oomServer", "msgsHeldByUser"), 0);
+    };
+    Sweep(path);
+}
+
+// An async bridge triggered on its own thread and a port monitor that sees a command port
+// become readable, on one dispatcher.
+TEST_F(OomTest, BridgeAndPortMonitor) {
+    if (!PendingAllowed()) {
+        GTEST_SKIP() << kMessageMoverLeaks;
+    }
+    Scenario bridge;
+    bridge.name = "bridge, port monitor";
+    bridge.run = [] {
+        MessageMoverFramework* framework = MessageMoverFramework::StartMessageMoverFramework("oom");
+        auto stop = MakeFinally(
+            [framework] { MessageMoverFramework::StopMessageMoverFramework(framework); });
+        MessageMoverInterface* iface = framework->CreateInterface("oomMonitor");
+        auto discard = MakeFinally([&] { framework->DiscardInterface(iface); });
+        MmCommandPort* port = iface->CreateCommandPort();
+        auto discardPort = MakeFinally([&] { iface->DiscardCommandPort(port); });
+        RuntimeDispatcher loop;
+        int triggered = 0;
+        RdAsyncBridge trigger(loop, [&triggered] { ++triggered; });
+        trigger.Trigger();
+        if (!Pump(
+                loop, [&triggered] { return triggered > 0; }, 10)) {
+            return;
+        }
+        int reads = 0;
+        RdPortMonitor monitor(*port, loop, [&](bool read, bool, bool) {
+            MmCommandMessageHandle in;
+            while (read && port->ReadMessage(&in) == kVokErrNone) {
+                iface->FreeMessage(in);
+                ++reads;
+            }
+        });
+        monitor.SetEventMask(true, false, false);
+        MmCommandMessageHandle msg;
+        iface->CreateCommandMessage(4, &msg);
+        msg.SetMessageName({20, 4});
+        msg.SetDestinationAddress(port->GetAddress());
+        if (port->WriteMessage(msg, nullptr) != kVokErrNone) {
+            iface->FreeMessage(msg);
+            return;
+        }
+        Pump(
+            loop, [&reads] { return reads > 0; }, 10);
+    };
+    bridge.check = [] { EXPECT_EQ(Outstanding(), 0); };
+    Sweep(bridge);
+}
+
+// A blade that runs until the shell stops it, with its dispatcher and stop watcher; a failure
+// inside the blade's own setup ends its Run early (a blade catches what it can handle).
+class SweepBlade : public ServiceBlade, public VokBladeLoaderInterface {
+  public:
+    explicit SweepBlade(const char* name) : name_(name) {}
+    const std::string& GetBladeName() const override { return name_; }
+    int32_t GetStartMode() const override { return kBladeStartModeAuto; }
+    void LoadBlade(const VokShellDaemonInfo&) override {}
+    void UnloadBlade() override {}
+    ServiceBlade* GetServiceBlade() override { return this; }
+    void Run(ServiceBladeEnvironment* environment) override {
+        try {
+            RuntimeDispatcher dispatcher;
+            BladeStopWatcher watcher(environment, dispatcher);
+            dispatcher.Run();
+        } catch (const std::exception&) {
+        }
+    }
+
+  private:
+    std::string name_;
+};
+
+// The shell with two blades: constructed, started, stopped and destroyed on this thread. Only
+// this thread's allocations fail: an exception on the shell's or a blade's thread ends the
+// process by design.
+TEST_F(OomTest, Shell) {
+    if (!PendingAllowed()) {
+        GTEST_SKIP() << kMessageMoverLeaks;
+    }
+    Scenario shell;
+    shell.name = "shell";
+    shell.run = [] {
+        SweepBlade first("first"), second("second");
+        Event stopped;
+        VokShell daemon(VokShellDaemonInfo("oomd", ""), {&first, &second},
+                        [&stopped] { stopped.Signal(); });
+        daemon.StartUp();
+        daemon.RequestStop();
+        stopped.Wait();
+    };
+    shell.check = [] {
+        EXPECT_TRUE(Outstanding() == 0 || Outstanding() == INT_MIN);
+        // A shell whose construction failed never reached the destructor's prune; the registers
+        // it made stay in the table until the next one, as every unreferenced register does.
+        DiagRegPruneAtAndBelow(kDiagRegLongevityDefault);
+    };
+    Sweep(shell);
 }
 
 }  // namespace
