@@ -169,12 +169,16 @@ bool Counts() {
     return mode != 0 && !tInside && (mode == 2 || tArmed);
 }
 
+std::atomic<const void*> gFirstFailureCaller{nullptr};
+
 // Numbers a counted request; true when it must fail.
-bool NextFails() {
+bool NextFails(const void* caller) {
     const uint64_t index = gCounted.fetch_add(1, std::memory_order_relaxed) + 1;
     const uint64_t first = gFailFirst.load(std::memory_order_relaxed);
     if (first != 0 && index >= first && index < gFailEnd.load(std::memory_order_relaxed)) {
-        gInjected.fetch_add(1, std::memory_order_relaxed);
+        if (gInjected.fetch_add(1, std::memory_order_relaxed) == 0) {
+            gFirstFailureCaller.store(caller, std::memory_order_relaxed);
+        }
         return true;
     }
     return false;
@@ -186,7 +190,7 @@ void* Obtain(size_t size, const void* caller, Allocate allocate) {
     if (!Counts() || FromGlib(caller)) {
         return allocate();
     }
-    if (NextFails()) {
+    if (NextFails(caller)) {
         return nullptr;
     }
     void* block = allocate();
@@ -254,6 +258,7 @@ void Arm(ArmScope scope, uint64_t firstFailure, uint32_t failCount) {
     }
     gCounted.store(0);
     gInjected.store(0);
+    gFirstFailureCaller.store(nullptr);
     gFailFirst.store(firstFailure);
     gFailEnd.store(failCount == kFailForever ? UINT64_MAX : firstFailure + failCount);
     tArmed = true;
@@ -275,6 +280,28 @@ size_t LiveBlocks() {
     return gLive;
 }
 
+namespace {
+
+std::string DescribeCaller(const void* caller) {
+    Dl_info info;
+    const char* symbol = "?";
+    const char* object = "?";
+    if (dladdr(caller, &info) != 0) {
+        symbol = info.dli_sname != nullptr ? info.dli_sname : "?";
+        object = info.dli_fname != nullptr ? info.dli_fname : "?";
+    }
+    char text[512];
+    std::snprintf(text, sizeof text, "%p %s (%s)", caller, symbol, object);
+    return text;
+}
+
+}  // namespace
+
+std::string DescribeFirstFailure() {
+    const void* caller = gFirstFailureCaller.load();
+    return caller != nullptr ? DescribeCaller(caller) : std::string("none");
+}
+
 std::string DescribeLiveBlocks(size_t limit) {
     // Copied out first: formatting allocates, and freeing under the slot lock would deadlock.
     Slot found[32];
@@ -289,18 +316,11 @@ std::string DescribeLiveBlocks(size_t limit) {
     }
     std::string text;
     for (size_t i = 0; i < count; ++i) {
-        Dl_info info;
-        char line[512];
-        const char* symbol = "?";
-        const char* object = "?";
-        if (dladdr(found[i].caller, &info) != 0) {
-            symbol = info.dli_sname != nullptr ? info.dli_sname : "?";
-            object = info.dli_fname != nullptr ? info.dli_fname : "?";
-        }
-        std::snprintf(line, sizeof line, "  %lu bytes at %p from %p %s (%s)\n",
+        char line[128];
+        std::snprintf(line, sizeof line, "  %lu bytes at %p from ",
                       static_cast<unsigned long>(found[i].size),
-                      reinterpret_cast<void*>(found[i].block), found[i].caller, symbol, object);
-        text += line;
+                      reinterpret_cast<void*>(found[i].block));
+        text += line + DescribeCaller(found[i].caller) + "\n";
     }
     return text;
 }
@@ -348,7 +368,7 @@ void* realloc(void* block, size_t size) {
         }
         return moved;
     }
-    if (NextFails()) {
+    if (NextFails(caller)) {
         return nullptr;
     }
     const bool recorded = Forget(block);

@@ -53,6 +53,9 @@ size_t LiveBlocks();
 // One line per block LiveBlocks() counts, at most limit lines: size and the allocating caller.
 std::string DescribeLiveBlocks(size_t limit);
 
+// The caller of the first request that failed since the last Arm, or "none".
+std::string DescribeFirstFailure();
+
 // Whether operator new and delete only (sanitizer builds) or malloc too are counted.
 bool CountsMalloc();
 

@@ -28,7 +28,11 @@ void OnFatalSignal(int signal) {
     const char prefix[] = "\nOOM sweep: the process died during ";
     ssize_t ignored = write(STDERR_FILENO, prefix, sizeof prefix - 1);
     ignored = write(STDERR_FILENO, gRunInProgress, std::strlen(gRunInProgress));
-    ignored = write(STDERR_FILENO, "\n", 1);
+    // Not async-signal-safe, but the process is ending anyway and its heap is not in use here
+    // (GLib's and libstdc++'s aborts come from outside the allocator).
+    Disarm();
+    const std::string caller = " (first failing request from " + DescribeFirstFailure() + ")\n";
+    ignored = write(STDERR_FILENO, caller.data(), caller.size());
     (void)ignored;
     ::signal(signal, SIG_DFL);
     raise(signal);
@@ -104,10 +108,10 @@ int FailureCount() {
 constexpr int kDefectsReported = 5;
 
 // One run with the given failures; false (and a gtest failure) on a defect.
-bool RunOnce(const Scenario& scenario, uint64_t k, uint32_t failCount, SweepResult* result) {
+bool RunOnce(const Scenario& scenario, uint64_t k, uint32_t failCount, int descriptors,
+             SweepResult* result) {
     std::snprintf(gRunInProgress, sizeof gRunInProgress, "%s, allocation %llu, %s",
                   scenario.name.c_str(), static_cast<unsigned long long>(k), ModeName(failCount));
-    const int descriptors = OpenDescriptors();
     std::string problem;
     bool failed = false;
     Arm(scenario.scope, k, failCount);
@@ -128,7 +132,8 @@ bool RunOnce(const Scenario& scenario, uint64_t k, uint32_t failCount, SweepResu
         problem = "failed although no allocation failed";
     }
     if (!problem.empty()) {
-        ADD_FAILURE() << gRunInProgress << ": " << problem;
+        ADD_FAILURE() << gRunInProgress << " (first failing request from " << DescribeFirstFailure()
+                      << "): " << problem;
         return false;
     }
     if (scenario.check) {
@@ -141,11 +146,12 @@ bool RunOnce(const Scenario& scenario, uint64_t k, uint32_t failCount, SweepResu
     }
     const size_t kept = scenario.kept ? scenario.kept() : 0;
     if (LiveBlocks() != kept) {
-        ADD_FAILURE() << gRunInProgress << ": " << LiveBlocks() - kept << " blocks leaked\n"
+        ADD_FAILURE() << gRunInProgress << " (first failing request from " << DescribeFirstFailure()
+                      << "): " << LiveBlocks() - kept << " blocks leaked\n"
                       << DescribeLiveBlocks(8);
         return false;
     }
-    if (OpenDescriptors() != descriptors) {
+    if (SettledDescriptors(descriptors) != descriptors) {
         ADD_FAILURE() << gRunInProgress << ": " << OpenDescriptors() - descriptors
                       << " descriptors leaked";
         return false;
@@ -173,6 +179,31 @@ int OpenDescriptors() {
     return count;
 }
 
+// The descriptor count once two readings 20 ms apart agree.
+static int StableDescriptors() {
+    int count = OpenDescriptors();
+    for (int i = 0; i < 100; ++i) {
+        usleep(20000);
+        const int again = OpenDescriptors();
+        if (again == count) {
+            break;
+        }
+        count = again;
+    }
+    return count;
+}
+
+int SettledDescriptors(int expected) {
+    // Libraries may close descriptors on a thread of their own (GDBus's worker) shortly after
+    // the call that released them returned.
+    int count = OpenDescriptors();
+    for (int i = 0; i < 400 && count != expected; ++i) {
+        usleep(5000);
+        count = OpenDescriptors();
+    }
+    return count;
+}
+
 SweepResult Sweep(const Scenario& scenario) {
     InstallCrashReport();
     SweepResult result;
@@ -181,14 +212,14 @@ SweepResult Sweep(const Scenario& scenario) {
     if (scenario.check) {
         scenario.check();
     }
-    const int descriptors = OpenDescriptors();
+    const int descriptors = StableDescriptors();
     Arm(scenario.scope, 0, 0);
     scenario.run();
     result.points = Disarm();
     EXPECT_EQ(LiveBlocks(), scenario.kept ? scenario.kept() : 0u)
         << scenario.name << " leaks without any failure\n"
         << DescribeLiveBlocks(8);
-    EXPECT_EQ(OpenDescriptors(), descriptors) << scenario.name;
+    EXPECT_EQ(SettledDescriptors(descriptors), descriptors) << scenario.name;
     EXPECT_GT(result.points, 0u) << scenario.name << " allocates nothing";
     if (::testing::Test::HasFailure()) {
         return result;
@@ -198,7 +229,8 @@ SweepResult Sweep(const Scenario& scenario) {
         const uint64_t sample =
             failCount == 1 || failCount == kFailForever ? kSampledPoints : kSampledPoints / 4;
         for (uint64_t k : Points(result.points, sample)) {
-            if (!RunOnce(scenario, k, failCount, &result) && ++defects == kDefectsReported) {
+            if (!RunOnce(scenario, k, failCount, descriptors, &result) &&
+                ++defects == kDefectsReported) {
                 return result;
             }
             uint64_t& runs = failCount == 1              ? result.transientRuns

@@ -64,6 +64,9 @@ bool FullSweep();
 // Open descriptors of the process.
 int OpenDescriptors();
 
+// OpenDescriptors once it equals expected, or after 2 s.
+int SettledDescriptors(int expected);
+
 }  // namespace oom
 }  // namespace test
 }  // namespace vok
