@@ -82,6 +82,11 @@ const char* ModeName(uint32_t failCount) {
 // The failing indices one mode sweeps.
 std::vector<uint64_t> Points(uint64_t total, uint64_t sample) {
     std::vector<uint64_t> points;
+    // VOK_OOM_ONLY=k reproduces the runs failing from request k alone.
+    if (const char* only = std::getenv("VOK_OOM_ONLY")) {
+        points.push_back(std::strtoull(only, nullptr, 10));
+        return points;
+    }
     if (FullSweep() || total <= sample) {
         for (uint64_t k = 1; k <= total; ++k) {
             points.push_back(k);

@@ -6,7 +6,8 @@
 // counters, a normal operation) must pass, and the process must still be alive.
 //
 // VOK_OOM_FULL=1 (make oom) sweeps every k; otherwise every k of small scenarios and an evenly
-// spread sample of the larger ones, so the suite stays within its time.
+// spread sample of the larger ones, so the suite stays within its time. VOK_OOM_ONLY=k runs the
+// failures from request k only (to reproduce one finding).
 #ifndef VOK_TESTS_OOM_OOMSWEEP_H
 #define VOK_TESTS_OOM_OOMSWEEP_H
 

@@ -236,11 +236,28 @@ TEST_F(OomTest, DiagnosticRegisters) {
 
 // Runs f when the scope ends, however it ends: what a scenario created is given back on every
 // path.
+// What a scenario's clean-up threw, kept without allocating (the run may still be failing every
+// allocation) and reported by the scenario's check.
+char gCleanupFailure[256];
+
 template <typename F>
 struct Finally {
     F f;
-    ~Finally() { f(); }
+    ~Finally() {
+        try {
+            f();
+        } catch (const std::exception& e) {
+            if (gCleanupFailure[0] == '\0') {
+                std::snprintf(gCleanupFailure, sizeof gCleanupFailure, "%s", e.what());
+            }
+        }
+    }
 };
+
+void ExpectCleanCleanup() {
+    EXPECT_STREQ(gCleanupFailure, "") << "giving back what the scenario created threw";
+    gCleanupFailure[0] = '\0';
+}
 template <typename F>
 Finally<F> MakeFinally(F f) {
     return Finally<F>{f};
@@ -252,6 +269,7 @@ Finally<F> MakeFinally(F f) {
 TEST_F(OomTest, DispatcherTimerAndDescriptorMonitor) {
     Scenario dispatcher;
     dispatcher.name = "dispatcher timer, descriptor monitor";
+    dispatcher.check = [] { ExpectCleanCleanup(); };
     dispatcher.run = [] {
         RuntimeDispatcher loop;
         bool fired = false;
@@ -366,6 +384,7 @@ TEST_F(OomTest, MessagePath) {
         iface->DiscardConnectionPort(peer);
         framework->DiscardInterface(iface);
         MessageMoverFramework::StopMessageMoverFramework(framework);
+        ExpectCleanCleanup();
         EXPECT_EQ(Outstanding(), 0);
         EXPECT_EQ(IfaceCounter("oomClient", "msgsHeldByUser"), 0);
         EXPECT_EQ(IfaceCounter("oomServer", "msgsHeldByUser"), 0);
@@ -417,7 +436,10 @@ TEST_F(OomTest, BridgeAndPortMonitor) {
         Pump(
             loop, [&reads] { return reads > 0; }, 10);
     };
-    bridge.check = [] { EXPECT_EQ(Outstanding(), 0); };
+    bridge.check = [] {
+        ExpectCleanCleanup();
+        EXPECT_EQ(Outstanding(), 0);
+    };
     Sweep(bridge);
 }
 
@@ -463,6 +485,7 @@ TEST_F(OomTest, Shell) {
         stopped.Wait();
     };
     shell.check = [] {
+        ExpectCleanCleanup();
         EXPECT_TRUE(Outstanding() == 0 || Outstanding() == INT_MIN);
         // A shell whose construction failed never reached the destructor's prune; the registers
         // it made stay in the table until the next one, as every unreferenced register does.
@@ -592,6 +615,7 @@ TEST_F(OomTest, BusLibrary) {
         }
     };
     bus.check = [] {
+        ExpectCleanCleanup();
         GMainContext* context = g_main_context_new();
         {
             Handle client(context);
