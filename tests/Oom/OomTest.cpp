@@ -5,6 +5,9 @@
 #include <unistd.h>
 #include <ztlog/ztlog.h>
 
+#include <errno.h>
+#include <glib.h>
+
 #include <atomic>
 #include <climits>
 #include <cstdio>
@@ -12,6 +15,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "KelvraTestSupport.h"
 #include "MessageMover/MmTestSupport.h"
@@ -66,6 +70,94 @@ std::string OnlyBadAlloc() {
     } catch (const std::exception& e) {
         return std::string("not std::bad_alloc: ") + e.what();
     }
+}
+
+// The injector itself: numbering, the three failure patterns, every allocating entry, the
+// recorded blocks, GLib's requests passed through, and the two thread scopes.
+TEST(AllocFailureTest, FailsTheChosenRequestsOfTheChosenThreads) {
+    // Requests 2.. of five operator new calls fail as the pattern says.
+    auto pattern = [](uint32_t failCount) {
+        std::string outcome;
+        Arm(ArmScope::kCallingThread, 2, failCount);
+        for (int i = 0; i < 5; ++i) {
+            int* block = new (std::nothrow) int(i);
+            outcome += block != nullptr ? "+" : "-";
+            delete block;
+        }
+        Disarm();
+        return outcome;
+    };
+    EXPECT_EQ(pattern(1), "+-+++");
+    EXPECT_EQ(pattern(3), "+---+");
+    EXPECT_EQ(pattern(kFailForever), "+----");
+
+    // Another thread's requests do not count, nor GLib's (g_malloc aborts on failure by design).
+    std::atomic<int> stage{0};
+    bool otherAllocated = false;
+    std::thread other([&] {
+        while (stage.load() == 0) {
+        }
+        int* block = new (std::nothrow) int(2);
+        otherAllocated = block != nullptr;
+        delete block;
+        stage.store(2);
+    });
+    bool threw = false, arrayThrew = false;
+    Arm(ArmScope::kCallingThread, 1, kFailForever);
+    try {
+        int* volatile block = new int(1);  // volatile: the compiler may not drop the request.
+        delete block;
+    } catch (const std::bad_alloc&) {
+        threw = true;
+    }
+    try {
+        char* volatile block = new char[16];
+        delete[] block;
+    } catch (const std::bad_alloc&) {
+        arrayThrew = true;
+    }
+    void* alignedNew = new (std::align_val_t(64), std::nothrow) char;
+    stage.store(1);
+    while (stage.load() != 2) {
+    }
+    gpointer fromGlib = g_malloc(32);
+    const uint64_t counted = Disarm();
+    other.join();
+    EXPECT_TRUE(threw && arrayThrew && otherAllocated);
+    EXPECT_EQ(alignedNew, nullptr);
+    EXPECT_NE(fromGlib, nullptr);
+    // Three operator new calls, and with malloc counted, the two exceptions' objects (which
+    // libstdc++ then takes from its emergency pool).
+    EXPECT_EQ(counted, CountsMalloc() ? 5u : 3u);
+    g_free(fromGlib);
+
+    Arm(ArmScope::kAllThreads, 0, 0);
+    std::thread countedThread([] { delete new int(3); });
+    countedThread.join();
+    int* kept = new int(4);
+    EXPECT_EQ(Disarm(), 2u);
+    EXPECT_EQ(LiveBlocks(), 1u);
+    EXPECT_NE(DescribeLiveBlocks(4).find("4 bytes"), std::string::npos) << DescribeLiveBlocks(4);
+    delete kept;
+    EXPECT_EQ(LiveBlocks(), 0u);
+
+    if (!CountsMalloc()) {
+        return;  // Sanitizer build: the sanitizer owns malloc.
+    }
+    void* block = std::malloc(8);
+    std::memcpy(block, "1234567", 8);
+    Arm(ArmScope::kCallingThread, 1, kFailForever);
+    EXPECT_EQ(std::malloc(8), nullptr);
+    EXPECT_EQ(std::calloc(2, 8), nullptr);
+    void* moved = std::realloc(block, 4096);
+    EXPECT_EQ(moved, nullptr);
+    block = moved != nullptr ? moved : block;
+    void* aligned = nullptr;
+    EXPECT_EQ(posix_memalign(&aligned, 64, 8), ENOMEM);
+    EXPECT_EQ(aligned_alloc(64, 64), nullptr);
+    EXPECT_EQ(Disarm(), 5u);
+    EXPECT_STREQ(static_cast<char*>(block), "1234567");  // A failed realloc keeps the block.
+    std::free(block);
 }
 
 // Builds {"serviceName":"com.orvex.power","count":3,"on":true,"array":[1.5,"two",null]}.
