@@ -225,6 +225,11 @@ SweepResult Sweep(const Scenario& scenario) {
         << scenario.name << " leaks without any failure\n"
         << DescribeLiveBlocks(8);
     EXPECT_EQ(SettledDescriptors(descriptors), descriptors) << scenario.name;
+    if (result.points == 0 && !CountsMalloc()) {
+        std::printf("OOM sweep %-28s no operator new in this build (its malloc is not counted)\n",
+                    scenario.name.c_str());
+        return result;
+    }
     EXPECT_GT(result.points, 0u) << scenario.name << " allocates nothing";
     if (::testing::Test::HasFailure()) {
         return result;
