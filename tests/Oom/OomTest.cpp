@@ -232,7 +232,7 @@ TEST_F(OomTest, JsonGenerate) {
 
 // Parsing a document of numbers, the part of json-c's parser that is safe when malloc fails:
 // parsed whole or std::bad_alloc, never the document null in its place.
-TEST_F(OomTest, JsonParseNumbers) {
+TEST_F(OomTest, ParseRunningOutOfMemoryIsNotTheDocumentNull) {
     Scenario json;
     json.name = "json parse (numbers)";
     json.classify = OnlyBadAlloc;
@@ -299,9 +299,9 @@ TEST_F(OomTest, LoggingContexts) {
     Sweep(logging);
 }
 
-// Counter and string registers: create, copy, change, query one and a group, release, prune.
-// A failed creation leaves the table without the register.
-TEST_F(OomTest, DiagnosticRegisters) {
+// Counter and string registers created, copied, changed, queried, released and pruned. A
+// creation that fails (the master, or the table's map node after it) leaves no master behind.
+TEST_F(OomTest, RegisterCreationFailingLeavesNoMaster) {
     Scenario registers;
     registers.name = "diagnostic registers";
     registers.classify = OnlyBadAlloc;
@@ -317,13 +317,6 @@ TEST_F(OomTest, DiagnosticRegisters) {
                 info.value != 6) {
                 ADD_FAILURE() << "query";
             }
-            std::unique_ptr<DiagnosticRegisterCounter::Group> group(
-                DiagnosticRegisterCounter::QueryGroup("root.oom.sweep."));
-            std::unique_ptr<DiagnosticRegisterString::Group> strings(
-                DiagnosticRegisterString::QueryGroup("root.oom.sweep."));
-            if (group == nullptr || group->size() != 1 || strings == nullptr) {
-                ADD_FAILURE() << "group query";
-            }
         }
         DiagRegPruneAtAndBelow(kDiagRegLongevityDefault);
     };
@@ -337,12 +330,31 @@ TEST_F(OomTest, DiagnosticRegisters) {
     Sweep(registers);
 }
 
-// Runs f when the scope ends, however it ends: what a scenario created is given back on every
-// path.
+// A group query that runs out of memory while it fills its result frees the result.
+TEST_F(OomTest, GroupQueryFailingFreesItsResult) {
+    DiagnosticRegisterCounter first("root.oom.group.a", 1), second("root.oom.group.b", 2);
+    DiagnosticRegisterString text("root.oom.group.c", "c");
+    Scenario query;
+    query.name = "diagnostic register groups";
+    query.classify = OnlyBadAlloc;
+    query.run = [] {
+        std::unique_ptr<DiagnosticRegisterCounter::Group> counters(
+            DiagnosticRegisterCounter::QueryGroup("root.oom.group."));
+        std::unique_ptr<DiagnosticRegisterString::Group> strings(
+            DiagnosticRegisterString::QueryGroup("root.oom.group."));
+        if (counters == nullptr || counters->size() != 2 || strings == nullptr) {
+            ADD_FAILURE() << "group query";
+        }
+    };
+    Sweep(query);
+}
+
 // What a scenario's clean-up threw, kept without allocating (the run may still be failing every
 // allocation) and reported by the scenario's check.
 char gCleanupFailure[256];
 
+// Runs f when the scope ends, however it ends: what a scenario created is given back on every
+// path.
 template <typename F>
 struct Finally {
     F f;
