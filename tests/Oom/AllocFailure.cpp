@@ -359,21 +359,14 @@ void* realloc(void* block, size_t size) {
         return nullptr;
     }
     const void* caller = __builtin_return_address(0);
-    if (!Counts() || FromGlib(caller)) {
-        // A block that moves while nobody counts stays recorded only if it was.
-        const bool recorded = gLive.load(std::memory_order_relaxed) != 0 && Forget(block);
-        void* moved = RawRealloc(block, size);
-        if (recorded) {
-            Record(moved != nullptr ? moved : block, size, caller);
-        }
-        return moved;
-    }
-    if (NextFails(caller)) {
+    if (Counts() && !FromGlib(caller) && NextFails(caller)) {
         return nullptr;
     }
-    const bool recorded = Forget(block);
+    // Only a block obtained while counting is recorded, wherever it moves; growing an older one
+    // is not a new block.
+    const bool recorded = gLive.load(std::memory_order_relaxed) != 0 && Forget(block);
     void* moved = RawRealloc(block, size);
-    if (recorded || moved != nullptr) {
+    if (recorded) {
         Record(moved != nullptr ? moved : block, size, caller);
     }
     return moved;
