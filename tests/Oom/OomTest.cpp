@@ -452,12 +452,15 @@ TEST_F(OomTest, MessagePath) {
         MmCommandMessageHandle received;
         bool holdsCommand = false, holdsCopy = false, holdsReceived = false;
         auto freeCommands = MakeFinally([&] {
-            if (holdsCommand)
+            if (holdsCommand) {
                 client->FreeMessage(command);
-            if (holdsCopy)
+            }
+            if (holdsCopy) {
                 client->FreeMessage(copy);
-            if (holdsReceived)
+            }
+            if (holdsReceived) {
                 server->FreeMessage(received);
+            }
         });
         std::memset(client->CreateCommandMessage(32, &command), 'c', 32);
         holdsCommand = true;
@@ -680,10 +683,12 @@ TEST_F(OomTest, BusLibrary) {
         KVHandle* server = nullptr;
         KVHandle* client = nullptr;
         auto unregister = MakeFinally([&] {
-            if (client != nullptr)
+            if (client != nullptr) {
                 KVUnregister(client, nullptr);
-            if (server != nullptr)
+            }
+            if (server != nullptr) {
                 KVUnregister(server, nullptr);
+            }
         });
         bool cancelled = false;
         Require(KVRegister(service, &server, &error), &error, "KVRegister service");
