@@ -239,10 +239,10 @@ SweepResult Sweep(const Scenario& scenario) {
         const uint64_t sample =
             failCount == 1 || failCount == kFailForever ? kSampledPoints : kSampledPoints / 4;
         for (uint64_t k : Points(result.points, sample)) {
-            if (!RunOnce(scenario, k, failCount, descriptors, &result) &&
-                ++defects == kDefectsReported) {
-                return result;
+            if (defects == kDefectsReported) {
+                break;
             }
+            defects += RunOnce(scenario, k, failCount, descriptors, &result) ? 0 : 1;
             uint64_t& runs = failCount == 1              ? result.transientRuns
                              : failCount == kFailForever ? result.persistentRuns
                                                          : result.burstRuns;
@@ -251,14 +251,15 @@ SweepResult Sweep(const Scenario& scenario) {
     }
     std::printf(
         "OOM sweep %-28s %5llu allocation points: %llu transient, %llu persistent, %llu "
-        "runs of 2-4; %llu completed, %llu documented errors%s\n",
+        "runs of 2-4; %llu completed, %llu documented errors%s%s\n",
         scenario.name.c_str(), static_cast<unsigned long long>(result.points),
         static_cast<unsigned long long>(result.transientRuns),
         static_cast<unsigned long long>(result.persistentRuns),
         static_cast<unsigned long long>(result.burstRuns),
         static_cast<unsigned long long>(result.completed),
         static_cast<unsigned long long>(result.documentedErrors),
-        CountsMalloc() ? "" : " (operator new only)");
+        CountsMalloc() ? "" : " (operator new only)",
+        defects == kDefectsReported ? "; stopped at the 5th defect" : "");
     std::fflush(stdout);
     return result;
 }
