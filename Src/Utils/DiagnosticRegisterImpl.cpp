@@ -1,6 +1,7 @@
 #include "Src/Utils/DiagnosticRegisterImpl.h"
 
 #include <cassert>
+#include <memory>
 
 #include "Src/Utils/VokThrow.h"
 
@@ -12,18 +13,14 @@ const char kRegisterPathPrefix[] = "root.";
 
 template <typename Group, typename Map, typename Snapshot>
 Group* QueryGroupLocked(const Map& map, const std::string& prefix, Snapshot snapshot) {
-    Group* result = new Group;
+    std::unique_ptr<Group> result(new Group);
     for (typename Map::const_iterator it = map.lower_bound(prefix); it != map.end(); ++it) {
         if (it->first.compare(0, prefix.size(), prefix) != 0) {
             break;  // The map is ordered: no later path has the prefix either.
         }
         result->push_back(std::make_pair(it->first, snapshot(it->second)));
     }
-    if (result->empty()) {
-        delete result;
-        return nullptr;
-    }
-    return result;
+    return result->empty() ? nullptr : result.release();
 }
 
 }  // namespace
@@ -181,10 +178,13 @@ DiagnosticRegisterCounterMaster* DiagnosticRegisterTable::GetCounterMaster(const
     DiagnosticRegisterCounterMaster* master = FindCounterMaster(path);
     if (master == nullptr) {
         validateRegisterPath(path);
-        master = new DiagnosticRegisterCounterMaster(&valueMutex_, initialValue);
-        auto ret = counters_.insert(std::make_pair(path, master));
+        // Owned here until the map holds it: a failed insertion frees it.
+        std::unique_ptr<DiagnosticRegisterCounterMaster> created(
+            new DiagnosticRegisterCounterMaster(&valueMutex_, initialValue));
+        auto ret = counters_.insert(std::make_pair(path, created.get()));
         assert(ret.second);
         (void)ret;
+        master = created.release();
     }
     return master;
 }
@@ -195,10 +195,13 @@ DiagnosticRegisterStringMaster* DiagnosticRegisterTable::GetStringMaster(
     DiagnosticRegisterStringMaster* master = FindStringMaster(path);
     if (master == nullptr) {
         validateRegisterPath(path);
-        master = new DiagnosticRegisterStringMaster(&valueMutex_, initialValue);
-        auto ret = strings_.insert(std::make_pair(path, master));
+        // Owned here until the map holds it: a failed insertion frees it.
+        std::unique_ptr<DiagnosticRegisterStringMaster> created(
+            new DiagnosticRegisterStringMaster(&valueMutex_, initialValue));
+        auto ret = strings_.insert(std::make_pair(path, created.get()));
         assert(ret.second);
         (void)ret;
+        master = created.release();
     }
     return master;
 }

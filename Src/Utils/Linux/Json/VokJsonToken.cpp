@@ -256,7 +256,17 @@ bool JsonToken::ParseJsonString(const char* text) {
     json_tokener_free(tokener);
     if (error != json_tokener_success) {
         json_object_put(value);
+        // The scanner accepted the document, so json-c refuses it only for bad UTF-8 or too
+        // deep a nesting; any other error is an allocation that failed inside the parser.
+        if (error != json_tokener_error_parse_utf8_string && error != json_tokener_error_depth) {
+            throw std::bad_alloc();
+        }
         return false;
+    }
+    // json-c also reports success with no value when it could not allocate one; only the
+    // document null legitimately has none.
+    if (value == nullptr && text[std::strspn(text, " \t\r\n")] != 'n') {
+        throw std::bad_alloc();
     }
     JsonToken temporary;
     temporary.SetNewPimpl(PimplFromCjson_(value));
