@@ -127,8 +127,6 @@ class KelvraServiceTest : public testing::Test {
 };
 
 TEST_F(KelvraServiceTest, NamesAndMethodsAreRegisteredOnce) {
-    KVHandle* second = nullptr;
-    error_.Failed(KVRegister(name_.c_str(), &second, error_.get()), KV_ERROR_NAME_TAKEN);
     error_.Failed(KVRegisterMethod(service_.get(), "a/keep", Keep, this, error_.get()),
                   KV_ERROR_EXISTS);
     // Methods without a category, and with several.
@@ -143,6 +141,26 @@ TEST_F(KelvraServiceTest, NamesAndMethodsAreRegisteredOnce) {
     EXPECT_FALSE(KVMessageIsSubscription(requests_[0]));
     EXPECT_STREQ("x/y/z", KVMessageGetMethod(requests_[1]));
     EXPECT_TRUE(KVMessageIsSubscription(requests_[1]));
+
+    // A second handle for the name registers at once, is told once from the loop that it is not
+    // connected, and owns the name when the first lets go.
+    std::vector<bool> links;
+    KVHandle* second = nullptr;
+    ASSERT_TRUE(KVRegister(name_.c_str(), &second, error_.get()));
+    ASSERT_TRUE(KVGmainAttach(second, context_, nullptr));
+    ASSERT_TRUE(KVSetConnectionFunc(
+        second,
+        [](KVHandle*, bool up, void* links) {
+            static_cast<std::vector<bool>*>(links)->push_back(up);
+        },
+        &links, nullptr));
+    ASSERT_TRUE(WaitFor([&]() { return !links.empty(); }));
+    EXPECT_FALSE(links[0]);
+    EXPECT_FALSE(KVIsConnected(second));
+    service_.Unregister();
+    ASSERT_TRUE(WaitFor([&]() { return KVIsConnected(second); }));
+    EXPECT_EQ((std::vector<bool>{false, true}), links);
+    EXPECT_TRUE(KVUnregister(second, nullptr));
 }
 
 // One answer, or a stream until its last; a cancel before or after the first reply closes the
