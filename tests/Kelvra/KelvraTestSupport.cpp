@@ -77,8 +77,8 @@ bool Handle::Call(const std::string& uri, const std::string& payload, ReplyLog* 
                              &log->token, error);
 }
 
-TestService::TestService(const std::string& serviceName) {
-    Start({KELVRA_TEST_SERVICE, serviceName}, true, true);
+TestService::TestService(const std::string& serviceName, const char* program) {
+    Start({program != nullptr ? program : KELVRA_TEST_SERVICE, serviceName}, true, true);
     EXPECT_EQ("ready", ReadLine()) << serviceName;
 }
 
