@@ -140,6 +140,7 @@ static void PollBus(KVHandle* handle) {
     }
     handle->fd = fd;
     if (fd >= 0) {
+        handle->fdEvents = G_IO_IN;
         handle->fdTag = g_source_add_unix_fd(handle->source, fd, G_IO_IN);
     }
 }
@@ -157,8 +158,10 @@ static gboolean SourcePrepare(GSource* source, gint* timeout) {
         return TRUE; /* closed under us: dispatch handles the loss */
     }
     PollBus(handle);
+    /* Changing what is polled wakes the context up: only when sd-bus wants something else. */
     const int events = sd_bus_get_events(handle->bus);
-    if (handle->fdTag != NULL && events >= 0) {
+    if (handle->fdTag != NULL && events >= 0 && events != handle->fdEvents) {
+        handle->fdEvents = events;
         g_source_modify_unix_fd(source, handle->fdTag, (GIOCondition)events);
     }
     uint64_t until = UINT64_MAX;

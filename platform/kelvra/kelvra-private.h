@@ -73,6 +73,7 @@ struct KVHandle {
     GSource* source;
     gpointer fdTag; /* the bus descriptor's poll record in source */
     int fd;
+    int fdEvents; /* what fdTag polls for */
     gboolean unregistered;
     GQueue deferred; /* KVDeferred*, oldest first */
     KVModule modules[KV_MAX_MODULES];

@@ -87,6 +87,34 @@ TEST(KelvraApiTest, BadInputFailsWithAnError) {
     g_main_context_unref(context);
 }
 
+// A connected handle with nothing to do lets its loop sleep: no wake-up of its own per iteration.
+TEST(KelvraApiTest, AnIdleHandleLetsItsLoopSleep) {
+    Watchdog watchdog;
+    GMainContext* context = g_main_context_new();
+    {
+        Handle handle(context);
+        ASSERT_TRUE(IterateUntil(context, [&]() { return KVIsConnected(handle.get()); }));
+        bool fired = false;
+        GSource* timer = g_timeout_source_new(100);
+        g_source_set_callback(
+            timer,
+            [](gpointer fired) {
+                *static_cast<bool*>(fired) = true;
+                return G_SOURCE_REMOVE;
+            },
+            &fired, nullptr);
+        g_source_attach(timer, context);
+        int iterations = 0;
+        while (!fired) {
+            g_main_context_iteration(context, TRUE);
+            ++iterations;
+        }
+        g_source_unref(timer);
+        EXPECT_LE(iterations, 3);
+    }
+    g_main_context_unref(context);
+}
+
 // A service and a client in this process, on one context.
 class KelvraServiceTest : public testing::Test {
   protected:
