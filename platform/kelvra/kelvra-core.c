@@ -468,6 +468,10 @@ bool KVGmainAttach(KVHandle* handle, GMainContext* context, KVError* error) {
     GSource* source = g_source_new(&gSourceFuncs, sizeof(KVSource));
     ((KVSource*)source)->handle = handle;
     g_source_set_static_name(source, "kelvra");
+    /* GLib takes a source that may not recurse off the poll set while it dispatches and puts it
+     * back after, waking the context up twice per dispatch. Recursing is safe here: application
+     * functions run outside sd-bus, and the queue is taken in order by whichever dispatch runs. */
+    g_source_set_can_recurse(source, TRUE);
     handle->source = source;
     PollBus(handle);
     g_source_attach(source, handle->context);
