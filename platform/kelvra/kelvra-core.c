@@ -2,6 +2,7 @@
  * attached context, link state and reconnects, the queue of deferred work, and messages. */
 #include <errno.h>
 #include <json-c/json.h>
+#include <poll.h>
 #include <stdarg.h>
 #include <string.h>
 
@@ -273,6 +274,21 @@ static void ScheduleRetry(KVHandle* handle) {
     handle->retryDelayMs = MIN(handle->retryDelayMs * 2, KV_RETRY_MAX_MS);
 }
 
+#define KV_FLUSH_MAX_MS 250
+
+/* Writes what is still queued, waiting for the socket at most KV_FLUSH_MAX_MS in all: a bus that
+ * does not read must not hold the caller (sd_bus_flush would wait for as long as it takes). */
+static void FlushBriefly(sd_bus* bus) {
+    const gint64 deadline = g_get_monotonic_time() + KV_FLUSH_MAX_MS * 1000;
+    while (sd_bus_is_open(bus) > 0 && (sd_bus_get_events(bus) & POLLOUT) != 0) {
+        const gint64 left = (deadline - g_get_monotonic_time()) / 1000;
+        struct pollfd writable = {sd_bus_get_fd(bus), POLLOUT, 0};
+        if (left <= 0 || poll(&writable, 1, (int)left) <= 0 || sd_bus_process(bus, NULL) < 0) {
+            return;
+        }
+    }
+}
+
 /* Takes the connection from the handle. Replies and cancels sent last go out first when flush
  * is set and the connection is up (sd-bus would wait for a connection being made). */
 static void DropBus(KVHandle* handle, gboolean flush) {
@@ -283,8 +299,8 @@ static void DropBus(KVHandle* handle, gboolean flush) {
     handle->bus = NULL;
     handle->nameRequest = sd_bus_slot_unref(handle->nameRequest);
     PollBus(handle);
-    if (flush && handle->link == KV_LINK_UP && sd_bus_is_open(bus) > 0) {
-        sd_bus_flush(bus);
+    if (flush && handle->link == KV_LINK_UP) {
+        FlushBriefly(bus);
     }
     sd_bus_close(bus);
     sd_bus_unref(bus);
