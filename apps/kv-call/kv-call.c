@@ -7,22 +7,16 @@
  * last one, N replies (--count), S seconds (--timeout), or SIGINT/SIGTERM. The exit statuses are
  * in the help text below.
  *
- * --timeout bounds the whole run. The call itself carries the remaining time as its deadline for
- * the first reply, and a timer on the loop ends a subscription's run. Connecting has no such
- * bound: a bus that accepts the connection and never answers holds KVRegister for ever, so a
- * watchdog thread ends the process when connecting outlasts the deadline, with a one-line
- * message on standard error. */
-#include <errno.h>
+ * --timeout bounds the whole run: a single call carries it as its deadline for the first reply,
+ * and a timer on the loop ends a subscription's run. Connecting happens inside the loop too (the
+ * call waits for it), so a bus that accepts the connection and never answers is bounded alike. */
 #include <glib-unix.h>
 #include <glib.h>
 #include <json-c/json.h>
 #include <kelvra/kelvra.h>
-#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
-#include <unistd.h>
 
 typedef struct Options {
     const char* uri;
@@ -43,6 +37,7 @@ enum {
 
 typedef struct State {
     const Options* options;
+    KVHandle* handle;
     GMainLoop* loop;
     long received;
     gboolean ended;      /* the call has ended (last reply) */
@@ -50,33 +45,8 @@ typedef struct State {
     int status;
 } State;
 
-/* Where the main thread is, as the watchdog sees it. */
-typedef enum Phase {
-    PHASE_CONNECTING, /* registering, attaching or sending the call: nothing can stop it */
-    PHASE_WAITING,    /* in the loop, which the watchdog stops at the deadline */
-    PHASE_CLOSING,    /* cancelling and unregistering, with status decided */
-    PHASE_DONE
-} Phase;
-
-/* How long the loop may overrun the deadline, and the tidy-up take past it, before the watchdog
- * ends the process. */
-#define KV_CLOSING_GRACE_SECONDS 2
 /* Longer timeouts are this long (about 49 days): the call's deadline is 32-bit milliseconds. */
 #define KV_MAX_TIMEOUT_SECONDS 4294967.0
-
-/* The --timeout watchdog: a thread of its own, started before connecting and joined at the end.
- */
-typedef struct Watchdog {
-    pthread_mutex_t lock;   /* Protects phase and status. */
-    pthread_cond_t changed; /* Signalled when phase changes. */
-    Phase phase;
-    int status;                   /* PHASE_CLOSING: the exit status main will return */
-    struct timespec deadline;     /* CLOCK_MONOTONIC */
-    struct timespec backstop;     /* PHASE_WAITING: the deadline and the grace */
-    struct timespec closingLimit; /* PHASE_CLOSING: when the watchdog gives up on it */
-    double seconds;
-    pthread_t thread;
-} Watchdog;
 
 static void Help(void) {
     printf(
@@ -199,7 +169,9 @@ static void PrintLine(const char* payload) {
 
 /* Says on standard error why the run ended before the replies asked for came. */
 static void SayIncomplete(const State* state) {
-    if (state->received == 0) {
+    if (!KVIsConnected(state->handle)) {
+        fprintf(stderr, "kv-call: no answer from the bus within %g s\n", state->options->timeout);
+    } else if (state->received == 0) {
         fprintf(stderr, "kv-call: no reply within %g s\n", state->options->timeout);
     } else {
         fprintf(stderr, "kv-call: %ld of %ld replies within %g s\n", state->received,
@@ -291,142 +263,17 @@ static gboolean OnTimeout(gpointer data) {
     return G_SOURCE_REMOVE;
 }
 
-/* One line on standard error in one write, then the process ends: the main thread may be stuck
- * anywhere, so nothing it holds is touched. */
-static void Abandon(const char* format, double seconds, int status) {
-    char line[128];
-    int length = snprintf(line, sizeof line, format, seconds);
-    if (length > 0) {
-        ssize_t written = write(STDERR_FILENO, line, (size_t)length);
-        (void)written;
-    }
-    _exit(status);
-}
-
-static void AddSeconds(struct timespec* time, double seconds) {
+/* --timeout in milliseconds, rounded up; 0 without one. */
+static uint32_t TimeoutMs(double seconds) {
     if (seconds > KV_MAX_TIMEOUT_SECONDS) {
         seconds = KV_MAX_TIMEOUT_SECONDS;
     }
-    double whole = (double)(time_t)seconds;
-    time->tv_sec += (time_t)whole;
-    time->tv_nsec += (long)((seconds - whole) * 1e9);
-    if (time->tv_nsec >= 1000000000L) {
-        time->tv_sec += 1;
-        time->tv_nsec -= 1000000000L;
-    }
-}
-
-/* Waits until phase leaves from or the deadline passes; lock held. True when it left. */
-static gboolean WaitPhaseChange(Watchdog* watchdog, Phase from, const struct timespec* deadline) {
-    while (watchdog->phase == from) {
-        if (pthread_cond_timedwait(&watchdog->changed, &watchdog->lock, deadline) == ETIMEDOUT) {
-            return watchdog->phase != from;
-        }
-    }
-    return TRUE;
-}
-
-static void* WatchdogMain(void* data) {
-    Watchdog* watchdog = data;
-    pthread_mutex_lock(&watchdog->lock);
-    while (watchdog->phase != PHASE_DONE) {
-        Phase phase = watchdog->phase;
-        /* While waiting, the loop ends the run by itself (the call's deadline, the run's timer):
-         * the watchdog steps in only when the loop does not. */
-        const struct timespec* limit = phase == PHASE_CONNECTING ? &watchdog->deadline
-                                       : phase == PHASE_WAITING  ? &watchdog->backstop
-                                                                 : &watchdog->closingLimit;
-        if (WaitPhaseChange(watchdog, phase, limit)) {
-            continue;
-        }
-        if (phase == PHASE_CONNECTING) {
-            Abandon("kv-call: no answer from the bus within %g s\n", watchdog->seconds,
-                    KV_EXIT_INCOMPLETE);
-        }
-        if (phase == PHASE_WAITING) {
-            Abandon("kv-call: no reply within %g s\n", watchdog->seconds, KV_EXIT_INCOMPLETE);
-        }
-        Abandon("kv-call: the bus did not let go within %g s\n", watchdog->seconds,
-                watchdog->status);
-    }
-    pthread_mutex_unlock(&watchdog->lock);
-    return NULL;
-}
-
-static int CompareTimes(const struct timespec* a, const struct timespec* b) {
-    if (a->tv_sec != b->tv_sec) {
-        return a->tv_sec < b->tv_sec ? -1 : 1;
-    }
-    return a->tv_nsec < b->tv_nsec ? -1 : a->tv_nsec > b->tv_nsec;
-}
-
-static void WatchdogSetPhase(Watchdog* watchdog, Phase phase, int status) {
-    if (watchdog == NULL) {
-        return;
-    }
-    pthread_mutex_lock(&watchdog->lock);
-    if (phase == PHASE_CLOSING) {
-        /* The grace runs from the deadline, or from now when that has passed. */
-        struct timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        watchdog->closingLimit =
-            CompareTimes(&now, &watchdog->deadline) > 0 ? now : watchdog->deadline;
-        AddSeconds(&watchdog->closingLimit, KV_CLOSING_GRACE_SECONDS);
-    }
-    watchdog->phase = phase;
-    watchdog->status = status;
-    pthread_cond_signal(&watchdog->changed);
-    pthread_mutex_unlock(&watchdog->lock);
-}
-
-/* Milliseconds from now until the watchdog's deadline, rounded up, at least 1. */
-static uint32_t RemainingMs(const Watchdog* watchdog) {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    double ms = (double)(watchdog->deadline.tv_sec - now.tv_sec) * 1e3 +
-                (double)(watchdog->deadline.tv_nsec - now.tv_nsec) / 1e6;
-    if (ms < 1) {
-        return 1;
-    }
+    const double ms = seconds * 1e3;
     if (ms >= 4294967295.0) {
         return UINT32_MAX;
     }
-    uint32_t whole = (uint32_t)ms;
+    const uint32_t whole = (uint32_t)ms;
     return (double)whole < ms ? whole + 1 : whole;
-}
-
-/* Starts the watchdog for a run of seconds from now; exits when it cannot. */
-static Watchdog* WatchdogStart(double seconds) {
-    Watchdog* watchdog = g_new0(Watchdog, 1);
-    pthread_condattr_t attributes;
-    pthread_condattr_init(&attributes);
-    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-    pthread_mutex_init(&watchdog->lock, NULL);
-    pthread_cond_init(&watchdog->changed, &attributes);
-    pthread_condattr_destroy(&attributes);
-    watchdog->phase = PHASE_CONNECTING;
-    watchdog->seconds = seconds;
-    clock_gettime(CLOCK_MONOTONIC, &watchdog->deadline);
-    AddSeconds(&watchdog->deadline, seconds);
-    watchdog->backstop = watchdog->deadline;
-    AddSeconds(&watchdog->backstop, KV_CLOSING_GRACE_SECONDS);
-    int error = pthread_create(&watchdog->thread, NULL, WatchdogMain, watchdog);
-    if (error != 0) {
-        fprintf(stderr, "kv-call: cannot start the timeout watchdog: %s\n", strerror(error));
-        exit(1);
-    }
-    return watchdog;
-}
-
-static void WatchdogStop(Watchdog* watchdog) {
-    if (watchdog == NULL) {
-        return;
-    }
-    WatchdogSetPhase(watchdog, PHASE_DONE, 0);
-    pthread_join(watchdog->thread, NULL);
-    pthread_cond_destroy(&watchdog->changed);
-    pthread_mutex_destroy(&watchdog->lock);
-    g_free(watchdog);
 }
 
 int main(int argc, char** argv) {
@@ -438,24 +285,25 @@ int main(int argc, char** argv) {
     if (exitNow) {
         return fflush(stdout) == 0 ? KV_EXIT_OK : KV_EXIT_USAGE;
     }
-    State state = {&options, g_main_loop_new(NULL, FALSE), 0, FALSE, FALSE, KV_EXIT_INCOMPLETE};
+    State state = {&options,          NULL, g_main_loop_new(NULL, FALSE), 0, FALSE, FALSE,
+                   KV_EXIT_INCOMPLETE};
     KVHandle* handle = NULL;
     KVError error;
     KVErrorInit(&error);
     char* payload =
         options.subscribe ? SubscribePayload(options.payload) : g_strdup(options.payload);
     KVMessageToken token = 0;
-    Watchdog* watchdog = options.timeout > 0 ? WatchdogStart(options.timeout) : NULL;
-    if (!KVRegister(NULL, &handle, &error) || !KVGmainAttach(handle, NULL, &error) ||
-        !KVCallWithTimeout(handle, options.uri, payload,
-                           watchdog != NULL ? RemainingMs(watchdog) : 0, OnReply, &state, &token,
-                           &error)) {
+    const uint32_t timeoutMs = TimeoutMs(options.timeout);
+    const bool registered = KVRegister(NULL, &handle, &error);
+    state.handle = handle;
+    if (!registered || !KVGmainAttach(handle, NULL, &error) ||
+        !KVCallWithTimeout(handle, options.uri, payload, options.subscribe ? 0 : timeoutMs, OnReply,
+                           &state, &token, &error)) {
         fprintf(stderr, "kv-call: %s\n", error.message);
         state.status = KV_EXIT_USAGE;
     } else {
-        WatchdogSetPhase(watchdog, PHASE_WAITING, 0);
-        if (watchdog != NULL && options.subscribe) {
-            g_timeout_add(RemainingMs(watchdog), OnTimeout, &state);
+        if (timeoutMs > 0 && options.subscribe) {
+            g_timeout_add(timeoutMs, OnTimeout, &state);
         }
         g_unix_signal_add(SIGINT, OnSignal, &state);
         g_unix_signal_add(SIGTERM, OnSignal, &state);
@@ -467,11 +315,9 @@ int main(int argc, char** argv) {
     if (state.status == KV_EXIT_OK && state.errorReply) {
         state.status = KV_EXIT_ERROR_REPLY;
     }
-    WatchdogSetPhase(watchdog, PHASE_CLOSING, state.status);
     if (handle != NULL) {
         KVUnregister(handle, NULL);
     }
-    WatchdogStop(watchdog);
     KVErrorFree(&error);
     g_free(payload);
     g_main_loop_unref(state.loop);

@@ -1,11 +1,11 @@
-// One KVCall round trip with a 100-byte payload, against a raw GDBus method call carrying the
-// same payload, both to services of one process on a private bus. The bus library adds JSON text
-// and a dispatch to the attached context, not a second round trip. Also a diag/registers call to
-// the diagnostics service of a shell carrying kDiagRegisters registers, against the echo call:
-// what a vokctl user waits for beyond the bus itself.
+// One KVCall round trip with a 100-byte payload, against sd_bus_call_method carrying the same
+// payload to the same kelvra service (in a thread of this process) on a private bus: what the
+// bus library adds to sd-bus (JSON text, the reply dispatched on the attached context). Also a
+// diag/registers call to the diagnostics service of a shell carrying kDiagRegisters registers,
+// against the echo call: what a vokctl user waits for beyond the bus itself.
 #include <benchmark/benchmark.h>
-#include <gio/gio.h>
 #include <kelvra/kelvra.h>
+#include <systemd/sd-bus.h>
 
 #include <chrono>
 #include <cstdio>
@@ -25,8 +25,6 @@
 namespace {
 
 const char kKelvraService[] = "com.orvex.bench";
-const char kRawService[] = "com.orvex.benchraw";
-const char kRawInterface[] = "com.orvex.BenchRaw";
 // About what vok-demo has: its blades' interface counters, the framework's and its own.
 const int kDiagRegisters = 64;
 
@@ -35,17 +33,8 @@ const int kDiagRegisters = 64;
     std::abort();
 }
 
-GDBusConnection* Connect(const std::string& address) {
-    std::string error;
-    GDBusConnection* connection = vok::bench::ConnectToBus(address, &error);
-    if (connection == nullptr) {
-        Die("connect", error.c_str());
-    }
-    return connection;
-}
-
-// The private bus, both services on a thread of their own, and both clients on the benchmark
-// thread's context. Made on first use, torn down at exit.
+// The private bus, the service on a thread of its own, and both clients on the benchmark thread
+// (the bus library's on its context). Made on first use, torn down at exit.
 class BenchBus {
   public:
     BenchBus() : payload_(vok::bench::EchoPayload()), clientContext_(g_main_context_new()) {
@@ -80,7 +69,10 @@ class BenchBus {
             !KVGmainAttach(client_, clientContext_, &error)) {
             Die("client", error.message);
         }
-        rawClient_ = Connect(bus_.Address());
+        if (sd_bus_new(&sdBus_) < 0 || sd_bus_set_address(sdBus_, bus_.Address().c_str()) < 0 ||
+            sd_bus_set_bus_client(sdBus_, 1) < 0 || sd_bus_start(sdBus_) < 0) {
+            Die("sd-bus client", bus_.Address().c_str());
+        }
 
         shell_.reset(new vok::VokShell(vok::VokShellDaemonInfo("bench", ""), {}, []() {}));
         for (int i = 0; i < kDiagRegisters; ++i) {
@@ -101,8 +93,7 @@ class BenchBus {
         shell_.reset();
         registers_.clear();
         KVUnregister(client_, nullptr);
-        g_dbus_connection_close_sync(rawClient_, nullptr, nullptr);
-        g_object_unref(rawClient_);
+        sd_bus_flush_close_unref(sdBus_);
         g_main_loop_quit(serviceLoop_);
         serviceThread_.join();
         g_main_loop_unref(serviceLoop_);
@@ -133,16 +124,18 @@ class BenchBus {
         }
     }
 
-    void RawRoundTrip() {
-        bool done = false;
-        g_main_context_push_thread_default(clientContext_);
-        g_dbus_connection_call(rawClient_, kRawService, "/bench", kRawInterface, "Echo",
-                               g_variant_new("(s)", payload_.c_str()), G_VARIANT_TYPE("(s)"),
-                               G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, OnRawReply, &done);
-        while (!done) {
-            g_main_context_iteration(clientContext_, TRUE);
+    void SdBusRoundTrip() {
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_message* reply = nullptr;
+        if (sd_bus_call_method(sdBus_, kKelvraService, "/bench", "com.orvex.kelvra.Method", "echo",
+                               &error, &reply, "st", payload_.c_str(), ++sdToken_) < 0) {
+            Die("sd_bus_call_method", error.message);
         }
-        g_main_context_pop_thread_default(clientContext_);
+        const char* text = nullptr;
+        int more = 0;
+        sd_bus_message_read(reply, "sb", &text, &more);
+        benchmark::DoNotOptimize(text);
+        sd_bus_message_unref(reply);
     }
 
   private:
@@ -176,20 +169,8 @@ class BenchBus {
         return true;
     }
 
-    static void OnRawReply(GObject* source, GAsyncResult* result, gpointer done) {
-        GError* error = nullptr;
-        GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
-        if (reply == nullptr) {
-            Die("raw call", error->message);
-        }
-        g_variant_unref(reply);
-        *static_cast<bool*>(done) = true;
-    }
-
-    // On the service thread, with its context as the thread's default (GDBus dispatches the raw
-    // service's calls there).
+    // On the service thread.
     void StartServices() {
-        g_main_context_push_thread_default(serviceContext_);
         KVError error;
         KVErrorInit(&error);
         if (!KVRegister(kKelvraService, &service_, &error) ||
@@ -197,34 +178,23 @@ class BenchBus {
             !KVGmainAttach(service_, serviceContext_, &error)) {
             Die("service", error.message);
         }
-        rawService_ = Connect(bus_.Address());
-        std::string gerror;
-        rawObject_ =
-            vok::bench::ServeGdbusEcho(rawService_, kRawInterface, "/bench", kRawService, &gerror);
-        if (rawObject_ == 0) {
-            Die("raw service", gerror.c_str());
+        while (!KVIsConnected(service_)) {
+            g_main_context_iteration(serviceContext_, TRUE);
         }
     }
 
-    void StopServices() {
-        g_dbus_connection_unregister_object(rawService_, rawObject_);
-        g_dbus_connection_close_sync(rawService_, nullptr, nullptr);
-        g_object_unref(rawService_);
-        KVUnregister(service_, nullptr);
-        g_main_context_pop_thread_default(serviceContext_);
-    }
+    void StopServices() { KVUnregister(service_, nullptr); }
 
     vok::test::PrivateBus bus_;
     std::string payload_;
     GMainContext* clientContext_;
     KVHandle* client_ = nullptr;
-    GDBusConnection* rawClient_ = nullptr;
+    sd_bus* sdBus_ = nullptr;
+    uint64_t sdToken_ = 0;
     GMainContext* serviceContext_ = nullptr;
     GMainLoop* serviceLoop_ = nullptr;
     std::thread serviceThread_;
     KVHandle* service_ = nullptr;
-    GDBusConnection* rawService_ = nullptr;
-    guint rawObject_ = 0;
     std::unique_ptr<vok::VokShell> shell_;
     std::vector<std::unique_ptr<vok::DiagnosticRegisterCounter>> registers_;
     std::unique_ptr<vok::DiagBusService> diag_;
@@ -252,13 +222,13 @@ void RoundTrips(benchmark::State& state) {
     }
 }
 
-void BM_RawGDBusRoundTrip(benchmark::State& state) {
-    RoundTrips<&BenchBus::RawRoundTrip, &BenchBus::KelvraRoundTrip>(state);
+void BM_SdBusCallRoundTrip(benchmark::State& state) {
+    RoundTrips<&BenchBus::SdBusRoundTrip, &BenchBus::KelvraRoundTrip>(state);
 }
-BENCHMARK(BM_RawGDBusRoundTrip)->UseManualTime();
+BENCHMARK(BM_SdBusCallRoundTrip)->UseManualTime();
 
 void BM_KVCallRoundTrip(benchmark::State& state) {
-    RoundTrips<&BenchBus::KelvraRoundTrip, &BenchBus::RawRoundTrip>(state);
+    RoundTrips<&BenchBus::KelvraRoundTrip, &BenchBus::SdBusRoundTrip>(state);
 }
 BENCHMARK(BM_KVCallRoundTrip)->UseManualTime();
 
@@ -269,6 +239,6 @@ BENCHMARK(BM_DiagRegistersRoundTrip)->UseManualTime();
 
 }  // namespace
 
-VOK_BENCH_RATIO("BM_KVCallRoundTrip/manual_time", "BM_RawGDBusRoundTrip/manual_time", 1.3);
+VOK_BENCH_RATIO("BM_KVCallRoundTrip/manual_time", "BM_SdBusCallRoundTrip/manual_time", 1.0);
 // Reported, no target: the reply carries kDiagRegisters registers as JSON.
 VOK_BENCH_RATIO("BM_DiagRegistersRoundTrip/manual_time", "BM_KVCallRoundTrip/manual_time", 0);

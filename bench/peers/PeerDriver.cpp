@@ -397,6 +397,16 @@ int main(int argc, char** argv) {
             }
         }
     }
+    // The footprint section comes from a program of its own, run once after the timed ones.
+    std::fprintf(stderr, "peer-driver: footprint\n");
+    const std::string footprint = "'" + programDir + "/peer-footprint' '" + programDir + "' 3";
+    if (FILE* pipe = popen(footprint.c_str(), "r")) {
+        char line[512];
+        while (std::fgets(line, sizeof line, pipe) != nullptr) {
+            report << line;
+        }
+        pclose(pipe);
+    }
     std::fputs(report.str().c_str(), stdout);
     std::fflush(stdout);
     std::ofstream(resultsDir + "/peers-" + stamp + ".txt") << report.str();

@@ -4,6 +4,35 @@
 
 #include "kelvra-private.h"
 
+typedef enum KVCallKind {
+    KV_CALL_REMOTE, /* a call to a service */
+    KV_CALL_STATUS  /* registerServerStatus, answered by the library */
+} KVCallKind;
+
+/* A client call that has not ended. */
+typedef struct KVCallRecord {
+    KVHandle* handle; /* not a reference: calls go with the handle */
+    KVMessageToken token;
+    KVCallKind kind;
+    KVReplyFunc func;
+    void* userData;
+    char* name;           /* the service's well-known name (remote) or the watched name (status) */
+    char* owner;          /* remote: unique name of the service once it replied with more to come */
+    sd_bus_slot* slot;    /* remote: the first reply, until it comes; dropping it cancels */
+    sd_bus_slot* confirm; /* remote: the bus's answer that confirms endCode, see EndConfirmed */
+    int endCode;
+    char* endText;
+    gboolean statusSent;  /* status: the first reply has gone out */
+    gboolean connected;   /* status: the last state reported */
+    gboolean unavailable; /* remote: made without a bus; its error reply is due */
+    GSource* timeout;     /* until the first reply when the call has a deadline, else NULL */
+} KVCallRecord;
+
+struct KVClient {
+    GHashTable* calls; /* KVMessageToken* -> KVCallRecord*, open calls */
+    KVMessageToken lastToken;
+};
+
 static void StopTimeout(KVCallRecord* call) {
     if (call->timeout != NULL) {
         g_source_destroy(call->timeout);
@@ -12,24 +41,29 @@ static void StopTimeout(KVCallRecord* call) {
     }
 }
 
-void KvCallRecordFree(KVCallRecord* call) {
+static void CallRecordFree(gpointer data) {
+    KVCallRecord* call = data;
     StopTimeout(call);
+    sd_bus_slot_unref(call->slot);
+    sd_bus_slot_unref(call->confirm);
     g_free(call->name);
     g_free(call->owner);
+    g_free(call->endText);
     g_free(call);
 }
 
-/* Forgets a call and what it awaits or watches. */
+static KVCallRecord* FindCall(KVHandle* handle, KVMessageToken token) {
+    return g_hash_table_lookup(handle->client->calls, &token);
+}
+
+/* Forgets a call and what it watches; an awaited reply is dropped with the slot. */
 static void RemoveCall(KVHandle* handle, KVCallRecord* call) {
-    if (call->serial != 0) {
-        KvForgetSerial(handle, call->serial);
-    }
     if (call->kind == KV_CALL_STATUS) {
         KvWatchRemove(handle, call->name);
     } else if (call->owner != NULL) {
         KvWatchRemove(handle, call->owner);
     }
-    g_hash_table_remove(handle->calls, &call->token);
+    g_hash_table_remove(handle->client->calls, &call->token);
 }
 
 /* Calls the reply function with payload (taken). A last reply ends the call first, so that the
@@ -37,7 +71,7 @@ static void RemoveCall(KVHandle* handle, KVCallRecord* call) {
 static void Deliver(KVHandle* handle, KVCallRecord* call, char* payload, gboolean last) {
     KVReplyFunc func = call->func;
     void* userData = call->userData;
-    KVMessage* reply = KvMessageNew(handle, KV_MESSAGE_REPLY, payload);
+    KVMessage* reply = KvMessageNew(handle, KV_MESSAGE_REPLY, sizeof(KVMessage), payload);
     reply->last = last;
     /* The deadline bounds the wait for the first reply only. */
     StopTimeout(call);
@@ -52,17 +86,50 @@ static void DeliverError(KVHandle* handle, KVCallRecord* call, int code, const c
     Deliver(handle, call, KvErrorPayload(code, text), TRUE);
 }
 
+static void EndConfirmed(KVHandle* handle, sd_bus_message* reply, guint64 token) {
+    (void)reply;
+    KVCallRecord* call = FindCall(handle, token);
+    if (call != NULL && call->endText != NULL) {
+        DeliverError(handle, call, call->endCode, call->endText);
+    }
+}
+
+static int OnConfirmReply(sd_bus_message* reply, void* data, sd_bus_error* error) {
+    (void)error;
+    KVCallRecord* call = data;
+    call->confirm = sd_bus_slot_unref(call->confirm);
+    KvCoreDefer(call->handle, EndConfirmed, reply, call->token);
+    return 1;
+}
+
+/* Ends a call because its service left, once the bus has answered one more request. A bus that
+ * is going away drops its other clients (the service among them) before it drops this one: the
+ * call then ends with the bus's loss (KV_ERROR_BUS_UNAVAILABLE), which is what happened. */
+static void EndWhenBusConfirms(KVHandle* handle, KVCallRecord* call, int code, const char* text) {
+    if (call->endText != NULL) {
+        return;
+    }
+    call->endCode = code;
+    call->endText = g_strdup(text);
+    if (!KvCoreCanSend(handle) ||
+        sd_bus_call_method_async(handle->bus, &call->confirm, KV_BUS_NAME, KV_BUS_PATH, KV_BUS_NAME,
+                                 "GetId", OnConfirmReply, call, "") < 0) {
+        /* No request can go out: the connection's loss ends the call from the loop. */
+        call->confirm = NULL;
+    }
+}
+
 static int CodeOfBusError(const char* name) {
     static const struct {
         const char* name;
         int code;
     } kCodes[] = {
-        {"org.freedesktop.DBus.Error.ServiceUnknown", KV_ERROR_NO_SERVICE},
-        {"org.freedesktop.DBus.Error.NameHasNoOwner", KV_ERROR_NO_SERVICE},
-        {"org.freedesktop.DBus.Error.UnknownMethod", KV_ERROR_NO_METHOD},
-        {"org.freedesktop.DBus.Error.UnknownObject", KV_ERROR_NO_METHOD},
-        {"org.freedesktop.DBus.Error.UnknownInterface", KV_ERROR_NO_METHOD},
-        {"org.freedesktop.DBus.Error.NoReply", KV_ERROR_NO_REPLY},
+        {SD_BUS_ERROR_SERVICE_UNKNOWN, KV_ERROR_NO_SERVICE},
+        {SD_BUS_ERROR_NAME_HAS_NO_OWNER, KV_ERROR_NO_SERVICE},
+        {SD_BUS_ERROR_UNKNOWN_METHOD, KV_ERROR_NO_METHOD},
+        {SD_BUS_ERROR_UNKNOWN_OBJECT, KV_ERROR_NO_METHOD},
+        {SD_BUS_ERROR_UNKNOWN_INTERFACE, KV_ERROR_NO_METHOD},
+        {SD_BUS_ERROR_NO_REPLY, KV_ERROR_NO_REPLY},
     };
     for (size_t i = 0; i < G_N_ELEMENTS(kCodes); ++i) {
         if (g_strcmp0(name, kCodes[i].name) == 0) {
@@ -72,46 +139,44 @@ static int CodeOfBusError(const char* name) {
     return KV_ERROR_BUS;
 }
 
-static KVCallRecord* FindCall(KVHandle* handle, KVMessageToken token) {
-    return g_hash_table_lookup(handle->calls, &token);
-}
-
-static KVCallRecord* AddCall(KVHandle* handle, KVMessageToken token, KVCallKind kind,
-                             KVReplyFunc func, void* userData, const char* name) {
+static KVCallRecord* AddCall(KVHandle* handle, KVCallKind kind, KVReplyFunc func, void* userData,
+                             const char* name) {
     KVCallRecord* call = g_new0(KVCallRecord, 1);
-    call->token = token;
+    call->handle = handle;
+    call->token = ++handle->client->lastToken;
     call->kind = kind;
     call->func = func;
     call->userData = userData;
     call->name = g_strdup(name);
-    g_hash_table_insert(handle->calls, &call->token, call);
+    g_hash_table_insert(handle->client->calls, &call->token, call);
     return call;
 }
 
-void KvClientOnReply(KVHandle* handle, KVPending* pending, GDBusMessage* reply) {
-    KVCallRecord* call = FindCall(handle, pending->token);
-    if (call == NULL || call->serial != g_dbus_message_get_reply_serial(reply)) {
+static void OnFirstReply(KVHandle* handle, sd_bus_message* reply, guint64 token) {
+    KVCallRecord* call = FindCall(handle, token);
+    if (call == NULL) {
         return;
     }
-    call->serial = 0;
-    if (g_dbus_message_get_message_type(reply) == G_DBUS_MESSAGE_TYPE_ERROR) {
-        GError* gerror = NULL;
-        g_dbus_message_to_gerror(reply, &gerror);
-        g_dbus_error_strip_remote_error(gerror);
-        DeliverError(handle, call, CodeOfBusError(g_dbus_message_get_error_name(reply)),
-                     gerror->message);
-        g_error_free(gerror);
+    const sd_bus_error* error = sd_bus_message_get_error(reply);
+    if (error != NULL) {
+        const int code = CodeOfBusError(error->name);
+        const char* text = error->message != NULL ? error->message : error->name;
+        /* The bus answers so for a service that left without replying. */
+        if (code == KV_ERROR_NO_REPLY &&
+            g_strcmp0(sd_bus_message_get_sender(reply), KV_BUS_NAME) == 0) {
+            EndWhenBusConfirms(handle, call, code, text);
+        } else {
+            DeliverError(handle, call, code, text);
+        }
         return;
     }
-    GVariant* body = g_dbus_message_get_body(reply);
-    const char* sender = g_dbus_message_get_sender(reply);
-    if (body == NULL || !g_variant_is_of_type(body, G_VARIANT_TYPE("(sb)")) || sender == NULL) {
+    const char* payload = NULL;
+    int more = 0;
+    const char* sender = sd_bus_message_get_sender(reply);
+    if (sender == NULL || sd_bus_message_read(reply, "sb", &payload, &more) < 0) {
         DeliverError(handle, call, KV_ERROR_PROTOCOL, "The service's reply is not a kelvra reply");
         return;
     }
-    const char* payload;
-    gboolean more;
-    g_variant_get(body, "(&sb)", &payload, &more);
     if (more) {
         /* Further replies come from this connection, and end if it leaves the bus. */
         call->owner = g_strdup(sender);
@@ -120,21 +185,38 @@ void KvClientOnReply(KVHandle* handle, KVPending* pending, GDBusMessage* reply) 
     Deliver(handle, call, g_strdup(payload), !more);
 }
 
-void KvClientOnReplySignal(KVHandle* handle, GDBusMessage* signal) {
-    GVariant* body = g_dbus_message_get_body(signal);
-    if (body == NULL || !g_variant_is_of_type(body, G_VARIANT_TYPE("(tsb)"))) {
+static int OnCallReply(sd_bus_message* reply, void* data, sd_bus_error* error) {
+    (void)error;
+    KVCallRecord* call = data;
+    call->slot = sd_bus_slot_unref(call->slot);
+    KvCoreDefer(call->handle, OnFirstReply, reply, call->token);
+    return 1;
+}
+
+static void OnReplySignal(KVHandle* handle, sd_bus_message* signal, guint64 key) {
+    (void)key;
+    uint64_t token = 0;
+    const char* payload = NULL;
+    int more = 0;
+    if (sd_bus_message_read(signal, "tsb", &token, &payload, &more) < 0) {
         return;
     }
-    guint64 token;
-    const char* payload;
-    gboolean more;
-    g_variant_get(body, "(t&sb)", &token, &payload, &more);
     KVCallRecord* call = FindCall(handle, token);
     if (call == NULL || call->kind != KV_CALL_REMOTE || call->owner == NULL ||
-        g_strcmp0(call->owner, g_dbus_message_get_sender(signal)) != 0) {
+        call->endText != NULL || g_strcmp0(call->owner, sd_bus_message_get_sender(signal)) != 0) {
         return;
     }
     Deliver(handle, call, g_strdup(payload), !more);
+}
+
+/* Later replies of subscriptions: signals sent to this connection alone. */
+static int ClientFilter(sd_bus_message* message, void* data, sd_bus_error* error) {
+    (void)error;
+    if (!sd_bus_message_is_signal(message, KV_CLIENT_INTERFACE, "Reply")) {
+        return 0;
+    }
+    KvCoreDefer(data, OnReplySignal, message, 0);
+    return 1;
 }
 
 static char* StatusPayload(const char* name, gboolean connected) {
@@ -154,7 +236,9 @@ static void SendStatus(KVHandle* handle, KVCallRecord* call, gboolean connected)
     Deliver(handle, call, StatusPayload(call->name, connected), FALSE);
 }
 
-void KvClientOnLocalDue(KVHandle* handle, KVMessageToken token) {
+/* A call answered by the library itself (status, or made without a bus) is due its reply. */
+static void OnLocalDue(KVHandle* handle, sd_bus_message* message, guint64 token) {
+    (void)message;
     KVCallRecord* call = FindCall(handle, token);
     if (call == NULL) {
         return;
@@ -166,34 +250,49 @@ void KvClientOnLocalDue(KVHandle* handle, KVMessageToken token) {
         }
         return;
     }
-    if (call->statusSent) {
-        return;
-    }
-    KVWatch* watch = g_hash_table_lookup(handle->watches, call->name);
-    if (watch != NULL && watch->known) {
+    KVWatch* watch = KvWatchFind(handle, call->name);
+    if (!call->statusSent && watch != NULL && watch->known) {
         SendStatus(handle, call, watch->owner != NULL);
     }
 }
 
-void KvClientOnOwnerChanged(KVHandle* handle, const char* name, const char* oldOwner,
-                            const char* newOwner, gboolean initial) {
-    /* Reply functions may end any call: collect the tokens first, look each up again. */
+/* Reply functions may end any call: the tokens are collected first, each looked up again. */
+static GArray* Tokens(KVHandle* handle, gboolean (*select)(KVCallRecord*, const void*),
+                      const void* data) {
     GArray* tokens = g_array_new(FALSE, FALSE, sizeof(KVMessageToken));
     GHashTableIter iter;
     gpointer value;
-    g_hash_table_iter_init(&iter, handle->calls);
+    g_hash_table_iter_init(&iter, handle->client->calls);
     while (g_hash_table_iter_next(&iter, NULL, &value)) {
-        KVCallRecord* call = value;
-        /* A status call hears of changes once it has its first reply; the owner's first answer
-         * (also after a reconnect) reaches every status call of the name. */
-        if ((call->kind == KV_CALL_STATUS && strcmp(call->name, name) == 0 &&
-             (initial || call->statusSent)) ||
-            (call->kind == KV_CALL_REMOTE && newOwner == NULL &&
-             g_strcmp0(call->owner, name) == 0)) {
-            g_array_append_val(tokens, call->token);
+        if (select == NULL || select(value, data)) {
+            g_array_append_val(tokens, ((KVCallRecord*)value)->token);
         }
     }
-    gboolean connected = newOwner != NULL;
+    return tokens;
+}
+
+typedef struct KVOwnerChange {
+    const char* name;
+    const char* newOwner;
+    gboolean initial;
+} KVOwnerChange;
+
+/* A status call hears of changes once it has its first reply; the owner's first answer (also
+ * after a reconnect) reaches every status call of the name. A remote call hears of its
+ * service's leaving. */
+static gboolean Concerns(KVCallRecord* call, const void* data) {
+    const KVOwnerChange* change = data;
+    if (call->kind == KV_CALL_STATUS) {
+        return strcmp(call->name, change->name) == 0 && (change->initial || call->statusSent);
+    }
+    return change->newOwner == NULL && g_strcmp0(call->owner, change->name) == 0;
+}
+
+static void OnOwnerChanged(KVHandle* handle, const char* name, const char* oldOwner,
+                           const char* newOwner, gboolean initial) {
+    const KVOwnerChange change = {name, newOwner, initial};
+    GArray* tokens = Tokens(handle, Concerns, &change);
+    const gboolean connected = newOwner != NULL;
     for (guint i = 0; i < tokens->len && !handle->unregistered; ++i) {
         KVMessageToken token = g_array_index(tokens, KVMessageToken, i);
         KVCallRecord* call = FindCall(handle, token);
@@ -201,8 +300,8 @@ void KvClientOnOwnerChanged(KVHandle* handle, const char* name, const char* oldO
             continue;
         }
         if (call->kind == KV_CALL_REMOTE) {
-            DeliverError(handle, call, KV_ERROR_SERVICE_GONE,
-                         "The service left the bus while the call was open");
+            EndWhenBusConfirms(handle, call, KV_ERROR_SERVICE_GONE,
+                               "The service left the bus while the call was open");
             continue;
         }
         if (!initial && oldOwner != NULL && newOwner != NULL) {
@@ -220,15 +319,10 @@ void KvClientOnOwnerChanged(KVHandle* handle, const char* name, const char* oldO
     g_array_free(tokens, TRUE);
 }
 
-void KvClientOnBusLost(KVHandle* handle) {
-    GArray* tokens = g_array_new(FALSE, FALSE, sizeof(KVMessageToken));
-    GHashTableIter iter;
-    gpointer value;
-    g_hash_table_iter_init(&iter, handle->calls);
-    while (g_hash_table_iter_next(&iter, NULL, &value)) {
-        g_array_append_val(tokens, ((KVCallRecord*)value)->token);
-    }
-    /* Remote calls end; status calls report every service gone and stay until cancelled. */
+/* The connection is gone (or never came): remote calls end; status calls report every service
+ * gone and stay until cancelled. */
+static void OnDown(KVHandle* handle) {
+    GArray* tokens = Tokens(handle, NULL, NULL);
     for (guint i = 0; i < tokens->len && !handle->unregistered; ++i) {
         KVCallRecord* call = FindCall(handle, g_array_index(tokens, KVMessageToken, i));
         if (call == NULL) {
@@ -247,8 +341,7 @@ void KvClientOnBusLost(KVHandle* handle) {
 /* registerServerStatus: {"serviceName": NAME}. */
 static gboolean StartStatusCall(KVHandle* handle, const char* payload, KVReplyFunc func,
                                 void* userData, KVMessageToken* token, KVError* error) {
-    enum json_tokener_error parseError;
-    json_object* request = json_tokener_parse_verbose(payload, &parseError);
+    json_object* request = json_tokener_parse(payload);
     json_object* nameValue = NULL;
     const char* name = NULL;
     if (request != NULL && json_object_is_type(request, json_type_object) &&
@@ -256,77 +349,77 @@ static gboolean StartStatusCall(KVHandle* handle, const char* payload, KVReplyFu
         json_object_is_type(nameValue, json_type_string)) {
         name = json_object_get_string(nameValue);
     }
-    if (name == NULL || !g_dbus_is_name(name)) {
+    if (!KvIsBusName(name)) {
         KvErrorSet(error, KV_ERROR_BAD_PAYLOAD,
                    "registerServerStatus needs {\"serviceName\": NAME} with a bus name");
         json_object_put(request);
         return FALSE;
     }
-    KVCallRecord* call = AddCall(handle, ++handle->lastToken, KV_CALL_STATUS, func, userData, name);
+    KVCallRecord* call = AddCall(handle, KV_CALL_STATUS, func, userData, name);
     json_object_put(request);
-    KVWatch* watch = KvWatchAdd(handle, call->name);
-    if (watch->known) {
-        g_queue_push_tail(&handle->localItems, g_memdup2(&call->token, sizeof call->token));
-        KvScheduleDispatch(handle);
+    if (KvWatchAdd(handle, call->name)->known) {
+        KvCoreDefer(handle, OnLocalDue, NULL, call->token);
     }
-    if (token != NULL) {
-        *token = call->token;
-    }
+    *token = call->token;
     return TRUE;
-}
-
-/* A call made while the handle has no connection: its error reply comes from the loop. */
-static void StartUnavailableCall(KVHandle* handle, const char* service, KVReplyFunc func,
-                                 void* userData, KVMessageToken* token) {
-    KVCallRecord* call =
-        AddCall(handle, ++handle->lastToken, KV_CALL_REMOTE, func, userData, service);
-    call->unavailable = TRUE;
-    g_queue_push_tail(&handle->localItems, g_memdup2(&call->token, sizeof call->token));
-    KvScheduleDispatch(handle);
-    if (token != NULL) {
-        *token = call->token;
-    }
 }
 
 static gboolean StartRemoteCall(KVHandle* handle, const char* service, const char* path,
                                 const char* member, const char* payload, KVReplyFunc func,
                                 void* userData, KVMessageToken* token, KVError* error) {
-    KVMessageToken next = ++handle->lastToken;
-    GDBusMessage* message =
-        g_dbus_message_new_method_call(service, path, KV_METHOD_INTERFACE, member);
-    g_dbus_message_set_body(message, g_variant_new("(st)", payload, (guint64)next));
-    g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
-    KVPending* pending = g_new0(KVPending, 1);
-    pending->kind = KV_PENDING_CALL;
-    pending->token = next;
-    guint32 serial = KvSend(handle, message, pending, error);
-    g_object_unref(message);
-    if (serial == 0) {
-        return FALSE;
-    }
-    KVCallRecord* call = AddCall(handle, next, KV_CALL_REMOTE, func, userData, service);
-    call->serial = serial;
-    if (token != NULL) {
+    if (!KvCoreCanSend(handle)) {
+        /* No connection: the error reply comes from the loop. */
+        KVCallRecord* call = AddCall(handle, KV_CALL_REMOTE, func, userData, service);
+        call->unavailable = TRUE;
+        KvCoreDefer(handle, OnLocalDue, NULL, call->token);
         *token = call->token;
+        return TRUE;
     }
+    sd_bus_message* message = NULL;
+    const KVMessageToken next = handle->client->lastToken + 1;
+    int result = sd_bus_message_new_method_call(handle->bus, &message, service, path,
+                                                KV_METHOD_INTERFACE, member);
+    if (result >= 0) {
+        result = sd_bus_message_set_auto_start(message, 0);
+    }
+    if (result >= 0) {
+        result = sd_bus_message_append(message, "st", payload, (uint64_t)next);
+    }
+    KVCallRecord* call = NULL;
+    if (result >= 0) {
+        call = AddCall(handle, KV_CALL_REMOTE, func, userData, service);
+        /* No deadline of sd-bus's own: a call waits for its service as long as it is open. */
+        result =
+            sd_bus_call_async(handle->bus, &call->slot, message, OnCallReply, call, UINT64_MAX);
+    }
+    sd_bus_message_unref(message);
+    if (result < 0) {
+        if (call != NULL) {
+            RemoveCall(handle, call);
+        }
+        return KvBusError(error, KV_ERROR_BUS, result, "Cannot send the call");
+    }
+    *token = call->token;
     return TRUE;
 }
 
 /* Lets the service of a remote call know that nobody waits for it any more. */
 static void TellServiceCancelled(KVHandle* handle, KVCallRecord* call) {
-    if (call->kind != KV_CALL_REMOTE || call->unavailable || !KvLinkUp(handle)) {
+    if (call->kind != KV_CALL_REMOTE || call->unavailable || !KvCoreCanSend(handle)) {
         return;
     }
     /* Before the first reply the service is reached by its name; afterwards the connection
      * that replied holds the subscription. */
-    GDBusMessage* cancel =
-        g_dbus_message_new_method_call(call->owner != NULL ? call->owner : call->name,
-                                       KV_CONTROL_PATH, KV_CONTROL_INTERFACE, "Cancel");
-    g_dbus_message_set_body(cancel, g_variant_new("(t)", (guint64)call->token));
-    g_dbus_message_set_flags(
-        cancel, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED | G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
-    KvSend(handle, cancel, NULL, NULL);
-    g_object_unref(cancel);
+    sd_bus_message* cancel = NULL;
+    if (sd_bus_message_new_method_call(handle->bus, &cancel,
+                                       call->owner != NULL ? call->owner : call->name,
+                                       KV_CONTROL_PATH, KV_CONTROL_INTERFACE, "Cancel") >= 0 &&
+        sd_bus_message_set_expect_reply(cancel, 0) >= 0 &&
+        sd_bus_message_set_auto_start(cancel, 0) >= 0 &&
+        sd_bus_message_append(cancel, "t", (uint64_t)call->token) >= 0) {
+        KvCoreSend(handle, cancel, NULL);
+    }
+    sd_bus_message_unref(cancel);
 }
 
 typedef struct KVCallDeadline {
@@ -354,7 +447,7 @@ static gboolean OnCallDeadline(gpointer data) {
     return G_SOURCE_REMOVE;
 }
 
-/* The source owns the deadline record and dies with the call (KvCallRecordFree). */
+/* The source owns the deadline record and dies with the call. */
 static void StartTimeout(KVHandle* handle, KVMessageToken token, guint32 timeoutMs) {
     KVCallRecord* call = FindCall(handle, token);
     if (call == NULL || timeoutMs == 0) {
@@ -378,8 +471,7 @@ bool KVCall(KVHandle* handle, const char* uri, const char* payload, KVReplyFunc 
 bool KVCallWithTimeout(KVHandle* handle, const char* uri, const char* payload, uint32_t timeoutMs,
                        KVReplyFunc replyFunc, void* userData, KVMessageToken* tokenOut,
                        KVError* error) {
-    KVMessageToken local = 0;
-    KVMessageToken* token = &local;
+    KVMessageToken token = 0;
     if (tokenOut != NULL) {
         *tokenOut = 0;
     }
@@ -408,13 +500,10 @@ bool KVCallWithTimeout(KVHandle* handle, const char* uri, const char* payload, u
     } else {
         char* key = KvMethodKey(path, member);
         if (strcmp(service, KV_STATUS_SERVICE) == 0 && strcmp(key, KV_STATUS_METHOD) == 0) {
-            ok = StartStatusCall(handle, payload, replyFunc, userData, token, error);
-        } else if (!KvLinkUp(handle)) {
-            StartUnavailableCall(handle, service, replyFunc, userData, token);
-            ok = TRUE;
+            ok = StartStatusCall(handle, payload, replyFunc, userData, &token, error);
         } else {
-            ok = StartRemoteCall(handle, service, path, member, payload, replyFunc, userData, token,
-                                 error);
+            ok = StartRemoteCall(handle, service, path, member, payload, replyFunc, userData,
+                                 &token, error);
         }
         g_free(key);
     }
@@ -422,9 +511,9 @@ bool KVCallWithTimeout(KVHandle* handle, const char* uri, const char* payload, u
     g_free(path);
     g_free(member);
     if (ok) {
-        StartTimeout(handle, local, timeoutMs);
+        StartTimeout(handle, token, timeoutMs);
         if (tokenOut != NULL) {
-            *tokenOut = local;
+            *tokenOut = token;
         }
     }
     return ok;
@@ -443,4 +532,26 @@ bool KVCallCancel(KVHandle* handle, KVMessageToken token, KVError* error) {
     TellServiceCancelled(handle, call);
     RemoveCall(handle, call);
     return true;
+}
+
+static void OnConnect(KVHandle* handle) {
+    sd_bus_add_filter(handle->bus, NULL, ClientFilter, handle);
+}
+
+static void OnUnregister(KVHandle* handle) {
+    g_hash_table_remove_all(handle->client->calls);
+}
+
+static void Destroy(KVHandle* handle) {
+    g_hash_table_destroy(handle->client->calls);
+    g_free(handle->client);
+}
+
+void KvClientInit(KVHandle* handle) {
+    static const KVModule kModule = {OnConnect, NULL, OnDown, OnUnregister, Destroy};
+    handle->client = g_new0(KVClient, 1);
+    handle->client->calls =
+        g_hash_table_new_full(g_int64_hash, g_int64_equal, NULL, CallRecordFree);
+    KvCoreAddModule(handle, &kModule);
+    KvNamesListen(handle, OnOwnerChanged);
 }

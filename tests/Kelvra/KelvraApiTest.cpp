@@ -87,6 +87,34 @@ TEST(KelvraApiTest, BadInputFailsWithAnError) {
     g_main_context_unref(context);
 }
 
+// A connected handle with nothing to do lets its loop sleep: no wake-up of its own per iteration.
+TEST(KelvraApiTest, AnIdleHandleLetsItsLoopSleep) {
+    Watchdog watchdog;
+    GMainContext* context = g_main_context_new();
+    {
+        Handle handle(context);
+        ASSERT_TRUE(IterateUntil(context, [&]() { return KVIsConnected(handle.get()); }));
+        bool fired = false;
+        GSource* timer = g_timeout_source_new(100);
+        g_source_set_callback(
+            timer,
+            [](gpointer fired) {
+                *static_cast<bool*>(fired) = true;
+                return G_SOURCE_REMOVE;
+            },
+            &fired, nullptr);
+        g_source_attach(timer, context);
+        int iterations = 0;
+        while (!fired) {
+            g_main_context_iteration(context, TRUE);
+            ++iterations;
+        }
+        g_source_unref(timer);
+        EXPECT_LE(iterations, 3);
+    }
+    g_main_context_unref(context);
+}
+
 // A service and a client in this process, on one context.
 class KelvraServiceTest : public testing::Test {
   protected:
@@ -127,8 +155,6 @@ class KelvraServiceTest : public testing::Test {
 };
 
 TEST_F(KelvraServiceTest, NamesAndMethodsAreRegisteredOnce) {
-    KVHandle* second = nullptr;
-    error_.Failed(KVRegister(name_.c_str(), &second, error_.get()), KV_ERROR_NAME_TAKEN);
     error_.Failed(KVRegisterMethod(service_.get(), "a/keep", Keep, this, error_.get()),
                   KV_ERROR_EXISTS);
     // Methods without a category, and with several.
@@ -143,6 +169,26 @@ TEST_F(KelvraServiceTest, NamesAndMethodsAreRegisteredOnce) {
     EXPECT_FALSE(KVMessageIsSubscription(requests_[0]));
     EXPECT_STREQ("x/y/z", KVMessageGetMethod(requests_[1]));
     EXPECT_TRUE(KVMessageIsSubscription(requests_[1]));
+
+    // A second handle for the name registers at once, is told once from the loop that it is not
+    // connected, and owns the name when the first lets go.
+    std::vector<bool> links;
+    KVHandle* second = nullptr;
+    ASSERT_TRUE(KVRegister(name_.c_str(), &second, error_.get()));
+    ASSERT_TRUE(KVGmainAttach(second, context_, nullptr));
+    ASSERT_TRUE(KVSetConnectionFunc(
+        second,
+        [](KVHandle*, bool up, void* links) {
+            static_cast<std::vector<bool>*>(links)->push_back(up);
+        },
+        &links, nullptr));
+    ASSERT_TRUE(WaitFor([&]() { return !links.empty(); }));
+    EXPECT_FALSE(links[0]);
+    EXPECT_FALSE(KVIsConnected(second));
+    service_.Unregister();
+    ASSERT_TRUE(WaitFor([&]() { return KVIsConnected(second); }));
+    EXPECT_EQ((std::vector<bool>{false, true}), links);
+    EXPECT_TRUE(KVUnregister(second, nullptr));
 }
 
 // One answer, or a stream until its last; a cancel before or after the first reply closes the

@@ -160,6 +160,65 @@ TEST_F(KelvraBusTest, CallsWithATimeoutEndAtTheirDeadline) {
     EXPECT_FALSE(stream.replies[0].last);
 }
 
+// A dying bus drops the service before it drops this client, and tells the client so. The
+// subscription ends with the bus's loss all the same: the service left because the bus did.
+TEST_F(KelvraBusTest, SubscriptionEndsWithTheBusNotTheServiceWhenTheBusDiesJustAfterIt) {
+    ReplyLog status;
+    WatchStatus(&status);
+    StartService(&status);
+    ReplyLog stream;
+    ASSERT_TRUE(client_.Call(Uri("subscribe"), "{\"subscribe\":true}", &stream));
+    ASSERT_TRUE(WaitForReplies(&stream, 1));
+    // The service's leaving reaches an observer, and so this client's socket (the bus tells
+    // everybody in one sweep); this client reads it only once the bus is dead too.
+    GMainContext* other = g_main_context_new();
+    {
+        Handle observer(other);
+        ReplyLog seen;
+        ASSERT_TRUE(observer.Call(kStatusUri, "{\"serviceName\":\"" + name_ + "\"}", &seen));
+        ASSERT_TRUE(IterateUntil(other, [&]() { return !seen.replies.empty(); }));
+        service_->Kill(SIGKILL);
+        service_->Wait();
+        ASSERT_TRUE(IterateUntil(other, [&]() { return !seen.replies.back().Bool("connected"); }));
+    }
+    g_main_context_unref(other);
+    TestBus().Kill(SIGKILL);
+    ASSERT_TRUE(WaitForReplies(&stream, 2));
+    EXPECT_EQ(KV_ERROR_BUS_UNAVAILABLE, stream.replies[1].Number("errorCode"));
+    TestBus().Restart();
+}
+
+// Generic D-Bus tools list the service's objects and methods; Peer answers on its paths.
+TEST_F(KelvraBusTest, GenericToolsSeeTheServicesMethods) {
+    ReplyLog status;
+    WatchStatus(&status);
+    StartService(&status);
+    auto busctl = [&](const std::vector<std::string>& args) {
+        std::vector<std::string> argv = {"busctl", "--address=" + TestBus().Address()};
+        argv.insert(argv.end(), args.begin(), args.end());
+        ChildProcess process;
+        process.Start(argv, false, true);
+        const std::string output = process.ReadAll();
+        EXPECT_EQ(0, process.Wait()) << args[0];
+        return output;
+    };
+    const std::string tree = busctl({"tree", "--list", name_});
+    EXPECT_EQ("/\n/com\n/com/orvex\n/com/orvex/kelvra\n/test\n", tree);
+    const std::string methods = busctl({"introspect", name_, "/test"});
+    for (const char* expected :
+         {"com.orvex.kelvra.Method", ".echo", ".subscribe", "org.freedesktop.DBus.Peer",
+          "org.freedesktop.DBus.Introspectable"}) {
+        EXPECT_NE(std::string::npos, methods.find(expected)) << expected << "\n" << methods;
+    }
+    EXPECT_NE(std::string::npos, methods.find("method    st        sb")) << methods;
+    const std::string control = busctl({"introspect", name_, "/com/orvex/kelvra"});
+    EXPECT_NE(std::string::npos, control.find("com.orvex.kelvra.Control")) << control;
+    EXPECT_NE(std::string::npos, control.find(".Cancel")) << control;
+    busctl({"call", name_, "/test", "org.freedesktop.DBus.Peer", "Ping"});
+    // The service is unharmed.
+    EXPECT_TRUE(CallOnce("echo", "{}").Bool("returnValue"));
+}
+
 }  // namespace
 }  // namespace test
 }  // namespace vok

@@ -137,9 +137,18 @@ int main(int argc, char** argv) {
     }
     service.loop = g_main_loop_new(nullptr, FALSE);
     g_unix_signal_add(SIGTERM, OnTerm, &service);
-    // It owns its name and has its methods: a call sent from now on is served.
-    std::printf("ready\n");
-    std::fflush(stdout);
+    // Once it owns its name and has its methods, a call sent from then on is served.
+    g_timeout_add(
+        5,
+        [](gpointer handle) -> gboolean {
+            if (!KVIsConnected(static_cast<KVHandle*>(handle))) {
+                return G_SOURCE_CONTINUE;
+            }
+            std::printf("ready\n");
+            std::fflush(stdout);
+            return G_SOURCE_REMOVE;
+        },
+        service.handle);
     g_main_loop_run(service.loop);
     for (KVMessage* message : service.held) {
         KVMessageUnref(message);

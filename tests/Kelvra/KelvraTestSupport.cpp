@@ -57,6 +57,9 @@ Handle::Handle(GMainContext* context, const char* serviceName) {
     KVErrorInit(&error);
     if (!KVRegister(serviceName, &handle_, &error) || !KVGmainAttach(handle_, context, &error)) {
         ADD_FAILURE() << "cannot register: " << error.message;
+    } else if (serviceName != nullptr) {
+        // Registration returns at once; the name is owned from the loop.
+        EXPECT_TRUE(IterateUntil(context, [this]() { return KVIsConnected(handle_); }));
     }
     KVErrorFree(&error);
 }
@@ -74,8 +77,8 @@ bool Handle::Call(const std::string& uri, const std::string& payload, ReplyLog* 
                              &log->token, error);
 }
 
-TestService::TestService(const std::string& serviceName) {
-    Start({KELVRA_TEST_SERVICE, serviceName}, true, true);
+TestService::TestService(const std::string& serviceName, const char* program) {
+    Start({program != nullptr ? program : KELVRA_TEST_SERVICE, serviceName}, true, true);
     EXPECT_EQ("ready", ReadLine()) << serviceName;
 }
 
@@ -125,6 +128,18 @@ PowerDaemon::PowerDaemon(GMainContext* wake) : wake_(wake) {
         }
     });
     EXPECT_TRUE(WaitForLine("ready"));
+    // Ready once it owns its name: its status as a client of the bus sees it.
+    GMainContext* context = g_main_context_new();
+    {
+        Handle observer(context);
+        ReplyLog status;
+        EXPECT_TRUE(observer.Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
+                                  "{\"serviceName\":\"com.orvex.power\"}", &status));
+        EXPECT_TRUE(IterateUntil(context, [&]() {
+            return !status.replies.empty() && status.replies.back().Bool("connected");
+        }));
+    }
+    g_main_context_unref(context);
 }
 
 void PowerDaemon::Stop(int signal) {

@@ -65,7 +65,8 @@ class Handle {
 // serviceName and serves its methods.
 class TestService : public ChildProcess {
   public:
-    explicit TestService(const std::string& serviceName);
+    // program: the test service's path; NULL: the one built with this library.
+    explicit TestService(const std::string& serviceName, const char* program = nullptr);
 };
 
 // A service name no other test uses.

@@ -30,13 +30,14 @@ struct Outcome {
 
 // kv-call through sh, to keep standard error apart in a file of its own; busAddress, when given,
 // is the bus of kv-call alone.
-Outcome RunKvCall(const std::vector<std::string>& args, const std::string& busAddress = "") {
+Outcome RunKvCall(const std::vector<std::string>& args, const std::string& busAddress = "",
+                  const char* kvCall = KV_CALL) {
     char errorsPath[] = "/tmp/vok-kv-call-errors-XXXXXX";
     close(mkstemp(errorsPath));
     const char* script =
         "[ -z \"$1\" ] || export KELVRA_BUS_ADDRESS=\"$1\"; shift;"
         " exec $VOK_TEST_EMULATOR \"$@\" 2>\"$0\"";
-    std::vector<std::string> argv = {"/bin/sh", "-c", script, errorsPath, busAddress, KV_CALL};
+    std::vector<std::string> argv = {"/bin/sh", "-c", script, errorsPath, busAddress, kvCall};
     argv.insert(argv.end(), args.begin(), args.end());
     ChildProcess process;
     process.Start(argv, false, true);
@@ -139,6 +140,50 @@ TEST(KvCallTest, PrintsRepliesAndSaysWhatWentWrong) {
     }
     service.Kill(SIGTERM);
     EXPECT_EQ(0, service.Wait());
+}
+
+// The library as it was before its transport moved to sd-bus and the library now: a client of
+// one and a service of the other talk, both ways (calls, subscriptions, cancels, errors,
+// status), and a client here sees a service of either kind.
+TEST(KvCallTest, OldAndNewLibrariesTalkBothWays) {
+#ifndef KV_CALL_OLD
+    GTEST_SKIP() << "built without the repository's history";
+#else
+    Watchdog watchdog;
+    GMainContext* context = g_main_context_new();
+    for (const char* program : {KELVRA_TEST_SERVICE_OLD, static_cast<const char*>(nullptr)}) {
+        const char* kvCall = program != nullptr ? KV_CALL : KV_CALL_OLD;
+        const std::string name = UniqueServiceName();
+        const std::string uri = "kelvra://" + name + "/test/";
+        TestService service(name, program);
+        Handle client(context);
+        ReplyLog events;
+        ASSERT_TRUE(client.Call(uri + "events", "{\"subscribe\":true}", &events));
+        ASSERT_TRUE(IterateUntil(context, [&]() { return events.replies.size() == 1; }));
+
+        Outcome echo = RunKvCall({uri + "echo", "{\"a\":1}"}, "", kvCall);
+        EXPECT_EQ("{\"returnValue\":true,\"echo\":{\"a\":1}}\n", echo.output) << kvCall;
+        Outcome missing = RunKvCall({uri + "nothing", "{}", "--ignore-errors"}, "", kvCall);
+        EXPECT_NE(std::string::npos, missing.output.find("\"errorCode\":10")) << missing.output;
+        // One reply of a subscription, then kv-call cancels it: the service tells its watcher.
+        Outcome once =
+            RunKvCall({uri + "subscribe", "{}", "--subscribe", "--count", "1"}, "", kvCall);
+        EXPECT_EQ("{\"returnValue\":true,\"n\":0}\n", once.output) << kvCall;
+        ASSERT_TRUE(IterateUntil(context, [&]() { return events.replies.size() == 2; }));
+        EXPECT_EQ(1, events.replies[1].Number("cancelled"));
+        Outcome status =
+            RunKvCall({"kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
+                       "{\"serviceName\":\"" + name + "\"}", "--subscribe", "--count", "1"},
+                      "", kvCall);
+        EXPECT_NE(std::string::npos, status.output.find("\"connected\":true")) << status.output;
+
+        service.Kill(SIGKILL);
+        service.Wait();
+        ASSERT_TRUE(IterateUntil(context, [&]() { return events.replies.size() == 3; }));
+        EXPECT_EQ(KV_ERROR_SERVICE_GONE, events.replies[2].Number("errorCode"));
+    }
+    g_main_context_unref(context);
+#endif
 }
 
 }  // namespace

@@ -56,13 +56,16 @@
  * state when it differs from the last one reported) and calls the connection function with true.
  * While the handle has no connection, KVCall still succeeds: a status call gets its first reply
  * (not connected) from the loop, and a call to a service gets, from the loop, a last reply
- * KV_ERROR_BUS_UNAVAILABLE; nothing is delivered inside KVCall itself.
+ * KV_ERROR_BUS_UNAVAILABLE; nothing is delivered inside KVCall itself. While a connection is
+ * being made (authentication, Hello, the name request all run from the loop), calls and status
+ * calls are sent on it and wait for it; if it fails they end as on a lost bus.
  *
  * Threads
  * -------
- * A handle belongs to the thread that runs the GMainContext it is attached to. Every reply
- * function, method function and cancel function runs on that thread, from that context, never
- * inside the library call that caused it and never on a D-Bus worker thread. Call the functions of
+ * A handle belongs to the thread that runs the GMainContext it is attached to. Its connection is
+ * driven by one source on that context; the library starts no thread and never blocks the loop.
+ * Every reply function, method function and cancel function runs on that thread, from that
+ * context, never inside the library call that caused it. Call the functions of
  * a handle on that thread (or before the context runs anywhere). Callbacks may call any function
  * of the library, KVUnregister included. Different handles are independent.
  *
@@ -146,10 +149,11 @@ KELVRA_EXPORT void KVErrorInit(KVError* error);
 /* Releases the message and empties the record; safe on an empty record. */
 KELVRA_EXPORT void KVErrorFree(KVError* error);
 
-/* Connects to the bus. serviceName NULL makes an anonymous client; otherwise the handle owns
- * that well-known name (KV_ERROR_NAME_TAKEN when another connection does). Requests for the
- * service are queued until the handle is attached: register its methods before. Fails with
- * KV_ERROR_BUS when the bus cannot be reached. */
+/* Makes a handle and starts connecting; returns at once. serviceName NULL makes an anonymous
+ * client; otherwise the handle requests that well-known name from the loop, and counts as
+ * connected once it owns it (while another connection owns it, the handle keeps trying as after
+ * a lost bus). The connection proceeds once the handle is attached: register its methods before.
+ * Fails with KV_ERROR_BUS when the bus's socket cannot be reached at all. */
 KELVRA_EXPORT bool KVRegister(const char* serviceName, KVHandle** handle, KVError* error);
 
 /* KVRegisterWithFlags: when the bus cannot be reached now, make the handle all the same; it
@@ -158,8 +162,9 @@ KELVRA_EXPORT bool KVRegister(const char* serviceName, KVHandle** handle, KVErro
 /* KVRegister with flags (a bitwise or of KV_REGISTER_*; 0 is KVRegister). */
 KELVRA_EXPORT bool KVRegisterWithFlags(const char* serviceName, unsigned flags, KVHandle** handle,
                                        KVError* error);
-/* Called on the attached context with false when the handle loses its bus connection and with
- * true when it has connected (and owns its service name) again. */
+/* Called on the attached context with false when the handle loses its bus connection, or when
+ * it cannot make its first one (once), and with true when it has connected (and owns its
+ * service name) after such a false. */
 typedef void (*KVConnectionFunc)(KVHandle* handle, bool connected, void* userData);
 /* Sets the handle's connection function (NULL: none). */
 KELVRA_EXPORT bool KVSetConnectionFunc(KVHandle* handle, KVConnectionFunc func, void* userData,
