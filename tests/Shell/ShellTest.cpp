@@ -354,6 +354,82 @@ TEST(ShellDeathTest, RunDaemonReportsReadinessAndStopToTheServiceManager) {
         "blade b0 and 1 more><STATUS=stopping: waiting for blade b[01]><STATUS=stopped>");
 }
 
+// Blocks what RunDaemon takes, for a thread (the watchdog) started before RunDaemon.
+void BlockDaemonSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2}) {
+        sigaddset(&signals, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+// An outside SIGUSR1 used to pass for the shell's completion and end the daemon with status 0.
+// Now the user signals go to their hooks (or are ignored) and only a stop signal ends it.
+TEST(ShellDeathTest, OutsideSigusr1NeverStopsTheDaemonAndHooksGetTheirSignals) {
+    EXPECT_EXIT(
+        {
+            BlockDaemonSignals();
+            test::Watchdog watchdog;
+            LogCapture capture;
+            TestBlade b0("b0");
+            Event user2;
+            Event reload;
+            int user2Calls = 0;
+            int reloadCalls = 0;
+            bool ignoredUser1 = false;
+            std::thread sender;
+            DaemonHooks hooks;
+            hooks.onUser2 = [&](VokShell&) {
+                ++user2Calls;
+                user2.Signal();
+            };
+            hooks.onReload = [&](VokShell&) {
+                ++reloadCalls;
+                reload.Signal();
+            };
+            hooks.beforeStart = [&](VokShell&) {
+                sender = std::thread([&]() {
+                    kill(getpid(), SIGUSR1);
+                    ignoredUser1 = capture.WaitFor("RunDaemon: ignoring SIGUSR1");
+                    kill(getpid(), SIGUSR2);
+                    user2.Wait();
+                    kill(getpid(), SIGHUP);
+                    reload.Wait();
+                    kill(getpid(), SIGTERM);
+                });
+            };
+            int signal = 0;
+            const int status = RunDaemon(VokShellDaemonInfo("testd", ""), {&b0}, hooks, &signal);
+            sender.join();
+            std::fprintf(stderr, "status %d signal %d user1 ignored %d user2 %d reload %d\n",
+                         status, signal, ignoredUser1, user2Calls, reloadCalls);
+            _exit(0);
+        },
+        ::testing::ExitedWithCode(0), "status 0 signal 15 user1 ignored 1 user2 1 reload 1");
+}
+
+// SIGHUP used to kill the daemon by its default action, without the stop handshake.
+TEST(ShellDeathTest, SighupWithoutReloadHookStopsTheDaemonCleanly) {
+    EXPECT_EXIT(
+        {
+            BlockDaemonSignals();
+            test::Watchdog watchdog;
+            TestBlade b0("b0");
+            DaemonHooks hooks;
+            hooks.beforeStart = [](VokShell&) { kill(getpid(), SIGHUP); };
+            bool stoppedCleanly = false;
+            hooks.beforeDestroy = [&](VokShell& shell) {
+                stoppedCleanly = shell.GetBladeStatus()[0].state == "stopped";
+            };
+            int signal = 0;
+            const int status = RunDaemon(VokShellDaemonInfo("testd", ""), {&b0}, hooks, &signal);
+            std::fprintf(stderr, "status %d signal %d clean %d\n", status, signal, stoppedCleanly);
+            _exit(0);
+        },
+        ::testing::ExitedWithCode(0), "status 0 signal 1 clean 1");
+}
+
 gboolean BlockUntilSignalled(gpointer event) {
     static_cast<Event*>(event)->Wait();
     return G_SOURCE_REMOVE;
