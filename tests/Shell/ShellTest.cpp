@@ -354,6 +354,54 @@ TEST(ShellDeathTest, RunDaemonReportsReadinessAndStopToTheServiceManager) {
         "blade b0 and 1 more><STATUS=stopping: waiting for blade b[01]><STATUS=stopped>");
 }
 
+// The names of this process's threads as the operating system shows them.
+std::vector<std::string> OsThreadNames() {
+    std::vector<std::string> names;
+    GDir* dir = g_dir_open("/proc/self/task", 0, nullptr);
+    for (const char* task; dir != nullptr && (task = g_dir_read_name(dir)) != nullptr;) {
+        gchar* comm = nullptr;
+        if (g_file_get_contents((std::string("/proc/self/task/") + task + "/comm").c_str(), &comm,
+                                nullptr, nullptr)) {
+            names.push_back(g_strchomp(comm));
+        }
+        g_free(comm);
+    }
+    if (dir != nullptr) {
+        g_dir_close(dir);
+    }
+    return names;
+}
+
+// Shell and blade threads used to show as the daemon itself, on 8 MiB stacks.
+TEST_F(ShellTest, ThreadsCarryTheirNamesAndTheDaemonsStackSize) {
+    TestBlade blade("sensor-aggregator-main");
+    std::vector<std::string> names;
+    size_t stackBytes = 0;
+    Event ran;
+    blade.onRun = [&](ServiceBladeEnvironment*, RuntimeDispatcher&) {
+        names = OsThreadNames();
+        pthread_attr_t attr;
+        pthread_getattr_np(pthread_self(), &attr);
+        pthread_attr_getstacksize(&attr, &stackBytes);
+        pthread_attr_destroy(&attr);
+        ran.Signal();
+    };
+    VokShellDaemonInfo info("testd", "");
+    info.threadStackBytes = 256 * 1024;
+    Event done;
+    {
+        VokShell shell(info, {&blade}, [&]() { done.Signal(); });
+        shell.StartUp();
+        ran.Wait();
+        shell.RequestStop();
+        done.Wait();
+    }
+    EXPECT_THAT(names, ::testing::IsSupersetOf({"VokShell", "sensor-aggregat"}));
+    // The C library may hand out a cached stack of up to four times the size asked for.
+    EXPECT_GE(stackBytes, info.threadStackBytes);
+    EXPECT_LE(stackBytes, 4 * info.threadStackBytes);
+}
+
 // Blocks what RunDaemon takes, for a thread (the watchdog) started before RunDaemon.
 void BlockDaemonSignals() {
     sigset_t signals;

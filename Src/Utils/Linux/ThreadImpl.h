@@ -2,14 +2,16 @@
 #ifndef VOK_SRC_UTILS_LINUX_THREADIMPL_H
 #define VOK_SRC_UTILS_LINUX_THREADIMPL_H
 
+#include <pthread.h>
+
+#include <cstddef>
 #include <functional>
 #include <string>
 
-typedef struct _GThread GThread;
-
 namespace vok {
 
-// A joinable GLib thread running a stored callable. Owned by its ThreadBase.
+// A joinable POSIX thread running a stored callable, named for the operating system after its
+// owner's name. Owned by its ThreadBase.
 class ThreadImpl {
   public:
     ThreadImpl(const std::string& name, const std::function<void()>& entry);
@@ -19,12 +21,15 @@ class ThreadImpl {
     void Start();
     void Join();
     const std::string& GetName() const { return name_; }
+    void SetStackSize(size_t bytes) { stackBytes_ = bytes; }
 
   private:
     static void* ThreadEntry(void* data);
 
-    std::string name_;  // For the owner's use; not given to the operating system.
-    GThread* pThread_;  // Null while no thread runs and after a join.
+    std::string name_;   // The owner's; its first 15 bytes name the OS thread.
+    pthread_t thread_;   // Valid while running_.
+    bool running_;       // Started and not yet joined.
+    size_t stackBytes_;  // For the next Start; 0: the C library's default.
     std::function<void()> entry_;
 };
 
