@@ -19,9 +19,9 @@ struct DaemonHooks {
     // On SIGHUP (typically: read the configuration again). Without it, SIGHUP stops the daemon
     // as SIGTERM does.
     std::function<void(VokShell&)> onReload;
-    // On SIGUSR1 and SIGUSR2. Without one, the signal is logged as ignored: it never stops the
-    // daemon.
+    // On SIGUSR1. Without it, the signal is logged as ignored: it never stops the daemon.
     std::function<void(VokShell&)> onUser1;
+    // On SIGUSR2, as onUser1 on SIGUSR1.
     std::function<void(VokShell&)> onUser2;
     // Set by EnableDiagBusService; without it, RunDaemon enables the service itself when the
     // environment has VOK_DIAG_BUS=1.
