@@ -41,14 +41,18 @@ size_t UsableStackSize(size_t bytes) {
 }  // namespace
 
 ThreadImpl::ThreadImpl(const std::string& name, const std::function<void()>& entry)
-    : name_(name), running_(false), stackBytes_(kVokDefaultThreadStackBytes), entry_(entry) {}
+    : name_(name),
+      thread_(),
+      running_(false),
+      stackBytes_(kVokDefaultThreadStackBytes),
+      entry_(entry) {}
 
 void* ThreadImpl::ThreadEntry(void* data) {
     ThreadImpl* self = static_cast<ThreadImpl*>(data);
     // Named from inside, so the name is in place before any of the thread's own code runs.
     pthread_setname_np(pthread_self(), OsThreadName(self->name_).c_str());
-    // An exception must not leave into GLib's thread code (that ends in std::terminate with no
-    // trace of where it came from): name the thread and what was thrown, then stop the process.
+    // An exception must not leave the thread's entry (that ends in std::terminate with no trace
+    // of where it came from): name the thread and what was thrown, then stop the process.
     // An empty callable raises std::bad_function_call here, on the new thread.
     try {
         self->entry_();
