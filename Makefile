@@ -92,7 +92,11 @@ oom: build
 	cd $(BUILD)/tests/Oom && VOK_OOM_FULL=1 G_SLICE=always-malloc ./OomTest
 
 # A private bus, vok-powerd and the demo daemon for DEMO_SECONDS (default 10), then stopped.
-demo: build
+# Installs and builds only what the demo runs: the libraries, vok-demo, vok-powerd and vokctl.
+demo:
+	@bash scripts/deps.sh demo
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS) --target vok-demo vok-powerd vokctl
 	bash scripts/demo.sh $(BUILD)
 
 # The demo under load for SOAK_SECONDS (default 600) while vok-powerd and the bus daemon are killed

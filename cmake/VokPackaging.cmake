@@ -19,6 +19,11 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/vokConfigVersion.cmake
 install(FILES ${CMAKE_BINARY_DIR}/vokConfig.cmake ${CMAKE_BINARY_DIR}/vokConfigVersion.cmake
         DESTINATION ${VOK_CMAKE_DIR} COMPONENT dev)
 
+# The examples, for libvok-dev: each builds on its own against the installed library.
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/examples/
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libvok-dev/examples COMPONENT dev
+        PATTERN "build*" EXCLUDE)
+
 # ---- Debian packages: cpack -G DEB (see `make deb`) ----
 set(VOK_DEB_RUNTIME libvok${PROJECT_VERSION_MAJOR})
 set(VOK_DEB_COMPONENTS runtime dev tools)
@@ -99,8 +104,9 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libglib2.0-dev, libjson-c-dev")
 set(CPACK_COMPONENT_DEV_DEPENDS runtime)
 string(CONCAT CPACK_COMPONENT_DEV_DESCRIPTION
        "framework library for long-running system daemons - development files\n"
-       "Headers of vok, libztlog and libkelvra, with pkg-config files and the CMake\n"
-       "package (find_package(vok CONFIG) gives vok::vok, vok::ztlog, vok::kelvra).")
+       "Headers of vok, libztlog and libkelvra, with pkg-config files, the CMake\n"
+       "package (find_package(vok CONFIG) gives vok::vok, vok::ztlog, vok::kelvra)\n"
+       "and example daemons in /usr/share/doc/libvok-dev/examples.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vok-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
@@ -108,6 +114,7 @@ set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
 string(CONCAT CPACK_COMPONENT_TOOLS_DESCRIPTION
        "framework library for long-running system daemons - tools\n"
        "kv-call calls a service on the platform bus, vok-console exercises the\n"
-       "message passing by hand, and vok-powerd is the reference power service.")
+       "message passing by hand, vokctl looks into running daemons, and vok-powerd\n"
+       "is the reference power service (with its systemd unit).")
 
 include(CPack)

@@ -1,10 +1,12 @@
 #!/bin/bash
 # Installs the Debian packages a target needs, only when some are missing.
-# Usage: deps.sh [base] [armhf] [tools] [peers] [packaging] [fuzz] [valgrind] [docs]
+# Usage: deps.sh [base] [demo] [armhf] [tools] [peers] [packaging] [fuzz] [valgrind] [docs]
 set -euo pipefail
 
 declare -A groups=(
     [base]="build-essential cmake pkg-config libglib2.0-dev libjson-c-dev libgtest-dev libgmock-dev libbenchmark-dev dbus-daemon libsystemd-dev"
+    # `make demo`: what the libraries and the demo's programs need, without the test frameworks.
+    [demo]="g++ make cmake pkg-config libglib2.0-dev libjson-c-dev dbus-daemon libsystemd-dev"
     [armhf]="g++-arm-linux-gnueabihf qemu-user debootstrap"
     [tools]="valgrind clang-format"
     # Frameworks the peer benchmarks compare against; only `make bench-peers` wants them.

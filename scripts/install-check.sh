@@ -16,7 +16,9 @@ for header in "$incdir"/*.h; do
         { echo "install-check: vok/vok.h does not include vok/$name" >&2; exit 1; }
 done
 cat >"$work/main.cpp" <<'CPP'
-// Uses the shell, a dispatcher with a timer and a JSON value through the umbrella header only.
+// Uses the shell, a dispatcher with a timer and a JSON value through the umbrella header only,
+// and GLib on the dispatcher's loop: `pkg-config --cflags --libs vok` is all it needs.
+#include <glib.h>
 #include <vok/vok.h>
 #include <cstdio>
 int main() {
@@ -32,6 +34,9 @@ int main() {
         dispatcher.RequestStop();
     });
     timer.Schedule(1);
+    if (g_main_loop_get_context(vok::RuntimeDispatcher::GetInternalLoop(dispatcher)) == nullptr) {
+        return 1;
+    }
     dispatcher.Run();
     vok::Event done;
     vok::VokShell shell(vok::VokShellDaemonInfo("outside", ""),

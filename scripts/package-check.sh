@@ -3,10 +3,9 @@
 # and checks that each holds what it should, where it should, with the dependencies dpkg
 # computed; builds examples/minimal with CMake against that root; runs lintian when installed.
 # Exits 77 (skipped) when the Debian packaging tools are missing.
-# Usage: package-check.sh BUILD_DIR [SOURCE_DIR]
+# Usage: package-check.sh BUILD_DIR
 set -euo pipefail
 build=$(realpath "$1")
-source_dir=$(realpath "${2:-$(dirname "$0")/..}")
 for tool in dpkg-deb dpkg-shlibdeps file cpack; do
     if ! command -v "$tool" >/dev/null; then
         echo "package-check: $tool missing (scripts/deps.sh packaging), skipped"
@@ -55,9 +54,11 @@ expect "$runtime" '/lib/.*libvok\.so\.[0-9]+$' '/lib/.*libztlog\.so\.[0-9]+$' \
 expect "${deb[libvok-dev]}" '/include/vok/vok\.h$' '/include/vok/Version\.h$' \
     '/include/ztlog/ztlog\.h$' '/include/kelvra/kelvra\.h$' '/lib/.*libvok\.so$' \
     '/pkgconfig/vok\.pc$' '/pkgconfig/ztlog\.pc$' '/pkgconfig/kelvra\.pc$' \
-    '/cmake/vok/vokConfig\.cmake$' '/cmake/vok/vokConfigVersion\.cmake$'
+    '/cmake/vok/vokConfig\.cmake$' '/cmake/vok/vokConfigVersion\.cmake$' \
+    '/share/doc/libvok-dev/examples/minimal/main\.cpp$' \
+    '/share/doc/libvok-dev/examples/minimal/CMakeLists\.txt$'
 expect "${deb[vok-tools]}" '/bin/kv-call$' '/bin/vok-console$' '/bin/vok-powerd$' \
-    '/share/dbus-1/system.d/com\.orvex\.vok\.conf$'
+    '/share/dbus-1/system.d/com\.orvex\.vok\.conf$' '/lib/systemd/system/vok-powerd\.service$'
 # Each program has its manual page beside it.
 for program in $(listing "${deb[vok-tools]}" | sed -n 's|^/usr/bin/||p'); do
     expect "${deb[vok-tools]}" "/share/man/man1/$program\\.1\\.gz\$"
@@ -82,10 +83,16 @@ for dependency in libc6 libglib2.0-0 libjson-c5; do
         fail "$runtime_name does not depend on $dependency"
 done
 
-# A user's CMake project finds the package in the unpacked tree.
+# The unit runs the packaged program.
+grep -qx 'ExecStart=/usr/bin/vok-powerd' "$root/usr/lib/systemd/system/vok-powerd.service" \
+    "$root/lib/systemd/system/vok-powerd.service" 2>/dev/null ||
+    fail "vok-powerd.service does not start /usr/bin/vok-powerd"
+
+# A user's CMake project finds the package in the unpacked tree: the packaged example builds.
 header=$(find "$root" -name vok.h -path '*/include/vok/*')
 prefix=$(dirname "$(dirname "$(dirname "$header")")")
-cmake -S "$source_dir/examples/minimal" -B "$work/minimal" -DCMAKE_PREFIX_PATH="$prefix" \
+cmake -S "$root/usr/share/doc/libvok-dev/examples/minimal" -B "$work/minimal" \
+    -DCMAKE_PREFIX_PATH="$prefix" \
     >"$work/log" 2>&1 && cmake --build "$work/minimal" >>"$work/log" 2>&1 ||
     { cat "$work/log" >&2; fail "examples/minimal does not build against the packages"; }
 

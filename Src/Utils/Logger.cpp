@@ -37,6 +37,12 @@ void Logger::Error(const char* format, ...) const {
 void Logger::Warning(const char* format, ...) const {
     VOK_LOGGER_PRINT(kLogLevelWarning);
 }
+void Logger::Notice(const char* format, ...) const {
+    VOK_LOGGER_PRINT(kLogLevelNotice);
+}
+void Logger::Info(const char* format, ...) const {
+    VOK_LOGGER_PRINT(kLogLevelInfo);
+}
 void Logger::Debug(const char* format, ...) const {
     VOK_LOGGER_PRINT(kLogLevelDebug);
 }

@@ -10,6 +10,7 @@
 #include <glib-unix.h>
 #include <json-c/json.h>
 #include <kelvra/kelvra.h>
+#include <ztlog/ztlog.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -37,8 +38,11 @@ void Usage(FILE* out) {
                  "  blades                  each blade's state, thread and busy time\n"
                  "  ports                   MessageMover ports: addresses, peers, queued messages\n"
                  "  registers [PREFIX]      diagnostic registers (default prefix root.)\n"
-                 "  loglevel [CONTEXT [N]]  list the logging contexts and their thresholds, or\n"
-                 "                          read one, or set it to N (0..7)\n"
+                 "  loglevel [CONTEXT [LEVEL]]\n"
+                 "                          list the logging contexts and their thresholds, or\n"
+                 "                          read one, or set it and every context under it to\n"
+                 "                          LEVEL (0..7 or a name: err, warning, notice, info,\n"
+                 "                          debug, ...)\n"
                  "  watch [PREFIX]          print registers as they change, until interrupted\n"
                  "options:\n"
                  "  --json                  print the daemon's replies as JSON, one per line\n"
@@ -344,14 +348,15 @@ int main(int argc, char** argv) {
             json_object_object_add(payload, "context", json_object_new_string(args[2].c_str()));
         }
         if (args.size() == 4) {
-            char* end = nullptr;
-            const long level = std::strtol(args[3].c_str(), &end, 10);
-            if (end == args[3].c_str() || *end != '\0') {
-                std::fprintf(stderr, "vokctl: level must be a number 0..7\n");
+            const int level = ZtLogParseLevel(args[3].c_str());
+            if (level < 0) {
+                std::fprintf(stderr,
+                             "vokctl: level must be 0..7 or a syslog name (emerg, alert, crit, "
+                             "err, warning, notice, info, debug)\n");
                 json_object_put(payload);
                 return kExitUsage;
             }
-            json_object_object_add(payload, "level", json_object_new_int64(level));
+            json_object_object_add(payload, "level", json_object_new_int(level));
         }
     } else {
         Usage(stderr);

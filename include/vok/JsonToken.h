@@ -3,6 +3,7 @@
 #define VOK_JSONTOKEN_H
 
 #include <cstdint>
+#include <type_traits>
 
 struct json_object;
 
@@ -19,8 +20,33 @@ class JsonObjectConstFindResult;
 // (std::invalid_argument, std::out_of_range) with a fixed message when the check fails; json-c
 // running out of memory throws std::bad_alloc. A populated token owns one json-c reference;
 // storing a token into an array or object moves its value there and leaves it unpopulated.
-// Not copyable; use Swap or TransferFrom. One thread at a time.
+// Not copyable; movable (the moved-from token ends unpopulated), or use Swap or TransferFrom.
+// One thread at a time.
+//
+// Numbers: integers are exact over the whole of int64_t and uint64_t, in and out. Every number
+// form takes any arithmetic type (bool excepted) without ambiguity: signed integers are stored as
+// int64_t, unsigned ones as uint64_t, floating-point ones as double. NumberGetInt64 and
+// NumberGetUint64 read them back exactly; NumberGetValue gives the nearest double.
 class JsonToken {
+    // Declared first: the number templates below use them.
+    // Arithmetic types other than bool and those with a form of their own.
+    template <typename T>
+    static constexpr bool kIsOtherNumber =
+        std::is_arithmetic<T>::value && !std::is_same<T, bool>::value &&
+        !std::is_same<T, int>::value && !std::is_same<T, double>::value &&
+        !std::is_same<T, int64_t>::value && !std::is_same<T, uint64_t>::value;
+    // value in the type it is stored as: double, int64_t or uint64_t.
+    template <typename T>
+    static auto AsStoredNumber(T value) {
+        if constexpr (std::is_floating_point<T>::value) {
+            return static_cast<double>(value);
+        } else if constexpr (std::is_signed<T>::value) {
+            return static_cast<int64_t>(value);
+        } else {
+            return static_cast<uint64_t>(value);
+        }
+    }
+
   public:
     // The numbers are fixed.
     enum ValueType {
@@ -49,6 +75,13 @@ class JsonToken {
     // finite throws std::invalid_argument (so do MakeNumber and the Set...Number forms).
     JsonToken(const ValueSelector<kValueTypeNumber>*, int value);
     JsonToken(const ValueSelector<kValueTypeNumber>*, double value);
+    // An integer, exactly.
+    JsonToken(const ValueSelector<kValueTypeNumber>*, int64_t value);
+    JsonToken(const ValueSelector<kValueTypeNumber>*, uint64_t value);
+    // Any other arithmetic type (long, unsigned, uint32_t, float, ...): see the class comment.
+    template <typename T, typename = std::enable_if_t<kIsOtherNumber<T>>>
+    JsonToken(const ValueSelector<kValueTypeNumber>* selector, T value)
+        : JsonToken(selector, AsStoredNumber(value)) {}
     // A boolean.
     JsonToken(const ValueSelector<kValueTypeBoolean>*, bool value);
     // A copy of text; NULL throws.
@@ -56,6 +89,10 @@ class JsonToken {
     ~JsonToken();
     JsonToken(const JsonToken&) = delete;
     JsonToken& operator=(const JsonToken&) = delete;
+    // Takes other's value; other ends unpopulated.
+    JsonToken(JsonToken&& other) noexcept;
+    // Releases this token's value and takes other's; other ends unpopulated.
+    JsonToken& operator=(JsonToken&& other) noexcept;
 
     // True when populated (JSON null included).
     bool HasValue() const;
@@ -82,14 +119,29 @@ class JsonToken {
     void MakeArray();
     void MakeNumber(int value);
     void MakeNumber(double value);
+    void MakeNumber(int64_t value);
+    void MakeNumber(uint64_t value);
+    // Any other arithmetic type: see the class comment.
+    template <typename T, typename = std::enable_if_t<kIsOtherNumber<T>>>
+    void MakeNumber(T value) {
+        MakeNumber(AsStoredNumber(value));
+    }
     void MakeBoolean(bool value);
     void MakeString(const char* text);
 
     // json-c's internal string, valid while the value lives. The type must be string.
     const char* StringPeekValue() const;
     bool BooleanGetValue() const;
-    // Integers are returned as doubles.
+    // Integers are returned as doubles (the nearest one: above 2^53 not every integer is one).
     double NumberGetValue() const;
+    // True for a number held as an integer: made from one, or parsed without fraction or
+    // exponent. Throws std::invalid_argument when the token is not a number.
+    bool NumberIsInteger() const;
+    // The number as an integer, exactly: an integer in the type's range, or a double whose value
+    // is one ("1e3", "2.0"). Throws std::invalid_argument when the token is not a number and
+    // std::out_of_range for a fraction or a value outside the type.
+    int64_t NumberGetInt64() const;
+    uint64_t NumberGetUint64() const;
     // The encoding of the value, owned by the value and valid until it changes. It is always
     // JSON: a value that JSON cannot say (a string or name that is not UTF-8, or a NaN or
     // infinite double adopted through SetNewPimpl) throws std::invalid_argument instead.
@@ -115,6 +167,13 @@ class JsonToken {
     void ArraySetNullElement(int index);
     void ArraySetNumberElement(int index, int value);
     void ArraySetNumberElement(int index, double value);
+    void ArraySetNumberElement(int index, int64_t value);
+    void ArraySetNumberElement(int index, uint64_t value);
+    // Any other arithmetic type: see the class comment.
+    template <typename T, typename = std::enable_if_t<kIsOtherNumber<T>>>
+    void ArraySetNumberElement(int index, T value) {
+        ArraySetNumberElement(index, AsStoredNumber(value));
+    }
     void ArraySetBooleanElement(int index, bool value);
     void ArraySetStringElement(int index, const char* text);
 
@@ -124,6 +183,13 @@ class JsonToken {
     void ObjectSetNullPair(const char* name);
     void ObjectSetNumberPair(const char* name, int value);
     void ObjectSetNumberPair(const char* name, double value);
+    void ObjectSetNumberPair(const char* name, int64_t value);
+    void ObjectSetNumberPair(const char* name, uint64_t value);
+    // Any other arithmetic type: see the class comment.
+    template <typename T, typename = std::enable_if_t<kIsOtherNumber<T>>>
+    void ObjectSetNumberPair(const char* name, T value) {
+        ObjectSetNumberPair(name, AsStoredNumber(value));
+    }
     void ObjectSetBooleanPair(const char* name, bool value);
     void ObjectSetStringPair(const char* name, const char* text);
     // The value of the pair called name; see JsonObjectConstFindResult.

@@ -14,6 +14,8 @@ enum LogLevel : int32_t {
     kLogLevelCritical = 2,
     kLogLevelError = 3,
     kLogLevelWarning = 4,
+    kLogLevelNotice = 5,
+    kLogLevelInfo = 6,
     kLogLevelDebug = 7,
 };
 
@@ -39,6 +41,8 @@ class Logger {
     void Critical(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     void Error(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     void Warning(const char* format, ...) const __attribute__((format(printf, 2, 3)));
+    void Notice(const char* format, ...) const __attribute__((format(printf, 2, 3)));
+    void Info(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     void Debug(const char* format, ...) const __attribute__((format(printf, 2, 3)));
 
     // Hex dumps of at most the first 1024 bytes.

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "vok/MmMessageHandle.h"
+#include "vok/Thread.h"
 
 namespace vok {
 
@@ -37,6 +38,9 @@ struct VokShellDaemonInfo {
     std::string daemonDetails;  // Passed to the loaders; the shell does not interpret it.
     // How long the blades may take to return once a stop is requested; 0 waits for ever.
     uint32_t stopDeadlineMs = kVokShellDefaultStopDeadlineMs;
+    // Stack size of the shell thread and of every blade thread (see kVokDefaultThreadStackBytes
+    // for why the default is far below the C library's 8 MiB); 0 takes the C library's default.
+    size_t threadStackBytes = kVokDefaultThreadStackBytes;
 };
 
 class LoopHeartbeat;

@@ -32,10 +32,11 @@ static pthread_once_t gInitOnce = PTHREAD_ONCE_INIT;
 static pthread_mutex_t gContextsLock = PTHREAD_MUTEX_INITIALIZER; /* Protects gContexts. */
 static ZtLogContextImpl* gContexts;
 static ZtLogContextImpl* gDefaultContext;
-/* Read-only after initialisation. */
+/* The rules of ZTLOG_LEVELS and of ZtLogSetLevel: set before any context exists, then changed
+ * under gContextsLock only. */
 static ZtLogRule* gRules;
 static size_t gRuleCount;
-static int gDefaultLevel = kZtLogWarning;
+static int gDefaultLevel = kZtLogWarning; /* Read-only after initialisation. */
 /* Where lines go when no hook takes them. Read and written atomically: it may change at any time.
  */
 enum { kOutputStderr = 0, kOutputSyslog = 1, kOutputJournal = 2 };
@@ -53,12 +54,14 @@ const char* ZtLogLevelName(int level) {
     return (level >= 0 && level <= 7) ? kLevelNames[level] : "?";
 }
 
-/* Parses a level given by number or by name; returns -1 when it is neither. */
-static int ParseLevel(const char* text) {
+int ZtLogParseLevel(const char* text) {
     static const struct {
         const char* name;
         int level;
     } kAliases[] = {{"emergency", 0}, {"critical", 2}, {"error", 3}, {"warn", 4}};
+    if (text == NULL) {
+        return -1;
+    }
     if (isdigit((unsigned char)text[0]) && text[1] == '\0') {
         int level = text[0] - '0';
         return level <= 7 ? level : -1;
@@ -76,10 +79,17 @@ static int ParseLevel(const char* text) {
     return -1;
 }
 
-static void AddRule(const char* prefix, int level) {
+/* True when name is prefix itself or lies under it ("A.B" is under "A", "AB" is not). */
+static int IsUnder(const char* name, const char* prefix) {
+    size_t len = strlen(prefix);
+    return strncmp(name, prefix, len) == 0 && (name[len] == '\0' || name[len] == '.');
+}
+
+/* Adds the rule "prefix=level"; returns 0, or -1 when memory runs out. */
+static int AddRule(const char* prefix, int level) {
     if (strcmp(prefix, "*") == 0) {
         gDefaultLevel = level;
-        return;
+        return 0;
     }
     ZtLogRule* rules = realloc(gRules, (gRuleCount + 1) * sizeof *rules);
     char* copy = strdup(prefix);
@@ -88,12 +98,26 @@ static void AddRule(const char* prefix, int level) {
         if (rules != NULL) {
             gRules = rules;
         }
-        return;
+        return -1;
     }
     gRules = rules;
     gRules[gRuleCount].prefix = copy;
     gRules[gRuleCount].level = level;
     ++gRuleCount;
+    return 0;
+}
+
+/* Drops every rule for prefix and for the contexts under it. Called under gContextsLock. */
+static void DropRulesUnderLocked(const char* prefix) {
+    size_t kept = 0;
+    for (size_t i = 0; i < gRuleCount; ++i) {
+        if (IsUnder(gRules[i].prefix, prefix)) {
+            free(gRules[i].prefix);
+        } else {
+            gRules[kept++] = gRules[i];
+        }
+    }
+    gRuleCount = kept;
 }
 
 static void ParseLevels(const char* spec) {
@@ -125,7 +149,7 @@ static void ParseLevels(const char* spec) {
         while (len > 0 && isspace((unsigned char)value[len - 1])) {
             value[--len] = '\0';
         }
-        int level = ParseLevel(value);
+        int level = ZtLogParseLevel(value);
         if (level < 0) {
             fprintf(stderr, "ztlog: ignoring ZTLOG_LEVELS entry <%s=%s>: unknown level\n", item,
                     value);
@@ -142,8 +166,7 @@ static int LevelForName(const char* name) {
     int level = gDefaultLevel;
     for (size_t i = 0; i < gRuleCount; ++i) {
         size_t len = strlen(gRules[i].prefix);
-        if (len > bestLen && strncmp(name, gRules[i].prefix, len) == 0 &&
-            (name[len] == '\0' || name[len] == '.')) {
+        if (len > bestLen && IsUnder(name, gRules[i].prefix)) {
             bestLen = len;
             level = gRules[i].level;
         }
@@ -250,15 +273,25 @@ void ZtLogForEachContext(void (*fn)(const char* name, int threshold, void* user)
 }
 
 int ZtLogSetLevel(const char* name, int level) {
-    if (name == NULL || level < 0 || level > 7) {
+    pthread_once(&gInitOnce, Init);
+    if (name == NULL || level < 0 || level > 7 || strcmp(name, "*") == 0) {
         return -1;
     }
-    ZtLogContext* ctx = NULL;
-    if (ZtLogGetContext(name, &ctx) != 0) {
-        return -1;
+    pthread_mutex_lock(&gContextsLock);
+    /* The new rule replaces every rule at or under name, so that contexts made later under it
+     * start at this level too. */
+    DropRulesUnderLocked(name);
+    int result = AddRule(name, level);
+    if (result == 0 && FindLocked(name) == NULL && CreateLocked(name) == NULL) {
+        result = -1;
     }
-    __atomic_store_n(&ctx->threshold, level, __ATOMIC_RELAXED);
-    return 0;
+    for (ZtLogContextImpl* c = gContexts; c != NULL; c = c->next) {
+        if (IsUnder(c->name, name)) {
+            __atomic_store_n(&c->pub.threshold, level, __ATOMIC_RELAXED);
+        }
+    }
+    pthread_mutex_unlock(&gContextsLock);
+    return result;
 }
 
 void ZtLogSetSyslogOutput(int enable) {

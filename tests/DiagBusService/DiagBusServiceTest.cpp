@@ -141,15 +141,19 @@ TEST_F(DiagBusServiceTest, AnswersWhileABladeIsStuck) {
     shell_->GetMmFramework().DiscardInterface(iface);
 
     const Logger logger("DIAG.T");
+    const Logger child("DIAG.T.Child");
 
     EXPECT_NE(npos, Call("diag/loglevel", "{\"context\":\"DIAG.T\",\"level\":7}")
                         .find("\"level\":7,\"levelName\":\"debug\""));
     EXPECT_NE(npos, Call("diag/loglevel", "{\"context\":\"DIAG.T\"}").find("\"level\":7"));
-    EXPECT_NE(npos,
-              Call("diag/loglevel", "{\"context\":\"DIAG.T\",\"level\":3}").find("\"level\":3,"));
+    // A level by name, applied to the context and to those under it.
+    EXPECT_NE(
+        npos,
+        Call("diag/loglevel", "{\"context\":\"DIAG.T\",\"level\":\"err\"}").find("\"level\":3,"));
     const std::string contexts = Call("diag/loglevel", "{}");
     EXPECT_NE(npos, contexts.find("{\"context\":\"DIAG.T\",\"level\":3,\"levelName\":\"err\"}"))
         << contexts;
+    EXPECT_NE(npos, contexts.find("{\"context\":\"DIAG.T.Child\",\"level\":3,")) << contexts;
 }
 
 TEST_F(DiagBusServiceTest, RejectsBadRequestsAndKeepsServing) {
@@ -162,7 +166,7 @@ TEST_F(DiagBusServiceTest, RejectsBadRequestsAndKeepsServing) {
              {"diag/loglevel", "{\"context\":\"\"}"},
              {"diag/loglevel", "{\"context\":\"NO.SUCH.CONTEXT\",\"level\":7}"},
              {"diag/loglevel", "{\"context\":\"VOK.DiagBus\",\"level\":8}"},
-             {"diag/loglevel", "{\"context\":\"VOK.DiagBus\",\"level\":\"debug\"}"},
+             {"diag/loglevel", "{\"context\":\"VOK.DiagBus\",\"level\":\"loud\"}"},
          }) {
         const std::string reply = Call(bad.first, bad.second);
         EXPECT_NE(npos, reply.find("\"returnValue\":false")) << bad.first << " " << bad.second;
@@ -229,6 +233,12 @@ TEST_F(DiagBusServiceTest, VokctlPrintsTablesAndFailsForAMissingDaemon) {
     EXPECT_EQ("diagtest\n", output);
     EXPECT_EQ(3, RunVokctl({"nosuch", "status"}, &output));
     EXPECT_EQ(2, RunVokctl({"diagtest", "frobnicate"}, &output));
+    // Levels by syslog name.
+    const Logger logger("CTLTEST.Sub");
+    EXPECT_EQ(0, RunVokctl({"diagtest", "loglevel", "CTLTEST.Sub", "info"}, &output)) << output;
+    EXPECT_NE(npos, output.find("6")) << output;
+    EXPECT_TRUE(logger.IsEnabled(kLogLevelInfo));
+    EXPECT_EQ(2, RunVokctl({"diagtest", "loglevel", "CTLTEST.Sub", "loud"}, &output));
 }
 
 // A daemon name a bus name cannot hold is still served, under a name vokctl finds from it.

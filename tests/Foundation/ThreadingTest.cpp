@@ -1,6 +1,7 @@
 // Mutex, Event and Thread.
 #include <gtest/gtest.h>
 
+#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -53,6 +54,54 @@ TEST(MutexTest, RecursiveOnOneThreadExclusiveAcrossThreadsAndOwned) {
         EXPECT_EQ(EPERM, e.GetErr());
     }
 #endif
+}
+
+struct ThreadFacts {
+    std::string osName;
+    size_t stackBytes = 0;
+};
+
+// Runs a thread of this name (stack size set when bytes is given) and returns what the thread
+// itself saw: its operating-system name and its stack size.
+ThreadFacts RunThread(const std::string& name, const size_t* bytes = nullptr) {
+    ThreadFacts facts;
+    ThreadBase thread(name, [&facts]() {
+        char osName[16] = {};
+        pthread_getname_np(pthread_self(), osName, sizeof osName);
+        facts.osName = osName;
+        pthread_attr_t attr;
+        pthread_getattr_np(pthread_self(), &attr);
+        pthread_attr_getstacksize(&attr, &facts.stackBytes);
+        pthread_attr_destroy(&attr);
+    });
+    if (bytes != nullptr) {
+        thread.SetStackSize(*bytes);
+    }
+    thread.Start();
+    thread.Join();
+    return facts;
+}
+
+// Threads used to run unnamed (shown as the process) on the C library's 8 MiB stacks.
+TEST(ThreadTest, OsSeesTheNameCutTo15BytesAndTheChosenStackSize) {
+    const ThreadFacts facts = RunThread("sensor-aggregator-main");
+    EXPECT_EQ("sensor-aggregat", facts.osName);
+    // Far below the C library's 8 MiB: it may hand out a cached stack of up to four times the
+    // size asked for, and the sanitizers enlarge small stacks.
+    const size_t kFarBelowDefault = 2 * 1024 * 1024;
+    EXPECT_GE(facts.stackBytes, kVokDefaultThreadStackBytes);
+    EXPECT_LE(facts.stackBytes, kFarBelowDefault);
+    // A UTF-8 character is never cut in two: byte 15 would split the fourth "\xc3\xa4".
+    EXPECT_EQ("sensors-\xc3\xa4\xc3\xa4\xc3\xa4",
+              RunThread("sensors-\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4").osName);
+    const size_t odd = 100000;
+    const ThreadFacts small = RunThread("small", &odd);
+    EXPECT_EQ("small", small.osName);
+    EXPECT_GE(small.stackBytes, odd);
+    EXPECT_LE(small.stackBytes, kFarBelowDefault);
+    const size_t tiny = 1;  // Raised to the system's minimum, not refused.
+    EXPECT_EQ("tiny", RunThread("tiny", &tiny).osName);
+    EXPECT_THROW(ThreadBase("never", []() {}).Join(), VokProgramErrorException);
 }
 
 TEST(EventDeathTest, WaitAfterResetBlocksUntilTheNextSignal) {

@@ -79,6 +79,38 @@ TEST(ZtLogTest, ThresholdComesFromLongestDottedPrefix) {
     EXPECT_EQ(-1, ZtLogSetLevel("Zt.Same", 8));  // Out of range.
 }
 
+// A level set at run time covers the context and everything under it, existing or made later,
+// and replaces earlier settings below it; a sibling that merely shares the letters keeps its own.
+TEST(ZtLogTest, SetLevelAppliesToContextAndEverythingUnderIt) {
+    EXPECT_EQ(6, ThresholdOf("Rt.Sub.Deep"));
+    ASSERT_EQ(0, ZtLogSetLevel("Rt.Sub.Deep", 2));
+    ASSERT_EQ(0, ZtLogSetLevel("Rt", 5));
+    EXPECT_EQ(5, ThresholdOf("Rt"));
+    EXPECT_EQ(5, ThresholdOf("Rt.Sub.Deep"));
+    EXPECT_EQ(5, ThresholdOf("Rt.Later.Made"));
+    EXPECT_EQ(6, ThresholdOf("Rtx"));
+    ASSERT_EQ(0, ZtLogSetLevel("Rt.Sub", 7));
+    EXPECT_EQ(7, ThresholdOf("Rt.Sub.Deep"));
+    EXPECT_EQ(7, ThresholdOf("Rt.Sub.New"));
+    EXPECT_EQ(5, ThresholdOf("Rt.Later"));
+    EXPECT_EQ(-1, ZtLogSetLevel("*", 3));
+    EXPECT_EQ(6, ThresholdOf("Rtx"));
+}
+
+TEST(ZtLogTest, ParseLevelTakesNumbersAndSyslogNames) {
+    EXPECT_EQ(6, ZtLogParseLevel("info"));
+    EXPECT_EQ(5, ZtLogParseLevel("NOTICE"));
+    EXPECT_EQ(4, ZtLogParseLevel("warn"));
+    EXPECT_EQ(3, ZtLogParseLevel("err"));
+    EXPECT_EQ(2, ZtLogParseLevel("critical"));
+    EXPECT_EQ(0, ZtLogParseLevel("0"));
+    EXPECT_EQ(7, ZtLogParseLevel("7"));
+    for (const char* bad : {"8", "-1", "07", "", "information", " info"}) {
+        EXPECT_EQ(-1, ZtLogParseLevel(bad)) << bad;
+    }
+    EXPECT_EQ(-1, ZtLogParseLevel(nullptr));
+}
+
 TEST(ZtLogTest, LongMessagesAreWrittenWhole) {
     vok::test::LogCapture capture;
     ZtLogContext* ctx = nullptr;
@@ -145,19 +177,26 @@ TEST(LoggerTest, ThresholdFourPassesWarningAndDropsDebugAndTracingUntilRaised) {
     logger.Critical("c%d", 1);
     logger.Error("e");
     logger.Warning("w");
+    logger.Notice("n");
+    logger.Info("i");
     logger.Debug("d");
     { vok::FuncLogger trace(logger, "Fn", &logger); }
+    ZtLogSetLevel("Test.Four", 5);
+    logger.Notice("notice");
+    logger.Info("info");
     ZtLogSetLevel("Test.Four", 7);
     logger.Debug("after");
     std::vector<unsigned char> data(5000, 0x5a);
     logger.DebugBin(data.data(), data.size());
     auto lines = capture.Lines();
-    ASSERT_EQ(4u + 1024 / 16, lines.size());
+    ASSERT_EQ(5u + 1024 / 16, lines.size());
     EXPECT_EQ(vok::kLogLevelCritical, lines[0].level);
     EXPECT_EQ("c1", lines[0].message);
     EXPECT_EQ(vok::kLogLevelError, lines[1].level);
     EXPECT_EQ(vok::kLogLevelWarning, lines[2].level);
-    EXPECT_EQ("after", lines[3].message);
+    EXPECT_EQ(vok::kLogLevelNotice, lines[3].level);
+    EXPECT_EQ("notice", lines[3].message);
+    EXPECT_EQ("after", lines[4].message);
     EXPECT_THAT(lines.back().message, ::testing::HasSubstr("000003f0:"));
 }
 

@@ -3,8 +3,13 @@
 #include <json-c/json.h>
 
 #include <cmath>
+#include <cstdint>
+#include <limits>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 #include "vok/JsonToken.h"
 
@@ -105,6 +110,81 @@ TEST(JsonTokenTest, StoringAndGivingUpMoveOwnership) {
     other.SetNewPimpl(value.GiveUpPopulatedPimpl());
     EXPECT_FALSE(value.HasValue());
     EXPECT_EQ(9.0, other.NumberGetValue());
+}
+
+// Numbers used to be doubles only: 2^53+1 came back as 2^53, and uint32_t or int64_t arguments
+// were ambiguous calls.
+TEST(JsonTokenTest, IntegersAreExactOver64BitsInAndOut) {
+    const char* kDocument =
+        "[ 9007199254740993, -9223372036854775808, 9223372036854775807, 18446744073709551615, "
+        "1e3, 2.5, -1 ]";
+    JsonToken array;
+    ASSERT_TRUE(array.ParseJsonString(kDocument));
+    EXPECT_EQ(kDocument, Encode(array));
+    auto at = [&array](int i) { return array.ArrayGetValueAt(i); };
+    EXPECT_EQ(INT64_C(9007199254740993), at(0)->NumberGetInt64());
+    EXPECT_EQ(9007199254740992.0, at(0)->NumberGetValue());  // The nearest double.
+    EXPECT_EQ(std::numeric_limits<int64_t>::min(), at(1)->NumberGetInt64());
+    EXPECT_EQ(std::numeric_limits<int64_t>::max(), at(2)->NumberGetInt64());
+    EXPECT_EQ(UINT64_C(9223372036854775807), at(2)->NumberGetUint64());
+    EXPECT_EQ(std::numeric_limits<uint64_t>::max(), at(3)->NumberGetUint64());
+    EXPECT_THROW(at(3)->NumberGetInt64(), std::out_of_range);  // Not clamped to INT64_MAX.
+    EXPECT_FALSE(at(4)->NumberIsInteger());
+    EXPECT_EQ(1000, at(4)->NumberGetInt64());
+    EXPECT_EQ(1000u, at(4)->NumberGetUint64());
+    EXPECT_THROW(at(5)->NumberGetInt64(), std::out_of_range);
+    EXPECT_THROW(at(5)->NumberGetUint64(), std::out_of_range);
+    EXPECT_TRUE(at(6)->NumberIsInteger());
+    EXPECT_THROW(at(6)->NumberGetUint64(), std::out_of_range);  // Not 0.
+    JsonToken text;
+    text.MakeString("1");
+    EXPECT_THROW(text.NumberGetInt64(), std::invalid_argument);
+
+    // Every arithmetic type picks its form without a cast.
+    JsonToken object;
+    object.MakeObject();
+    object.ObjectSetNumberPair("u32", uint32_t{4000000000u});
+    object.ObjectSetNumberPair("i64", std::numeric_limits<int64_t>::min());
+    object.ObjectSetNumberPair("u64", std::numeric_limits<uint64_t>::max());
+    object.ObjectSetNumberPair("l", -7L);
+    object.ObjectSetNumberPair("ull", 9007199254740993ULL);
+    object.ObjectSetNumberPair("s", static_cast<short>(-3));
+    object.ObjectSetNumberPair("f", 0.5f);
+    object.ObjectSetNumberPair("i", 7);
+    EXPECT_EQ(
+        "{ \"u32\": 4000000000, \"i64\": -9223372036854775808, \"u64\": 18446744073709551615, "
+        "\"l\": -7, \"ull\": 9007199254740993, \"s\": -3, \"f\": 0.5, \"i\": 7 }",
+        Encode(object));
+    JsonToken numbers;
+    numbers.MakeArray();
+    numbers.ArraySetNumberElement(-1, uint16_t{65535});
+    numbers.ArraySetNumberElement(-1, INT64_C(-9007199254740993));
+    JsonToken single(static_cast<const JsonToken::ValueSelector<JsonToken::kValueTypeNumber>*>(0),
+                     UINT64_C(18446744073709551615));
+    numbers.ArraySetElement(-1, &single);
+    numbers.ArraySetNumberElement(-1, 1u);
+    EXPECT_EQ("[ 65535, -9007199254740993, 18446744073709551615, 1 ]", Encode(numbers));
+    JsonToken back;
+    ASSERT_TRUE(back.ParseJsonString(Encode(numbers).c_str()));
+    EXPECT_EQ(INT64_C(-9007199254740993), back.ArrayGetValueAt(1)->NumberGetInt64());
+}
+
+TEST(JsonTokenTest, MovingHandsTheValueOver) {
+    static_assert(std::is_nothrow_move_constructible<JsonToken>::value, "movable");
+    static_assert(std::is_nothrow_move_assignable<JsonToken>::value, "movable");
+    JsonToken a;
+    a.MakeNumber(uint32_t{42});
+    JsonToken b(std::move(a));
+    EXPECT_FALSE(a.HasValue());
+    JsonToken c;
+    c.MakeString("released on assignment");
+    c = std::move(b);
+    EXPECT_FALSE(b.HasValue());
+    std::vector<JsonToken> tokens;
+    tokens.push_back(std::move(c));
+    tokens.emplace_back();
+    EXPECT_EQ(42u, tokens[0].NumberGetUint64());
+    EXPECT_FALSE(tokens[1].HasValue());
 }
 
 }  // namespace

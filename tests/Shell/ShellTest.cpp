@@ -354,6 +354,131 @@ TEST(ShellDeathTest, RunDaemonReportsReadinessAndStopToTheServiceManager) {
         "blade b0 and 1 more><STATUS=stopping: waiting for blade b[01]><STATUS=stopped>");
 }
 
+// The names of this process's threads as the operating system shows them.
+std::vector<std::string> OsThreadNames() {
+    std::vector<std::string> names;
+    GDir* dir = g_dir_open("/proc/self/task", 0, nullptr);
+    for (const char* task; dir != nullptr && (task = g_dir_read_name(dir)) != nullptr;) {
+        gchar* comm = nullptr;
+        if (g_file_get_contents((std::string("/proc/self/task/") + task + "/comm").c_str(), &comm,
+                                nullptr, nullptr)) {
+            names.push_back(g_strchomp(comm));
+        }
+        g_free(comm);
+    }
+    if (dir != nullptr) {
+        g_dir_close(dir);
+    }
+    return names;
+}
+
+// Shell and blade threads used to show as the daemon itself, on 8 MiB stacks.
+TEST_F(ShellTest, ThreadsCarryTheirNamesAndTheDaemonsStackSize) {
+    TestBlade blade("sensor-aggregator-main");
+    std::vector<std::string> names;
+    size_t stackBytes = 0;
+    Event ran;
+    blade.onRun = [&](ServiceBladeEnvironment*, RuntimeDispatcher&) {
+        names = OsThreadNames();
+        pthread_attr_t attr;
+        pthread_getattr_np(pthread_self(), &attr);
+        pthread_attr_getstacksize(&attr, &stackBytes);
+        pthread_attr_destroy(&attr);
+        ran.Signal();
+    };
+    VokShellDaemonInfo info("testd", "");
+    info.threadStackBytes = 256 * 1024;
+    Event done;
+    {
+        VokShell shell(info, {&blade}, [&]() { done.Signal(); });
+        shell.StartUp();
+        ran.Wait();
+        shell.RequestStop();
+        done.Wait();
+    }
+    EXPECT_THAT(names, ::testing::IsSupersetOf({"VokShell", "sensor-aggregat"}));
+    // Far below the C library's 8 MiB: it may hand out a cached stack of up to four times the
+    // size asked for, and the sanitizers enlarge small stacks.
+    EXPECT_GE(stackBytes, info.threadStackBytes);
+    EXPECT_LE(stackBytes, 2u * 1024 * 1024);
+}
+
+// Blocks what RunDaemon takes, for a thread (the watchdog) started before RunDaemon.
+void BlockDaemonSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2}) {
+        sigaddset(&signals, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+// An outside SIGUSR1 used to pass for the shell's completion and end the daemon with status 0.
+// Now the user signals go to their hooks (or are ignored) and only a stop signal ends it.
+TEST(ShellDeathTest, OutsideSigusr1NeverStopsTheDaemonAndHooksGetTheirSignals) {
+    EXPECT_EXIT(
+        {
+            BlockDaemonSignals();
+            test::Watchdog watchdog;
+            LogCapture capture;
+            TestBlade b0("b0");
+            Event user2;
+            Event reload;
+            int user2Calls = 0;
+            int reloadCalls = 0;
+            bool ignoredUser1 = false;
+            std::thread sender;
+            DaemonHooks hooks;
+            hooks.onUser2 = [&](VokShell&) {
+                ++user2Calls;
+                user2.Signal();
+            };
+            hooks.onReload = [&](VokShell&) {
+                ++reloadCalls;
+                reload.Signal();
+            };
+            hooks.beforeStart = [&](VokShell&) {
+                sender = std::thread([&]() {
+                    kill(getpid(), SIGUSR1);
+                    ignoredUser1 = capture.WaitFor("RunDaemon: ignoring SIGUSR1");
+                    kill(getpid(), SIGUSR2);
+                    user2.Wait();
+                    kill(getpid(), SIGHUP);
+                    reload.Wait();
+                    kill(getpid(), SIGTERM);
+                });
+            };
+            int signal = 0;
+            const int status = RunDaemon(VokShellDaemonInfo("testd", ""), {&b0}, hooks, &signal);
+            sender.join();
+            std::fprintf(stderr, "status %d signal %d user1 ignored %d user2 %d reload %d\n",
+                         status, signal, ignoredUser1, user2Calls, reloadCalls);
+            _exit(0);
+        },
+        ::testing::ExitedWithCode(0), "status 0 signal 15 user1 ignored 1 user2 1 reload 1");
+}
+
+// SIGHUP used to kill the daemon by its default action, without the stop handshake.
+TEST(ShellDeathTest, SighupWithoutReloadHookStopsTheDaemonCleanly) {
+    EXPECT_EXIT(
+        {
+            BlockDaemonSignals();
+            test::Watchdog watchdog;
+            TestBlade b0("b0");
+            DaemonHooks hooks;
+            hooks.beforeStart = [](VokShell&) { kill(getpid(), SIGHUP); };
+            bool stoppedCleanly = false;
+            hooks.beforeDestroy = [&](VokShell& shell) {
+                stoppedCleanly = shell.GetBladeStatus()[0].state == "stopped";
+            };
+            int signal = 0;
+            const int status = RunDaemon(VokShellDaemonInfo("testd", ""), {&b0}, hooks, &signal);
+            std::fprintf(stderr, "status %d signal %d clean %d\n", status, signal, stoppedCleanly);
+            _exit(0);
+        },
+        ::testing::ExitedWithCode(0), "status 0 signal 1 clean 1");
+}
+
 gboolean BlockUntilSignalled(gpointer event) {
     static_cast<Event*>(event)->Wait();
     return G_SOURCE_REMOVE;

@@ -53,15 +53,18 @@ void LogCapture::Clear() {
     lines_.clear();
 }
 
-ScopedLogLevel::ScopedLogLevel(const char* context, int level) : context_(context) {
+ScopedLogLevel::ScopedLogLevel(const char* context, int level) {
     ZtLogContext* ctx = nullptr;
     ZtLogGetContext(context, &ctx);
     previous_ = __atomic_load_n(&ctx->threshold, __ATOMIC_RELAXED);
-    ZtLogSetLevel(context, level);
+    // This one context only: ZtLogSetLevel would change the contexts under it as well, and
+    // could not give them back their own levels afterwards.
+    __atomic_store_n(&ctx->threshold, level, __ATOMIC_RELAXED);
+    pContext_ = ctx;
 }
 
 ScopedLogLevel::~ScopedLogLevel() {
-    ZtLogSetLevel(context_.c_str(), previous_);
+    __atomic_store_n(&pContext_->threshold, previous_, __ATOMIC_RELAXED);
 }
 
 Watchdog::Watchdog(std::chrono::seconds limit) {

@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+struct ZtLogContext;
+
 namespace vok {
 namespace test {
 
@@ -51,7 +53,7 @@ class ScopedLogLevel {
     ~ScopedLogLevel();
 
   private:
-    std::string context_;
+    ZtLogContext* pContext_;
     int previous_;
 };
 

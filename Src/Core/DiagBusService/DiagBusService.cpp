@@ -308,16 +308,28 @@ class DiagBusServiceImpl {
         return Reply(handle, request, ToString(reply.get()));
     }
 
-    // diag/loglevel {"context":C} reads, {"context":C,"level":N} sets C's threshold (0..7);
-    // {} lists every context with its threshold.
+    // A "level" member as a number 0..7 or a syslog name ("info"); -1 when it is neither.
+    static int RequestedLevel(json_object* level) {
+        if (json_object_is_type(level, json_type_string)) {
+            return ZtLogParseLevel(json_object_get_string(level));
+        }
+        const int64_t value = json_object_get_int64(level);
+        return json_object_is_type(level, json_type_int) && value >= kZtLogEmergency &&
+                       value <= kZtLogDebug
+                   ? static_cast<int>(value)
+                   : -1;
+    }
+
+    // diag/loglevel {"context":C} reads, {"context":C,"level":L} sets the threshold of C and of
+    // every context under it (L: 0..7 or a syslog name); {} lists every context's threshold.
     static bool LogLevel(KVHandle* handle, KVMessage* request, void*) {
         JsonPtr payload = ParseRequest(request);
         std::string context;
         bool present = false;
         if (!payload || !StringMember(payload.get(), "context", &context, &present)) {
-            return Reply(
-                handle, request,
-                ErrorReply(kErrBadPayload, "expected {[\"context\":string[,\"level\":0..7]]}"));
+            return Reply(handle, request,
+                         ErrorReply(kErrBadPayload,
+                                    "expected {[\"context\":string[,\"level\":0..7|name]]}"));
         }
         if (!present) {
             return Reply(handle, request, ContextList());
@@ -333,12 +345,11 @@ class DiagBusServiceImpl {
         }
         json_object* level = nullptr;
         if (json_object_object_get_ex(payload.get(), "level", &level)) {
-            const int64_t value = json_object_get_int64(level);
-            if (!json_object_is_type(level, json_type_int) || value < kZtLogEmergency ||
-                value > kZtLogDebug) {
-                return Reply(handle, request, ErrorReply(kErrBadLevel, "level must be 0..7"));
+            const int value = RequestedLevel(level);
+            if (value < 0 || ZtLogSetLevel(context.c_str(), value) != 0) {
+                return Reply(handle, request,
+                             ErrorReply(kErrBadLevel, "level must be 0..7 or a syslog name"));
             }
-            __atomic_store_n(&ctx->threshold, static_cast<int32_t>(value), __ATOMIC_RELAXED);
         }
         JsonPtr reply(NewReply());
         AddContextLevel(reply.get(), context.c_str(),

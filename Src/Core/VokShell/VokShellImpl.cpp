@@ -58,7 +58,9 @@ BladeManager::BladeManager(VokBladeLoaderInterface* loader, VokShellImpl* shell)
       pBladeEnv_(nullptr),
       runEntered_(false),
       active_(false),
-      threadId_(0) {}
+      threadId_(0) {
+    bladeThread_.SetStackSize(shell->GetDaemonInfo().threadStackBytes);
+}
 
 const char* BladeManager::StateName(BladeState state) {
     switch (state) {
@@ -234,6 +236,7 @@ VokShellImpl::VokShellImpl(const VokShellDaemonInfo& daemonInfo,
       daemonInfo_(daemonInfo),
       shutDownCompleteCb_(std::move(shutDownCompleteCb)) {
     FuncLogger trace(logger_, __func__, this);
+    shellThread_.SetStackSize(daemonInfo_.threadStackBytes);
     // Built in a temporary, so that a failure half way releases what was built.
     DataRaii data;
     data.pMmFramework_ = MessageMoverFramework::StartMessageMoverFramework("");

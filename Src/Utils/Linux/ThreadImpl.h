@@ -2,20 +2,20 @@
 #ifndef VOK_SRC_UTILS_LINUX_THREADIMPL_H
 #define VOK_SRC_UTILS_LINUX_THREADIMPL_H
 
+#include <pthread.h>
+
 #include <atomic>
+#include <cstddef>
 #include <functional>
 #include <string>
 
-typedef struct _GThread GThread;
-
 namespace vok {
 
-// A joinable GLib thread running a stored callable. Owned by its ThreadBase.
+// A joinable POSIX thread running a stored callable, named for the operating system after its
+// owner's name. Owned by its ThreadBase.
 class ThreadImpl {
   public:
     ThreadImpl(const std::string& name, const std::function<void()>& entry);
-    // A thread started and not joined is joined here, so it never outlives what it uses: after a
-    // critical line when it still runs; when it is the calling thread itself, the process aborts.
     ~ThreadImpl();
     ThreadImpl(const ThreadImpl&) = delete;
     ThreadImpl& operator=(const ThreadImpl&) = delete;
@@ -23,12 +23,15 @@ class ThreadImpl {
     void Start();
     void Join();
     const std::string& GetName() const { return name_; }
+    void SetStackSize(size_t bytes) { stackBytes_ = bytes; }
 
   private:
     static void* ThreadEntry(void* data);
 
-    std::string name_;  // For the owner's use; not given to the operating system.
-    GThread* pThread_;  // Null while no thread runs and after a join.
+    std::string name_;   // The owner's; its first 15 bytes name the OS thread.
+    pthread_t thread_;   // Valid while started_.
+    bool started_;       // Started and not yet joined.
+    size_t stackBytes_;  // For the next Start; 0: the C library's default.
     std::function<void()> entry_;
     std::atomic<bool> running_;  // From Start until the callable has returned.
 };

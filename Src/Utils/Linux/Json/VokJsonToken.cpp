@@ -48,6 +48,24 @@ JsonToken::JsonToken(const ValueSelector<kValueTypeArray>*)
 JsonToken::JsonToken(const ValueSelector<kValueTypeNumber>*, int value)
     : flags(kPopulatedFlag), pimpl(PimplFromCjson_(CheckAllocated(json_object_new_int(value)))) {}
 
+JsonToken::JsonToken(const ValueSelector<kValueTypeNumber>*, int64_t value)
+    : flags(kPopulatedFlag), pimpl(PimplFromCjson_(CheckAllocated(json_object_new_int64(value)))) {}
+
+JsonToken::JsonToken(const ValueSelector<kValueTypeNumber>*, uint64_t value)
+    : flags(kPopulatedFlag),
+      pimpl(PimplFromCjson_(CheckAllocated(json_object_new_uint64(value)))) {}
+
+JsonToken::JsonToken(JsonToken&& other) noexcept : flags(0), pimpl(nullptr) {
+    Swap(&other);
+}
+
+JsonToken& JsonToken::operator=(JsonToken&& other) noexcept {
+    if (this != &other) {
+        TransferFrom(&other);
+    }
+    return *this;
+}
+
 JsonToken::JsonToken(const ValueSelector<kValueTypeNumber>*, double value)
     : flags(0), pimpl(nullptr) {
     // JSON has no NaN or infinity; json-c would write them as "NaN" and "Infinity".
@@ -184,6 +202,16 @@ void JsonToken::MakeNumber(double value) {
     Swap(&temporary);
 }
 
+void JsonToken::MakeNumber(int64_t value) {
+    JsonToken temporary(static_cast<const ValueSelector<kValueTypeNumber>*>(nullptr), value);
+    Swap(&temporary);
+}
+
+void JsonToken::MakeNumber(uint64_t value) {
+    JsonToken temporary(static_cast<const ValueSelector<kValueTypeNumber>*>(nullptr), value);
+    Swap(&temporary);
+}
+
 void JsonToken::MakeBoolean(bool value) {
     JsonToken temporary(static_cast<const ValueSelector<kValueTypeBoolean>*>(nullptr), value);
     Swap(&temporary);
@@ -219,6 +247,57 @@ double JsonToken::NumberGetValue() const {
             "JsonToken::NumberGetValue failed: Token is not kValueTypeNumber");
     }
     return json_object_get_double(PimplToCjson_(pimpl));
+}
+
+bool JsonToken::NumberIsInteger() const {
+    if (GetValueType() != kValueTypeNumber) {
+        throw std::invalid_argument(
+            "JsonToken::NumberIsInteger failed: Token is not kValueTypeNumber");
+    }
+    return json_object_is_type(PimplToCjson_(pimpl), json_type_int) != 0;
+}
+
+int64_t JsonToken::NumberGetInt64() const {
+    if (GetValueType() != kValueTypeNumber) {
+        throw std::invalid_argument(
+            "JsonToken::NumberGetInt64 failed: Token is not kValueTypeNumber");
+    }
+    json_object* value = PimplToCjson_(pimpl);
+    if (json_object_is_type(value, json_type_int)) {
+        // json-c answers INT64_MAX for a uint64_t above it.
+        const int64_t result = json_object_get_int64(value);
+        if (result != INT64_MAX || json_object_get_uint64(value) == UINT64_C(0x7FFFFFFFFFFFFFFF)) {
+            return result;
+        }
+    } else {
+        const double number = json_object_get_double(value);
+        // -2^63 is a double; 2^63 is the first one above the range.
+        if (std::trunc(number) == number && number >= -9223372036854775808.0 &&
+            number < 9223372036854775808.0) {
+            return static_cast<int64_t>(number);
+        }
+    }
+    throw std::out_of_range("JsonToken::NumberGetInt64: value is not an integer within int64_t");
+}
+
+uint64_t JsonToken::NumberGetUint64() const {
+    if (GetValueType() != kValueTypeNumber) {
+        throw std::invalid_argument(
+            "JsonToken::NumberGetUint64 failed: Token is not kValueTypeNumber");
+    }
+    json_object* value = PimplToCjson_(pimpl);
+    if (json_object_is_type(value, json_type_int)) {
+        // json-c answers 0 for a negative int64_t.
+        if (json_object_get_int64(value) >= 0) {
+            return json_object_get_uint64(value);
+        }
+    } else {
+        const double number = json_object_get_double(value);
+        if (std::trunc(number) == number && number >= 0.0 && number < 18446744073709551616.0) {
+            return static_cast<uint64_t>(number);
+        }
+    }
+    throw std::out_of_range("JsonToken::NumberGetUint64: value is not an integer within uint64_t");
 }
 
 const char* JsonToken::GenerateJsonEncodingAndPeek() const {
@@ -335,6 +414,16 @@ void JsonToken::ArraySetNumberElement(int index, double value) {
     ArraySetElement(index, &element);
 }
 
+void JsonToken::ArraySetNumberElement(int index, int64_t value) {
+    JsonToken element(static_cast<const ValueSelector<kValueTypeNumber>*>(nullptr), value);
+    ArraySetElement(index, &element);
+}
+
+void JsonToken::ArraySetNumberElement(int index, uint64_t value) {
+    JsonToken element(static_cast<const ValueSelector<kValueTypeNumber>*>(nullptr), value);
+    ArraySetElement(index, &element);
+}
+
 void JsonToken::ArraySetBooleanElement(int index, bool value) {
     JsonToken element(static_cast<const ValueSelector<kValueTypeBoolean>*>(nullptr), value);
     ArraySetElement(index, &element);
@@ -369,6 +458,16 @@ void JsonToken::ObjectSetNumberPair(const char* name, int value) {
 }
 
 void JsonToken::ObjectSetNumberPair(const char* name, double value) {
+    JsonToken element(static_cast<const ValueSelector<kValueTypeNumber>*>(nullptr), value);
+    ObjectSetPair(name, &element);
+}
+
+void JsonToken::ObjectSetNumberPair(const char* name, int64_t value) {
+    JsonToken element(static_cast<const ValueSelector<kValueTypeNumber>*>(nullptr), value);
+    ObjectSetPair(name, &element);
+}
+
+void JsonToken::ObjectSetNumberPair(const char* name, uint64_t value) {
     JsonToken element(static_cast<const ValueSelector<kValueTypeNumber>*>(nullptr), value);
     ObjectSetPair(name, &element);
 }

@@ -73,9 +73,16 @@ void ZtLogPrint(ZtLogContext* ctx, int level, const char* format, ...)
  * printable characters. format is reserved and must be 0. */
 void ZtLogDumpData(ZtLogContext* ctx, int level, const void* data, size_t len, int format);
 
-/* Sets the threshold of the context called name (creating it if needed). Returns 0, or -1 for a
- * NULL name or a level outside 0..7. */
+/* Sets the threshold of the context called name (creating it if needed) and of every context
+ * under it ("VOK" covers "VOK.Shell" and "VOK.MessageMover.Msg.Write", not "VOKX"), those that
+ * exist and those made later, as a ZTLOG_LEVELS entry would; earlier settings of contexts under
+ * name are replaced. Returns 0, or -1 for a NULL name, "*", a level outside 0..7 or no memory. */
 int ZtLogSetLevel(const char* name, int level);
+
+/* Parses a level given by number ("0".."7") or by syslog name, in any case ("emerg", "alert",
+ * "crit", "err", "warning", "notice", "info", "debug", and "emergency", "critical", "error",
+ * "warn"). Returns the level 0..7, or -1 for NULL or anything else. */
+int ZtLogParseLevel(const char* text);
 
 /* Sends lines to syslog (enable non-zero) or to standard error from now on, whatever ZTLOG_OUTPUT
  * said: a daemon may switch once it has detached from its terminal. */
