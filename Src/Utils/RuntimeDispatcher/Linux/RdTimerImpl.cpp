@@ -82,15 +82,19 @@ gboolean RdTimerImpl::CallbackFunc(void* data) {
     // GLib removes the source after this dispatch; forgetting it now also lets the callback
     // re-arm the timer.
     self->source_ = nullptr;
+    RefCounted::Holder hold(self);  // the callback may destroy the front
     self->dispatcher_->RunGuarded([self]() {
-        if (self->periodMs_ != 0) {
-            // Armed before the callback, which may cancel, re-arm or destroy the timer.
-            self->AdvancePeriodic();
-            self->ArmAt(self->due_);
-        }
-        RefCounted::Holder hold(self);
         self->callback_();  // std::bad_function_call when empty.
     });
+    // A periodic timer that the callback left alone (not cancelled, re-armed or destroyed) is
+    // armed for its next due time only now, so that the time the callback took counts as late:
+    // a beat whose due time passed meanwhile is skipped.
+    if (self->periodMs_ != 0 && self->source_ == nullptr) {
+        self->dispatcher_->RunGuarded([self]() {
+            self->AdvancePeriodic();
+            self->ArmAt(self->due_);
+        });
+    }
     return FALSE;
 }
 
