@@ -135,8 +135,10 @@ class RdKvService : private Uncopyable {
     ~RdKvService();
 
     // Calls handler for every request to method ("CATEGORY/METHOD", for example
-    // "sensor/mean"). Throws VokProgramErrorException (kVokErrFailed) when the method is
-    // malformed or already added.
+    // "sensor/mean"). Add the methods right after construction, before the loop runs: a request
+    // that arrives before its method is added is answered with KV_ERROR_NO_METHOD. Throws
+    // VokProgramErrorException (kVokErrFailed) when the method is malformed or already added, or
+    // the handler is empty.
     void AddMethod(const std::string& method, std::function<void(RdKvRequest&)> handler);
     // Called with false when the service loses the bus and with true when it is back and owns
     // its name again. Empty removes the observer.
