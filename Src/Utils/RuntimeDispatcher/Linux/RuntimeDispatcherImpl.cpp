@@ -3,6 +3,7 @@
 #include <kelvra/kelvra.h>
 
 #include <map>
+#include <new>
 
 #include "Src/Utils/Linux/UncaughtException.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/Kelvra/VokKvError.h"
@@ -241,20 +242,29 @@ void RuntimeDispatcherImpl::RequestStop() {
 
 struct RdPostQueue::Source {
     GSource source;
-    RdPostQueue* queue;  // Not a reference: the queue destroys the source when it closes.
+    // Not a reference: the queue destroys the source when it closes. Set by the posting thread
+    // before the attach and read on the dispatcher's: atomic, since the attach orders them only
+    // inside GLib, where a race detector cannot see it.
+    std::atomic<RdPostQueue*> queue;
 };
+
+namespace {
+RdPostQueue* QueueOf(GSource* source) {
+    return reinterpret_cast<RdPostQueue::Source*>(source)->queue.load(std::memory_order_acquire);
+}
+}  // namespace
 
 gboolean RdPostQueue::Prepare(GSource* source, gint* timeout) {
     *timeout = -1;
-    return reinterpret_cast<Source*>(source)->queue->ready_.load(std::memory_order_acquire);
+    return QueueOf(source)->ready_.load(std::memory_order_acquire);
 }
 
 gboolean RdPostQueue::Check(GSource* source) {
-    return reinterpret_cast<Source*>(source)->queue->ready_.load(std::memory_order_acquire);
+    return QueueOf(source)->ready_.load(std::memory_order_acquire);
 }
 
 gboolean RdPostQueue::Dispatch(GSource* source, GSourceFunc, gpointer) {
-    reinterpret_cast<Source*>(source)->queue->RunPending();
+    QueueOf(source)->RunPending();
     return G_SOURCE_CONTINUE;
 }
 
@@ -271,7 +281,8 @@ bool RdPostQueue::Post(std::function<void()> closure) {
     closures_.push_back(std::move(closure));
     if (source_ == nullptr) {
         source_ = g_source_new(&gPostQueueFuncs, sizeof(Source));
-        reinterpret_cast<Source*>(source_)->queue = this;
+        new (&reinterpret_cast<Source*>(source_)->queue) std::atomic<RdPostQueue*>(nullptr);
+        reinterpret_cast<Source*>(source_)->queue.store(this, std::memory_order_release);
         g_source_set_name(source_, "vok post");
         ready_.store(true, std::memory_order_release);
         g_source_attach(source_, dispatcher_->GetContext());  // wakes the context

@@ -42,8 +42,9 @@ class RdPostQueue {
     static gboolean Check(GSource* source);
     static gboolean Dispatch(GSource* source, GSourceFunc, gpointer);
 
+    struct Source;  // The GLib source: GSource, then the queue.
+
   private:
-    struct Source;
     void RunPending();
 
     RuntimeDispatcherImpl* dispatcher_;  // Null once closed.
