@@ -17,3 +17,17 @@ write_bus_conf() {
 </busconfig>
 CONF
 }
+
+# start_private_bus DIR starts a dbus-daemon listening under DIR (configuration DIR/bus.conf),
+# exports KELVRA_BUS_ADDRESS for it and sets PRIVATE_BUS_PID. The daemon forks: it is not the
+# caller's child, so stop it with kill.
+start_private_bus() {
+    write_bus_conf "$1/bus.conf" "unix:dir=$1"
+    # --fork returns once the daemon listens; it writes its address and pid first.
+    dbus-daemon --config-file="$1/bus.conf" --fork --print-address=3 --print-pid=4 \
+        3>"$1/address" 4>"$1/pid" 2>/dev/null
+    read -r KELVRA_BUS_ADDRESS <"$1/address"
+    read -r PRIVATE_BUS_PID <"$1/pid"
+    export KELVRA_BUS_ADDRESS
+    unset DBUS_SESSION_BUS_ADDRESS
+}

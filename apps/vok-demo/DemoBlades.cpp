@@ -1,6 +1,5 @@
 #include "DemoBlades.h"
 
-#include <glib.h>
 #include <kelvra/kelvra.h>
 
 #include <chrono>
@@ -20,6 +19,7 @@
 #include "vok/MmConnectionPort.h"
 #include "vok/RdAlarm.h"
 #include "vok/RdKvCall.h"
+#include "vok/RdKvService.h"
 #include "vok/RdPortMonitor.h"
 #include "vok/RdTimer.h"
 #include "vok/VokError.h"
@@ -72,11 +72,8 @@ class Reporter {
     Reporter(RuntimeDispatcher& dispatcher, unsigned periodMs, std::function<void()> report)
         : periodMs_(periodMs), report_(std::move(report)) {
         if (periodMs_ != 0) {
-            timer_.reset(new RdTimerBase(dispatcher, [this]() {
-                report_();
-                timer_->Schedule(periodMs_);
-            }));
-            timer_->Schedule(periodMs_);
+            timer_.reset(new RdTimerBase(dispatcher, [this]() { report_(); }));
+            timer_->SchedulePeriodic(periodMs_);
         }
     }
     bool PerMessage() const { return periodMs_ == 0; }
@@ -91,8 +88,7 @@ class Reporter {
 
 class EchoBlade : public DemoBlade {
   protected:
-    void Start(ServiceBladeEnvironment* env, RuntimeDispatcher& dispatcher,
-               GMainContext* context) override {
+    void Start(ServiceBladeEnvironment* env, RuntimeDispatcher& dispatcher) override {
         iface_ = env->GetMmInterface();
         port_ = iface_->CreateCommandServicePort(kEchoServiceId);
         monitor_.reset(
@@ -102,24 +98,19 @@ class EchoBlade : public DemoBlade {
             static_cast<unsigned long>(kEchoServiceId),
             static_cast<unsigned long>(port_->GetAddress()));
 
-        KVError error;
-        KVErrorInit(&error);
-        if (KVRegister(kDemoBusService, &bus_, &error) &&
-            KVRegisterMethod(bus_, "demo/echo", &EchoBlade::BusEcho, this, &error) &&
-            KVGmainAttach(bus_, context, &error)) {
+        try {
+            bus_.reset(new RdKvService(dispatcher, kDemoBusService));
+            bus_->AddMethod("demo/echo", [this](RdKvRequest& request) { BusEcho(request); });
             Say("echo", "serving kelvra://%s/demo/echo on the bus", kDemoBusService);
-        } else {
-            Say("echo", "not on the bus: %s", error.message != nullptr ? error.message : "");
+        } catch (const VokResourceException& e) {
+            Say("echo", "not on the bus: %s", e.what());
         }
-        KVErrorFree(&error);
     }
 
     void Finish(ServiceBladeEnvironment*) override {
         monitor_.reset();
         iface_->DiscardCommandPort(port_);
-        if (bus_ != nullptr) {
-            KVUnregister(bus_, nullptr);
-        }
+        bus_.reset();
         Say("echo", "served %ld requests on the MessageMover, %ld on the bus",
             static_cast<long>(served_.Get(nullptr)), static_cast<long>(busServed_.Get(nullptr)));
     }
@@ -142,22 +133,21 @@ class EchoBlade : public DemoBlade {
         }
     }
 
-    static bool BusEcho(KVHandle* handle, KVMessage* request, void* self) {
+    void BusEcho(RdKvRequest& request) {
         JsonToken echoed;
-        echoed.ParseJsonString(KVMessageGetPayload(request));
+        echoed.ParseJsonString(request.GetPayloadText().c_str());
         JsonToken reply;
         reply.MakeObject();
         reply.ObjectSetBooleanPair("returnValue", true);
         reply.ObjectSetPair("echo", &echoed);
-        KVReply(handle, request, reply.GenerateJsonEncodingAndPeek(), nullptr);
-        static_cast<EchoBlade*>(self)->busServed_.Inc();
-        return true;
+        request.Reply(reply);
+        busServed_.Inc();
     }
 
     MessageMoverInterface* iface_ = nullptr;
     MmCommandPort* port_ = nullptr;
     std::unique_ptr<RdPortMonitor> monitor_;  // Watches port_: destroyed before it.
-    KVHandle* bus_ = nullptr;
+    std::unique_ptr<RdKvService> bus_;
     DiagnosticRegisterCounter served_{"root.demo.echo.served", 0};
     DiagnosticRegisterCounter busServed_{"root.demo.echo.busServed", 0};
 };
@@ -169,15 +159,14 @@ class ClientBlade : public DemoBlade {
     explicit ClientBlade(const DemoPace& pace) : pace_(pace) {}
 
   protected:
-    void Start(ServiceBladeEnvironment* env, RuntimeDispatcher& dispatcher,
-               GMainContext*) override {
+    void Start(ServiceBladeEnvironment* env, RuntimeDispatcher& dispatcher) override {
         iface_ = env->GetMmInterface();
         port_ = iface_->CreateCommandPort();
         monitor_.reset(
             new RdPortMonitor(*port_, dispatcher, [this](bool, bool, bool) { ReadReplies(); }));
         monitor_->SetEventMask(true, false, false);
         timer_.reset(new RdTimerBase(dispatcher, [this]() { SendRequests(); }));
-        timer_->Schedule(200);
+        timer_->SchedulePeriodic(pace_.clientPeriodMs);
         reporter_.reset(new Reporter(dispatcher, pace_.reportMs, [this]() { Report(); }));
     }
 
@@ -201,7 +190,6 @@ class ClientBlade : public DemoBlade {
             request.SetDestinationAddress(kEchoServiceId);
             port_->WriteMessage(request, nullptr);
         }
-        timer_->Schedule(pace_.clientPeriodMs);
     }
 
     void Report() {
@@ -260,10 +248,9 @@ class ClientBlade : public DemoBlade {
 
 class AlarmBlade : public DemoBlade {
   protected:
-    void Start(ServiceBladeEnvironment*, RuntimeDispatcher& dispatcher, GMainContext*) override {
+    void Start(ServiceBladeEnvironment*, RuntimeDispatcher& dispatcher) override {
         try {
             alarm_.reset(new RdAlarmBase(dispatcher, [this]() { Fired(); }));
-            power_ = RdKelvraUtils::GetVokKvClient(dispatcher, "com.orvex.power");
         } catch (const VokResourceException& e) {
             // No bus at all: the alarm cannot even watch for the power service.
             Say("alarm", "no bus (%s): using a plain timer", e.what());
@@ -315,7 +302,7 @@ class AlarmBlade : public DemoBlade {
         }
         pending_ = false;
         fired_.Inc();
-        const bool viaPower = power_ != nullptr && power_->IsConnected();
+        const bool viaPower = alarm_ && alarm_->GetFiredBy() == kRdAlarmFiredByPowerService;
         const double lateMs = static_cast<double>((now - dueNs_) / 1000) / 1000.0;
         Say("alarm", "alarm #%lu fired through %s at +%.3f ms, due +%.3f ms: %.3f ms %s", number_,
             viaPower ? "the power service (com.orvex.power)" : "the fallback timer",
@@ -324,7 +311,6 @@ class AlarmBlade : public DemoBlade {
         rearm_->Schedule(kRearmMs);
     }
 
-    VokKvClient* power_ = nullptr;
     std::unique_ptr<RdAlarmBase> alarm_;
     std::unique_ptr<RdTimerBase> timer_;  // Instead of alarm_ when there is no bus.
     std::unique_ptr<RdTimerBase> rearm_;
@@ -341,7 +327,7 @@ class BusBlade : public DemoBlade {
     explicit BusBlade(const DemoPace& pace) : pace_(pace) {}
 
   protected:
-    void Start(ServiceBladeEnvironment*, RuntimeDispatcher& dispatcher, GMainContext*) override {
+    void Start(ServiceBladeEnvironment*, RuntimeDispatcher& dispatcher) override {
         try {
             KVHandle* handle = RdKelvraUtils::GetKvHandle(dispatcher);
             for (unsigned i = 0; i < pace_.busCalls; ++i) {
@@ -353,7 +339,7 @@ class BusBlade : public DemoBlade {
             power_->AddRegStatusObserver(
                 this, [](bool up) { Say("bus", "com.orvex.power is %s", up ? "up" : "down"); });
             timer_.reset(new RdTimerBase(dispatcher, [this]() { CallEcho(); }));
-            timer_->Schedule(pace_.busPeriodMs);
+            timer_->SchedulePeriodic(pace_.busPeriodMs);
             reporter_.reset(new Reporter(dispatcher, pace_.reportMs, [this]() { Report(); }));
         } catch (const VokResourceException& e) {
             Say("bus", "no bus: %s", e.what());
@@ -384,7 +370,6 @@ class BusBlade : public DemoBlade {
             waiting_[i] = true;
             calls_[i]->Call(kDemoBusService, "demo/echo", payload);
         }
-        timer_->Schedule(pace_.busPeriodMs);
     }
 
     void Replied(size_t index, KVMessage* reply) {
@@ -432,15 +417,11 @@ class BusBlade : public DemoBlade {
 }  // namespace
 
 void DemoBlade::Run(ServiceBladeEnvironment* env) {
-    GMainContext* context = g_main_context_new();
-    {
-        GlibRuntimeDispatcher dispatcher(context);
-        BladeStopWatcher stopWatcher(env, dispatcher);
-        Start(env, dispatcher, context);
-        dispatcher.Run();
-        Finish(env);
-    }
-    g_main_context_unref(context);
+    RuntimeDispatcher dispatcher;
+    BladeStopWatcher stopWatcher(env, dispatcher);
+    Start(env, dispatcher);
+    dispatcher.Run();
+    Finish(env);
 }
 
 std::unique_ptr<DemoBlade> MakeEchoBlade() {

@@ -7,10 +7,9 @@
 #include <string>
 #include <utility>
 
+#include "vok/BladeLoader.h"
 #include "vok/RuntimeDispatcher.h"
 #include "vok/VokShell.h"
-
-typedef struct _GMainContext GMainContext;
 
 namespace vok {
 
@@ -31,8 +30,7 @@ class DemoBlade : public ServiceBlade {
     void Run(ServiceBladeEnvironment* env) final;
 
   protected:
-    virtual void Start(ServiceBladeEnvironment* env, RuntimeDispatcher& dispatcher,
-                       GMainContext* context) = 0;
+    virtual void Start(ServiceBladeEnvironment* env, RuntimeDispatcher& dispatcher) = 0;
     virtual void Finish(ServiceBladeEnvironment* env) = 0;
 };
 
@@ -61,21 +59,7 @@ std::unique_ptr<DemoBlade> MakeAlarmBlade();
 std::unique_ptr<DemoBlade> MakeBusBlade(const DemoPace& pace);
 
 // Loads one of the blades above.
-class DemoLoader : public VokBladeLoaderInterface {
-  public:
-    DemoLoader(const std::string& name, std::function<std::unique_ptr<DemoBlade>()> make)
-        : name_(name), make_(std::move(make)) {}
-    const std::string& GetBladeName() const override { return name_; }
-    int32_t GetStartMode() const override { return kBladeStartModeAuto; }
-    void LoadBlade(const VokShellDaemonInfo&) override { blade_ = make_(); }
-    void UnloadBlade() override { blade_.reset(); }
-    ServiceBlade* GetServiceBlade() override { return blade_.get(); }
-
-  private:
-    std::string name_;
-    std::function<std::unique_ptr<DemoBlade>()> make_;
-    std::unique_ptr<DemoBlade> blade_;
-};
+typedef VokBladeLoader<DemoBlade> DemoLoader;
 
 }  // namespace demo
 }  // namespace vok

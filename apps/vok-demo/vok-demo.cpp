@@ -60,10 +60,12 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "vok-demo: unknown arguments (see vok-demo --help)\n");
         return 2;
     }
-    DemoLoader echo("echo", &vok::demo::MakeEchoBlade);
-    DemoLoader client("client", [&pace]() { return vok::demo::MakeClientBlade(pace); });
-    DemoLoader alarm("alarm", &vok::demo::MakeAlarmBlade);
-    DemoLoader bus("bus", [&pace]() { return vok::demo::MakeBusBlade(pace); });
+    DemoLoader echo("echo", vok::kBladeStartModeAuto, &vok::demo::MakeEchoBlade);
+    DemoLoader client("client", vok::kBladeStartModeAuto,
+                      [&pace]() { return vok::demo::MakeClientBlade(pace); });
+    DemoLoader alarm("alarm", vok::kBladeStartModeAuto, &vok::demo::MakeAlarmBlade);
+    DemoLoader bus("bus", vok::kBladeStartModeAuto,
+                   [&pace]() { return vok::demo::MakeBusBlade(pace); });
     std::printf("[vok-demo] starting 4 blades: echo, client, alarm, bus\n");
     std::fflush(stdout);
     vok::DaemonHooks hooks;

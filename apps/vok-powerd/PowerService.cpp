@@ -9,8 +9,13 @@
 namespace vok {
 namespace powerd {
 
-PowerService::PowerService(RuntimeDispatcher& dispatcher, KVHandle* handle, FILE* requestLog)
-    : handle_(handle), requestLog_(requestLog), clockId_(CLOCK_BOOTTIME_ALARM), timerFd_(-1) {
+PowerService::PowerService(RuntimeDispatcher& dispatcher, FILE* requestLog)
+    : requestLog_(requestLog),
+      clockId_(CLOCK_BOOTTIME_ALARM),
+      timerFd_(-1),
+      service_(dispatcher, "com.orvex.power") {
+    service_.AddMethod("time/alarmAdd", [this](RdKvRequest& request) { Serve(request); });
+    service_.AddMethod("time/alarmRemove", [this](RdKvRequest& request) { Serve(request); });
     // CLOCK_BOOTTIME_ALARM needs CAP_WAKE_ALARM; without it the alarms still count suspended
     // time but cannot wake the device.
     timerFd_ = timerfd_create(CLOCK_BOOTTIME_ALARM, TFD_CLOEXEC | TFD_NONBLOCK);
@@ -30,18 +35,10 @@ PowerService::~PowerService() {
     if (timerFd_ >= 0) {
         close(timerFd_);
     }
-    for (auto& open : requests_) {
-        KVMessageUnref(open.second);
-    }
 }
 
 const char* PowerService::ClockName() const {
     return clockId_ == CLOCK_BOOTTIME_ALARM ? "CLOCK_BOOTTIME_ALARM" : "CLOCK_BOOTTIME";
-}
-
-bool PowerService::RegisterMethods(KVError* error) {
-    return KVRegisterMethod(handle_, "time/alarmAdd", &PowerService::RequestCb, this, error) &&
-           KVRegisterMethod(handle_, "time/alarmRemove", &PowerService::RequestCb, this, error);
 }
 
 int64_t PowerService::NowNs() const {
@@ -57,31 +54,17 @@ void PowerService::Log(const std::string& line) {
     }
 }
 
-bool PowerService::RequestCb(KVHandle*, KVMessage* request, void* self) {
-    static_cast<PowerService*>(self)->Serve(request);
-    return true;
-}
-
-void PowerService::Serve(KVMessage* request) {
-    AlarmBook::Outcome outcome =
-        book_.Handle(KVMessageGetMethod(request), KVMessageGetPayload(request),
-                     KVMessageGetSender(request), NowNs());
+void PowerService::Serve(RdKvRequest& request) {
+    AlarmBook::Outcome outcome = book_.Handle(request.GetMethod(), request.GetPayloadText().c_str(),
+                                              request.GetSender().c_str(), NowNs());
     if (outcome.added != 0) {
         // The request stays open: the alarm's notice goes there, and its end ends the alarm.
-        if (KVSubscriptionAdd(handle_, request, &PowerService::SubscriptionCancelledCb, this,
-                              nullptr)) {
-            requests_[outcome.added] = KVMessageRef(request);
-            KVReply(handle_, request, outcome.reply.c_str(), nullptr);
-        } else {
-            book_.Drop(outcome.added);
-            outcome.logLine += " failed: the request could not be kept open";
-            KVReplyLast(
-                handle_, request,
-                AlarmBook::ErrorReply(kPowerErrTimer, "the request could not be kept open").c_str(),
-                nullptr);
-        }
+        const uint32_t id = outcome.added;
+        RdKvSubscription& open = requests_[id] =
+            request.Subscribe([this, id]() { SubscriptionCancelled(id); });
+        open.Reply(outcome.reply);
     } else {
-        KVReplyLast(handle_, request, outcome.reply.c_str(), nullptr);
+        request.Reply(outcome.reply);
     }
     if (outcome.removed != 0) {
         EndRequest(outcome.removed, AlarmBook::RemovedReply(outcome.removed));
@@ -95,10 +78,9 @@ void PowerService::EndRequest(uint32_t id, const std::string& reply) {
     if (it == requests_.end()) {
         return;
     }
-    KVMessage* request = it->second;
+    RdKvSubscription request(std::move(it->second));
     requests_.erase(it);
-    KVReplyLast(handle_, request, reply.c_str(), nullptr);
-    KVMessageUnref(request);
+    request.ReplyLast(reply);
 }
 
 void PowerService::TimerExpired() {
@@ -131,19 +113,11 @@ void PowerService::ArmTimer() {
     timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &spec, nullptr);
 }
 
-void PowerService::SubscriptionCancelledCb(KVHandle*, KVMessage* request, void* self) {
-    PowerService* service = static_cast<PowerService*>(self);
-    for (auto it = service->requests_.begin(); it != service->requests_.end(); ++it) {
-        if (it->second == request) {
-            const uint32_t id = it->first;
-            service->requests_.erase(it);
-            KVMessageUnref(request);
-            service->book_.Drop(id);
-            service->Log("cancelled id=" + std::to_string(id));
-            service->ArmTimer();
-            return;
-        }
-    }
+void PowerService::SubscriptionCancelled(uint32_t id) {
+    requests_.erase(id);  // destroys the running callback's subscription: allowed
+    book_.Drop(id);
+    Log("cancelled id=" + std::to_string(id));
+    ArmTimer();
 }
 
 }  // namespace powerd

@@ -2,22 +2,22 @@
 #ifndef VOK_APPS_VOK_POWERD_POWERSERVICE_H
 #define VOK_APPS_VOK_POWERD_POWERSERVICE_H
 
-#include <kelvra/kelvra.h>
-
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
 
 #include "AlarmBook.h"
 #include "vok/RdDescriptorMonitor.h"
+#include "vok/RdKvService.h"
 #include "vok/RuntimeDispatcher.h"
 
 namespace vok {
 namespace powerd {
 
-// Serves "time/alarmAdd" and "time/alarmRemove" on a bus handle attached to the dispatcher's
-// context; the requests themselves are decided by an AlarmBook. One timerfd, on
+// Serves "time/alarmAdd" and "time/alarmRemove" as com.orvex.power from the dispatcher's thread;
+// the requests themselves are decided by an AlarmBook. One timerfd, on
 // CLOCK_BOOTTIME_ALARM (wakes a suspended device) where the process may use it, else on
 // CLOCK_BOOTTIME, is armed for the earliest alarm, so the number of alarms costs no descriptors.
 // An add request gets {"returnValue":true,"alarmId":N} at once and {"returnValue":true,
@@ -26,23 +26,28 @@ namespace powerd {
 // drops every alarm.
 class PowerService {
   public:
-    // requestLog, when not NULL, receives one line per request handled (for tests and demos).
-    PowerService(RuntimeDispatcher& dispatcher, KVHandle* handle, FILE* requestLog);
+    // Owns com.orvex.power on the bus; throws VokResourceException when another connection owns
+    // it. requestLog, when not NULL, receives one line per request handled (for tests and
+    // demos).
+    PowerService(RuntimeDispatcher& dispatcher, FILE* requestLog);
     ~PowerService();
     PowerService(const PowerService&) = delete;
     PowerService& operator=(const PowerService&) = delete;
 
     // False when no timer could be made (the service cannot work).
     bool HasTimer() const { return timerFd_ >= 0; }
-    // Registers the methods; false (error filled) when the bus refuses.
-    bool RegisterMethods(KVError* error);
     // The clock the alarms use.
     const char* ClockName() const;
+    // True while the service owns its name on the bus.
+    bool IsConnected() const { return service_.IsConnected(); }
+    // Called with true when the service owns its name (again), false when it lost the bus.
+    void SetConnectionObserver(std::function<void(bool)> observer) {
+        service_.SetConnectionObserver(std::move(observer));
+    }
 
   private:
-    static bool RequestCb(KVHandle* handle, KVMessage* request, void* self);
-    static void SubscriptionCancelledCb(KVHandle* handle, KVMessage* request, void* self);
-    void Serve(KVMessage* request);
+    void Serve(RdKvRequest& request);
+    void SubscriptionCancelled(uint32_t id);
     void TimerExpired();
     // Ends an alarm's request with a last reply.
     void EndRequest(uint32_t id, const std::string& reply);
@@ -50,13 +55,15 @@ class PowerService {
     int64_t NowNs() const;
     void Log(const std::string& line);
 
-    KVHandle* handle_;  // Not owned.
     FILE* requestLog_;
     int clockId_;  // CLOCK_BOOTTIME_ALARM, or CLOCK_BOOTTIME when that is not allowed.
     int timerFd_;  // Owned; -1 when none could be made.
     AlarmBook book_;
-    std::map<uint32_t, KVMessage*> requests_;  // One reference each: the open add requests.
+    std::map<uint32_t, RdKvSubscription> requests_;          // The open add requests, by alarm.
     std::unique_ptr<RdDescriptorMonitorBase> timerMonitor_;  // Watches timerFd_.
+    // Declared last, so destroyed first: the name is given up before requests_ goes, and the
+    // open requests end as their clients see a service leave, without a reply of their own.
+    RdKvService service_;
 };
 
 }  // namespace powerd

@@ -5,98 +5,70 @@
 // A daemon built on the framework: a shell hosting one blade that serves time/alarmAdd and
 // time/alarmRemove until SIGINT or SIGTERM. With --log it prints one line per request and per
 // fired alarm on standard output. The bus is KELVRA_BUS_ADDRESS, else DBUS_SESSION_BUS_ADDRESS,
-// else the system bus. Exits with 1 when it cannot serve (the name is taken, no bus).
-#include <glib.h>
-#include <kelvra/kelvra.h>
-
+// else the system bus; while it is down the service waits for it. Exits with 1 when it cannot
+// serve (another program owns the name, there is no bus address, no timer can be made).
 #include <atomic>
 #include <cstdio>
 #include <cstring>
 
 #include "PowerService.h"
-#include "vok/BladeStopWatcher.h"
+#include "vok/BladeLoader.h"
 #include "vok/Daemon.h"
 #include "vok/DiagBusService.h"
 #include "vok/RuntimeDispatcher.h"
 #include "vok/Version.h"
-#include "vok/VokKvClient.h"
+#include "vok/VokError.h"
 
 namespace {
 
 using namespace vok;
 
 std::atomic<bool> gFailed(false);
+std::atomic<VokShell*> gShell(nullptr);
+bool gLog = false;  // Set before the shell starts.
 
-// The blade: a bus handle owning com.orvex.power on the blade's dispatcher, the service on it,
-// and the control port watched for the stop event.
-class PowerBlade : public ServiceBlade {
+// The blade's work, alive while its dispatcher runs: the service on the blade's dispatcher.
+class PowerBlade {
   public:
-    PowerBlade(VokShell** shell, bool log) : shell_(shell), log_(log) {}
-
-    void Run(ServiceBladeEnvironment* env) override {
-        GMainContext* context = g_main_context_new();
-        {
-            GlibRuntimeDispatcher dispatcher(context);
-            BladeStopWatcher stopWatcher(env, dispatcher);
-            Serve(dispatcher, context);
-        }
-        g_main_context_unref(context);
-    }
-
-  private:
-    void Serve(RuntimeDispatcher& dispatcher, GMainContext* context) {
-        KVHandle* handle = nullptr;
-        KVError error;
-        KVErrorInit(&error);
-        if (!KVRegister("com.orvex.power", &handle, &error)) {
-            Fail(error);
+    PowerBlade(ServiceBladeEnvironment&, RuntimeDispatcher& dispatcher) {
+        try {
+            service_.reset(new powerd::PowerService(dispatcher, gLog ? stdout : nullptr));
+        } catch (const VokResourceException& e) {
+            Fail(e.what());
             return;
         }
-        {
-            powerd::PowerService service(dispatcher, handle, log_ ? stdout : nullptr);
-            if (!service.HasTimer()) {
-                std::fprintf(stderr, "vok-powerd: cannot make a timer\n");
-                gFailed = true;
-                (*shell_)->RequestStop();
-            } else if (!service.RegisterMethods(&error) ||
-                       !KVGmainAttach(handle, context, &error)) {
-                Fail(error);
-            } else {
-                if (log_) {
-                    std::printf("ready clock=%s\n", service.ClockName());
-                    std::fflush(stdout);
-                }
-                dispatcher.Run();
-            }
+        if (!service_->HasTimer()) {
+            Fail("cannot make a timer");
+            return;
         }
-        KVUnregister(handle, nullptr);
-        KVErrorFree(&error);
+        // Ready once the service owns its name: at once when the bus is up, else when it comes.
+        service_->SetConnectionObserver([this](bool connected) {
+            if (connected) {
+                Ready();
+            }
+        });
+        if (service_->IsConnected()) {
+            Ready();
+        }
     }
-
-    void Fail(KVError& error) {
-        std::fprintf(stderr, "vok-powerd: cannot serve com.orvex.power: %s\n",
-                     error.message != nullptr ? error.message : "bus error");
-        KVErrorFree(&error);
-        gFailed = true;
-        (*shell_)->RequestStop();
-    }
-
-    VokShell** shell_;
-    bool log_;
-};
-
-class PowerBladeLoader : public VokBladeLoaderInterface {
-  public:
-    PowerBladeLoader(VokShell** shell, bool log) : blade_(shell, log) {}
-    const std::string& GetBladeName() const override { return name_; }
-    int32_t GetStartMode() const override { return kBladeStartModeAuto; }
-    void LoadBlade(const VokShellDaemonInfo&) override {}
-    void UnloadBlade() override {}
-    ServiceBlade* GetServiceBlade() override { return &blade_; }
 
   private:
-    const std::string name_ = "power";
-    PowerBlade blade_;
+    void Ready() {
+        if (gLog && !ready_) {
+            std::printf("ready clock=%s\n", service_->ClockName());
+            std::fflush(stdout);
+        }
+        ready_ = true;
+    }
+
+    static void Fail(const char* why) {
+        std::fprintf(stderr, "vok-powerd: cannot serve com.orvex.power: %s\n", why);
+        gFailed = true;
+        gShell.load()->RequestStop();
+    }
+
+    std::unique_ptr<powerd::PowerService> service_;
+    bool ready_ = false;
 };
 
 }  // namespace
@@ -113,10 +85,9 @@ const char kUsage[] =
     "The bus: KELVRA_BUS_ADDRESS, else DBUS_SESSION_BUS_ADDRESS, else the system bus.\n";
 
 int main(int argc, char** argv) {
-    bool log = false;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--log") == 0) {
-            log = true;
+            gLog = true;
         } else if (std::strcmp(argv[i], "--help") == 0) {
             std::fputs(kUsage, stdout);
             return 0;
@@ -129,10 +100,9 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
-    VokShell* shell = nullptr;
-    PowerBladeLoader loader(&shell, log);
+    VokBladeLoader<VokLoopBlade<PowerBlade>> loader("power");
     DaemonHooks hooks;
-    hooks.beforeStart = [&](VokShell& built) { shell = &built; };
+    hooks.beforeStart = [](VokShell& built) { gShell = &built; };
     EnableDiagBusService(&hooks);
     const int status = RunDaemon(VokShellDaemonInfo("vok-powerd", ""), {&loader}, hooks);
     return gFailed ? 1 : status;

@@ -11,6 +11,13 @@ namespace vok {
 class RuntimeDispatcher;
 class RdAlarmImpl;
 
+// What fired an alarm (RdAlarmBase::GetFiredBy).
+enum RdAlarmFiredBy {
+    kRdAlarmNotFired = 0,             // not fired since the last Schedule
+    kRdAlarmFiredByPowerService = 1,  // the power service's alarm (it can wake the device)
+    kRdAlarmFiredByTimer = 2,         // the fallback timer (the service was down or failed)
+};
+
 // Like a timer (Schedule, Cancel, ChangeCb), but set as an alarm of the power service
 // "com.orvex.power" while that service is up, so it can wake a suspended device; while the
 // service is down, or does not answer, or answers nonsense, it runs on an ordinary dispatcher
@@ -30,6 +37,9 @@ class RdAlarmBase : private Uncopyable {
     void Cancel();
     // Replaces the callback; the arming is kept.
     void ChangeCb(std::function<void()> callback);
+    // How the alarm fired last: inside the callback, what fired it now; kRdAlarmNotFired from
+    // Schedule until it fires.
+    RdAlarmFiredBy GetFiredBy() const;
 
   private:
     RdAlarmImpl* impl_;  // One reference.

@@ -25,9 +25,10 @@ Timespec operator+(const Timespec& a, const Timespec& b);
 // Difference; a span is never negative, so a later b gives {0, 0}.
 Timespec operator-(const Timespec& a, const Timespec& b);
 
-// One-shot timer on the dispatcher's thread. Create, schedule, cancel and destroy it on that
-// thread only; the callback runs there too and may re-arm or destroy the timer. It fires once,
-// never before the interval has passed. Destroying it disarms it.
+// Timer on the dispatcher's thread: one shot (Schedule) or periodic at a fixed rate
+// (SchedulePeriodic). Create, schedule, cancel and destroy it on that thread only; the callback
+// runs there too and may re-arm, cancel or destroy the timer. It never fires before it is due.
+// Destroying it disarms it.
 class RdTimerBase : private Uncopyable {
   public:
     // An idle timer on dispatcher's thread.
@@ -36,6 +37,11 @@ class RdTimerBase : private Uncopyable {
 
     // Arms the timer to fire once after milliseconds; an earlier arming is cancelled.
     void Schedule(unsigned int milliseconds);
+    // Arms the timer to fire every periodMs from now on, until Cancel or another Schedule. The
+    // rate does not drift: each due time is the previous due time plus the period, whenever the
+    // callback actually ran. When the loop was late by more than a period, the beats it missed
+    // are skipped, not run in a burst. Throws VokProgramErrorException (kVokErrFailed) for 0.
+    void SchedulePeriodic(unsigned int periodMs);
     // Disarms; nothing happens when idle.
     void Cancel();
     // Replaces the callback; the arming is kept.

@@ -4,6 +4,7 @@
 
 #include <exception>
 #include <functional>
+#include <memory>
 
 #include "vok/VokTypes.h"
 
@@ -12,15 +13,36 @@ typedef struct _GMainLoop GMainLoop;
 
 namespace vok {
 
+class RdPostQueue;
 class RuntimeDispatcherImpl;
+
+// Where closures can be posted to run on one dispatcher's thread; a copyable handle that any
+// thread may hold and use, also after the dispatcher is gone (Post then returns false). Get one
+// with RuntimeDispatcher::GetPostTarget and hand it to other blades or threads.
+class RdPostTarget {
+  public:
+    // A target of no dispatcher: Post returns false.
+    RdPostTarget() = default;
+
+    // Runs closure once on the dispatcher's thread, inside its loop, after the closures posted
+    // before it; returns at once. Any thread. False when the dispatcher is gone: the closure is
+    // then destroyed here without running. Closures still pending when the dispatcher is
+    // destroyed are destroyed on its thread without running. An exception out of a closure takes
+    // the dispatcher's exception path.
+    bool Post(std::function<void()> closure) const;
+
+  private:
+    friend class RuntimeDispatcher;
+    std::shared_ptr<RdPostQueue> queue_;
+};
 
 // A GLib main loop on a main context. The thread that calls Run owns the dispatcher: every
 // callback of every object created against it (timers, bridges, monitors, bus calls, alarms)
-// runs there, from inside Run. RequestStop may be called from any thread; everything else
-// belongs to the owning thread. Objects created against a dispatcher must be destroyed before
-// it; destroying it releases its context reference and its bus registration. A dispatcher created
-// on a blade's thread tells the shell whether its loop is waiting for events or busy, and for how
-// long (the shell's watchdog and stop deadline use it); that costs no wake-up.
+// runs there, from inside Run. RequestStop, Post and GetPostTarget may be called from any thread;
+// everything else belongs to the owning thread. Objects created against a dispatcher must be
+// destroyed before it; destroying it releases its context reference and its bus registration. A
+// dispatcher created on a blade's thread tells the shell whether its loop is waiting for events or
+// busy, and for how long (the shell's watchdog and stop deadline use it); that costs no wake-up.
 class RuntimeDispatcher : private Uncopyable {
   public:
     // A dispatcher on a new private main context.
@@ -34,6 +56,12 @@ class RuntimeDispatcher : private Uncopyable {
     // Makes a running Run return; does nothing when the loop is not running (a stop requested
     // before Run starts is lost).
     void RequestStop();
+
+    // RdPostTarget::Post on this dispatcher: runs closure on its thread. Any thread, while the
+    // dispatcher lives (a thread that may outlive it uses a GetPostTarget handle instead).
+    bool Post(std::function<void()> closure);
+    // A handle for posting to this dispatcher from any thread, valid beyond its life. Any thread.
+    RdPostTarget GetPostTarget();
 
     // Receives, on the owning thread, each exception that leaves a callback while no Run is in
     // progress (the application steps the context or runs the GLib loop itself). It may store,

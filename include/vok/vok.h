@@ -3,6 +3,7 @@
 #define VOK_VOK_H
 
 #include <vok/ArgvMaker.h>
+#include <vok/BladeLoader.h>
 #include <vok/BladeStopWatcher.h>
 #include <vok/Daemon.h>
 #include <vok/DiagBusService.h>
@@ -26,6 +27,7 @@
 #include <vok/RdAsyncBridge.h>
 #include <vok/RdDescriptorMonitor.h>
 #include <vok/RdKvCall.h>
+#include <vok/RdKvService.h>
 #include <vok/RdPortMonitor.h>
 #include <vok/RdTimer.h>
 #include <vok/RuntimeDispatcher.h>

@@ -79,6 +79,7 @@ TEST_F(AlarmTest, PowerServiceRestartsKeepTheDueTime) {
         fired_ = 0;
         const Clock::time_point start = Clock::now();
         alarm.Schedule(intervalMs);
+        EXPECT_EQ(kRdAlarmNotFired, alarm.GetFiredBy());
         for (long long at : {1000LL, 2500LL}) {
             Settle(at - MsSince(start));
             powerd->Stop(SIGKILL);
@@ -87,6 +88,7 @@ TEST_F(AlarmTest, PowerServiceRestartsKeepTheDueTime) {
             WaitForPower(true);
         }
         Pump(dispatcher_, [&]() { return fired_ == 1; });
+        EXPECT_EQ(kRdAlarmFiredByPowerService, alarm.GetFiredBy()) << "round " << round;
         const long long error = MsSince(start) - intervalMs;
         minError = std::min(minError, error);
         maxError = std::max(maxError, error);
@@ -110,6 +112,7 @@ TEST_F(AlarmTest, HungPowerServiceLetsTheTimerFireTheAlarmOnce) {
     Pump(
         dispatcher_, [&]() { return fired_ == 1; }, 20);
     EXPECT_GE(MsSince(start), 500);
+    EXPECT_EQ(kRdAlarmFiredByTimer, alarm.GetFiredBy());
     EXPECT_EQ(1u, log.Matching("no answer from the power service").size());
     // Awake again, the service answers the abandoned request: the alarm is taken back there and
     // its notice never reaches the callback.

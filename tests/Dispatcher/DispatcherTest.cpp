@@ -2,6 +2,8 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -55,6 +57,44 @@ TEST(DispatcherTest, RequestStopEndsOnlyARunningLoop) {
     });
     dispatcher.Run();
     stopper.join();
+}
+
+// Closures posted from other threads run on the dispatcher's thread in order (one posted before
+// Run waits for it); a target outlives its dispatcher, whose pending closures die unrun.
+TEST(DispatcherTest, PostedClosuresRunOnTheDispatcherThreadOrDieUnrun) {
+    test::Watchdog watchdog;
+    std::unique_ptr<RuntimeDispatcher> dispatcher(new RuntimeDispatcher);
+    const RdPostTarget target = dispatcher->GetPostTarget();
+    std::vector<int> ran;
+    std::thread::id ranOn;
+    std::thread poster([&]() {
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_TRUE(target.Post([&, i]() {
+                ran.push_back(i);
+                ranOn = std::this_thread::get_id();
+            }));
+        }
+        EXPECT_TRUE(dispatcher->Post([&]() { dispatcher->RequestStop(); }));
+    });
+    poster.join();
+    dispatcher->Run();  // returns at the posted stop, after the 100 closures
+    EXPECT_EQ(100u, ran.size());
+    EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
+    EXPECT_EQ(std::this_thread::get_id(), ranOn);
+
+    auto witness = std::make_shared<int>(0);
+    std::weak_ptr<int> pending = witness;
+    EXPECT_TRUE(target.Post([witness, &ran]() { ran.push_back(-1); }));
+    witness.reset();
+    dispatcher.reset();
+    EXPECT_TRUE(pending.expired());
+    auto late = std::make_shared<int>(0);
+    std::weak_ptr<int> refused = late;
+    EXPECT_FALSE(target.Post([late]() {}));
+    late.reset();
+    EXPECT_TRUE(refused.expired());
+    EXPECT_EQ(100u, ran.size());
+    EXPECT_FALSE(RdPostTarget().Post([]() {}));
 }
 
 // Run rethrows the first exception out of a callback and logs a second one of the same iteration

@@ -10,6 +10,7 @@
 #include "support/LoopSupport.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
+#include "vok/VokError.h"
 
 namespace vok {
 namespace {
@@ -97,6 +98,44 @@ TEST_F(TimerTest, ChangeCbKeepsTheArmingAndMayRunInsideTheCallback) {
     EXPECT_TRUE(captured.expired());
     Step();
     EXPECT_EQ(2, second);
+}
+
+// Due times stay on the grid start + k * period whatever the callback costs (re-arming from "now"
+// would drift by the callback's time per beat); beats the loop missed are skipped, not burst.
+TEST_F(TimerTest, PeriodicTimerKeepsItsRateAndSkipsMissedBeats) {
+    const long long kPeriod = 500;
+    std::vector<long long> fired;
+    const Clock::time_point start = Clock::now();
+    RdTimerBase timer(dispatcher_, [&]() {
+        fired.push_back(MsSince(start));
+        // Work: 100 ms at the first beats (a slow loop still has 400 ms before the next one is
+        // missed), one and a half periods at the fifth.
+        const long long workMs = fired.size() < 4 ? 100 : fired.size() == 5 ? 750 : 0;
+        while (MsSince(start) < fired.back() + workMs) {
+        }
+        if (fired.size() == 7) {
+            timer.Cancel();
+        }
+    });
+    timer.SchedulePeriodic(kPeriod);
+    test::Pump(dispatcher_, [&]() { return fired.size() == 7; });
+    for (size_t k = 0; k < 4; ++k) {
+        EXPECT_GE(fired[k], kPeriod * static_cast<long long>(k + 1)) << "beat " << k;
+    }
+    // Drifting by the 100 ms of work per beat would put the fourth beat at 2300 ms or later.
+    EXPECT_LT(fired[3], 2250);
+    // The fifth beat's work ends past the sixth grid point: the next beat is on the grid after
+    // it, and the one after that a whole period later.
+    const long long afterWork = fired[4] + 750;
+    EXPECT_GE(fired[5], ((afterWork - 1) / kPeriod + 1) * kPeriod);
+    EXPECT_GE(fired[6] - fired[5], kPeriod / 2);
+    Step();
+    EXPECT_EQ(7u, fired.size());
+
+    timer.SchedulePeriodic(kPeriod);
+    timer.Schedule(0);  // one shot again
+    test::Pump(dispatcher_, [&]() { return fired.size() == 8; });
+    EXPECT_THROW(timer.SchedulePeriodic(0), VokProgramErrorException);
 }
 
 // Counts the loop's polls, i.e. its wake-ups.

@@ -1,8 +1,6 @@
 #include "vok/DiagBusService.h"
 
-#include <glib.h>
 #include <json-c/json.h>
-#include <kelvra/kelvra.h>
 #include <ztlog/ztlog.h>
 
 #include <cstdlib>
@@ -15,7 +13,7 @@
 #include "vok/DiagnosticRegister.h"
 #include "vok/Logger.h"
 #include "vok/MessageMoverFramework.h"
-#include "vok/RdAsyncBridge.h"
+#include "vok/RdKvService.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
 #include "vok/Thread.h"
@@ -61,9 +59,9 @@ json_object* NewReply() {
 }
 
 // The request's payload when it is a JSON object (an empty payload counts as {}), else null.
-JsonPtr ParseRequest(KVMessage* request) {
-    const char* text = KVMessageGetPayload(request);
-    if (text == nullptr || *text == '\0') {
+JsonPtr ParseRequest(const RdKvRequest& request) {
+    const char* text = request.GetPayloadText().c_str();
+    if (*text == '\0') {
         return JsonPtr(json_object_new_object());
     }
     JsonPtr parsed(json_tokener_parse(text));
@@ -90,7 +88,7 @@ bool StringMember(json_object* object, const char* key, std::string* value, bool
 
 // The "prefix" of a registers or watch request ("root." when it names none); false when the
 // payload is not an object or the prefix not a string.
-bool RequestPrefix(KVMessage* request, std::string* prefix) {
+bool RequestPrefix(const RdKvRequest& request, std::string* prefix) {
     JsonPtr payload = ParseRequest(request);
     bool present = false;
     *prefix = "root.";
@@ -206,74 +204,62 @@ class DiagBusServiceImpl {
         : logger_("VOK.DiagBus"),
           shell_(shell),
           thread_("diag-bus", this, &DiagBusServiceImpl::ThreadRun, 0),
-          stopBridge_(dispatcher_, [this]() { dispatcher_.RequestStop(); }),
           watchTimer_(dispatcher_, [this]() { WatchTick(); }) {
         thread_.Start();
     }
 
     ~DiagBusServiceImpl() {
-        stopBridge_.Trigger();
+        // Waits in the queue when the loop has not started yet.
+        dispatcher_.Post([this]() { dispatcher_.RequestStop(); });
         thread_.Join();
     }
 
   private:
     void ThreadRun(int) {
         const std::string name = DiagBusServiceName(shell_.GetDaemonName());
-        KVError error;
-        KVErrorInit(&error);
-        GMainContext* context =
-            g_main_loop_get_context(RuntimeDispatcher::GetInternalLoop(dispatcher_));
-        if (KVRegisterWithFlags(name.c_str(), KV_REGISTER_ALLOW_NO_BUS, &bus_, &error) &&
-            KVRegisterMethod(bus_, "diag/registers", &Registers, this, &error) &&
-            KVRegisterMethod(bus_, "diag/blades", &Blades, this, &error) &&
-            KVRegisterMethod(bus_, "diag/ports", &Ports, this, &error) &&
-            KVRegisterMethod(bus_, "diag/loglevel", &LogLevel, this, &error) &&
-            KVRegisterMethod(bus_, "diag/watch", &Watch, this, &error) &&
-            KVGmainAttach(bus_, context, &error)) {
+        std::unique_ptr<RdKvService> service;
+        try {
+            service.reset(new RdKvService(dispatcher_, name));
+            service->AddMethod("diag/registers", &Registers);
+            service->AddMethod("diag/blades", [this](RdKvRequest& r) { Blades(r); });
+            service->AddMethod("diag/ports", [this](RdKvRequest& r) { Ports(r); });
+            service->AddMethod("diag/loglevel", &LogLevel);
+            service->AddMethod("diag/watch", [this](RdKvRequest& r) { Watch(r); });
             logger_.Debug("serving %s", name.c_str());
-        } else {
-            logger_.Error("cannot serve %s on the bus: %s", name.c_str(),
-                          error.message != nullptr ? error.message : "unknown error");
+        } catch (const VokException& e) {
+            logger_.Error("cannot serve %s on the bus: %s", name.c_str(), e.what());
         }
-        KVErrorFree(&error);
         dispatcher_.Run();
         watchTimer_.Cancel();
         for (auto& watcher : watchers_) {
-            KVReplyLast(bus_, watcher.first, "{\"returnValue\":true,\"stopped\":true}", nullptr);
-            KVMessageUnref(watcher.first);
+            watcher.second.subscription.ReplyLast("{\"returnValue\":true,\"stopped\":true}");
         }
         watchers_.clear();
-        if (bus_ != nullptr) {
-            KVUnregister(bus_, nullptr);
-            bus_ = nullptr;
-        }
     }
 
-    static bool Reply(KVHandle* handle, KVMessage* request, const std::string& payload) {
-        return KVReply(handle, request, payload.c_str(), nullptr);
+    static bool Reply(RdKvRequest& request, const std::string& payload) {
+        return request.Reply(payload);
     }
 
     // diag/registers {"prefix":P}: every register whose path starts with P (default "root.").
-    static bool Registers(KVHandle* handle, KVMessage* request, void*) {
+    static bool Registers(RdKvRequest& request) {
         std::string prefix;
         if (!RequestPrefix(request, &prefix)) {
-            return Reply(handle, request,
-                         ErrorReply(kErrBadPayload, "expected {\"prefix\":string}"));
+            return Reply(request, ErrorReply(kErrBadPayload, "expected {\"prefix\":string}"));
         }
-        return Reply(handle, request, RegistersReply(TakeSnapshot(prefix)));
+        return Reply(request, RegistersReply(TakeSnapshot(prefix)));
     }
 
     // diag/blades: name, state and busy time of every blade.
-    static bool Blades(KVHandle* handle, KVMessage* request, void* self) {
+    bool Blades(RdKvRequest& request) const {
         if (!ParseRequest(request)) {
-            return Reply(handle, request, ErrorReply(kErrBadPayload, "expected a JSON object"));
+            return Reply(request, ErrorReply(kErrBadPayload, "expected a JSON object"));
         }
-        const DiagBusServiceImpl* server = static_cast<DiagBusServiceImpl*>(self);
         JsonPtr reply(NewReply());
         json_object_object_add(reply.get(), "daemon",
-                               json_object_new_string(server->shell_.GetDaemonName().c_str()));
+                               json_object_new_string(shell_.GetDaemonName().c_str()));
         json_object* blades = json_object_new_array();
-        for (const VokBladeStatus& status : server->shell_.GetBladeStatus()) {
+        for (const VokBladeStatus& status : shell_.GetBladeStatus()) {
             json_object* blade = json_object_new_object();
             json_object_object_add(blade, "name", json_object_new_string(status.name.c_str()));
             json_object_object_add(blade, "state", json_object_new_string(status.state.c_str()));
@@ -283,18 +269,17 @@ class DiagBusServiceImpl {
             json_object_array_add(blades, blade);
         }
         json_object_object_add(reply.get(), "blades", blades);
-        return Reply(handle, request, ToString(reply.get()));
+        return Reply(request, ToString(reply.get()));
     }
 
     // diag/ports: every open MessageMover port with its interface, addresses and queue depth.
-    static bool Ports(KVHandle* handle, KVMessage* request, void* self) {
+    bool Ports(RdKvRequest& request) const {
         if (!ParseRequest(request)) {
-            return Reply(handle, request, ErrorReply(kErrBadPayload, "expected a JSON object"));
+            return Reply(request, ErrorReply(kErrBadPayload, "expected a JSON object"));
         }
-        const DiagBusServiceImpl* server = static_cast<DiagBusServiceImpl*>(self);
         JsonPtr reply(NewReply());
         json_object* ports = json_object_new_array();
-        for (const MmPortInfo& info : server->shell_.ListPorts()) {
+        for (const MmPortInfo& info : shell_.ListPorts()) {
             json_object* port = json_object_new_object();
             json_object_object_add(port, "interface",
                                    json_object_new_string(info.interfaceName.c_str()));
@@ -305,7 +290,7 @@ class DiagBusServiceImpl {
             json_object_array_add(ports, port);
         }
         json_object_object_add(reply.get(), "ports", ports);
-        return Reply(handle, request, ToString(reply.get()));
+        return Reply(request, ToString(reply.get()));
     }
 
     // A "level" member as a number 0..7 or a syslog name ("info"); -1 when it is neither.
@@ -322,79 +307,69 @@ class DiagBusServiceImpl {
 
     // diag/loglevel {"context":C} reads, {"context":C,"level":L} sets the threshold of C and of
     // every context under it (L: 0..7 or a syslog name); {} lists every context's threshold.
-    static bool LogLevel(KVHandle* handle, KVMessage* request, void*) {
+    static bool LogLevel(RdKvRequest& request) {
         JsonPtr payload = ParseRequest(request);
         std::string context;
         bool present = false;
         if (!payload || !StringMember(payload.get(), "context", &context, &present)) {
-            return Reply(handle, request,
+            return Reply(request,
                          ErrorReply(kErrBadPayload,
                                     "expected {[\"context\":string[,\"level\":0..7|name]]}"));
         }
         if (!present) {
-            return Reply(handle, request, ContextList());
+            return Reply(request, ContextList());
         }
         if (context.empty() || context.size() > 64) {
-            return Reply(handle, request, ErrorReply(kErrBadContext, "bad context name"));
+            return Reply(request, ErrorReply(kErrBadContext, "bad context name"));
         }
         // Only contexts the daemon has made can be read or set: a typing error must not create
         // a context of its own and report success.
         ZtLogContext* ctx = nullptr;
         if (ZtLogFindContext(context.c_str(), &ctx) != 0) {
-            return Reply(handle, request, ErrorReply(kErrBadContext, "no such context"));
+            return Reply(request, ErrorReply(kErrBadContext, "no such context"));
         }
         json_object* level = nullptr;
         if (json_object_object_get_ex(payload.get(), "level", &level)) {
             const int value = RequestedLevel(level);
             if (value < 0 || ZtLogSetLevel(context.c_str(), value) != 0) {
-                return Reply(handle, request,
+                return Reply(request,
                              ErrorReply(kErrBadLevel, "level must be 0..7 or a syslog name"));
             }
         }
         JsonPtr reply(NewReply());
         AddContextLevel(reply.get(), context.c_str(),
                         __atomic_load_n(&ctx->threshold, __ATOMIC_RELAXED));
-        return Reply(handle, request, ToString(reply.get()));
+        return Reply(request, ToString(reply.get()));
     }
 
     // diag/watch {"prefix":P}: the registers now, then those that changed, at most once a second.
-    static bool Watch(KVHandle* handle, KVMessage* request, void* self) {
-        DiagBusServiceImpl* server = static_cast<DiagBusServiceImpl*>(self);
+    bool Watch(RdKvRequest& request) {
         std::string prefix;
         if (!RequestPrefix(request, &prefix)) {
-            return Reply(handle, request,
-                         ErrorReply(kErrBadPayload, "expected {\"prefix\":string}"));
+            return Reply(request, ErrorReply(kErrBadPayload, "expected {\"prefix\":string}"));
         }
-        if (!KVMessageIsSubscription(request)) {
-            return Reply(handle, request, RegistersReply(TakeSnapshot(prefix)));
+        if (!request.IsSubscription()) {
+            return Reply(request, RegistersReply(TakeSnapshot(prefix)));
         }
-        if (server->watchers_.size() >= kMaxWatchers) {
-            return Reply(handle, request, ErrorReply(kErrTooManyWatchers, "too many watchers"));
+        if (watchers_.size() >= kMaxWatchers) {
+            return Reply(request, ErrorReply(kErrTooManyWatchers, "too many watchers"));
         }
-        if (!KVSubscriptionAdd(handle, request, &WatchCancelled, server, nullptr)) {
-            return false;
-        }
-        Watcher watcher;
+        const uint64_t id = ++lastWatcherId_;
+        Watcher& watcher = watchers_[id];
+        watcher.subscription = request.Subscribe([this, id]() { WatchCancelled(id); });
         watcher.prefix = prefix;
         watcher.last = TakeSnapshot(prefix);
-        Reply(handle, request, RegistersReply(watcher.last));
-        if (server->watchers_.empty()) {
-            server->watchTimer_.Schedule(kWatchPeriodMs);
+        watcher.subscription.Reply(RegistersReply(watcher.last));
+        if (watchers_.size() == 1) {
+            watchTimer_.SchedulePeriodic(kWatchPeriodMs);
         }
-        server->watchers_[KVMessageRef(request)] = std::move(watcher);
         return true;
     }
 
-    static void WatchCancelled(KVHandle*, KVMessage* request, void* self) {
-        DiagBusServiceImpl* server = static_cast<DiagBusServiceImpl*>(self);
-        auto it = server->watchers_.find(request);
-        if (it == server->watchers_.end()) {
-            return;
-        }
-        server->watchers_.erase(it);
-        KVMessageUnref(request);
-        if (server->watchers_.empty()) {
-            server->watchTimer_.Cancel();
+    void WatchCancelled(uint64_t id) {
+        watchers_.erase(id);  // the running callback's subscription: allowed
+        if (watchers_.empty()) {
+            watchTimer_.Cancel();
         }
     }
 
@@ -411,15 +386,13 @@ class DiagBusServiceImpl {
             }
             watcher.last.swap(now);
             if (!changed.empty()) {
-                KVReply(bus_, entry.first, RegistersReply(changed).c_str(), nullptr);
+                watcher.subscription.Reply(RegistersReply(changed));
             }
-        }
-        if (!watchers_.empty()) {
-            watchTimer_.Schedule(kWatchPeriodMs);
         }
     }
 
     struct Watcher {
+        RdKvSubscription subscription;
         std::string prefix;
         RegisterSnapshot last;  // What the subscriber has been told.
     };
@@ -427,12 +400,11 @@ class DiagBusServiceImpl {
     Logger logger_;
     const VokShell& shell_;
     Thread thread_;
-    KVHandle* bus_ = nullptr;  // Server thread only.
     // Member order: the loop objects go before the dispatcher they were made against.
     RuntimeDispatcher dispatcher_;
-    RdAsyncBridge stopBridge_;
     RdTimerBase watchTimer_;
-    std::map<KVMessage*, Watcher> watchers_;  // Open diag/watch subscriptions, each referenced.
+    std::map<uint64_t, Watcher> watchers_;  // Open diag/watch subscriptions, by id.
+    uint64_t lastWatcherId_ = 0;
 };
 
 DiagBusService::DiagBusService(const VokShell& shell) : pImpl_(new DiagBusServiceImpl(shell)) {}

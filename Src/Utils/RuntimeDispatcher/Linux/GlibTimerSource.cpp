@@ -125,15 +125,25 @@ Timespec operator-(const Timespec& a, const Timespec& b) {
     return diff;
 }
 
+Timespec ReadMonotonicClock() {
+    Timespec now;
+    VOK_READ_MONOTONIC_CLOCK(now);
+    return now;
+}
+
+GSource* NewGlibTimerSourceAt(const Timespec& expiry) {
+    GSource* source = g_source_new(&glibTimerSourceFuncs, sizeof(GlibTimerSource));
+    reinterpret_cast<GlibTimerSource*>(source)->owner = nullptr;
+    reinterpret_cast<GlibTimerSource*>(source)->expiry = expiry;
+    return source;
+}
+
 GSource* NewGlibTimerSource(unsigned int milliseconds) {
     Timespec now;
     VOK_READ_MONOTONIC_CLOCK(now);
-    GSource* source = g_source_new(&glibTimerSourceFuncs, sizeof(GlibTimerSource));
-    reinterpret_cast<GlibTimerSource*>(source)->owner = nullptr;
     const Timespec interval{static_cast<int32_t>(milliseconds / 1000),
                             static_cast<int32_t>((milliseconds % 1000) * 1000000)};
-    reinterpret_cast<GlibTimerSource*>(source)->expiry = now + interval;
-    return source;
+    return NewGlibTimerSourceAt(now + interval);
 }
 
 }  // namespace vok

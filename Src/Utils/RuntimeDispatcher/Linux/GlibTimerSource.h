@@ -24,6 +24,10 @@ extern GSourceFuncs glibTimerSourceFuncs;
 // A new, unattached timer source that expires milliseconds from now; the caller owns its one
 // reference. Dispatching calls the source's callback once; the source is then removed.
 GSource* NewGlibTimerSource(unsigned int milliseconds);
+// The same, expiring at a monotonic-clock time.
+GSource* NewGlibTimerSourceAt(const Timespec& expiry);
+// The monotonic clock, normalised. Throws VokProgramErrorException when it cannot be read.
+Timespec ReadMonotonicClock();
 
 }  // namespace vok
 

@@ -103,7 +103,8 @@ RdAlarmImpl::RdAlarmImpl(RuntimeDispatcherImpl* dispatcher, std::function<void()
       alarmState_(kNoRequest),
       dueUs_(0),
       serviceDueUs_(0),
-      running_(0) {
+      running_(0),
+      firedBy_(kRdAlarmNotFired) {
     client_ = dispatcher_->GetVokKvClient(kPowerService);
     timer_ = new RdTimerImpl(dispatcher_, [this]() { RdTimerCb(); });
     client_->AddRegStatusObserver(this, [this](bool connected) { RegStatusCb(connected); });
@@ -147,6 +148,7 @@ void RdAlarmImpl::StartAlarm(bool useTimer, unsigned int milliseconds) {
     intervalMs_ = milliseconds;
     dueUs_ = NowUs() + static_cast<int64_t>(milliseconds) * 1000;
     scheduled_ = true;
+    firedBy_ = kRdAlarmNotFired;
     Arm(useTimer);
 }
 
@@ -271,7 +273,7 @@ void RdAlarmImpl::OnServiceFired() {
     const int64_t now = NowUs();
     if (now >= dueUs_) {
         Cancel();
-        CallUserCb();
+        CallUserCb(kRdAlarmFiredByPowerService);
     } else if (now >= serviceDueUs_) {
         // The service kept its time, which was capped at 23:59:59: ask again for the rest.
         Arm(false);
@@ -311,10 +313,11 @@ void RdAlarmImpl::RdTimerCb() {
         return;
     }
     Cancel();
-    CallUserCb();
+    CallUserCb(kRdAlarmFiredByTimer);
 }
 
-void RdAlarmImpl::CallUserCb() {
+void RdAlarmImpl::CallUserCb(RdAlarmFiredBy firedBy) {
+    firedBy_ = firedBy;
     Holder hold(this);
     // Declared after hold, so it runs first: callables retired by ChangeCb during the call are
     // released once the outermost call has returned.
@@ -445,6 +448,9 @@ void RdAlarmBase::Cancel() {
 }
 void RdAlarmBase::ChangeCb(std::function<void()> callback) {
     impl_->ChangeCb(std::move(callback));
+}
+RdAlarmFiredBy RdAlarmBase::GetFiredBy() const {
+    return impl_->GetFiredBy();
 }
 
 }  // namespace vok

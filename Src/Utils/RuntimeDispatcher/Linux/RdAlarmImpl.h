@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "vok/RdAlarm.h"
 #include "vok/VokTypes.h"
 
 typedef struct KVMessage KVMessage;
@@ -43,6 +44,7 @@ class RdAlarmImpl : public RefCounted {
     void Cancel();
     void ChangeCb(std::function<void()> callback);
     void Discard();
+    RdAlarmFiredBy GetFiredBy() const { return firedBy_; }
 
     // "HH:MM:SS" of an interval for the power service: whole seconds rounded up (the service
     // must not fire early), at most 23:59:59.
@@ -69,7 +71,8 @@ class RdAlarmImpl : public RefCounted {
     void CurrentReply(const char* payload, bool last);
     void StaleReply(RdKvCall* call, const char* payload, bool last);
     void AlarmRemoveCallbackFunc(RdKvCall* call, void* userData, KVMessage* reply);
-    void CallUserCb();
+    // Runs the user's callback for a firing by firedBy.
+    void CallUserCb(RdAlarmFiredBy firedBy);
     void RemoveFromCallList(RdKvCall* call);
     void RemoveFromRemoveCallList(RdKvCall* call);
     void RemoveAllFromCallList();
@@ -92,7 +95,8 @@ class RdAlarmImpl : public RefCounted {
     int64_t serviceDueUs_;  // The earliest time the service may fire the current request.
     // A callable replaced by ChangeCb while the callback runs lives here until dispatch returns.
     std::vector<std::function<void()>> retired_;
-    unsigned running_;  // Nesting depth of CallUserCb.
+    unsigned running_;        // Nesting depth of CallUserCb.
+    RdAlarmFiredBy firedBy_;  // Of the last firing since Schedule.
 };
 
 }  // namespace vok

@@ -2,12 +2,17 @@
 
 #include "Src/Utils/RuntimeDispatcher/Linux/GlibTimerSource.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "Src/Utils/VokThrow.h"
 #include "vok/RuntimeDispatcher.h"
 
 namespace vok {
 
 RdTimerImpl::RdTimerImpl(RuntimeDispatcherImpl* dispatcher, std::function<void()> callback)
-    : dispatcher_(dispatcher), callback_(std::move(callback)), source_(nullptr) {}
+    : dispatcher_(dispatcher),
+      callback_(std::move(callback)),
+      source_(nullptr),
+      periodMs_(0),
+      due_{0, 0} {}
 
 RdTimerImpl::~RdTimerImpl() {
     Cancel();
@@ -15,7 +20,38 @@ RdTimerImpl::~RdTimerImpl() {
 
 void RdTimerImpl::Schedule(unsigned int milliseconds) {
     Cancel();
-    GSource* source = NewGlibTimerSource(milliseconds);
+    const Timespec interval{static_cast<int32_t>(milliseconds / 1000),
+                            static_cast<int32_t>((milliseconds % 1000) * 1000000)};
+    ArmAt(ReadMonotonicClock() + interval);
+}
+
+void RdTimerImpl::SchedulePeriodic(unsigned int periodMs) {
+    if (periodMs == 0) {
+        VOK_THROW_PROGRAM_ERROR(kVokErrFailed, "a period of 0 ms");
+    }
+    Cancel();
+    periodMs_ = periodMs;
+    due_ = ReadMonotonicClock();
+    AdvancePeriodic();
+    ArmAt(due_);
+}
+
+void RdTimerImpl::AdvancePeriodic() {
+    const int64_t kNs = 1000000000;
+    const int64_t periodNs = static_cast<int64_t>(periodMs_) * 1000000;
+    const Timespec now = ReadMonotonicClock();
+    const int64_t nowNs = static_cast<int64_t>(now.tv_sec) * kNs + now.tv_nsec;
+    int64_t dueNs = static_cast<int64_t>(due_.tv_sec) * kNs + due_.tv_nsec + periodNs;
+    if (dueNs <= nowNs) {
+        // Late by a period or more: the beats in between are dropped, the grid is kept.
+        dueNs += ((nowNs - dueNs) / periodNs + 1) * periodNs;
+    }
+    due_.tv_sec = static_cast<int32_t>(dueNs / kNs);
+    due_.tv_nsec = static_cast<int32_t>(dueNs % kNs);
+}
+
+void RdTimerImpl::ArmAt(const Timespec& expiry) {
+    GSource* source = NewGlibTimerSourceAt(expiry);
     reinterpret_cast<GlibTimerSource*>(source)->owner = dispatcher_;
     g_source_set_can_recurse(source, FALSE);
     g_source_set_callback(source, &RdTimerImpl::CallbackFunc, this, nullptr);
@@ -25,6 +61,7 @@ void RdTimerImpl::Schedule(unsigned int milliseconds) {
 }
 
 void RdTimerImpl::Cancel() {
+    periodMs_ = 0;
     if (source_ != nullptr) {
         g_source_destroy(source_);
         source_ = nullptr;
@@ -45,10 +82,19 @@ gboolean RdTimerImpl::CallbackFunc(void* data) {
     // GLib removes the source after this dispatch; forgetting it now also lets the callback
     // re-arm the timer.
     self->source_ = nullptr;
+    RefCounted::Holder hold(self);  // the callback may destroy the front
     self->dispatcher_->RunGuarded([self]() {
-        RefCounted::Holder hold(self);
         self->callback_();  // std::bad_function_call when empty.
     });
+    // A periodic timer that the callback left alone (not cancelled, re-armed or destroyed) is
+    // armed for its next due time only now, so that the time the callback took counts as late:
+    // a beat whose due time passed meanwhile is skipped.
+    if (self->periodMs_ != 0 && self->source_ == nullptr) {
+        self->dispatcher_->RunGuarded([self]() {
+            self->AdvancePeriodic();
+            self->ArmAt(self->due_);
+        });
+    }
     return FALSE;
 }
 
@@ -59,6 +105,9 @@ RdTimerBase::~RdTimerBase() {
 }
 void RdTimerBase::Schedule(unsigned int milliseconds) {
     impl_->Schedule(milliseconds);
+}
+void RdTimerBase::SchedulePeriodic(unsigned int periodMs) {
+    impl_->SchedulePeriodic(periodMs);
 }
 void RdTimerBase::Cancel() {
     impl_->Cancel();

@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "Src/Utils/RuntimeDispatcher/Linux/RdCallback.h"
+#include "vok/RdTimer.h"
 #include "vok/VokTypes.h"
 
 namespace vok {
@@ -19,6 +20,9 @@ class RdTimerImpl : public RefCounted {
     RdTimerImpl(RuntimeDispatcherImpl* dispatcher, std::function<void()> callback);
 
     void Schedule(unsigned int milliseconds);
+    // Fires every periodMs on a fixed grid: each due time is the previous one plus the period;
+    // due times the loop has already missed are skipped, not made up.
+    void SchedulePeriodic(unsigned int periodMs);
     void Cancel();
     void ChangeCb(std::function<void()> callback);
     // Disarms and drops the front's reference.
@@ -29,9 +33,15 @@ class RdTimerImpl : public RefCounted {
   private:
     ~RdTimerImpl() override;
 
+    void ArmAt(const Timespec& expiry);
+    // The next due time of a periodic timer after due_, skipping the ones already past.
+    void AdvancePeriodic();
+
     RuntimeDispatcherImpl* dispatcher_;  // Not owned.
     RdCallback<void()> callback_;
-    GSource* source_;  // The armed source, or null; the context holds its only reference.
+    GSource* source_;    // The armed source, or null; the context holds its only reference.
+    uint32_t periodMs_;  // 0: one shot.
+    Timespec due_;       // A periodic timer's current due time.
 };
 
 }  // namespace vok

@@ -3,6 +3,7 @@
 #include <kelvra/kelvra.h>
 
 #include <map>
+#include <new>
 
 #include "Src/Utils/Linux/UncaughtException.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/Kelvra/VokKvError.h"
@@ -142,7 +143,8 @@ RuntimeDispatcherImpl::RuntimeDispatcherImpl(GMainContext* context)
       kvHandle_(nullptr),
       clientMgr_(nullptr),
       inRun_(false),
-      heartbeatSource_(nullptr) {
+      heartbeatSource_(nullptr),
+      postQueue_(std::make_shared<RdPostQueue>(this)) {
     if (context_ != nullptr) {
         loop_ = g_main_loop_new(context_, FALSE);
         if (loop_ != nullptr) {
@@ -166,6 +168,7 @@ void RuntimeDispatcherImpl::AttachHeartbeat(LoopHeartbeat* heartbeat) {
 }
 
 RuntimeDispatcherImpl::~RuntimeDispatcherImpl() {
+    postQueue_->Close();
     if (heartbeatSource_ != nullptr) {
         g_source_destroy(heartbeatSource_);
         LoopHeartbeat* heartbeat = reinterpret_cast<HeartbeatSource*>(heartbeatSource_)->heartbeat;
@@ -237,6 +240,96 @@ void RuntimeDispatcherImpl::RequestStop() {
     }
 }
 
+struct RdPostQueue::Source {
+    GSource source;
+    // Not a reference: the queue destroys the source when it closes. Set by the posting thread
+    // before the attach and read on the dispatcher's: atomic, since the attach orders them only
+    // inside GLib, where a race detector cannot see it.
+    std::atomic<RdPostQueue*> queue;
+};
+
+namespace {
+RdPostQueue* QueueOf(GSource* source) {
+    return reinterpret_cast<RdPostQueue::Source*>(source)->queue.load(std::memory_order_acquire);
+}
+}  // namespace
+
+gboolean RdPostQueue::Prepare(GSource* source, gint* timeout) {
+    *timeout = -1;
+    return QueueOf(source)->ready_.load(std::memory_order_acquire);
+}
+
+gboolean RdPostQueue::Check(GSource* source) {
+    return QueueOf(source)->ready_.load(std::memory_order_acquire);
+}
+
+gboolean RdPostQueue::Dispatch(GSource* source, GSourceFunc, gpointer) {
+    QueueOf(source)->RunPending();
+    return G_SOURCE_CONTINUE;
+}
+
+namespace {
+GSourceFuncs gPostQueueFuncs = {
+    RdPostQueue::Prepare, RdPostQueue::Check, RdPostQueue::Dispatch, nullptr, nullptr, nullptr};
+}  // namespace
+
+bool RdPostQueue::Post(std::function<void()> closure) {
+    MutexLocker lock(lock_);
+    if (dispatcher_ == nullptr) {
+        return false;  // the closure is destroyed as the argument goes
+    }
+    closures_.push_back(std::move(closure));
+    if (source_ == nullptr) {
+        source_ = g_source_new(&gPostQueueFuncs, sizeof(Source));
+        new (&reinterpret_cast<Source*>(source_)->queue) std::atomic<RdPostQueue*>(nullptr);
+        reinterpret_cast<Source*>(source_)->queue.store(this, std::memory_order_release);
+        g_source_set_name(source_, "vok post");
+        ready_.store(true, std::memory_order_release);
+        g_source_attach(source_, dispatcher_->GetContext());  // wakes the context
+    } else if (!ready_.exchange(true, std::memory_order_acq_rel)) {
+        g_main_context_wakeup(dispatcher_->GetContext());
+    }
+    return true;
+}
+
+void RdPostQueue::RunPending() {
+    std::deque<std::function<void()>> batch;
+    RuntimeDispatcherImpl* dispatcher;
+    {
+        MutexLocker lock(lock_);
+        // Cleared under the lock, so a post after the swap makes the source ready again.
+        ready_.store(false, std::memory_order_release);
+        batch.swap(closures_);
+        dispatcher = dispatcher_;
+    }
+    while (!batch.empty()) {
+        std::function<void()> closure(std::move(batch.front()));
+        batch.pop_front();
+        dispatcher->RunGuarded(closure);  // std::bad_function_call when empty
+    }
+}
+
+void RdPostQueue::Close() {
+    std::deque<std::function<void()>> dropped;
+    GSource* source;
+    {
+        MutexLocker lock(lock_);
+        dispatcher_ = nullptr;
+        dropped.swap(closures_);
+        source = source_;
+        source_ = nullptr;
+    }
+    if (source != nullptr) {
+        g_source_destroy(source);
+        g_source_unref(source);
+    }
+    // dropped goes here, unrun, outside the lock: a closure's captures may post again.
+}
+
+bool RdPostTarget::Post(std::function<void()> closure) const {
+    return queue_ != nullptr && queue_->Post(std::move(closure));
+}
+
 RuntimeDispatcher::RuntimeDispatcher() : impl_(new RuntimeDispatcherImpl(nullptr)) {}
 RuntimeDispatcher::RuntimeDispatcher(RuntimeDispatcherImpl* impl) : impl_(impl) {}
 RuntimeDispatcher::~RuntimeDispatcher() {
@@ -247,6 +340,14 @@ void RuntimeDispatcher::Run() {
 }
 void RuntimeDispatcher::RequestStop() {
     impl_->RequestStop();
+}
+bool RuntimeDispatcher::Post(std::function<void()> closure) {
+    return impl_->GetPostQueue()->Post(std::move(closure));
+}
+RdPostTarget RuntimeDispatcher::GetPostTarget() {
+    RdPostTarget target;
+    target.queue_ = impl_->GetPostQueue();
+    return target;
 }
 void RuntimeDispatcher::SetExceptionHandler(std::function<void(std::exception_ptr)> handler) {
     impl_->SetExceptionHandler(std::move(handler));

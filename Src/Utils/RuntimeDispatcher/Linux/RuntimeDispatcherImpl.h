@@ -4,17 +4,55 @@
 
 #include <glib.h>
 
+#include <atomic>
+#include <deque>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <string>
+
+#include "vok/Mutex.h"
 
 typedef struct KVHandle KVHandle;
 
 namespace vok {
 
 class LoopHeartbeat;
+class RuntimeDispatcherImpl;
 class VokKvClient;
 class VokKvClientMgr;
+
+// Closures posted from any thread to run on a dispatcher's thread. Shared by the dispatcher and
+// every RdPostTarget; the dispatcher closes it when it is destroyed. Its GLib source is made on
+// the first post and is ready while closures wait.
+class RdPostQueue {
+  public:
+    explicit RdPostQueue(RuntimeDispatcherImpl* dispatcher) : dispatcher_(dispatcher) {}
+    RdPostQueue(const RdPostQueue&) = delete;
+    RdPostQueue& operator=(const RdPostQueue&) = delete;
+
+    // Any thread. False once closed (the closure is destroyed on the caller's thread).
+    bool Post(std::function<void()> closure);
+    // Dispatcher's thread, before its context goes: later posts fail; closures still waiting are
+    // destroyed unrun.
+    void Close();
+
+    // The source's functions for GLib.
+    static gboolean Prepare(GSource* source, gint* timeout);
+    static gboolean Check(GSource* source);
+    static gboolean Dispatch(GSource* source, GSourceFunc, gpointer);
+
+    struct Source;  // The GLib source: GSource, then the queue.
+
+  private:
+    void RunPending();
+
+    RuntimeDispatcherImpl* dispatcher_;  // Null once closed.
+    Mutex lock_;                         // Protects closures_, source_ and dispatcher_.
+    std::deque<std::function<void()>> closures_;
+    GSource* source_ = nullptr;       // One reference; attached to the dispatcher's context.
+    std::atomic<bool> ready_{false};  // Closures wait: the source is ready.
+};
 
 // Owns one reference on its main context and the loop on it. Used on the dispatcher's thread,
 // except RequestStop.
@@ -30,6 +68,7 @@ class RuntimeDispatcherImpl {
     void RequestStop();
 
     GMainContext* GetContext() const { return context_; }
+    const std::shared_ptr<RdPostQueue>& GetPostQueue() const { return postQueue_; }
     GMainLoop* GetLoop() const { return loop_; }
 
     // The dispatcher's bus handle, attached to its context, made on first use. It lives as long
@@ -94,6 +133,7 @@ class RuntimeDispatcherImpl {
     std::exception_ptr pending_;  // Raised by a callback during Run, not yet rethrown by it.
     std::function<void(std::exception_ptr)> handler_;  // Empty: the default handler.
     GSource* heartbeatSource_;  // One reference; null when made on a thread without heartbeat.
+    std::shared_ptr<RdPostQueue> postQueue_;  // Closed before the context goes.
 };
 
 }  // namespace vok
