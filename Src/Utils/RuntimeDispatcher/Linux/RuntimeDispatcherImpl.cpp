@@ -138,13 +138,16 @@ void RuntimeDispatcherImpl::DeinitKelvra() {
 }
 
 RuntimeDispatcherImpl::RuntimeDispatcherImpl(GMainContext* context)
-    : context_(context != nullptr ? g_main_context_ref(context) : g_main_context_new()),
+    : context_(nullptr),
       loop_(nullptr),
       kvHandle_(nullptr),
       clientMgr_(nullptr),
       inRun_(false),
       heartbeatSource_(nullptr),
       postQueue_(std::make_shared<RdPostQueue>(this)) {
+    // The context (and its wake-up descriptor) is made only once everything that may throw has
+    // been allocated, so a failing constructor leaves nothing behind.
+    context_ = context != nullptr ? g_main_context_ref(context) : g_main_context_new();
     if (context_ != nullptr) {
         loop_ = g_main_loop_new(context_, FALSE);
         if (loop_ != nullptr) {
