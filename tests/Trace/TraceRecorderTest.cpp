@@ -1,0 +1,331 @@
+// The flight recorder: event sites, per-thread rings, dumps while threads record, and its JSON.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "Src/Utils/Trace/TraceEvents.h"
+#include "Src/Utils/Trace/TraceRecorder.h"
+#include "support/LogCapture.h"
+#include "support/TraceEventCheck.h"
+#include "vok/Trace.h"
+
+namespace vok {
+namespace {
+
+using namespace trace;
+
+pid_t Tid() {
+    return static_cast<pid_t>(syscall(SYS_gettid));
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Every kind of event site, as the library's code calls them.
+void FireEverySite() {
+    TraceMessageWritten(TraceBegin(), 1, 4, 1, 0, 49152, 49153);
+    TraceMessageRead(TraceBegin(), 1, 4, 1, 0, 49152, 49153);
+    TraceCallbackDone(TraceBegin(), kCbTimer);
+    TraceAsyncBegin(kAsyncBusCall, 1, "kelvra://a/b/c", 100);
+    TraceAsyncEnd(kAsyncBusCall, 1, 0);
+    TraceInstant(kInstBladeStart, 0, "blade");
+    TraceMark("mark");
+}
+
+class TraceRecorderTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        TraceSetEnabled(false);
+        TraceSetRingEvents(kTraceDefaultRingEvents);
+        since_ = TraceClockNs();
+    }
+    void TearDown() override {
+        TraceSetEnabled(false);
+        TraceSetRingEvents(kTraceDefaultRingEvents);
+    }
+
+    // What the rings hold from this test, by thread.
+    std::vector<TraceTrack> Tracks(pid_t tid) {
+        std::vector<TraceTrack> all;
+        TraceCollect(since_, &all);
+        std::vector<TraceTrack> selected;
+        for (TraceTrack& track : all) {
+            if (track.tid == tid) {
+                selected.push_back(track);
+            }
+        }
+        return selected;
+    }
+
+    uint64_t since_ = 0;
+    test::Watchdog watchdog_;
+};
+
+TEST_F(TraceRecorderTest, SitesRecordNothingAndAllocateNoRingWhileOff) {
+    pid_t tid = 0;
+    std::thread thread([&tid] {
+        tid = Tid();
+        FireEverySite();
+    });
+    thread.join();
+    EXPECT_TRUE(Tracks(tid).empty());
+    const test::TraceCheck check = test::CheckTraceEvents(TraceSnapshotJson(since_));
+    ASSERT_TRUE(check.Ok()) << check.Report();
+    for (const test::TraceEvent& event : check.events) {
+        EXPECT_EQ("M", event.ph) << event.name;
+    }
+}
+
+TEST_F(TraceRecorderTest, MessagesCallbacksCallsAndInstantsMakeAValidTimeline) {
+    TraceSetEnabled(true);
+    const uint64_t id = (static_cast<uint64_t>(49152) << 32) | 7;
+    const std::string kLongUri = "kelvra://com.orvex.a.rather.long.service.name/demo/echo";
+    pid_t writer = 0;
+    pid_t reader = 0;
+    std::thread writing([&] {
+        writer = Tid();
+        TraceNameThread("client \"one\" \xff");
+        TraceMessageWritten(TraceBegin(), id, 4, 1, 12, 49152, 100);
+        TraceAsyncBegin(kAsyncBusCall, 1, kLongUri.c_str(), 1000);
+        TraceAsyncBegin(kAsyncBusCall, 2, "kelvra://com.orvex.power/time/alarmAdd", 0);
+        TraceAsyncEnd(kAsyncBusCall, 3, -1);  // Its begin is not in the rings: left out.
+    });
+    writing.join();
+    std::thread reading([&] {
+        reader = Tid();
+        TraceNameThread("echo");
+        const uint64_t callback = TraceClockNs() - 5000000;  // A callback that held its loop 5 ms.
+        TraceMessageRead(TraceBegin(), id, 4, 1, 12, 49152, 100);
+        TraceMessageRead(TraceBegin(), 99, 4, 2, 0, 49152, 100);  // Its write was overwritten.
+        TraceCallbackDone(callback, kCbPortMonitor);
+        TraceAsyncEnd(kAsyncBusCall, 1, -5);
+        TraceInstant(kInstTimerLate, 1500, nullptr);
+        TraceInstant(kInstBladeStuck, 0, "echo");
+    });
+    reading.join();
+
+    const test::TraceCheck check = test::CheckTraceEvents(TraceSnapshotJson(since_));
+    ASSERT_TRUE(check.Ok()) << check.Report();
+    EXPECT_EQ("client \"one\" ?", check.threadNames.at(writer));
+    EXPECT_EQ("echo", check.threadNames.at(reader));
+
+    const std::vector<test::TraceEvent> starts = check.Phase("s");
+    const std::vector<test::TraceEvent> ends = check.Phase("f");
+    ASSERT_EQ(1u, starts.size());
+    ASSERT_EQ(1u, ends.size());
+    EXPECT_EQ("0xc00000000007", starts[0].id);
+    EXPECT_EQ(writer, starts[0].tid);
+    EXPECT_EQ(reader, ends[0].tid);
+
+    int reads = 0;
+    for (const test::TraceEvent& slice : check.Phase("X")) {
+        if (slice.name == "write 4/1") {
+            EXPECT_EQ(writer, slice.tid);
+            EXPECT_EQ("{\"protocol\":4,\"msg_id\":1,\"size\":12,\"source\":49152,\"dest\":100}",
+                      slice.args);
+        } else if (slice.name.compare(0, 5, "read ") == 0) {
+            ++reads;
+        } else {
+            EXPECT_EQ("port monitor", slice.name);
+            EXPECT_GE(slice.dur, 5000.0);  // Microseconds.
+            EXPECT_LT(slice.dur, 60e6);
+        }
+    }
+    EXPECT_EQ(2, reads);
+
+    const std::vector<test::TraceEvent> begins = check.Phase("b");
+    ASSERT_EQ(2u, begins.size());
+    EXPECT_EQ(kLongUri.substr(kLongUri.size() - (kTraceTextSize - 1)), begins[0].name);
+    EXPECT_EQ("{\"kind\":\"bus call\",\"timeout_ms\":1000}", begins[0].args);
+    const std::vector<test::TraceEvent> asyncEnds = check.Phase("e");
+    ASSERT_EQ(1u, asyncEnds.size());
+    EXPECT_EQ(begins[0].name, asyncEnds[0].name);
+    EXPECT_EQ("{\"error\":-5}", asyncEnds[0].args);
+    EXPECT_EQ(1, check.openAsync);
+
+    const std::vector<test::TraceEvent> instants = check.Phase("i");
+    ASSERT_EQ(2u, instants.size());
+    EXPECT_EQ("timer late", instants[0].name);
+    EXPECT_EQ("{\"lateness_us\":1.500}", instants[0].args);
+    EXPECT_EQ("blade stuck", instants[1].name);
+    EXPECT_EQ("{\"blade\":\"echo\"}", instants[1].args);
+}
+
+// Four threads overwrite rings of 64 while the test thread copies them out: every copy holds
+// whole records (value and text from one store), consecutive and newest last.
+TEST_F(TraceRecorderTest, DumpsRacingOverwritingWritersSeeOnlyWholeRecords) {
+    TraceSetRingEvents(64);
+    TraceSetEnabled(true);
+    const int kWriters = 4;
+    const int kDumps = 50;
+    std::atomic<int> ready(0);
+    std::atomic<int> dumps(0);
+    std::vector<pid_t> tids(kWriters);
+    std::vector<int64_t> last(kWriters);
+    std::vector<std::thread> writers;
+    for (int w = 0; w < kWriters; ++w) {
+        writers.emplace_back([&, w] {
+            tids[w] = Tid();
+            ready.fetch_add(1);
+            char text[24];
+            int64_t seq = 1;
+            // At least two laps of the ring, and on until the dumps are done.
+            for (; seq <= 128 || dumps.load() < kDumps; ++seq) {
+                std::snprintf(text, sizeof text, "%lld", static_cast<long long>(seq));
+                TraceInstant(kInstTimerLate, seq, text);
+            }
+            last[w] = seq - 1;
+        });
+    }
+    while (ready.load() < kWriters) {
+        sched_yield();
+    }
+    auto checkTracks = [&](bool final) {
+        for (int w = 0; w < kWriters; ++w) {
+            for (const TraceTrack& track : Tracks(tids[w])) {
+                ASSERT_LE(track.records.size(), 64u);
+                for (size_t i = 0; i < track.records.size(); ++i) {
+                    const TraceRecord& record = track.records[i];
+                    ASSERT_EQ(std::to_string(record.value), record.text);
+                    if (i > 0) {
+                        ASSERT_EQ(track.records[i - 1].value + 1, record.value);
+                        ASSERT_LE(track.records[i - 1].ts, record.ts);
+                    }
+                }
+                if (final) {
+                    ASSERT_EQ(64u, track.records.size());
+                    EXPECT_EQ(last[w], track.records.back().value);
+                }
+            }
+        }
+    };
+    for (int i = 0; i < kDumps; ++i) {
+        checkTracks(false);
+        dumps.fetch_add(1);
+    }
+    for (std::thread& writer : writers) {
+        writer.join();
+    }
+    checkTracks(true);
+}
+
+TEST_F(TraceRecorderTest, RingsOfEndedThreadsStayDumpableUpToTheRetiredLimit) {
+    TraceSetEnabled(true);
+    const unsigned kThreads = kTraceMaxRetiredRings + 8;
+    for (unsigned i = 0; i < kThreads; ++i) {
+        std::thread thread([i] {
+            TraceNameThread("gone-" + std::to_string(i));
+            TraceMark("ended");
+        });
+        thread.join();
+    }
+    std::vector<TraceTrack> tracks;
+    TraceCollect(since_, &tracks);
+    std::vector<std::string> kept;
+    for (const TraceTrack& track : tracks) {
+        if (track.name.compare(0, 5, "gone-") == 0) {
+            kept.push_back(track.name);
+            ASSERT_EQ(1u, track.records.size());
+            EXPECT_STREQ("ended", track.records[0].text);
+        }
+    }
+    ASSERT_EQ(kTraceMaxRetiredRings, kept.size());
+    EXPECT_EQ("gone-8", kept.front());
+    EXPECT_EQ("gone-" + std::to_string(kThreads - 1), kept.back());
+}
+
+TEST_F(TraceRecorderTest, NewRingSizeReplacesARingAtItsNextEventAndKeepsTheOld) {
+    TraceSetRingEvents(100);
+    EXPECT_EQ(128u, TraceGetRingEvents());
+    TraceSetRingEvents(1);
+    EXPECT_EQ(kTraceMinRingEvents, TraceGetRingEvents());
+    TraceSetRingEvents(UINT32_MAX);
+    EXPECT_EQ(kTraceMaxRingEvents, TraceGetRingEvents());
+
+    TraceSetRingEvents(64);
+    TraceSetEnabled(true);
+    TraceNameThread("resized");
+    for (int i = 0; i < 100; ++i) {
+        TraceMark("small");
+    }
+    TraceSetRingEvents(128);
+    TraceMark("large");
+    const std::vector<TraceTrack> tracks = Tracks(Tid());
+    ASSERT_EQ(2u, tracks.size());
+    EXPECT_EQ(64u, tracks[0].records.size());
+    ASSERT_EQ(1u, tracks[1].records.size());
+    EXPECT_STREQ("large", tracks[1].records[0].text);
+    EXPECT_EQ("resized", tracks[1].name);
+    const test::TraceCheck check = test::CheckTraceEvents(TraceSnapshotJson(since_));
+    ASSERT_TRUE(check.Ok()) << check.Report();
+    EXPECT_EQ(65u, check.Phase("i").size());
+}
+
+TEST_F(TraceRecorderTest, RecordForWritesOnlyItsWindowAndRestoresTheSwitch) {
+    TraceSetEnabled(true);
+    TraceMark("before");
+    TraceSetEnabled(false);
+    const std::string path = testing::TempDir() + "record-for.json";
+    bool written = false;
+    std::string error;
+    std::thread recorder([&] { written = TraceRecordFor(0.3, path, &error); });
+    while (!TraceIsEnabled()) {
+        sched_yield();
+    }
+    TraceMark("inside");
+    recorder.join();
+    ASSERT_TRUE(written) << error;
+    EXPECT_FALSE(TraceIsEnabled());
+    const test::TraceCheck check = test::CheckTraceEvents(ReadFile(path));
+    ASSERT_TRUE(check.Ok()) << check.Report();
+    const std::vector<test::TraceEvent> marks = check.Phase("i");
+    ASSERT_EQ(1u, marks.size());
+    EXPECT_EQ("inside", marks[0].name);
+
+    EXPECT_FALSE(TraceRecordFor(-1, path, &error));
+    EXPECT_FALSE(TraceWriteSnapshot("/nonexistent-dir/trace.json", 0, &error));
+    EXPECT_NE(std::string::npos, error.find("/nonexistent-dir/")) << error;
+}
+
+TEST_F(TraceRecorderTest, FaultDumpWritesANamedFileOnlyWhileRecording) {
+    char dir[] = "/tmp/vok-trace-test-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir));
+    setenv("VOK_TRACE_DIR", dir, 1);
+    EXPECT_EQ("", TraceDumpForFault("blade stuck"));
+    TraceSetEnabled(true);
+    TraceMark("fault");
+    const std::string path = TraceDumpForFault("blade stuck");
+    unsetenv("VOK_TRACE_DIR");
+    ASSERT_EQ(std::string(dir) + "/vok-trace-", path.substr(0, std::strlen(dir) + 11));
+    EXPECT_NE(std::string::npos, path.find("-blade_stuck-")) << path;
+    const test::TraceCheck check = test::CheckTraceEvents(ReadFile(path));
+    EXPECT_TRUE(check.Ok()) << check.Report();
+    EXPECT_FALSE(check.Phase("i").empty());
+    unlink(path.c_str());
+    EXPECT_EQ(0, rmdir(dir));  // Nothing else was left there.
+}
+
+// Runs with VOK_TRACE=1 and VOK_TRACE_BUFFER=100 as a test of its own (see CMakeLists.txt).
+TEST(TraceEnvironmentTest, SettingsApplyFromLibraryLoad) {
+    if (std::getenv("VOK_TRACE") == nullptr) {
+        GTEST_SKIP() << "runs with VOK_TRACE=1 only";
+    }
+    EXPECT_TRUE(TraceIsEnabled());
+    EXPECT_EQ(128u, TraceGetRingEvents());
+}
+
+}  // namespace
+}  // namespace vok
