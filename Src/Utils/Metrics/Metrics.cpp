@@ -2,6 +2,7 @@
 #include "vok/Metrics.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -9,11 +10,9 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <set>
-#include <sstream>
 
 #include "Src/Utils/Linux/AtomicFile.h"
 #include "vok/DiagnosticRegister.h"
@@ -177,56 +176,60 @@ void AddStrings(Exposition* out) {
     }
 }
 
-// Fields of /proc/self/stat after the command name (which may hold spaces and parentheses);
-// field 3 of proc(5) is element 0. Empty when unreadable.
-std::vector<std::string> ReadStatFields() {
-    std::ifstream file("/proc/self/stat");
-    std::string line;
-    std::vector<std::string> fields;
-    if (!std::getline(file, line)) {
-        return fields;
+// The text of a /proc file, or "" when unreadable.
+std::string ReadProcFile(const char* path) {
+    std::string text;
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return text;
     }
-    const size_t close = line.rfind(')');
-    if (close == std::string::npos) {
-        return fields;
+    char buffer[4096];
+    ssize_t length;
+    while ((length = read(fd, buffer, sizeof buffer)) > 0) {
+        text.append(buffer, static_cast<size_t>(length));
     }
-    std::istringstream rest(line.substr(close + 1));
-    std::string field;
-    while (rest >> field) {
-        fields.push_back(field);
-    }
-    return fields;
+    close(fd);
+    return text;
 }
 
-// Seconds since the epoch at which the system booted, or 0.
-unsigned long long BootTime() {
-    std::ifstream file("/proc/stat");
-    std::string key;
-    unsigned long long value = 0;
-    while (file >> key) {
-        if (key == "btime" && file >> value) {
-            return value;
-        }
-        file.ignore(1 << 20, '\n');
+// Field `field` (numbered as in proc(5), from 3) of /proc/self/stat, read after the command
+// name, which may hold spaces and parentheses; 0 when missing.
+unsigned long long StatField(const std::string& stat, int field) {
+    const size_t close = stat.rfind(')');
+    if (close == std::string::npos) {
+        return 0;
     }
-    return 0;
+    const char* at = stat.c_str() + close + 1;
+    for (int n = 3; n < field && *at != '\0'; ++n) {
+        at = std::strchr(at + 1, ' ');
+        if (at == nullptr) {
+            return 0;
+        }
+    }
+    // at points at the space before the field; the state (field 3) is a letter.
+    return std::strtoull(at, nullptr, 10);
+}
+
+void AddGauge(Exposition* out, const char* name, const char* help, unsigned long long value) {
+    out->Family(name, "gauge", help);
+    out->Sample(name, std::to_string(value));
 }
 
 void AddProcess(Exposition* out) {
-    const long page = sysconf(_SC_PAGESIZE);
+    const unsigned long long page = static_cast<unsigned long long>(sysconf(_SC_PAGESIZE));
     unsigned long long pages = 0;
     unsigned long long resident = 0;
-    std::ifstream statm("/proc/self/statm");
-    if (statm >> pages >> resident) {
-        out->Family("process_virtual_memory_bytes", "gauge", "Virtual memory size in bytes.");
-        out->Sample("process_virtual_memory_bytes", std::to_string(pages * page));
-        out->Family("process_resident_memory_bytes", "gauge", "Resident memory size in bytes.");
-        out->Sample("process_resident_memory_bytes", std::to_string(resident * page));
+    if (std::sscanf(ReadProcFile("/proc/self/statm").c_str(), "%llu %llu", &pages, &resident) ==
+        2) {
+        AddGauge(out, "process_virtual_memory_bytes", "Virtual memory size in bytes.",
+                 pages * page);
+        AddGauge(out, "process_resident_memory_bytes", "Resident memory size in bytes.",
+                 resident * page);
     }
 
     DIR* fds = opendir("/proc/self/fd");
     if (fds != nullptr) {
-        long count = 0;
+        unsigned long long count = 0;
         while (const struct dirent* entry = readdir(fds)) {
             if (entry->d_name[0] != '.') {
                 ++count;
@@ -234,23 +237,19 @@ void AddProcess(Exposition* out) {
         }
         closedir(fds);
         // The directory's own descriptor was open while counting.
-        out->Family("process_open_fds", "gauge", "Number of open file descriptors.");
-        out->Sample("process_open_fds", std::to_string(count - 1));
+        AddGauge(out, "process_open_fds", "Number of open file descriptors.", count - 1);
     }
     struct rlimit limit;
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-        out->Family("process_max_fds", "gauge", "Maximum number of open file descriptors.");
-        out->Sample("process_max_fds",
-                    std::to_string(static_cast<unsigned long long>(limit.rlim_cur)));
+        AddGauge(out, "process_max_fds", "Maximum number of open file descriptors.",
+                 static_cast<unsigned long long>(limit.rlim_cur));
     }
 
     struct rusage usage;
     if (getrusage(RUSAGE_SELF, &usage) == 0) {
-        const double seconds = static_cast<double>(usage.ru_utime.tv_sec) +
-                               static_cast<double>(usage.ru_stime.tv_sec) +
-                               (static_cast<double>(usage.ru_utime.tv_usec) +
-                                static_cast<double>(usage.ru_stime.tv_usec)) /
-                                   1e6;
+        const double seconds =
+            static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
         char value[32];
         std::snprintf(value, sizeof value, "%.6f", seconds);
         out->Family("process_cpu_seconds", "counter",
@@ -258,21 +257,23 @@ void AddProcess(Exposition* out) {
         out->Sample("process_cpu_seconds_total", value);
     }
 
-    // proc(5): num_threads is field 20, starttime (clock ticks after boot) field 22.
-    const std::vector<std::string> stat = ReadStatFields();
-    const unsigned long long boot = BootTime();
+    // proc(5): num_threads is field 20, starttime (clock ticks after boot) field 22; the boot
+    // time is /proc/stat's btime.
+    const std::string stat = ReadProcFile("/proc/self/stat");
+    const std::string system = ReadProcFile("/proc/stat");
+    const size_t btime = system.find("\nbtime ");
     const long ticks = sysconf(_SC_CLK_TCK);
-    if (stat.size() > 19 && boot != 0 && ticks > 0) {
+    if (btime != std::string::npos && ticks > 0 && StatField(stat, 22) != 0) {
         char value[32];
         std::snprintf(value, sizeof value, "%.2f",
-                      static_cast<double>(boot) + std::strtod(stat[19].c_str(), nullptr) / ticks);
+                      static_cast<double>(std::strtoull(system.c_str() + btime + 7, nullptr, 10)) +
+                          static_cast<double>(StatField(stat, 22)) / static_cast<double>(ticks));
         out->Family("process_start_time_seconds", "gauge",
                     "Start time of the process since unix epoch in seconds.");
         out->Sample("process_start_time_seconds", value);
     }
-    if (stat.size() > 17) {
-        out->Family("process_threads", "gauge", "Number of threads in the process.");
-        out->Sample("process_threads", stat[17]);
+    if (StatField(stat, 20) != 0) {
+        AddGauge(out, "process_threads", "Number of threads in the process.", StatField(stat, 20));
     }
 }
 
@@ -325,7 +326,7 @@ void MetricsDeclareCounter(const std::string& path) {
     declarations.paths.insert(path);
 }
 
-std::string MetricsText(const std::string& daemonName) {
+__attribute__((cold)) std::string MetricsText(const std::string& daemonName) {
     Exposition out(daemonName);
     AddCounters(&out);
     AddStrings(&out);

@@ -8,6 +8,7 @@
 #include <cctype>
 #include <cinttypes>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -61,227 +62,222 @@ void AppendString(std::string* out, const std::string& text) {
     out->push_back('"');
 }
 
+// Appends printf-style text.
+__attribute__((format(printf, 2, 3))) void Appendf(std::string* out, const char* format, ...) {
+    char text[256];
+    va_list args;
+    va_start(args, format);
+    const int length = std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    out->append(text,
+                length < 0 ? 0 : std::min<size_t>(static_cast<size_t>(length), sizeof text - 1));
+}
+
 // Nanoseconds as microseconds with three decimals.
 void AppendMicros(std::string* out, uint64_t ns) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%" PRIu64 ".%03u", ns / 1000,
-                  static_cast<unsigned>(ns % 1000));
-    out->append(text);
-}
-
-void AppendHexId(std::string* out, uint64_t id) {
-    char text[24];
-    std::snprintf(text, sizeof text, "\"0x%" PRIx64 "\"", id);
-    out->append(text);
-}
-
-// One event of the output, ordered by time; metadata first.
-struct Entry {
-    uint64_t ts;
-    int order;
-    std::string json;
-};
-
-// A record with the thread it came from.
-struct Located {
-    const TraceRecord* record;
-    pid_t tid;
-};
-
-// The fields every event has: phase, category, name, pid, tid, ts.
-std::string Head(const char* phase, const char* category, const std::string& name, pid_t pid,
-                 pid_t tid, uint64_t ts) {
-    std::string json = "{\"ph\":\"";
-    json += phase;
-    json += "\",\"cat\":\"";
-    json += category;
-    json += "\",\"name\":";
-    AppendString(&json, name);
-    char ids[64];
-    std::snprintf(ids, sizeof ids, ",\"pid\":%ld,\"tid\":%ld,\"ts\":", static_cast<long>(pid),
-                  static_cast<long>(tid));
-    json += ids;
-    AppendMicros(&json, ts);
-    return json;
-}
-
-std::string MessageName(const char* verb, const TraceRecord& record) {
-    char name[48];
-    std::snprintf(name, sizeof name, "%s %lu/%lu", verb,
-                  static_cast<unsigned long>(record.protocol),
-                  static_cast<unsigned long>(record.msgId));
-    return name;
-}
-
-std::string MessageArgs(const TraceRecord& record) {
-    char args[160];
-    std::snprintf(args, sizeof args,
-                  ",\"args\":{\"protocol\":%lu,\"msg_id\":%lu,\"size\":%lu,\"source\":%lu,"
-                  "\"dest\":%lu}",
-                  static_cast<unsigned long>(record.protocol),
-                  static_cast<unsigned long>(record.msgId), static_cast<unsigned long>(record.size),
-                  static_cast<unsigned long>(record.source),
-                  static_cast<unsigned long>(record.dest));
-    return args;
-}
-
-const char* AsyncCategory(uint8_t kind) {
-    return kind == kAsyncServedRequest ? "vok.bus.request" : "vok.bus.call";
+    Appendf(out, "%" PRIu64 ".%03u", ns / 1000, static_cast<unsigned>(ns % 1000));
 }
 
 std::string ProgramName() {
     return program_invocation_short_name != nullptr ? program_invocation_short_name : "vok";
 }
 
+// Writes the events of a dump. Every event goes to its own string; Finish orders them by time.
+class JsonWriter {
+  public:
+    JsonWriter() : pid_(static_cast<long>(getpid())) {}
+
+    // An "M" event naming the process (tid 0) or a thread.
+    void Metadata(const char* what, long tid, const std::string& name) {
+        std::string* json = Add(0, 0);
+        Appendf(json,
+                "{\"ph\":\"M\",\"name\":\"%s\",\"pid\":%ld,\"tid\":%ld,\"args\":{\"name\":", what,
+                pid_, tid);
+        AppendString(json, name);
+        json->append("}}");
+    }
+
+    // Starts an event: phase, category, name, pid, tid and ts; the caller appends the rest and
+    // the closing brace.
+    std::string* Event(const char* phase, const char* category, const std::string& name, long tid,
+                       uint64_t ts, unsigned order = 1) {
+        std::string* json = Add(ts, order);
+        Appendf(json, "{\"ph\":\"%s\",\"cat\":\"%s\",\"name\":", phase, category);
+        AppendString(json, name);
+        Appendf(json, ",\"pid\":%ld,\"tid\":%ld,\"ts\":", pid_, tid);
+        AppendMicros(json, ts);
+        return json;
+    }
+
+    std::string Finish() {
+        std::sort(keys_.begin(), keys_.end());
+        std::string out = "{\"displayTimeUnit\":\"ns\",\"traceEvents\":[\n";
+        for (size_t i = 0; i < keys_.size(); ++i) {
+            out += events_[keys_[i].index];
+            out += i + 1 < keys_.size() ? ",\n" : "\n";
+        }
+        out += "]}\n";
+        return out;
+    }
+
+  private:
+    // Orders events by time, then metadata, slices and flows, then as written.
+    struct Key {
+        uint64_t ts;
+        uint32_t order;
+        uint32_t index;
+        bool operator<(const Key& other) const {
+            return ts != other.ts         ? ts < other.ts
+                   : order != other.order ? order < other.order
+                                          : index < other.index;
+        }
+    };
+
+    std::string* Add(uint64_t ts, unsigned order) {
+        keys_.push_back(Key{ts, order, static_cast<uint32_t>(events_.size())});
+        events_.emplace_back();
+        return &events_.back();
+    }
+
+    const long pid_;
+    std::vector<std::string> events_;
+    std::vector<Key> keys_;
+};
+
+// Counts of writes (low half) and reads (high half) per message id: a flow is drawn only when
+// both its ends are in the rings, once each.
+typedef std::map<uint64_t, uint32_t> FlowEnds;
+const uint32_t kOneRead = 1u << 16;
+
+// Open asynchronous slices by (kind, id) with their names; an end takes its begin's name, and an
+// end whose begin was overwritten is left out.
+typedef std::map<std::pair<uint8_t, uint64_t>, std::string> OpenSlices;
+
+void WriteMessage(JsonWriter* out, long tid, const TraceRecord& r, const FlowEnds& flows) {
+    const bool write = r.type == kRecMessageWrite;
+    char name[48];
+    std::snprintf(name, sizeof name, "%s %lu/%lu", write ? "write" : "read",
+                  static_cast<unsigned long>(r.protocol), static_cast<unsigned long>(r.msgId));
+    std::string* json = out->Event("X", "vok.message", name, tid, r.ts);
+    json->append(",\"dur\":");
+    AppendMicros(json, r.dur);
+    Appendf(json,
+            ",\"args\":{\"protocol\":%lu,\"msg_id\":%lu,\"size\":%lu,\"source\":%lu,\"dest\":%lu}}",
+            static_cast<unsigned long>(r.protocol), static_cast<unsigned long>(r.msgId),
+            static_cast<unsigned long>(r.size), static_cast<unsigned long>(r.source),
+            static_cast<unsigned long>(r.dest));
+    auto ends = flows.find(r.id);
+    if (ends != flows.end() && ends->second == 1 + kOneRead) {
+        // The flow's ends sit in the middle of their slices, which Perfetto binds them to.
+        json = out->Event(write ? "s" : "f", "vok.message", "message", tid, r.ts + r.dur / 2, 2);
+        Appendf(json, ",\"id\":\"0x%" PRIx64 "\"%s}", r.id, write ? "" : ",\"bp\":\"e\"");
+    }
+}
+
+void WriteAsync(JsonWriter* out, long tid, const TraceRecord& r, OpenSlices* open) {
+    const char* category = r.kind == kAsyncServedRequest ? "vok.bus.request" : "vok.bus.call";
+    const std::pair<uint8_t, uint64_t> key(r.kind, r.id);
+    std::string* json;
+    if (r.type == kRecAsyncBegin) {
+        const std::string name =
+            r.text[0] != '\0' ? r.text : TraceAsyncName(static_cast<AsyncKind>(r.kind));
+        (*open)[key] = name;
+        json = out->Event("b", category, name, tid, r.ts);
+        Appendf(json, ",\"id\":\"0x%" PRIx64 "\",\"args\":{\"kind\":\"%s\"", r.id,
+                TraceAsyncName(static_cast<AsyncKind>(r.kind)));
+        if (r.kind == kAsyncBusCall) {
+            Appendf(json, ",\"timeout_ms\":%lld", static_cast<long long>(r.value));
+        }
+        json->append("}}");
+        return;
+    }
+    auto begin = open->find(key);
+    if (begin != open->end()) {
+        json = out->Event("e", category, begin->second, tid, r.ts);
+        Appendf(json, ",\"id\":\"0x%" PRIx64 "\",\"args\":{\"error\":%lld}}", r.id,
+                static_cast<long long>(r.value));
+        open->erase(begin);
+    }
+}
+
+void WriteInstant(JsonWriter* out, long tid, const TraceRecord& r) {
+    const InstantKind kind = static_cast<InstantKind>(r.kind);
+    const bool lateness = kind == kInstTimerLate || kind == kInstAlarmLate;
+    std::string* json =
+        out->Event("i", lateness ? "vok.dispatch" : "vok.shell",
+                   kind == kInstMark ? std::string(r.text) : TraceInstantName(kind), tid, r.ts);
+    json->append(",\"s\":\"t\"");
+    if (lateness) {
+        json->append(",\"args\":{\"lateness_us\":");
+        AppendMicros(json, r.value > 0 ? static_cast<uint64_t>(r.value) : 0);
+        json->append("}");
+    } else if (kind != kInstMark) {
+        json->append(",\"args\":{\"blade\":");
+        AppendString(json, r.text);
+        json->append("}");
+    }
+    json->append("}");
+}
+
 }  // namespace
 
-std::string TraceJson(uint64_t sinceNs) {
+__attribute__((cold)) std::string TraceJson(uint64_t sinceNs) {
     std::vector<TraceTrack> tracks;
     TraceCollect(sinceNs, &tracks);
-    const pid_t pid = getpid();
-
-    std::vector<Entry> entries;
-    std::string json = "{\"ph\":\"M\",\"name\":\"process_name\",\"pid\":";
-    json += std::to_string(static_cast<long>(pid)) + ",\"tid\":0,\"args\":{\"name\":";
-    AppendString(&json, ProgramName());
-    json += "}}";
-    entries.push_back(Entry{0, 0, json});
+    JsonWriter out;
+    out.Metadata("process_name", 0, ProgramName());
 
     // One name per thread: a thread that changed ring size has several rings; the newest names it.
     std::map<pid_t, std::string> names;
-    std::vector<Located> located;
-    std::map<uint64_t, int> writes;
-    std::map<uint64_t, int> reads;
-    for (const TraceTrack& track : tracks) {
-        names[track.tid] = track.name;
-        for (const TraceRecord& record : track.records) {
-            located.push_back(Located{&record, track.tid});
+    FlowEnds flows;
+    for (size_t t = 0; t < tracks.size(); ++t) {
+        names[tracks[t].tid] = tracks[t].name;
+        for (size_t i = 0; i < tracks[t].records.size(); ++i) {
+            const TraceRecord& record = tracks[t].records[i];
             if (record.type == kRecMessageWrite) {
-                ++writes[record.id];
+                flows[record.id] += 1;
             } else if (record.type == kRecMessageRead) {
-                ++reads[record.id];
+                flows[record.id] += kOneRead;
             }
         }
     }
     for (const auto& name : names) {
-        json = "{\"ph\":\"M\",\"name\":\"thread_name\",\"pid\":" +
-               std::to_string(static_cast<long>(pid)) +
-               ",\"tid\":" + std::to_string(static_cast<long>(name.first)) + ",\"args\":{\"name\":";
-        AppendString(&json,
+        out.Metadata("thread_name", name.first,
                      name.second.empty() ? "thread " + std::to_string(name.first) : name.second);
-        json += "}}";
-        entries.push_back(Entry{0, 0, json});
     }
-    std::stable_sort(located.begin(), located.end(), [](const Located& a, const Located& b) {
-        return a.record->ts < b.record->ts;
-    });
-
-    // A flow is drawn only when both its ends are still in the rings.
-    auto paired = [&writes, &reads](uint64_t id) {
-        auto write = writes.find(id);
-        auto read = reads.find(id);
-        return write != writes.end() && read != reads.end() && write->second == 1 &&
-               read->second == 1;
-    };
-    // Open asynchronous slices by (kind, id), with their names: an end takes its begin's name,
-    // and an end whose begin was overwritten is left out.
-    std::map<std::pair<uint8_t, uint64_t>, std::string> open;
-    for (const Located& item : located) {
-        const TraceRecord& r = *item.record;
-        switch (r.type) {
-            case kRecMessageWrite:
-            case kRecMessageRead: {
-                const bool write = r.type == kRecMessageWrite;
-                json = Head("X", "vok.message", MessageName(write ? "write" : "read", r), pid,
-                            item.tid, r.ts);
-                json += ",\"dur\":";
-                AppendMicros(&json, r.dur);
-                json += MessageArgs(r) + "}";
-                entries.push_back(Entry{r.ts, 1, json});
-                if (paired(r.id)) {
-                    json = Head(write ? "s" : "f", "vok.message", "message", pid, item.tid,
-                                r.ts + r.dur / 2);
-                    json += ",\"id\":";
-                    AppendHexId(&json, r.id);
-                    json += write ? "}" : ",\"bp\":\"e\"}";
-                    entries.push_back(Entry{r.ts + r.dur / 2, 2, json});
-                }
-                break;
-            }
-            case kRecCallback:
-                json =
-                    Head("X", "vok.dispatch", TraceCallbackName(static_cast<CallbackKind>(r.kind)),
-                         pid, item.tid, r.ts);
-                json += ",\"dur\":";
-                AppendMicros(&json, r.dur);
-                json += "}";
-                entries.push_back(Entry{r.ts, 1, json});
-                break;
-            case kRecAsyncBegin: {
-                const std::string name =
-                    r.text[0] != '\0' ? r.text : TraceAsyncName(static_cast<AsyncKind>(r.kind));
-                open[std::make_pair(r.kind, r.id)] = name;
-                json = Head("b", AsyncCategory(r.kind), name, pid, item.tid, r.ts);
-                json += ",\"id\":";
-                AppendHexId(&json, r.id);
-                json += ",\"args\":{\"kind\":";
-                AppendString(&json, TraceAsyncName(static_cast<AsyncKind>(r.kind)));
-                if (r.kind == kAsyncBusCall) {
-                    json += ",\"timeout_ms\":" + std::to_string(static_cast<long long>(r.value));
-                }
-                json += "}}";
-                entries.push_back(Entry{r.ts, 1, json});
-                break;
-            }
-            case kRecAsyncEnd: {
-                auto begin = open.find(std::make_pair(r.kind, r.id));
-                if (begin == open.end()) {
+    // A thread's records are in time order, and an asynchronous slice begins and ends on the
+    // thread of its dispatcher, so its begin is met before its end.
+    OpenSlices open;
+    for (const TraceTrack& track : tracks) {
+        const long tid = static_cast<long>(track.tid);
+        for (const TraceRecord& r : track.records) {
+            switch (r.type) {
+                case kRecMessageWrite:
+                case kRecMessageRead:
+                    WriteMessage(&out, tid, r, flows);
+                    break;
+                case kRecCallback: {
+                    std::string* json =
+                        out.Event("X", "vok.dispatch",
+                                  TraceCallbackName(static_cast<CallbackKind>(r.kind)), tid, r.ts);
+                    json->append(",\"dur\":");
+                    AppendMicros(json, r.dur);
+                    json->append("}");
                     break;
                 }
-                json = Head("e", AsyncCategory(r.kind), begin->second, pid, item.tid, r.ts);
-                json += ",\"id\":";
-                AppendHexId(&json, r.id);
-                json += ",\"args\":{\"error\":" + std::to_string(static_cast<long long>(r.value)) +
-                        "}}";
-                entries.push_back(Entry{r.ts, 1, json});
-                open.erase(begin);
-                break;
+                case kRecAsyncBegin:
+                case kRecAsyncEnd:
+                    WriteAsync(&out, tid, r, &open);
+                    break;
+                case kRecInstant:
+                    WriteInstant(&out, tid, r);
+                    break;
+                default:
+                    break;
             }
-            case kRecInstant: {
-                const InstantKind kind = static_cast<InstantKind>(r.kind);
-                const bool lateness = kind == kInstTimerLate || kind == kInstAlarmLate;
-                json = Head("i", lateness ? "vok.dispatch" : "vok.shell",
-                            kind == kInstMark ? std::string(r.text) : TraceInstantName(kind), pid,
-                            item.tid, r.ts);
-                json += ",\"s\":\"t\"";
-                if (lateness) {
-                    json += ",\"args\":{\"lateness_us\":";
-                    AppendMicros(&json, r.value > 0 ? static_cast<uint64_t>(r.value) : 0);
-                    json += "}";
-                } else if (kind != kInstMark) {
-                    json += ",\"args\":{\"blade\":";
-                    AppendString(&json, r.text);
-                    json += "}";
-                }
-                json += "}";
-                entries.push_back(Entry{r.ts, 1, json});
-                break;
-            }
-            default:
-                break;
         }
     }
-    std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
-        return a.ts != b.ts ? a.ts < b.ts : a.order < b.order;
-    });
-
-    std::string out = "{\"displayTimeUnit\":\"ns\",\"traceEvents\":[\n";
-    for (size_t i = 0; i < entries.size(); ++i) {
-        out += entries[i].json;
-        out += i + 1 < entries.size() ? ",\n" : "\n";
-    }
-    out += "]}\n";
-    return out;
+    return out.Finish();
 }
 
 }  // namespace trace
@@ -319,20 +315,19 @@ bool TraceRecordFor(double seconds, const std::string& path, std::string* error)
     return TraceWriteSnapshot(path, start, error);
 }
 
-std::string TraceDumpForFault(const std::string& reason) {
+__attribute__((cold)) std::string TraceDumpForFault(const std::string& reason) {
     if (!TraceIsEnabled()) {
         return std::string();
     }
     static std::atomic<unsigned> sequence(0);
     const char* dir = std::getenv("VOK_TRACE_DIR");
-    std::string tag;
-    for (char c : reason) {
-        tag.push_back(std::isalnum(static_cast<unsigned char>(c)) || c == '-' ? c : '_');
+    std::string tag = reason;
+    for (char& c : tag) {
+        c = std::isalnum(static_cast<unsigned char>(c)) || c == '-' ? c : '_';
     }
-    const std::string path = std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") +
-                             "/vok-trace-" + trace::ProgramName() + "-" +
-                             std::to_string(static_cast<long>(getpid())) + "-" + tag + "-" +
-                             std::to_string(sequence.fetch_add(1)) + ".json";
+    std::string path = dir != nullptr && *dir != '\0' ? dir : "/tmp";
+    trace::Appendf(&path, "/vok-trace-%s-%ld-%s-%u.json", trace::ProgramName().c_str(),
+                   static_cast<long>(getpid()), tag.c_str(), sequence.fetch_add(1));
     return TraceWriteSnapshot(path, 0, nullptr) ? path : std::string();
 }
 
