@@ -144,10 +144,14 @@ class JsonWriter {
     std::vector<Key> keys_;
 };
 
-// Counts of writes (low half) and reads (high half) per message id: a flow is drawn only when
-// both its ends are in the rings, once each.
-typedef std::map<uint64_t, uint32_t> FlowEnds;
-const uint32_t kOneRead = 1u << 16;
+// The ends of a message's flow found in the rings. A flow is drawn only when both are there,
+// once each.
+struct FlowEnd {
+    uint32_t writes = 0;
+    uint32_t reads = 0;
+    uint64_t start = 0;  // The flow start's time: the write slice's first nanosecond.
+};
+typedef std::map<uint64_t, FlowEnd> FlowEnds;
 
 // Open asynchronous slices by (kind, id) with their names; an end takes its begin's name, and an
 // end whose begin was overwritten is left out.
@@ -167,9 +171,14 @@ void WriteMessage(JsonWriter* out, long tid, const TraceRecord& r, const FlowEnd
             static_cast<unsigned long>(r.size), static_cast<unsigned long>(r.source),
             static_cast<unsigned long>(r.dest));
     auto ends = flows.find(r.id);
-    if (ends != flows.end() && ends->second == 1 + kOneRead) {
-        // The flow's ends sit in the middle of their slices, which Perfetto binds them to.
-        json = out->Event(write ? "s" : "f", "vok.message", "message", tid, r.ts + r.dur / 2, 2);
+    if (ends != flows.end() && ends->second.writes == 1 && ends->second.reads == 1) {
+        // Each end lies inside its slice, which Perfetto binds it to. The start is the write's
+        // first nanosecond (the message was queued after it); the end is the read's middle, or
+        // the start when a read that began before the write got the message (the read then
+        // still ends after the message was queued, so after the start).
+        const uint64_t ts =
+            write ? ends->second.start : std::max(r.ts + r.dur / 2, ends->second.start);
+        json = out->Event(write ? "s" : "f", "vok.message", "message", tid, ts, 2);
         Appendf(json, ",\"id\":\"0x%" PRIx64 "\"%s}", r.id, write ? "" : ",\"bp\":\"e\"");
     }
 }
@@ -235,9 +244,11 @@ __attribute__((cold)) std::string TraceJson(uint64_t sinceNs) {
         for (size_t i = 0; i < tracks[t].records.size(); ++i) {
             const TraceRecord& record = tracks[t].records[i];
             if (record.type == kRecMessageWrite) {
-                flows[record.id] += 1;
+                FlowEnd& end = flows[record.id];
+                ++end.writes;
+                end.start = record.ts + std::min<uint64_t>(record.dur, 1);
             } else if (record.type == kRecMessageRead) {
-                flows[record.id] += kOneRead;
+                ++flows[record.id].reads;
             }
         }
     }
