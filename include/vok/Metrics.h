@@ -30,6 +30,11 @@ std::string MetricsText(const std::string& daemonName);
 bool MetricsWriteTextfile(const std::string& path, const std::string& daemonName,
                           std::string* error);
 
+// Writes an exposition fetched from another process (vokctl's --textfile) to path atomically,
+// as MetricsWriteTextfile does.
+bool MetricsWriteTextfileContent(const std::string& path, const std::string& exposition,
+                                 std::string* error);
+
 // Exports the register at path (and every register whose path starts with path, when path ends
 // with '.') as a counter: for registers that count events and never decrease.
 void MetricsDeclareCounter(const std::string& path);

@@ -339,4 +339,9 @@ bool MetricsWriteTextfile(const std::string& path, const std::string& daemonName
     return WriteFileAtomically(path, MetricsText(daemonName), error);
 }
 
+bool MetricsWriteTextfileContent(const std::string& path, const std::string& exposition,
+                                 std::string* error) {
+    return WriteFileAtomically(path, exposition, error);
+}
+
 }  // namespace vok

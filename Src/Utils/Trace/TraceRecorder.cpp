@@ -49,10 +49,6 @@ inline void LoadFence() {
 }
 #endif
 
-}  // namespace
-
-namespace {
-
 // Size new rings get; rings of another size are replaced at their thread's next event.
 std::atomic<uint32_t> gRingEvents(kTraceDefaultRingEvents);
 
@@ -182,7 +178,9 @@ struct EnvironmentSettings {
 }  // namespace
 
 TraceRing* TraceRing::Create(uint32_t capacity, pid_t tid, const char* name) {
-    Slot* slots = new (std::nothrow) Slot[capacity]();
+    // Left uninitialised: a copy reads only slots already stored, and the pages of a ring that
+    // has not gone round yet stay untouched.
+    Slot* slots = new (std::nothrow) Slot[capacity];
     if (slots == nullptr) {
         return nullptr;
     }
