@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -39,6 +40,7 @@ void FireEverySite() {
     TraceMessageWritten(TraceBegin(), 1, 4, 1, 0, 49152, 49153);
     TraceMessageRead(TraceBegin(), 1, 4, 1, 0, 49152, 49153);
     TraceCallbackDone(TraceBegin(), kCbTimer);
+    { TraceCallbackScope scope(kCbAlarm); }
     TraceAsyncBegin(kAsyncBusCall, 1, "kelvra://a/b/c", 100);
     TraceAsyncEnd(kAsyncBusCall, 1, 0);
     TraceInstant(kInstBladeStart, 0, "blade");
@@ -111,6 +113,11 @@ TEST_F(TraceRecorderTest, MessagesCallbacksCallsAndInstantsMakeAValidTimeline) {
         TraceMessageRead(TraceBegin(), id, 4, 1, 12, 49152, 100);
         TraceMessageRead(TraceBegin(), 99, 4, 2, 0, 49152, 100);  // Its write was overwritten.
         TraceCallbackDone(callback, kCbPortMonitor);
+        try {
+            TraceCallbackScope scope(kCbBusReply);
+            throw std::runtime_error("out of a callback");
+        } catch (const std::runtime_error&) {
+        }
         TraceAsyncEnd(kAsyncBusCall, 1, -5);
         TraceInstant(kInstTimerLate, 1500, nullptr);
         TraceInstant(kInstBladeStuck, 0, "echo");
@@ -131,6 +138,7 @@ TEST_F(TraceRecorderTest, MessagesCallbacksCallsAndInstantsMakeAValidTimeline) {
     EXPECT_EQ(reader, ends[0].tid);
 
     int reads = 0;
+    int replies = 0;
     for (const test::TraceEvent& slice : check.Phase("X")) {
         if (slice.name == "write 4/1") {
             EXPECT_EQ(writer, slice.tid);
@@ -138,6 +146,8 @@ TEST_F(TraceRecorderTest, MessagesCallbacksCallsAndInstantsMakeAValidTimeline) {
                       slice.args);
         } else if (slice.name.compare(0, 5, "read ") == 0) {
             ++reads;
+        } else if (slice.name == "bus reply") {
+            ++replies;
         } else {
             EXPECT_EQ("port monitor", slice.name);
             EXPECT_GE(slice.dur, 5000.0);  // Microseconds.
@@ -145,6 +155,7 @@ TEST_F(TraceRecorderTest, MessagesCallbacksCallsAndInstantsMakeAValidTimeline) {
         }
     }
     EXPECT_EQ(2, reads);
+    EXPECT_EQ(1, replies);
 
     const std::vector<test::TraceEvent> begins = check.Phase("b");
     ASSERT_EQ(2u, begins.size());

@@ -147,6 +147,20 @@ inline void TraceCallbackDone(uint64_t begin, CallbackKind kind) {
     }
 }
 
+// Records the dispatcher callback it encloses as a slice of its kind, also when the callback
+// throws: `TraceCallbackScope scope(kCbTimer);` just before the user's callable is called.
+class TraceCallbackScope {
+  public:
+    explicit TraceCallbackScope(CallbackKind kind) : begin_(TraceBegin()), kind_(kind) {}
+    ~TraceCallbackScope() { TraceCallbackDone(begin_, kind_); }
+    TraceCallbackScope(const TraceCallbackScope&) = delete;
+    TraceCallbackScope& operator=(const TraceCallbackScope&) = delete;
+
+  private:
+    const uint64_t begin_;
+    const CallbackKind kind_;
+};
+
 // The start of an asynchronous slice: a bus call (text: its URI, value: its timeout in ms, 0 for
 // none) or a served request (text: its method). id is unique among open slices of the kind.
 inline void TraceAsyncBegin(AsyncKind kind, uint64_t id, const char* text, int64_t value) {
