@@ -42,8 +42,10 @@ void TraceNameThread(const std::string& name);
 uint64_t TraceClockNs();
 
 // The events the rings hold now, stamped at or after sinceNs, as one Chrome trace-event JSON
-// document: thread names first, then events by time. Safe while other threads record: a dump
-// copies each ring out and drops the events that were overwritten while it copied.
+// document: thread names first, then events by time. A message's flow arrow is drawn when both
+// its write and its read are there; a bus call whose end is not there yet stays open. Safe while
+// other threads record: a dump copies each ring out and drops the events that were overwritten
+// while it copied.
 std::string TraceSnapshotJson(uint64_t sinceNs = 0);
 
 // Writes TraceSnapshotJson(sinceNs) to path atomically (a temporary file in the same directory,
