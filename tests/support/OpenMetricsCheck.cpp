@@ -1,253 +1,70 @@
 #include "support/OpenMetricsCheck.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdlib>
 #include <set>
-#include <sstream>
+#include <vector>
 
 namespace vok {
 namespace test {
 
 namespace {
 
-bool IsMetricName(const std::string& name) {
-    if (name.empty() || std::isdigit(static_cast<unsigned char>(name[0]))) {
-        return false;
+// Length of the metric (or, without colons, label) name at text[at], 0 when none starts there.
+size_t NameAt(const std::string& text, size_t at, bool label) {
+    size_t end = at;
+    while (end < text.size() &&
+           (std::isalpha(static_cast<unsigned char>(text[end])) || text[end] == '_' ||
+            (!label && text[end] == ':') ||
+            (end > at && std::isdigit(static_cast<unsigned char>(text[end]))))) {
+        ++end;
     }
-    for (char c : name) {
-        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_' && c != ':') {
+    return end - at;
+}
+
+// The end of an escaped text at text[at] (\\, \n and \" only; no bare '"' or line feed):
+// the index of the first character after it, or npos when a bad escape comes first.
+size_t EscapedEnd(const std::string& text, size_t at) {
+    for (; at < text.size() && text[at] != '"'; ++at) {
+        if (text[at] == '\\' &&
+            (++at >= text.size() || std::string("\\n\"").find(text[at]) == std::string::npos)) {
+            return std::string::npos;
+        }
+    }
+    return at;
+}
+
+// Reads "{name="value",...}" at text[*at] into names; false when malformed.
+bool ReadLabels(const std::string& text, size_t* at, std::vector<std::string>* names) {
+    size_t i = *at + 1;
+    while (i < text.size() && text[i] != '}') {
+        const size_t length = NameAt(text, i, true);
+        const size_t value = i + length + 2;
+        if (length == 0 || text.compare(i + length, 2, "=\"") != 0) {
+            return false;
+        }
+        names->push_back(text.substr(i, length));
+        i = EscapedEnd(text, value);
+        if (i >= text.size() || text[i] != '"') {
+            return false;
+        }
+        ++i;
+        if (i < text.size() && text[i] == ',') {
+            ++i;
+        } else if (i >= text.size() || text[i] != '}') {
             return false;
         }
     }
-    return true;
-}
-
-bool IsLabelName(const std::string& name) {
-    return IsMetricName(name) && name.find(':') == std::string::npos;
+    *at = i + 1;
+    return i < text.size();
 }
 
 bool EndsWith(const std::string& text, const std::string& suffix) {
     return text.size() >= suffix.size() &&
            text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
-
-class Checker {
-  public:
-    explicit Checker(MetricsCheck* result) : result_(result) {}
-
-    void Check(const std::string& text) {
-        if (text.empty() || text.back() != '\n') {
-            Error(0, "exposition does not end with a line feed");
-        }
-        std::vector<std::string> lines;
-        std::string line;
-        std::istringstream in(text);
-        while (std::getline(in, line)) {
-            lines.push_back(line);
-        }
-        bool eof = false;
-        for (size_t i = 0; i < lines.size(); ++i) {
-            const size_t number = i + 1;
-            if (eof) {
-                Error(number, "line after # EOF");
-                break;
-            }
-            if (lines[i] == "# EOF") {
-                eof = true;
-            } else if (lines[i].empty()) {
-                Error(number, "empty line");
-            } else if (lines[i][0] == '#') {
-                Metadata(number, lines[i]);
-            } else {
-                Sample(number, lines[i]);
-            }
-        }
-        if (!eof) {
-            Error(lines.size(), "no # EOF at the end");
-        }
-    }
-
-  private:
-    void Error(size_t line, const std::string& text) {
-        result_->errors.push_back("line " + std::to_string(line) + ": " + text);
-    }
-
-    // "# HELP name text" or "# TYPE name type".
-    void Metadata(size_t line, const std::string& text) {
-        std::istringstream in(text);
-        std::string hash, keyword, name;
-        in >> hash >> keyword >> name;
-        if (hash != "#" || (keyword != "HELP" && keyword != "TYPE" && keyword != "UNIT")) {
-            Error(line, "comment that is not HELP, TYPE, UNIT or EOF");
-            return;
-        }
-        if (!IsMetricName(name)) {
-            Error(line, "bad family name \"" + name + "\"");
-            return;
-        }
-        if (name != current_) {
-            if (!seen_.insert(name).second) {
-                Error(line, "family " + name + " appears twice");
-            }
-            current_ = name;
-            currentHasSamples_ = false;
-            metadata_.clear();
-        }
-        if (currentHasSamples_) {
-            Error(line, keyword + " after the samples of " + name);
-        }
-        if (!metadata_.insert(keyword).second) {
-            Error(line, keyword + " twice for " + name);
-        }
-        MetricFamily& family = result_->families[name];
-        const std::string prefix = "# " + keyword + " " + name;
-        const std::string rest = text.size() > prefix.size() ? text.substr(prefix.size() + 1) : "";
-        if (keyword == "TYPE") {
-            static const std::set<std::string> kTypes = {"counter",        "gauge",   "info",
-                                                         "stateset",       "unknown", "histogram",
-                                                         "gaugehistogram", "summary"};
-            if (kTypes.count(rest) == 0) {
-                Error(line, "unknown type \"" + rest + "\"");
-            }
-            family.type = rest;
-            if ((rest == "counter" && EndsWith(name, "_total")) ||
-                (rest == "info" && EndsWith(name, "_info"))) {
-                Error(line, "family name " + name + " ends with its sample suffix");
-            }
-        } else if (keyword == "HELP") {
-            for (size_t i = 0; i < rest.size(); ++i) {
-                if (rest[i] == '\\' &&
-                    (i + 1 >= rest.size() ||
-                     (rest[i + 1] != '\\' && rest[i + 1] != 'n' && rest[i + 1] != '"'))) {
-                    Error(line, "bad escape in HELP");
-                }
-                if (rest[i] == '\\') {
-                    ++i;
-                } else if (rest[i] == '"') {
-                    Error(line, "unescaped double quote in HELP");
-                }
-            }
-            family.help = rest;
-        }
-    }
-
-    // "name{labels} value" or "name value".
-    void Sample(size_t line, const std::string& text) {
-        size_t at = 0;
-        while (at < text.size() && text[at] != '{' && text[at] != ' ') {
-            ++at;
-        }
-        const std::string name = text.substr(0, at);
-        if (!IsMetricName(name)) {
-            Error(line, "bad sample name \"" + name + "\"");
-            return;
-        }
-        std::string labels;
-        if (at < text.size() && text[at] == '{') {
-            const size_t begin = at;
-            if (!Labels(line, text, &at)) {
-                return;
-            }
-            labels = text.substr(begin, at - begin);
-        }
-        if (at >= text.size() || text[at] != ' ') {
-            Error(line, "no space before the value");
-            return;
-        }
-        const std::string valueText = text.substr(at + 1);
-        char* end = nullptr;
-        const double value = std::strtod(valueText.c_str(), &end);
-        if (valueText.empty() || *end != '\0' || valueText.find(' ') != std::string::npos) {
-            Error(line, "bad value \"" + valueText + "\"");
-            return;
-        }
-        if (current_.empty()) {
-            Error(line, "sample before any family");
-            return;
-        }
-        currentHasSamples_ = true;
-        MetricFamily& family = result_->families[current_];
-        const std::string& type = family.type.empty() ? "unknown" : family.type;
-        bool nameOk = false;
-        if (type == "counter") {
-            nameOk = name == current_ + "_total" || name == current_ + "_created";
-            if (std::isnan(value) || value < 0) {
-                Error(line, "counter value below 0");
-            }
-        } else if (type == "info") {
-            nameOk = name == current_ + "_info";
-            if (value != 1) {
-                Error(line, "info value is not 1");
-            }
-        } else if (type == "gauge" || type == "unknown") {
-            nameOk = name == current_;
-        } else {
-            nameOk = true;  // Types the framework does not write are not checked further.
-        }
-        if (!nameOk) {
-            Error(line, "sample " + name + " does not belong to " + type + " family " + current_);
-        }
-        if (!family.samples.emplace(name + labels, value).second) {
-            Error(line, "sample " + name + labels + " twice");
-        }
-    }
-
-    // Checks "{name="value",...}" starting at *at; leaves *at after the closing brace.
-    bool Labels(size_t line, const std::string& text, size_t* at) {
-        std::set<std::string> names;
-        size_t i = *at + 1;
-        while (i < text.size() && text[i] != '}') {
-            size_t nameEnd = i;
-            while (nameEnd < text.size() && text[nameEnd] != '=') {
-                ++nameEnd;
-            }
-            const std::string label = text.substr(i, nameEnd - i);
-            if (!IsLabelName(label) || nameEnd + 1 >= text.size() || text[nameEnd + 1] != '"') {
-                Error(line, "bad label near \"" + text.substr(i) + "\"");
-                return false;
-            }
-            if (!names.insert(label).second) {
-                Error(line, "label " + label + " twice");
-            }
-            i = nameEnd + 2;
-            while (i < text.size() && text[i] != '"') {
-                if (text[i] == '\\') {
-                    if (i + 1 >= text.size() ||
-                        (text[i + 1] != '\\' && text[i + 1] != 'n' && text[i + 1] != '"')) {
-                        Error(line, "bad escape in label " + label);
-                        return false;
-                    }
-                    ++i;
-                }
-                ++i;
-            }
-            if (i >= text.size()) {
-                Error(line, "unterminated label value");
-                return false;
-            }
-            ++i;  // Closing quote.
-            if (i < text.size() && text[i] == ',') {
-                ++i;
-            } else if (i >= text.size() || text[i] != '}') {
-                Error(line, "labels not separated by commas");
-                return false;
-            }
-        }
-        if (i >= text.size()) {
-            Error(line, "unterminated label set");
-            return false;
-        }
-        *at = i + 1;
-        return true;
-    }
-
-    MetricsCheck* result_;
-    std::string current_;  // Family of the lines being read.
-    bool currentHasSamples_ = false;
-    std::set<std::string> metadata_;  // HELP/TYPE/UNIT lines of the current family.
-    std::set<std::string> seen_;      // Every family so far.
-};
 
 }  // namespace
 
@@ -268,8 +85,102 @@ double MetricsCheck::Value(const std::string& name) const {
 }
 
 MetricsCheck CheckOpenMetrics(const std::string& text) {
+    static const std::set<std::string> kTypes = {"counter",  "gauge",    "info",
+                                                 "stateset", "unknown",  "gaugehistogram",
+                                                 "summary",  "histogram"};
     MetricsCheck result;
-    Checker(&result).Check(text);
+    auto error = [&result](size_t line, const std::string& what) {
+        result.errors.push_back("line " + std::to_string(line) + ": " + what);
+    };
+    const bool ends = EndsWith(text, "\n# EOF\n") || text == "# EOF\n";
+    if (!ends) {
+        error(0, "does not end with \"# EOF\" and a line feed");
+    }
+    const size_t body = ends ? text.size() - 6 : text.size();
+    std::string family;  // Family of the lines being read.
+    bool familyHasSamples = false;
+    std::set<std::string> metadata;  // HELP/TYPE/UNIT lines of the current family.
+    size_t line = 0;
+    for (size_t at = 0, next; at < body; at = next + 1) {
+        next = std::min(text.find('\n', at), text.size());
+        const std::string content = text.substr(at, next - at);
+        ++line;
+        if (content.compare(0, 2, "# ") == 0) {
+            const std::string keyword = content.substr(2, 4);
+            const size_t length = content.size() > 8 ? NameAt(content, 7, false) : 0;
+            if ((keyword != "HELP" && keyword != "TYPE" && keyword != "UNIT") ||
+                content.compare(6, 1, " ") != 0 || length == 0 ||
+                content.compare(7 + length, 1, " ") != 0) {
+                error(line, "bad metadata: " + content);
+                continue;
+            }
+            const std::string name = content.substr(7, length);
+            if (name != family) {
+                if (result.families.count(name) != 0) {
+                    error(line, "family " + name + " appears twice");
+                }
+                family = name;
+                familyHasSamples = false;
+                metadata.clear();
+            }
+            MetricFamily& entry = result.families[family];
+            const std::string rest = content.substr(8 + length);
+            if (familyHasSamples || !metadata.insert(keyword).second) {
+                error(line, keyword + " twice or after the samples of " + family);
+            }
+            if (keyword == "TYPE") {
+                entry.type = rest;
+                if (kTypes.count(rest) == 0 || (rest == "counter" && EndsWith(family, "_total")) ||
+                    (rest == "info" && EndsWith(family, "_info"))) {
+                    error(line, "bad type \"" + rest + "\" for " + family);
+                }
+            } else if (keyword == "HELP") {
+                entry.help = rest;
+                if (EscapedEnd(rest, 0) != rest.size()) {
+                    error(line, "badly escaped HELP");
+                }
+            }
+            continue;
+        }
+        const size_t nameLength = NameAt(content, 0, false);
+        size_t pos = nameLength;
+        std::vector<std::string> labelNames;
+        if (nameLength == 0 ||
+            (pos < content.size() && content[pos] == '{' &&
+             !ReadLabels(content, &pos, &labelNames)) ||
+            pos >= content.size() || content[pos] != ' ') {
+            error(line, "not a well-formed sample: " + content);
+            continue;
+        }
+        const std::set<std::string> uniqueLabels(labelNames.begin(), labelNames.end());
+        if (uniqueLabels.size() != labelNames.size()) {
+            error(line, "a label twice");
+        }
+        const std::string labels =
+            pos > nameLength ? content.substr(nameLength + 1, pos - nameLength - 2) : "";
+        char* valueEnd = nullptr;
+        const std::string valueText = content.substr(pos + 1);
+        const double value = std::strtod(valueText.c_str(), &valueEnd);
+        const std::string name = content.substr(0, nameLength);
+        const std::string type = family.empty() ? "" : result.families[family].type;
+        const bool belongs =
+            (type == "counter" && (name == family + "_total" || name == family + "_created")) ||
+            (type == "info" && name == family + "_info" && value == 1) ||
+            ((type == "gauge" || type == "unknown") && name == family) ||
+            (kTypes.count(type) != 0 && type != "counter" && type != "info" && type != "gauge" &&
+             type != "unknown");
+        if (valueText.empty() || *valueEnd != '\0' || (type == "counter" && !(value >= 0))) {
+            error(line, "bad value " + valueText);
+        }
+        if (!belongs) {
+            error(line, "sample " + name + " does not belong to " + type + " family " + family);
+        }
+        if (!family.empty() &&
+            !result.families[family].samples.emplace(name + "{" + labels + "}", value).second) {
+            error(line, "sample " + name + "{" + labels + "} twice");
+        }
+        familyHasSamples = true;
+    }
     return result;
 }
 

@@ -13,7 +13,7 @@ namespace test {
 struct MetricFamily {
     std::string type;
     std::string help;
-    // Sample name with its labels as written ("name{a=\"1\"}") -> value.
+    // Sample name with its labels as written ("name{a=\"1\"}", "name{}") -> value.
     std::map<std::string, double> samples;
 };
 
