@@ -67,10 +67,19 @@ __attribute__((format(printf, 2, 3))) void Appendf(std::string* out, const char*
     char text[256];
     va_list args;
     va_start(args, format);
+    va_list again;
+    va_copy(again, args);
     const int length = std::vsnprintf(text, sizeof text, format, args);
     va_end(args);
-    out->append(text,
-                length < 0 ? 0 : std::min<size_t>(static_cast<size_t>(length), sizeof text - 1));
+    if (length >= static_cast<int>(sizeof text)) {
+        const size_t at = out->size();
+        out->resize(at + static_cast<size_t>(length) + 1);
+        std::vsnprintf(&(*out)[at], static_cast<size_t>(length) + 1, format, again);
+        out->resize(at + static_cast<size_t>(length));
+    } else if (length > 0) {
+        out->append(text, static_cast<size_t>(length));
+    }
+    va_end(again);
 }
 
 // Nanoseconds as microseconds with three decimals.
@@ -332,7 +341,7 @@ __attribute__((cold)) std::string TraceDumpForFault(const std::string& reason) {
     }
     static std::atomic<unsigned> sequence(0);
     const char* dir = std::getenv("VOK_TRACE_DIR");
-    std::string tag = reason;
+    std::string tag = reason.substr(0, 64);  // The file name stays well below NAME_MAX.
     for (char& c : tag) {
         c = std::isalnum(static_cast<unsigned char>(c)) || c == '-' ? c : '_';
     }
