@@ -257,8 +257,8 @@ void AddProcess(Exposition* out) {
         out->Sample("process_cpu_seconds_total", value);
     }
 
-    // proc(5): num_threads is field 20, starttime (clock ticks after boot) field 22; the boot
-    // time is /proc/stat's btime.
+    // proc(5): starttime (clock ticks after boot) is field 22 of /proc/self/stat; the boot time
+    // is /proc/stat's btime.
     const std::string stat = ReadProcFile("/proc/self/stat");
     const std::string system = ReadProcFile("/proc/stat");
     const size_t btime = system.find("\nbtime ");
@@ -272,8 +272,13 @@ void AddProcess(Exposition* out) {
                     "Start time of the process since unix epoch in seconds.");
         out->Sample("process_start_time_seconds", value);
     }
-    if (StatField(stat, 20) != 0) {
-        AddGauge(out, "process_threads", "Number of threads in the process.", StatField(stat, 20));
+    // The thread count from /proc/self/status: an emulator (qemu-user) fills in that file but
+    // leaves num_threads in /proc/self/stat at 0.
+    const std::string status = ReadProcFile("/proc/self/status");
+    const size_t threads = status.find("\nThreads:");
+    if (threads != std::string::npos) {
+        AddGauge(out, "process_threads", "Number of threads in the process.",
+                 std::strtoull(status.c_str() + threads + 9, nullptr, 10));
     }
 }
 
