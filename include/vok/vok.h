@@ -16,6 +16,7 @@
 #include <vok/JsonToken.h>
 #include <vok/KelvraSvcUtils.h>
 #include <vok/Logger.h>
+#include <vok/Metrics.h>
 #include <vok/MessageMoverFramework.h>
 #include <vok/MessageMoverInterface.h>
 #include <vok/MmCommandPort.h>
@@ -33,6 +34,7 @@
 #include <vok/RuntimeDispatcher.h>
 #include <vok/SimpleAsyncInterface.h>
 #include <vok/Thread.h>
+#include <vok/Trace.h>
 #include <vok/Version.h>
 #include <vok/VokError.h>
 #include <vok/VokKvClient.h>

@@ -1,0 +1,300 @@
+// The flight recorder: event sites, per-thread rings, dumps while threads record, and its JSON.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "Src/Utils/Trace/TraceEvents.h"
+#include "Src/Utils/Trace/TraceRecorder.h"
+#include "support/LogCapture.h"
+#include "support/TraceEventCheck.h"
+#include "vok/Trace.h"
+
+namespace vok {
+namespace {
+
+using namespace trace;
+
+pid_t Tid() {
+    return static_cast<pid_t>(syscall(SYS_gettid));
+}
+
+test::TraceCheck CheckFile(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return test::CheckTraceEvents(text.str());
+}
+
+class TraceRecorderTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        TraceSetEnabled(false);
+        TraceSetRingEvents(kTraceDefaultRingEvents);
+        since_ = TraceClockNs();
+    }
+    void TearDown() override { SetUp(); }
+
+    // What the rings hold from this test for one thread, one track per ring.
+    std::vector<TraceTrack> Tracks(pid_t tid) {
+        std::vector<TraceTrack> all;
+        std::vector<TraceTrack> selected;
+        TraceCollect(since_, &all);
+        for (TraceTrack& track : all) {
+            if ((tid == 0 || track.tid == tid) && !track.records.empty()) {
+                selected.push_back(track);
+            }
+        }
+        return selected;
+    }
+
+    uint64_t since_ = 0;
+    test::Watchdog watchdog_;
+};
+
+TEST_F(TraceRecorderTest, SitesRecordNothingAndAllocateNoRingWhileOff) {
+    std::thread thread([] {
+        TraceMessageWritten(TraceBegin(), 1, 4, 1, 0, 49152, 49153);
+        TraceMessageRead(TraceBegin(), 1, 4, 1, 0, 49152, 49153);
+        { TraceCallbackScope scope(kCbAlarm); }
+        TraceAsyncBegin(kAsyncBusCall, 1, "kelvra://a/b/c", 100);
+        TraceAsyncEnd(kAsyncBusCall, 1, 0);
+        TraceInstant(kInstBladeStart, 0, "blade");
+        TraceMark("mark");
+    });
+    thread.join();
+    EXPECT_TRUE(Tracks(0).empty());
+}
+
+TEST_F(TraceRecorderTest, MessagesCallbacksCallsAndInstantsMakeAValidTimeline) {
+    TraceSetEnabled(true);
+    const uint64_t id = (static_cast<uint64_t>(49152) << 32) | 7;
+    const std::string kLongUri = "kelvra://com.orvex.a.rather.long.service.name/demo/echo";
+    pid_t writer = 0;
+    pid_t reader = 0;
+    std::thread writing([&] {
+        writer = Tid();
+        TraceNameThread("client \"one\" \xff");
+        TraceMessageWritten(TraceBegin(), id, 4, 1, 12, 49152, 100);
+        TraceAsyncBegin(kAsyncBusCall, 1, kLongUri.c_str(), 1000);
+        TraceAsyncBegin(kAsyncBusCall, 2, "kelvra://com.orvex.power/time/alarmAdd", 0);
+        TraceAsyncEnd(kAsyncBusCall, 3, -1);  // Its begin is not in the rings: left out.
+    });
+    writing.join();
+    std::thread reading([&] {
+        reader = Tid();
+        TraceNameThread("echo");
+        const uint64_t callback = TraceBegin();  // A callback that holds its loop 5 ms.
+        TraceMessageRead(TraceBegin(), id, 4, 1, 12, 49152, 100);
+        TraceMessageRead(TraceBegin(), 99, 4, 2, 0, 49152, 100);  // Its write was overwritten.
+        usleep(5000);
+        TraceCallbackDone(callback, kCbPortMonitor);
+        try {
+            TraceCallbackScope scope(kCbBusReply);
+            throw std::runtime_error("out of a callback");
+        } catch (const std::runtime_error&) {
+        }
+        TraceAsyncEnd(kAsyncBusCall, 1, -5);
+        TraceInstant(kInstTimerLate, 1500, nullptr);
+        TraceInstant(kInstBladeStuck, 0, "echo");
+    });
+    reading.join();
+
+    const test::TraceCheck check = test::CheckTraceEvents(TraceSnapshotJson(since_));
+    ASSERT_TRUE(check.Ok()) << check.Report();
+    EXPECT_EQ("client \"one\" ?", check.threadNames.at(writer));
+    EXPECT_EQ("echo", check.threadNames.at(reader));
+    ASSERT_EQ(1u, check.Phase("s").size());
+    EXPECT_EQ("0xc00000000007", check.Phase("s")[0].id);
+    EXPECT_EQ(writer, check.Phase("s")[0].tid);
+    EXPECT_EQ(reader, check.Phase("f")[0].tid);
+
+    std::map<std::string, test::TraceEvent> slices;
+    for (const test::TraceEvent& slice : check.Phase("X")) {
+        slices[slice.name] = slice;
+    }
+    EXPECT_EQ(5u, slices.size());  // write 4/1, read 4/1, read 4/2, port monitor, bus reply.
+    EXPECT_EQ("{\"protocol\":4,\"msg_id\":1,\"size\":12,\"source\":49152,\"dest\":100}",
+              slices["write 4/1"].args);
+    EXPECT_GE(slices["port monitor"].dur, 5000.0);  // Microseconds.
+    EXPECT_LT(slices["port monitor"].dur, 60e6);
+
+    const std::vector<test::TraceEvent> begins = check.Phase("b");
+    ASSERT_EQ(2u, begins.size());
+    EXPECT_EQ(kLongUri.substr(kLongUri.size() - (kTraceTextSize - 1)), begins[0].name);
+    EXPECT_EQ("{\"kind\":\"bus call\",\"timeout_ms\":1000}", begins[0].args);
+    ASSERT_EQ(1u, check.Phase("e").size());
+    EXPECT_EQ(begins[0].name, check.Phase("e")[0].name);
+    EXPECT_EQ("{\"error\":-5}", check.Phase("e")[0].args);
+    EXPECT_EQ(1, check.openAsync);
+
+    const std::vector<test::TraceEvent> instants = check.Phase("i");
+    ASSERT_EQ(2u, instants.size());
+    EXPECT_EQ("{\"lateness_us\":1.500}", instants[0].args);
+    EXPECT_EQ("blade stuck", instants[1].name);
+    EXPECT_EQ("{\"blade\":\"echo\"}", instants[1].args);
+}
+
+// A read that began (blocked on the queue's lock) before the write that fed it: its flow end
+// still comes after the flow's start and inside the read's slice.
+TEST_F(TraceRecorderTest, FlowEndFollowsItsStartWhenTheReadBeganFirst) {
+    TraceSetEnabled(true);
+    const uint64_t readBegin = TraceClockNs() - 10000000;
+    TraceMessageWritten(TraceBegin(), 5, 4, 1, 0, 49152, 49153);
+    TraceMessageRead(readBegin, 5, 4, 1, 0, 49152, 49153);
+    const test::TraceCheck check = test::CheckTraceEvents(TraceSnapshotJson(readBegin));
+    ASSERT_TRUE(check.Ok()) << check.Report();
+    int ends = 0;
+    for (const test::TraceEvent& end : check.Phase("f")) {
+        ends += end.id == "0x5";
+    }
+    EXPECT_EQ(1, ends);
+}
+
+// Four threads overwrite rings of 64 while the test thread copies them out: every copy holds
+// whole records (value and text from one store), consecutive and newest last.
+TEST_F(TraceRecorderTest, DumpsRacingOverwritingWritersSeeOnlyWholeRecords) {
+    TraceSetRingEvents(64);
+    TraceSetEnabled(true);
+    const int kWriters = 4;
+    const int kDumps = 50;
+    std::atomic<int> ready(0);
+    std::atomic<int> dumps(0);
+    std::vector<pid_t> tids(kWriters);
+    std::vector<int64_t> last(kWriters);
+    std::vector<std::thread> writers;
+    for (int w = 0; w < kWriters; ++w) {
+        writers.emplace_back([&, w] {
+            tids[w] = Tid();
+            ready.fetch_add(1);
+            // At least two laps of the ring, and on until the dumps are done.
+            int64_t seq = 1;
+            for (; seq <= 128 || dumps.load() < kDumps; ++seq) {
+                TraceInstant(kInstTimerLate, seq, std::to_string(seq).c_str());
+            }
+            last[w] = seq - 1;
+        });
+    }
+    while (ready.load() < kWriters) {
+        sched_yield();
+    }
+    auto checkTracks = [&](bool final) {
+        for (int w = 0; w < kWriters; ++w) {
+            for (const TraceTrack& track : Tracks(tids[w])) {
+                ASSERT_LE(track.records.size(), 64u);
+                for (size_t i = 0; i < track.records.size(); ++i) {
+                    const TraceRecord& record = track.records[i];
+                    ASSERT_EQ(std::to_string(record.value), record.text);
+                    ASSERT_TRUE(i == 0 || track.records[i - 1].value + 1 == record.value);
+                    ASSERT_TRUE(i == 0 || track.records[i - 1].ts <= record.ts);
+                }
+                ASSERT_TRUE(!final ||
+                            (track.records.size() == 64u && track.records.back().value == last[w]));
+            }
+        }
+    };
+    for (int i = 0; i < kDumps; ++i) {
+        checkTracks(false);
+        dumps.fetch_add(1);
+    }
+    for (std::thread& writer : writers) {
+        writer.join();
+    }
+    checkTracks(true);
+}
+
+TEST_F(TraceRecorderTest, RetiredRingsStayDumpableUpToTheirLimit) {
+    TraceSetEnabled(true);
+    const unsigned kThreads = kTraceMaxRetiredRings + 8;
+    for (unsigned i = 0; i < kThreads; ++i) {
+        std::thread thread([i] {
+            TraceNameThread("gone-" + std::to_string(i));
+            TraceMark("ended");
+        });
+        thread.join();
+    }
+    std::vector<std::string> kept;
+    for (const TraceTrack& track : Tracks(0)) {
+        kept.push_back(track.name);
+    }
+    ASSERT_EQ(kTraceMaxRetiredRings, kept.size());
+    EXPECT_EQ("gone-8", kept.front());
+
+    // A new ring size replaces a live ring at its next event; the old one is retired, still
+    // dumpable, and the thread keeps one name.
+    EXPECT_EQ(128u, (TraceSetRingEvents(100), TraceGetRingEvents()));
+    EXPECT_EQ(kTraceMinRingEvents, (TraceSetRingEvents(1), TraceGetRingEvents()));
+    EXPECT_EQ(kTraceMaxRingEvents, (TraceSetRingEvents(UINT32_MAX), TraceGetRingEvents()));
+    TraceSetRingEvents(64);
+    TraceNameThread("resized");
+    for (int i = 0; i < 100; ++i) {
+        TraceMark("small");
+    }
+    TraceSetRingEvents(128);
+    TraceMark("large");
+    const std::vector<TraceTrack> tracks = Tracks(Tid());
+    ASSERT_EQ(2u, tracks.size());
+    EXPECT_EQ(64u, tracks[0].records.size());
+    EXPECT_EQ(1u, tracks[1].records.size());
+    const test::TraceCheck check = test::CheckTraceEvents(TraceSnapshotJson(since_));
+    ASSERT_TRUE(check.Ok()) << check.Report();
+    EXPECT_EQ("resized", check.threadNames.at(Tid()));
+}
+
+TEST_F(TraceRecorderTest, FilesHoldTheirWindowAndFaultDumpsOnlyRecordings) {
+    TraceSetEnabled(true);
+    TraceMark("before");
+    TraceSetEnabled(false);
+    char dir[] = "/tmp/vok-trace-test-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir));
+    const std::string path = std::string(dir) + "/window.json";
+    bool written = false;
+    std::string error;
+    std::thread recorder([&] { written = TraceRecordFor(0.3, path, &error); });
+    while (!TraceIsEnabled()) {
+        sched_yield();
+    }
+    TraceMark("inside");
+    recorder.join();
+    ASSERT_TRUE(written) << error;
+    EXPECT_FALSE(TraceIsEnabled());
+    test::TraceCheck check = CheckFile(path);
+    ASSERT_TRUE(check.Ok()) << check.Report();
+    ASSERT_EQ(1u, check.Phase("i").size());
+    EXPECT_EQ("inside", check.Phase("i")[0].name);
+    EXPECT_FALSE(TraceWriteSnapshot(std::string(dir) + "/missing/trace.json", 0, &error));
+    EXPECT_NE(std::string::npos, error.find("/missing/")) << error;
+    unlink(path.c_str());
+
+    setenv("VOK_TRACE_DIR", dir, 1);
+    EXPECT_EQ("", TraceDumpForFault("blade stuck"));
+    TraceSetEnabled(true);
+    const std::string fault = TraceDumpForFault("blade stuck");
+    unsetenv("VOK_TRACE_DIR");
+    EXPECT_EQ(0u, fault.find(std::string(dir) + "/vok-trace-")) << fault;
+    EXPECT_NE(std::string::npos, fault.find("-blade_stuck-")) << fault;
+    check = CheckFile(fault);
+    EXPECT_TRUE(check.Ok()) << check.Report();
+    unlink(fault.c_str());
+    EXPECT_EQ(0, rmdir(dir));  // Nothing else was left there.
+}
+
+// Runs with VOK_TRACE=1 and VOK_TRACE_BUFFER=100 as a test of its own (see CMakeLists.txt).
+TEST(TraceEnvironmentTest, SettingsApplyFromLibraryLoad) {
+    if (std::getenv("VOK_TRACE") == nullptr) {
+        GTEST_SKIP() << "runs with VOK_TRACE=1 only";
+    }
+    EXPECT_TRUE(TraceIsEnabled());
+    EXPECT_EQ(128u, TraceGetRingEvents());
+}
+
+}  // namespace
+}  // namespace vok
