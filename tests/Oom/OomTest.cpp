@@ -64,10 +64,6 @@ bool PendingAllowed() {
     return pending != nullptr && std::strcmp(pending, "0") != 0;
 }
 
-const char kMessageMoverLeaks[] =
-    "pending: MessageMover leaks a new interface, command port or connected pair when an "
-    "allocation after its creation fails";
-
 std::string OnlyBadAlloc() {
     try {
         throw;
@@ -427,9 +423,6 @@ TEST_F(OomTest, DispatcherTimerAndDescriptorMonitor) {
 // queued for the discard; the framework stopped. After every run a framework starts again and
 // carries a message, and no message is outstanding.
 TEST_F(OomTest, MessagePath) {
-    if (!PendingAllowed()) {
-        GTEST_SKIP() << kMessageMoverLeaks;
-    }
     Scenario path;
     path.name = "message path";
     path.run = [] {
@@ -517,9 +510,6 @@ TEST_F(OomTest, MessagePath) {
 
 // A port monitor that sees a command port become readable (through its async bridge).
 TEST_F(OomTest, BridgeAndPortMonitor) {
-    if (!PendingAllowed()) {
-        GTEST_SKIP() << kMessageMoverLeaks;
-    }
     Scenario bridge;
     bridge.name = "bridge, port monitor";
     bridge.run = [] {
@@ -592,9 +582,6 @@ class SweepBlade : public ServiceBlade, public VokBladeLoaderInterface {
 // this thread's allocations fail: an exception on the shell's or a blade's thread ends the
 // process by design.
 TEST_F(OomTest, Shell) {
-    if (!PendingAllowed()) {
-        GTEST_SKIP() << kMessageMoverLeaks;
-    }
     Scenario shell;
     shell.name = "shell";
     shell.run = [] {

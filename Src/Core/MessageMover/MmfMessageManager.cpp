@@ -231,7 +231,26 @@ void* MmfMessageManager::CreateMessage(uint32_t payloadSize, MmBaseMessageHandle
     if (handle == nullptr) {
         MMF_THROW("NULL arg.");
     }
-    uint8_t* block = static_cast<uint8_t*>(AllocateBlock(payloadSize, nullptr));
+    return InitMessage(static_cast<uint8_t*>(AllocateBlock(payloadSize, nullptr)), payloadSize,
+                       handle);
+}
+
+void* MmfMessageManager::ReserveEmptyMessage() {
+    return ::operator new(kMmfMessageHeaderSize + kMmfPayloadGuardSize);
+}
+
+void MmfMessageManager::CreateReservedMessage(void* reserved, MmBaseMessageHandle* handle) {
+    MMF_TRACE(this);
+    outstandingMsgs_.Inc();
+    InitMessage(static_cast<uint8_t*>(reserved), 0, handle);
+}
+
+void MmfMessageManager::ReleaseReservedMessage(void* reserved) {
+    ::operator delete(reserved);
+}
+
+void* MmfMessageManager::InitMessage(uint8_t* block, uint32_t payloadSize,
+                                     MmBaseMessageHandle* handle) {
     std::memcpy(block + payloadSize + kMmfMessageHeaderSize, kGuardBytes, sizeof kGuardBytes);
     MmfBaseMessageHeader* header = reinterpret_cast<MmfBaseMessageHeader*>(block);
     std::memset(header, 0, kMmfMessageHeaderSize);
