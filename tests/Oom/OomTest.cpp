@@ -16,6 +16,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "KelvraTestSupport.h"
 #include "MessageMover/MmTestSupport.h"
@@ -506,6 +507,46 @@ TEST_F(OomTest, MessagePath) {
         EXPECT_EQ(IfaceCounter("oomServer", "msgsHeldByUser"), 0);
     };
     Sweep(path);
+}
+
+// Large messages are entered in a table of live large blocks that grows now and then. Messages
+// are created until one needs the table to grow, and that growth fails: the creation fails and
+// keeps no block. (The table never shrinks, so a sweep would meet its growth only once.)
+TEST_F(OomTest, LargeMessageWhoseTableCannotGrowKeepsNoBlock) {
+    MessageMoverFramework* framework = MessageMoverFramework::StartMessageMoverFramework("oom");
+    MessageMoverInterface* iface = framework->CreateInterface("oomLarge");
+    MmCommandMessageHandle first;
+    iface->CreateCommandMessage(5000, &first);  // The table exists from the first large message.
+    std::vector<MmCommandMessageHandle> held{first};
+    held.reserve(1024);
+    // The message's block is the first request; the growth's table and its slots follow.
+    for (uint64_t firstFailure : {3u, 2u}) {
+        bool failed = false;
+        while (!failed && held.size() < held.capacity()) {
+            Arm(ArmScope::kCallingThread, firstFailure, kFailForever);
+            MmCommandMessageHandle msg;
+            try {
+                iface->CreateCommandMessage(5000, &msg);
+                held.push_back(msg);
+            } catch (const std::bad_alloc&) {
+                failed = true;
+            }
+            Disarm();
+        }
+        EXPECT_TRUE(failed) << "the table never grew";
+        EXPECT_EQ(LiveBlocks(), 0u) << "failing from request " << firstFailure << "\n"
+                                    << DescribeLiveBlocks(4);
+        EXPECT_EQ(Outstanding(), static_cast<int32_t>(held.size()));
+    }
+    for (const MmCommandMessageHandle& msg : held) {
+        iface->FreeMessage(msg);
+    }
+    MmCommandMessageHandle msg;
+    iface->CreateCommandMessage(5000, &msg);  // And creation works again.
+    iface->FreeMessage(msg);
+    framework->DiscardInterface(iface);
+    MessageMoverFramework::StopMessageMoverFramework(framework);
+    EXPECT_EQ(Outstanding(), 0);
 }
 
 // A port monitor that sees a command port become readable (through its async bridge).
