@@ -34,6 +34,7 @@
 #include "vok/RdPortMonitor.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
+#include "vok/VokError.h"
 #include "vok/VokShell.h"
 
 namespace vok {
@@ -578,6 +579,12 @@ TEST_F(OomTest, BridgeAndPortMonitor) {
             }
         });
         monitor.SetEventMask(true, false, false);
+        // Refused while the monitor watches the port, which stays the interface's.
+        try {
+            iface->DiscardCommandPort(port);
+            ADD_FAILURE() << "a watched port was discarded";
+        } catch (const VokProgramErrorException&) {
+        }
         MmCommandMessageHandle msg;
         iface->CreateCommandMessage(4, &msg);
         msg.SetMessageName({20, 4});

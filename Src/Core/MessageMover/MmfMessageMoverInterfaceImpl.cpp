@@ -130,10 +130,10 @@ MmConnectionPort* MmfMessageMoverInterfaceImpl::CreateConnectedPair(
 
 template <typename PortT, typename TrackerT>
 void MmfMessageMoverInterfaceImpl::UntrackForDiscard(TrackerT& tracker, PortT* port) {
-    tracker.Untrack(port);  // Before anything follows the pointer.
+    typename TrackerT::Slot slot = tracker.Take(port);  // Before anything follows the pointer.
     if (port->GetMessagePort()->HasSignalSink()) {
         // Its monitor would go on using the port; the port stays as it was.
-        tracker.Track(port);
+        tracker.Restore(std::move(slot));
         MMF_THROW(
             "Port still has a Port Event Signal Sink; destroy its monitor before discarding the "
             "port.");
