@@ -1,5 +1,7 @@
 #include "Src/Core/MessageMover/MessageMoverFrameworkImpl.h"
 
+#include <memory>
+
 #include "Src/Core/MessageMover/MmfMessageMoverInterfaceImpl.h"
 
 namespace vok {
@@ -42,9 +44,11 @@ MessageMoverFrameworkImpl::~MessageMoverFrameworkImpl() {
 
 MessageMoverInterface* MessageMoverFrameworkImpl::CreateInterface(const std::string& name) {
     MMF_TRACE(this);
-    MmfMessageMoverInterfaceImpl* iface = new MmfMessageMoverInterfaceImpl(this, name);
-    ifaceTracker_.Track(iface);
-    return iface;
+    // Owned here until the tracker holds it: a failing Track destroys it again.
+    std::unique_ptr<MmfMessageMoverInterfaceImpl> iface(
+        new MmfMessageMoverInterfaceImpl(this, name));
+    ifaceTracker_.Track(iface.get());
+    return iface.release();
 }
 
 bool MessageMoverFrameworkImpl::TakeInterfaceName(const std::string& name) {

@@ -1,6 +1,7 @@
 #include "Src/Core/MessageMover/MmfConnectionManager.h"
 
 #include <memory>
+#include <new>
 
 #include "Src/Core/MessageMover/MessageMoverFrameworkImpl.h"
 #include "Src/Core/MessageMover/MmfCommandPortImpl.h"
@@ -68,14 +69,18 @@ MmConnectionPort* MmfConnectionManager::CreateConnectedPair(MmfMessageMoverInter
         new MmfConnectionPortImpl(ifaceA, &framework_, addressA, addressB));
     std::unique_ptr<MmfConnectionPortImpl> portB(
         new MmfConnectionPortImpl(ifaceB, &framework_, addressB, addressA));
+    // Connected while neither is reachable, so that nothing is left to fail once both are.
+    MmfMessagePort::ConnectPair(*portA->GetMessagePort(), *portB->GetMessagePort());
     RegisterPort(*portA->GetMessagePort(), 0);
-    // Once registered, a port must outlive its registration: it stays behind if its peer
-    // cannot be registered.
-    MmfConnectionPortImpl* registeredA = portA.release();
-    RegisterPort(*portB->GetMessagePort(), 0);
-    MmfMessagePort::ConnectPair(*registeredA->GetMessagePort(), *portB->GetMessagePort());
+    try {
+        RegisterPort(*portB->GetMessagePort(), 0);
+    } catch (...) {
+        // Unregistered, portA may be destroyed: no delivery to it is under way any more.
+        UnregisterPort(*portA->GetMessagePort());
+        throw;
+    }
     *peerOut = portB.release();
-    return registeredA;
+    return portA.release();
 }
 
 void MmfConnectionManager::RegisterPort(MmfMessagePort& port, MmServiceIdentifier_t serviceId) {
@@ -155,8 +160,18 @@ VokError_t MmfConnectionManager::DeliverMessage(const MmBaseMessageHandle& msg,
     const VokError_t result = DeliverMessageHelper_Locked(msg, sender, dest, pending, takenOver);
     if (result != kVokErrNone) {
         // msg is freed; tell its sender, in the name of the address that was not reachable.
+        // Without memory for the notice the sender is not told, but the write has done its
+        // part: msg has left the writer's hands, and the result says so.
         MmBaseMessageHandle reply;
-        pMsgMgr_->CreateMessage(0, &reply);
+        try {
+            pMsgMgr_->CreateMessage(0, &reply);
+        } catch (const std::bad_alloc&) {
+            gMmfLogger.Critical(
+                "%s: out of memory; port <%ld> is not told that <%ld> is unreachable.", __func__,
+                static_cast<long>(sender), static_cast<long>(dest));
+            undeliverableMsgs_.Inc();
+            return result;
+        }
         reply.SetMessageType(kMmfLinkControlMsgType);
         reply.SetMessageName(kMmPortNotReachableMsg);
         reply.SetDestinationAddress(sender);

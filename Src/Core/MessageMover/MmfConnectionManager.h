@@ -50,11 +50,13 @@ class MmfConnectionManager {
     void UnregisterPort(MmfMessagePort& port);
     // Unregisters and destroys the port.
     void DiscardCommandPort(MmCommandPort* port);
-    // Sends kMmPeerClosedMsg to the peer, then unregisters and destroys the port.
+    // Sends kMmPeerClosedMsg to the peer, then unregisters and destroys the port. Needs no memory
+    // the first time (the port holds its peer-closed message from its creation).
     void DiscardConnectionPort(MmConnectionPort* port);
 
     // Hands msg to the port at its destination: 0, or kVokErrUnreachable after freeing it and
-    // sending kMmPortNotReachableMsg to its sender. Either way msg has left the caller's hands.
+    // sending kMmPortNotReachableMsg to its sender (logged and left out when there is no memory
+    // for it). Either way msg has left the caller's hands.
     // msg has just been checked by the caller. A zero sender or destination throws and leaves msg
     // with the caller. *takenOver (unless NULL) is set once the message has left the caller's
     // hands, so a caller can tell whether an exception left it the message. The trigger of the

@@ -35,8 +35,9 @@ void InitHandleBlock(MmfMessageHandleBlock* block, uint8_t headerOffset) {
 // still be probing it.
 class LargeBlockSet {
   public:
-    LargeBlockSet() : table_(NewTable(kInitialSlots)), live_(0) {}
+    LargeBlockSet() : table_(NewTable(kInitialSlots).release()), live_(0) {}
 
+    // Throws std::bad_alloc, with nothing changed, when the table has to grow and cannot.
     void Add(const MmfMessageHandleBlock* block) {
         std::lock_guard<std::mutex> lock(writeLock_);
         Table* table = table_.load(std::memory_order_relaxed);
@@ -76,8 +77,8 @@ class LargeBlockSet {
     static constexpr uintptr_t kTombstone = 1;  // Never a block address.
     static constexpr size_t kInitialSlots = 64;
 
-    static Table* NewTable(size_t slots) {
-        Table* table = new Table;
+    static std::unique_ptr<Table> NewTable(size_t slots) {
+        std::unique_ptr<Table> table(new Table);
         table->mask = slots - 1;
         table->slots.reset(new std::atomic<uintptr_t>[slots]);
         for (size_t i = 0; i < slots; ++i) {
@@ -107,7 +108,7 @@ class LargeBlockSet {
     }
     // Under writeLock_: a table twice the size with the live entries, published.
     Table* Grow(Table* old) {
-        Table* const table = NewTable((old->mask + 1) * 2);
+        std::unique_ptr<Table> table = NewTable((old->mask + 1) * 2);
         for (size_t i = 0; i <= old->mask; ++i) {
             const uintptr_t key = old->slots[i].load(std::memory_order_relaxed);
             if (key == kEmpty || key == kTombstone) {
@@ -119,9 +120,9 @@ class LargeBlockSet {
             }
             table->slots[j].store(key, std::memory_order_relaxed);
         }
-        retired_.emplace_back(old);
-        table_.store(table, std::memory_order_release);
-        return table;
+        retired_.emplace_back(old);  // Should this throw, old stays the table in use.
+        table_.store(table.get(), std::memory_order_release);
+        return table.release();
     }
 
     std::mutex writeLock_;  // Serialises Add and Remove. A leaf: nothing else is taken under it.
@@ -209,7 +210,12 @@ void* MmfMessageManager::AllocateBlock(uint32_t payloadSize, uint32_t* allocSize
     const uint32_t size = GuardOffset(payloadSize) + kMmfPayloadGuardSize;
     void* block = ::operator new(size);
     if (size >= kMmfLargeBlockSize) {
-        AddLargeBlock(block);
+        try {
+            AddLargeBlock(block);
+        } catch (...) {
+            ::operator delete(block);
+            throw;
+        }
     }
     if (allocSize != nullptr) {
         *allocSize = size;
@@ -231,7 +237,26 @@ void* MmfMessageManager::CreateMessage(uint32_t payloadSize, MmBaseMessageHandle
     if (handle == nullptr) {
         MMF_THROW("NULL arg.");
     }
-    uint8_t* block = static_cast<uint8_t*>(AllocateBlock(payloadSize, nullptr));
+    return InitMessage(static_cast<uint8_t*>(AllocateBlock(payloadSize, nullptr)), payloadSize,
+                       handle);
+}
+
+void* MmfMessageManager::ReserveEmptyMessage() {
+    return ::operator new(kMmfMessageHeaderSize + kMmfPayloadGuardSize);
+}
+
+void MmfMessageManager::CreateReservedMessage(void* reserved, MmBaseMessageHandle* handle) {
+    MMF_TRACE(this);
+    outstandingMsgs_.Inc();
+    InitMessage(static_cast<uint8_t*>(reserved), 0, handle);
+}
+
+void MmfMessageManager::ReleaseReservedMessage(void* reserved) {
+    ::operator delete(reserved);
+}
+
+void* MmfMessageManager::InitMessage(uint8_t* block, uint32_t payloadSize,
+                                     MmBaseMessageHandle* handle) {
     std::memcpy(block + payloadSize + kMmfMessageHeaderSize, kGuardBytes, sizeof kGuardBytes);
     MmfBaseMessageHeader* header = reinterpret_cast<MmfBaseMessageHeader*>(block);
     std::memset(header, 0, kMmfMessageHeaderSize);

@@ -173,6 +173,13 @@ class MmfMessageManager {
     // A new message (type 0, name 0/0, no serials or addresses) with an uninitialised payload;
     // fills *handle and returns the payload.
     void* CreateMessage(uint32_t payloadSize, MmBaseMessageHandle* handle);
+    // A block for a zero-payload message, allocated ahead for a step that must not fail for want
+    // of memory; not counted as outstanding until CreateReservedMessage uses it.
+    static void* ReserveEmptyMessage();
+    // CreateMessage(0, handle) in a block from ReserveEmptyMessage, which it takes over.
+    void CreateReservedMessage(void* reserved, MmBaseMessageHandle* handle);
+    // Returns a block from ReserveEmptyMessage that was never used; NULL is ignored.
+    static void ReleaseReservedMessage(void* reserved);
     // Refuses a message that is still in a list. Zeroes the signature and the binding number
     // before releasing the block, so a handle kept afterwards is stale.
     void FreeMessage(const MmBaseMessageHandle& handle);
@@ -280,6 +287,8 @@ class MmfMessageManager {
     static MmfBaseMessageHeader& GetHeaderFromBindingTraced(const MmBaseMessageHandle& handle);
     // Whether the large block whose handle block this is has not been released.
     static bool IsLiveLargeBlock(const MmfMessageHandleBlock* block);
+    // Makes a new message of block, which has room for payloadSize bytes; returns the payload.
+    static void* InitMessage(uint8_t* block, uint32_t payloadSize, MmBaseMessageHandle* handle);
     // The work of AllocateMessageMemory and FreeMessageMemory, for the manager's own use.
     void* AllocateBlock(uint32_t payloadSize, uint32_t* allocSize);
     // isLarge: the block may be in the set of live large blocks.

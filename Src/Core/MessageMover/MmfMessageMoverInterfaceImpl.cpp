@@ -107,17 +107,33 @@ MmConnectionPort* MmfMessageMoverInterfaceImpl::CreateConnectedPair(
     }
     MmfMessageMoverInterfaceImpl* peer = static_cast<MmfMessageMoverInterfaceImpl*>(peerInterface);
     MmConnectionPort* port = pConnMgr_->CreateConnectedPair(this, peer, peerPort);
-    connPortTracker_.Track(static_cast<MmfConnectionPortImpl*>(port));
-    peer->connPortTracker_.Track(static_cast<MmfConnectionPortImpl*>(*peerPort));
+    MmfConnectionPortImpl* const end = static_cast<MmfConnectionPortImpl*>(port);
+    MmfConnectionPortImpl* const peerEnd = static_cast<MmfConnectionPortImpl*>(*peerPort);
+    bool endTracked = false;
+    try {
+        connPortTracker_.Track(end);
+        endTracked = true;
+        peer->connPortTracker_.Track(peerEnd);
+    } catch (...) {
+        // Neither end reaches a user: both are closed and destroyed again (discarding never
+        // fails for want of memory).
+        if (endTracked) {
+            connPortTracker_.Untrack(end);
+        }
+        *peerPort = nullptr;
+        pConnMgr_->DiscardConnectionPort(end);
+        pConnMgr_->DiscardConnectionPort(peerEnd);
+        throw;
+    }
     return port;
 }
 
 template <typename PortT, typename TrackerT>
 void MmfMessageMoverInterfaceImpl::UntrackForDiscard(TrackerT& tracker, PortT* port) {
-    tracker.Untrack(port);  // Before anything follows the pointer.
+    typename TrackerT::Slot slot = tracker.Take(port);  // Before anything follows the pointer.
     if (port->GetMessagePort()->HasSignalSink()) {
         // Its monitor would go on using the port; the port stays as it was.
-        tracker.Track(port);
+        tracker.Restore(std::move(slot));
         MMF_THROW(
             "Port still has a Port Event Signal Sink; destroy its monitor before discarding the "
             "port.");
@@ -145,7 +161,13 @@ MmCommandPort* MmfMessageMoverInterfaceImpl::CreateCommandPort_Helper(
     MmServiceIdentifier_t serviceId) {
     MMF_TRACE(this);
     MmCommandPort* port = pConnMgr_->CreateCommandPort(this, serviceId);
-    cmdPortTracker_.Track(static_cast<MmfCommandPortImpl*>(port));
+    try {
+        cmdPortTracker_.Track(static_cast<MmfCommandPortImpl*>(port));
+    } catch (...) {
+        // The user never got the port: it leaves the registry and is destroyed.
+        pConnMgr_->DiscardCommandPort(port);
+        throw;
+    }
     return port;
 }
 

@@ -54,7 +54,8 @@ class MmfMessagePort : public PortEventInterface {
     MmfMessagePort& operator=(const MmfMessagePort&) = delete;
 
     void SetInitialPortState(bool readable, bool writable, bool exception);
-    // Lets a and b, both registered, write to each other without the registry.
+    // Lets a and b write to each other without the registry; done before either is registered.
+    // Throws (std::bad_alloc) before it changes anything.
     static void ConnectPair(MmfMessagePort& a, MmfMessagePort& b);
     // Ends the direct way to and from the peer; later writes to the peer go through the
     // registry. Called as the port leaves it; again does nothing. Takes the write locks of both

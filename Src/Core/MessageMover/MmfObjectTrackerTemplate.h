@@ -6,6 +6,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Src/Core/MessageMover/MmfTrace.h"
@@ -18,7 +19,28 @@ namespace vok {
 // tracker forgets them; ReportLeaks lists them on the leak log.
 template <typename T_>
 class MmfObjectTrackerT {
+  private:
+    // Orders tracked objects by address and finds them by a pointer to one of their bases: the
+    // tracked (live) object is converted to the base, the searched pointer is left alone.
+    struct ByAddress {
+        typedef void is_transparent;
+        bool operator()(const T_* a, const T_* b) const { return std::less<const T_*>()(a, b); }
+        template <typename P>
+        bool operator()(const T_* a, const P* b) const {
+            return std::less<const P*>()(a, b);
+        }
+        template <typename P>
+        bool operator()(const P* a, const T_* b) const {
+            return std::less<const P*>()(a, b);
+        }
+    };
+    typedef std::set<T_*, ByAddress> TrackedSet;
+
   public:
+    // An object taken out of the tracker with its place in the set, so that Restore can put it
+    // back without allocating.
+    typedef typename TrackedSet::node_type Slot;
+
     // Describes an object for the leak report.
     typedef std::string (*InfoFunction)(const T_& object);
 
@@ -42,6 +64,12 @@ class MmfObjectTrackerT {
     // a pointer to an object destroyed already is refused safely.
     template <typename P>
     void Untrack(const P* obj) {
+        (void)Take(obj);
+    }
+
+    // Untrack, keeping obj's place for Restore.
+    template <typename P>
+    Slot Take(const P* obj) {
         MMF_TRACE(this);
         MutexLocker lock(mutex_);
         gMmfLogger.Debug("Untracking obj %s ptr=<%p>.", kindName_.c_str(),
@@ -56,7 +84,13 @@ class MmfObjectTrackerT {
                 "set::erase failed; obj not in tracked set;probably attempting to free an invalid "
                 "or previously-freed object.");
         }
-        tracked_.erase(it);
+        return tracked_.extract(it);
+    }
+
+    // Tracks again what Take took; allocates nothing.
+    void Restore(Slot&& slot) {
+        MutexLocker lock(mutex_);
+        tracked_.insert(std::move(slot));
     }
 
     // One warning line per tracked object, in pointer order, then a summary; nothing when empty.
@@ -89,22 +123,6 @@ class MmfObjectTrackerT {
     }
 
   private:
-    // Orders tracked objects by address and finds them by a pointer to one of their bases: the
-    // tracked (live) object is converted to the base, the searched pointer is left alone.
-    struct ByAddress {
-        typedef void is_transparent;
-        bool operator()(const T_* a, const T_* b) const { return std::less<const T_*>()(a, b); }
-        template <typename P>
-        bool operator()(const T_* a, const P* b) const {
-            return std::less<const P*>()(a, b);
-        }
-        template <typename P>
-        bool operator()(const P* a, const T_* b) const {
-            return std::less<const P*>()(a, b);
-        }
-    };
-    typedef std::set<T_*, ByAddress> TrackedSet;
-
     const std::string containerName_;
     const std::string kindName_;
     const InfoFunction info_;
