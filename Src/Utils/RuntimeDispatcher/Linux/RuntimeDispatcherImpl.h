@@ -5,11 +5,11 @@
 #include <glib.h>
 
 #include <atomic>
-#include <deque>
 #include <exception>
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "vok/Mutex.h"
 
@@ -49,7 +49,7 @@ class RdPostQueue {
 
     RuntimeDispatcherImpl* dispatcher_;  // Null once closed.
     Mutex lock_;                         // Protects closures_, source_ and dispatcher_.
-    std::deque<std::function<void()>> closures_;
+    std::vector<std::function<void()>> closures_;
     GSource* source_ = nullptr;       // One reference; attached to the dispatcher's context.
     std::atomic<bool> ready_{false};  // Closures wait: the source is ready.
 };
