@@ -16,6 +16,7 @@
 #include "support/BenchRatio.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
+#include "vok/Trace.h"
 
 namespace {
 
@@ -111,6 +112,18 @@ BENCHMARK(BM_PortMonitorRoundTripPinned)
     ->Repetitions(5)
     ->ComputeStatistics("min", Fastest);
 
+// The same with the flight recorder on: each hop records a write, a read and a port monitor
+// callback.
+void BM_PortMonitorRoundTripTraceOn(benchmark::State& state) {
+    vok::TraceSetEnabled(true);
+    RoundTrips<vok::bench::PortMonitorPair>(state, false);
+    vok::TraceSetEnabled(false);
+}
+BENCHMARK(BM_PortMonitorRoundTripTraceOn)
+    ->UseRealTime()
+    ->Repetitions(5)
+    ->ComputeStatistics("min", Fastest);
+
 // ---- baseline: GLib idle sources attached to each other's context ----
 
 void BM_GlibIdleSourceRoundTrip(benchmark::State& state) {
@@ -172,6 +185,9 @@ VOK_BENCH_RATIO("BM_PortMonitorRoundTrip/repeats:5/real_time_min",
                 "BM_GlibIdleSourceRoundTrip/repeats:5/real_time_min", 1.3);
 VOK_BENCH_RATIO("BM_PortMonitorRoundTrip/repeats:5/real_time_min",
                 "BM_EventfdRoundTrip/repeats:5/real_time_min", 0);
+// The cross-thread round trip with recording on against off.
+VOK_BENCH_RATIO("BM_PortMonitorRoundTripTraceOn/repeats:5/real_time_min",
+                "BM_PortMonitorRoundTrip/repeats:5/real_time_min", 1.3);
 VOK_BENCH_RATIO("BM_GlibIdleSourceRoundTrip/repeats:5/real_time_min",
                 "BM_EventfdRoundTrip/repeats:5/real_time_min", 0);
 // On one CPU (single-core devices) the port monitor round trip aims at the eventfd floor.

@@ -10,6 +10,7 @@
 #include "support/MallocDequeFloor.h"
 #include "vok/DiagnosticRegister.h"
 #include "vok/Mutex.h"
+#include "vok/Trace.h"
 
 namespace {
 
@@ -34,6 +35,14 @@ void BM_ConnectionMessageRoundTrip(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_ConnectionMessageRoundTrip);
+
+// The same with the flight recorder on: each message records its write and its read.
+void BM_ConnectionMessageRoundTripTraceOn(benchmark::State& state) {
+    vok::TraceSetEnabled(true);
+    BM_ConnectionMessageRoundTrip(state);
+    vok::TraceSetEnabled(false);
+}
+BENCHMARK(BM_ConnectionMessageRoundTripTraceOn);
 
 // A message as a user handles it: created with a payload of state.range(0) bytes, named and
 // filled, written, read, its name and payload looked at, freed. With header and guard, 4000
@@ -87,5 +96,7 @@ BENCHMARK(BM_RequiredLocksOnly);
 
 VOK_BENCH_RATIO("BM_RequiredLocksOnly", "BM_MallocDequeBaseline", 0);
 VOK_BENCH_RATIO("BM_ConnectionMessageRoundTrip", "BM_MallocDequeBaseline", 12.0);
+// Recording on against off: two records (four clock reads) a message.
+VOK_BENCH_RATIO("BM_ConnectionMessageRoundTripTraceOn", "BM_ConnectionMessageRoundTrip", 0);
 // A large block costs no more than a small one.
 VOK_BENCH_RATIO("BM_PayloadRoundTrip/4100", "BM_PayloadRoundTrip/4000", 1.1);

@@ -3,6 +3,7 @@
 #include "Src/Core/MessageMover/MessageMoverFrameworkImpl.h"
 #include "Src/Core/MessageMover/MmfConnectionManager.h"
 #include "Src/Core/MessageMover/MmfMessageMoverInterfaceImpl.h"
+#include "Src/Utils/Trace/TraceEvents.h"
 
 namespace vok {
 
@@ -12,6 +13,25 @@ namespace {
 const uint32_t kLogWrittenMessages = 1;
 const uint32_t kLogDeliveredMessages = 2;
 const uint32_t kLogReadMessages = 4;
+
+// What the flight recorder keeps of a message: copied from its header before delivery, since
+// once delivered the message belongs to its reader.
+struct TracedMessage {
+    uint64_t id;
+    uint32_t protocol;
+    uint32_t msgId;
+    uint32_t size;
+    uint32_t source;
+    uint32_t dest;
+
+    explicit TracedMessage(const MmfBaseMessageHeader& header)
+        : id((static_cast<uint64_t>(header.GetSenderAddress()) << 32) | header.GetSequenceNumber()),
+          protocol(header.GetProtocolId()),
+          msgId(header.GetMsgId()),
+          size(header.GetPayloadSize()),
+          source(header.GetSenderAddress()),
+          dest(header.GetDestAddress()) {}
+};
 
 bool IsPeerClosedMessage(const MmfBaseMessageHeader& header) {
     return header.GetMsgType() == kMmfLinkControlMsgType &&
@@ -156,6 +176,7 @@ VokError_t MmfMessagePort::WriteCheckedMessage(MmBaseMessageHandle& msg,
                                                MmfBaseMessageHeader& header,
                                                MmMessageSerial_t* serialOut, bool* takenOver) {
     MMF_TRACE(this);
+    const uint64_t traceBegin = trace::TraceBegin();
     header.SetSenderAddress(address_);
     // Declared before the lock, so it fires after the lock is let go, on every way out.
     MmfPendingTrigger pending;
@@ -171,15 +192,30 @@ VokError_t MmfMessagePort::WriteCheckedMessage(MmBaseMessageHandle& msg,
     if ((GetDiagOptions() & kLogWrittenMessages) != 0) {
         MmfMessageManager::LogMessage(msg, MmfDiag::GetMsgWriteLogger(), &Logger::DebugBin);
     }
+    // Link control (a closing end's notice to its peer) is not traced: no user reads it.
+    if (traceBegin == 0 || header.GetMsgType() == kMmfLinkControlMsgType) {
+        return Deliver(msg, header, &pending, takenOver);
+    }
+    const TracedMessage traced(header);
+    const VokError_t result = Deliver(msg, header, &pending, takenOver);
+    if (result == kVokErrNone) {
+        trace::TraceMessageWritten(traceBegin, traced.id, traced.protocol, traced.msgId,
+                                   traced.size, traced.source, traced.dest);
+    }
+    return result;
+}
+
+VokError_t MmfMessagePort::Deliver(MmBaseMessageHandle& msg, const MmfBaseMessageHeader& header,
+                                   MmfPendingTrigger* pending, bool* takenOver) {
     if (directPeer_ != nullptr && header.GetDestAddress() == directPeer_->address_) {
         // The peer stays registered while this lock is held (see DisconnectPair).
         if (takenOver != nullptr) {
             *takenOver = true;
         }
-        directPeer_->AcceptIncomingMessage(msg, &pending);
+        directPeer_->AcceptIncomingMessage(msg, pending);
         return kVokErrNone;
     }
-    return pConnMgr_->DeliverMessage(msg, &pending, takenOver);
+    return pConnMgr_->DeliverMessage(msg, pending, takenOver);
 }
 
 void MmfMessagePort::AcceptIncomingMessage(const MmBaseMessageHandle& msg,
@@ -199,6 +235,7 @@ void MmfMessagePort::AcceptIncomingMessage(const MmBaseMessageHandle& msg,
 
 VokError_t MmfMessagePort::ReadMessage(MmBaseMessageHandle* out) {
     MMF_TRACE(this);
+    const uint64_t traceBegin = trace::TraceBegin();
     if (out == nullptr) {
         MMF_THROW("NULL arg.");
     }
@@ -242,6 +279,11 @@ VokError_t MmfMessagePort::ReadMessage(MmBaseMessageHandle* out) {
         if (readerInfo_.queue.IsEmpty()) {
             eventMgr_.SetNotReadable();
         }
+    }
+    if (traceBegin != 0) {
+        const TracedMessage traced(MmfMessageManager::CheckedHeaderOf(msg));
+        trace::TraceMessageRead(traceBegin, traced.id, traced.protocol, traced.msgId, traced.size,
+                                traced.source, traced.dest);
     }
     if (logger.IsEnabled(kLogLevelDebug)) {
         MmMessageName name;

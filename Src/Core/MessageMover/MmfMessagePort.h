@@ -104,6 +104,10 @@ class MmfMessagePort : public PortEventInterface {
     // Takes the oldest message off the queue and counts it out of the port. A message that
     // fails its check is quarantined, and the check's exception goes on.
     MmBaseMessageHandle TakeFront();
+    // Hands a written message to its connected peer directly, or else to the connection
+    // manager. Called with writeLock_ held.
+    VokError_t Deliver(MmBaseMessageHandle& msg, const MmfBaseMessageHeader& header,
+                       MmfPendingTrigger* pending, bool* takenOver);
     // The interface's option word (0 without an interface).
     uint32_t GetDiagOptions() const;
     void AdjustMsgsHeldByPorts(int32_t delta);

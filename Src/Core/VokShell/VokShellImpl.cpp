@@ -7,12 +7,14 @@
 
 #include "Src/Core/VokShell/ServiceNotify.h"
 #include "Src/Utils/Linux/UncaughtException.h"
+#include "Src/Utils/Trace/TraceEvents.h"
 #include "Src/Utils/VokThrow.h"
 #include "vok/DiagnosticRegister.h"
 #include "vok/MessageMoverFramework.h"
 #include "vok/MessageMoverInterface.h"
 #include "vok/MmCommandPort.h"
 #include "vok/MmConnectionPort.h"
+#include "vok/Trace.h"
 
 namespace vok {
 
@@ -122,9 +124,11 @@ MmConnectionPort* BladeManager::StartBlade() {
 }
 
 void BladeManager::BladeThreadRunCb(void*) {
+    const std::string& name = pLoader_->GetBladeName();
+    TraceNameThread(name);
+    trace::TraceInstant(trace::kInstBladeStart, 0, name.c_str());
     const Logger& logger = pShell_->GetLogger();
     FuncLogger trace(logger, __func__, this);
-    const std::string& name = pLoader_->GetBladeName();
     // Dispatchers created on this thread from now on report to the blade's heartbeat.
     LoopHeartbeat::SetForThisThread(&heartbeat_);
     threadId_ = static_cast<int32_t>(gettid());
@@ -291,6 +295,7 @@ MessageMoverInterface& VokShellImpl::GetMmInterface() {
 }
 
 void VokShellImpl::ShellThreadRunCb(void*) {
+    TraceNameThread("VokShell");
     FuncLogger trace(logger_, __func__, this);
     KickOffBlades();
     data_.pControlPortMonitor_->SetEventMask(true, false, false);
@@ -358,6 +363,8 @@ void VokShellImpl::InitiateShutDown() {
 
 void VokShellImpl::InitiateBladeShutDown(ActiveBladeRecord* record) {
     FuncLogger trace(logger_, __func__, this);
+    trace::TraceInstant(trace::kInstBladeStop, 0,
+                        record->pBladeMgr->GetLoader()->GetBladeName().c_str());
     MmConnectionMessageHandle msg;
     data_.pMmIface_->CreateConnectionMessage(0, &msg);
     msg.SetMessageType(kStopEventMessageType);
@@ -514,12 +521,15 @@ void VokShellImpl::WatchdogTimerCb() {
             continue;
         }
         stuck = true;
+        const std::string& name = manager->GetLoader()->GetBladeName();
+        trace::TraceInstant(trace::kInstBladeStuck, busy * 1000, name.c_str());
+        const std::string tracePath = TraceDumpForFault("blade-stuck-" + name);
         logger_.Critical(
             "Blade <%s> (%s) has not come back to its loop for %lld ms; no longer feeding the "
             "service manager's watchdog (interval %lld ms)",
-            manager->GetLoader()->GetBladeName().c_str(),
-            BladeManager::StateName(manager->GetState()), Milliseconds(busy),
+            name.c_str(), BladeManager::StateName(manager->GetState()), Milliseconds(busy),
             Milliseconds(static_cast<int64_t>(watchdogUsec_)));
+        LogTracePath(tracePath);
     }
     if (stuck) {
         NotifyServiceManager(logger_, "STATUS=a blade is stuck; watchdog no longer fed");
@@ -528,6 +538,12 @@ void VokShellImpl::WatchdogTimerCb() {
     NotifyServiceManager(logger_, "WATCHDOG=1");
     const uint64_t periodMs = watchdogUsec_ / 2000;
     watchdogTimer_.Schedule(periodMs > 0 ? static_cast<unsigned int>(periodMs) : 1u);
+}
+
+void VokShellImpl::LogTracePath(const std::string& path) const {
+    if (!path.empty()) {
+        logger_.Critical("Flight recorder written to %s", path.c_str());
+    }
 }
 
 void VokShellImpl::StopDeadlinePassed() {
@@ -539,6 +555,7 @@ void VokShellImpl::StopDeadlinePassed() {
         const int64_t busy = manager->BusyUs(now);
         const std::string& name = manager->GetLoader()->GetBladeName();
         const char* state = BladeManager::StateName(manager->GetState());
+        trace::TraceInstant(trace::kInstStopDeadline, busy * 1000, name.c_str());
         if (busy == 0) {
             logger_.Critical(
                 "Stop deadline of %lu ms passed: blade <%s> has not finished (state %s; its loop "
@@ -552,6 +569,7 @@ void VokShellImpl::StopDeadlinePassed() {
                 Milliseconds(busy));
         }
     }
+    LogTracePath(TraceDumpForFault("stop-deadline"));
     NotifyServiceManager(logger_, "STATUS=stop deadline passed; exiting");
     logger_.Critical("Ending the process with exit status %d", kVokShellStopDeadlineExitStatus);
     _exit(kVokShellStopDeadlineExitStatus);

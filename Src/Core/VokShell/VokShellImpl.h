@@ -148,6 +148,8 @@ class VokShellImpl {
     // Sends STATUS= naming the first blade that has not finished its stop.
     void ReportStopStatus();
     void WatchdogTimerCb();
+    // Logs where a fault's dump of the flight recorder went (nothing when path is empty).
+    void LogTracePath(const std::string& path) const;
     [[noreturn]] void StopDeadlinePassed();
 
     // Member order is a lifetime rule: members are destroyed last to first, so the MessageMover

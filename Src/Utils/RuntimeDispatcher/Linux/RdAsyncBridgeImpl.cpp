@@ -1,6 +1,7 @@
 #include "Src/Utils/RuntimeDispatcher/Linux/RdAsyncBridgeImpl.h"
 
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "Src/Utils/Trace/TraceEvents.h"
 #include "vok/RdAsyncBridge.h"
 #include "vok/RuntimeDispatcher.h"
 
@@ -20,12 +21,13 @@ GSourceFuncs RdAsyncBridgeImpl::sourceFuncs_ = {&RdAsyncBridgeImpl::Prepare,
                                                 nullptr};
 
 RdAsyncBridgeImpl::RdAsyncBridgeImpl(RuntimeDispatcherImpl* dispatcher,
-                                     std::function<void()> callback)
+                                     std::function<void()> callback, bool traced)
     : dispatcher_(dispatcher),
       context_(dispatcher->GetContext()),
       callback_(std::move(callback)),
       source_(g_source_new(&sourceFuncs_, sizeof(BridgeSource))),
-      runDue_(false) {
+      runDue_(false),
+      traced_(traced) {
     reinterpret_cast<BridgeSource*>(source_)->bridge = this;
     // Default priority, not idle priority: a triggered bridge competes with timers and I/O.
     g_source_set_priority(source_, G_PRIORITY_DEFAULT);
@@ -87,7 +89,12 @@ void RdAsyncBridgeImpl::Run() {
     RdAsyncBridgeImpl* self = this;
     dispatcher_->RunGuarded([self]() {
         RefCounted::Holder hold(self);
-        self->callback_();  // std::bad_function_call when empty.
+        if (!self->traced_) {
+            self->callback_();  // std::bad_function_call when empty.
+            return;
+        }
+        trace::TraceCallbackScope scope(trace::kCbBridge);
+        self->callback_();
     });
 }
 

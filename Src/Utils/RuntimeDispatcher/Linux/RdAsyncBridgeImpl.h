@@ -27,7 +27,10 @@ class RuntimeDispatcherImpl;
 // also the signal sink that a port monitor gives its port.
 class RdAsyncBridgeImpl : public RefCounted, public SimpleAsyncInterface {
   public:
-    RdAsyncBridgeImpl(RuntimeDispatcherImpl* dispatcher, std::function<void()> callback);
+    // traced: whether each run is recorded as a bridge callback (a port monitor, whose bridge
+    // calls it back, records its own).
+    RdAsyncBridgeImpl(RuntimeDispatcherImpl* dispatcher, std::function<void()> callback,
+                      bool traced = true);
 
     void Trigger() override;
     // Makes a run due from the dispatcher's thread while its loop dispatches: no wake-up.
@@ -58,6 +61,7 @@ class RdAsyncBridgeImpl : public RefCounted, public SimpleAsyncInterface {
     // trigger after the clearing makes another run due.
     std::atomic<bool> runDue_;
     InFlightGate triggers_;  // Triggers under way; closed by Discard.
+    const bool traced_;      // Whether runs are recorded as bridge callbacks.
 };
 
 }  // namespace vok

@@ -1,6 +1,7 @@
 #include "Src/Utils/RuntimeDispatcher/Linux/RdDescriptorMonitorImpl.h"
 
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "Src/Utils/Trace/TraceEvents.h"
 #include "vok/RdDescriptorMonitor.h"
 #include "vok/RuntimeDispatcher.h"
 
@@ -86,6 +87,7 @@ gboolean RdDescriptorMonitorImpl::CallbackFunc(GIOChannel*, GIOCondition conditi
     const bool exception = self->watchException_ && (c & (G_IO_PRI | kTroubleConditions)) != 0;
     self->dispatcher_->RunGuarded([&]() {
         RefCounted::Holder hold(self);
+        trace::TraceCallbackScope scope(trace::kCbDescriptorMonitor);
         self->callback_(readable, writable, exception);  // std::bad_function_call when empty.
     });
     return TRUE;

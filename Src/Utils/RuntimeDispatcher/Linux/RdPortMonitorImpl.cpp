@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "Src/Utils/RuntimeDispatcher/Linux/RdAsyncBridgeImpl.h"
+#include "Src/Utils/Trace/TraceEvents.h"
 #include "Src/Utils/VokThrow.h"
 #include "vok/PortEventInterface.h"
 #include "vok/RdPortMonitor.h"
@@ -15,8 +16,8 @@ RdPortMonitorImpl::RdPortMonitorImpl(PortEventInterface& port, RuntimeDispatcher
     : port_(port),
       callback_(std::move(callback)),
       maskRead_(false),
-      bridge_(new RdAsyncBridgeImpl(RuntimeDispatcher::GetImpl(dispatcher),
-                                    [this]() { CallbackFunc(); })) {
+      bridge_(new RdAsyncBridgeImpl(
+          RuntimeDispatcher::GetImpl(dispatcher), [this]() { CallbackFunc(); }, false)) {
     try {
         port_.WatchPortEvents(false, false, false);
         port_.RegisterPortEventSignalSink(*bridge_);
@@ -63,7 +64,10 @@ void RdPortMonitorImpl::CallbackFunc() {
         return;  // A stale or masked-out signal.
     }
     Holder hold(this);
-    callback_(r, w, e);  // std::bad_function_call when empty.
+    {
+        trace::TraceCallbackScope scope(trace::kCbPortMonitor);
+        callback_(r, w, e);  // std::bad_function_call when empty.
+    }
     if (m_refCount > 1) {
         // The front still exists: keep calling back while the port stays readable. This runs
         // inside the loop's dispatch, so marking the run due is enough: the loop sees it when it

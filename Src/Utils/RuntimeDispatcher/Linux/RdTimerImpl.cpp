@@ -2,6 +2,7 @@
 
 #include "Src/Utils/RuntimeDispatcher/Linux/GlibTimerSource.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "Src/Utils/Trace/TraceEvents.h"
 #include "Src/Utils/VokThrow.h"
 #include "vok/RuntimeDispatcher.h"
 
@@ -22,7 +23,8 @@ void RdTimerImpl::Schedule(unsigned int milliseconds) {
     Cancel();
     const Timespec interval{static_cast<int32_t>(milliseconds / 1000),
                             static_cast<int32_t>((milliseconds % 1000) * 1000000)};
-    ArmAt(ReadMonotonicClock() + interval);
+    due_ = ReadMonotonicClock() + interval;
+    ArmAt(due_);
 }
 
 void RdTimerImpl::SchedulePeriodic(unsigned int periodMs) {
@@ -83,7 +85,15 @@ gboolean RdTimerImpl::CallbackFunc(void* data) {
     // re-arm the timer.
     self->source_ = nullptr;
     RefCounted::Holder hold(self);  // the callback may destroy the front
+    if (trace::TraceOn()) {
+        const int64_t kNs = 1000000000;
+        const Timespec now = ReadMonotonicClock();
+        const int64_t lateNs = (static_cast<int64_t>(now.tv_sec) - self->due_.tv_sec) * kNs +
+                               (now.tv_nsec - self->due_.tv_nsec);
+        trace::TraceInstant(trace::kInstTimerLate, lateNs > 0 ? lateNs : 0, nullptr);
+    }
     self->dispatcher_->RunGuarded([self]() {
+        trace::TraceCallbackScope scope(trace::kCbTimer);
         self->callback_();  // std::bad_function_call when empty.
     });
     // A periodic timer that the callback left alone (not cancelled, re-armed or destroyed) is

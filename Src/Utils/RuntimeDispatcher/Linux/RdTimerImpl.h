@@ -41,7 +41,7 @@ class RdTimerImpl : public RefCounted {
     RdCallback<void()> callback_;
     GSource* source_;    // The armed source, or null; the context holds its only reference.
     uint32_t periodMs_;  // 0: one shot.
-    Timespec due_;       // A periodic timer's current due time.
+    Timespec due_;       // The current due time.
 };
 
 }  // namespace vok
