@@ -313,12 +313,10 @@ void RdPostQueue::RunPending() {
 }
 
 void RdPostQueue::Close() {
-    std::deque<std::function<void()>> dropped;
     GSource* source;
     {
         MutexLocker lock(lock_);
         dispatcher_ = nullptr;
-        dropped.swap(closures_);
         source = source_;
         source_ = nullptr;
     }
@@ -326,7 +324,17 @@ void RdPostQueue::Close() {
         g_source_destroy(source);
         g_source_unref(source);
     }
-    // dropped goes here, unrun, outside the lock: a closure's captures may post again.
+    // The closures go unrun, one at a time outside the lock (a closure's captures may post
+    // again), taken without allocating: an empty deque allocates, and this runs in a destructor.
+    for (;;) {
+        std::function<void()> dropped;  // destroyed after the lock is released
+        MutexLocker lock(lock_);
+        if (closures_.empty()) {
+            return;
+        }
+        dropped.swap(closures_.front());
+        closures_.pop_front();
+    }
 }
 
 bool RdPostTarget::Post(std::function<void()> closure) const {
