@@ -101,7 +101,14 @@ class EchoBlade : public DemoBlade {
         try {
             bus_.reset(new RdKvService(dispatcher, kDemoBusService));
             bus_->AddMethod("demo/echo", [this](RdKvRequest& request) { BusEcho(request); });
-            Say("echo", "serving kelvra://%s/demo/echo on the bus", kDemoBusService);
+            // The name is owned from the loop: at once when the bus is up and the name free.
+            bus_->SetConnectionObserver([this](bool up) {
+                if (up) {
+                    Say("echo", "serving kelvra://%s/demo/echo on the bus", kDemoBusService);
+                } else {
+                    Say("echo", "kelvra://%s is not on the bus now", kDemoBusService);
+                }
+            });
         } catch (const VokResourceException& e) {
             Say("echo", "not on the bus: %s", e.what());
         }

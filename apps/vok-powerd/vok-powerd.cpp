@@ -5,8 +5,9 @@
 // A daemon built on the framework: a shell hosting one blade that serves time/alarmAdd and
 // time/alarmRemove until SIGINT or SIGTERM. With --log it prints one line per request and per
 // fired alarm on standard output. The bus is KELVRA_BUS_ADDRESS, else DBUS_SESSION_BUS_ADDRESS,
-// else the system bus; while it is down the service waits for it. Exits with 1 when it cannot
-// serve (another program owns the name, there is no bus address, no timer can be made).
+// else the system bus; while it is down, or another program owns the name, the service waits
+// and takes the name when it can ("ready" is printed then). Exits with 1 when it cannot serve
+// (there is no bus address, no timer can be made).
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -41,15 +42,12 @@ class PowerBlade {
             Fail("cannot make a timer");
             return;
         }
-        // Ready once the service owns its name: at once when the bus is up, else when it comes.
+        // Ready once the service owns its name, which it requests from the blade's loop.
         service_->SetConnectionObserver([this](bool connected) {
             if (connected) {
                 Ready();
             }
         });
-        if (service_->IsConnected()) {
-            Ready();
-        }
     }
 
   private:

@@ -27,7 +27,7 @@ class Counter {
     Counter(vok::ServiceBladeEnvironment&, vok::RuntimeDispatcher& dispatcher)
         : back_(dispatcher.GetPostTarget()),
           tick_(dispatcher, [this]() { Tick(); }),
-          service_(dispatcher, "com.orvex.counter"),  // throws when another program owns it
+          service_(dispatcher, "com.orvex.counter"),  // owned from the loop, once it is free
           worker_([this]() { Work(); }) {
         service_.AddMethod("counter/get",
                            [this](vok::RdKvRequest& request) { request.Reply(CountReply()); });
@@ -43,7 +43,7 @@ class Counter {
         });
         service_.AddMethod("counter/sum", [this](vok::RdKvRequest& request) { Sum(request); });
         service_.SetConnectionObserver([](bool up) {
-            std::printf("[counter] %s\n", up ? "on the bus again" : "lost the bus");
+            std::printf("[counter] %s\n", up ? "serving com.orvex.counter" : "not on the bus");
             std::fflush(stdout);
         });
         tick_.SchedulePeriodic(1000);  // a fixed rate: the count does not drift

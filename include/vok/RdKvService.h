@@ -127,10 +127,13 @@ class RdKvSubscription {
 // Destroying the service gives up the name; requests still open are dropped without a reply.
 class RdKvService : private Uncopyable {
   public:
-    // Serves serviceName (for example "com.orvex.sensord") from dispatcher's thread. Throws
-    // VokResourceException (kVokErrFailed) with the bus library's text when the name is invalid,
-    // when no bus address is known, or when the bus is up and another connection owns the name.
-    // A bus that is down is no error: the service owns its name once the bus is up.
+    // Serves serviceName (for example "com.orvex.sensord") from dispatcher's thread. Returns at
+    // once: the connection is made and the name requested from the dispatcher's loop, and the
+    // connection observer hears true once the name is owned. Throws VokResourceException
+    // (kVokErrFailed) with the bus library's text when the name is invalid or no bus address is
+    // known. A bus that is down, or a name another program owns, is no error: the observer hears
+    // false (once), a warning is logged, and the service takes the name when the bus is up and
+    // the name free, as a daemon restarted while its old instance still exits expects.
     RdKvService(RuntimeDispatcher& dispatcher, const std::string& serviceName);
     ~RdKvService();
 
@@ -140,8 +143,9 @@ class RdKvService : private Uncopyable {
     // VokProgramErrorException (kVokErrFailed) when the method is malformed or already added, or
     // the handler is empty.
     void AddMethod(const std::string& method, std::function<void(RdKvRequest&)> handler);
-    // Called with false when the service loses the bus and with true when it is back and owns
-    // its name again. Empty removes the observer.
+    // Called with true each time the service comes to own its name (the first time too), and
+    // with false when it loses the bus or cannot own its name at first. Set it right after
+    // construction, before the loop runs, to hear the first true. Empty removes the observer.
     void SetConnectionObserver(std::function<void(bool)> observer);
     // True while the service is on the bus and owns its name.
     bool IsConnected() const;

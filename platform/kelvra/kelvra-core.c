@@ -320,6 +320,10 @@ static void LinkUp(KVHandle* handle) {
     handle->link = KV_LINK_UP;
     handle->retryDelayMs = KV_RETRY_FIRST_MS;
     KV_EACH_MODULE(handle, onUp);
+    if (handle->reportFirstUp) {
+        handle->reportFirstUp = FALSE;
+        handle->reportedUp = FALSE;
+    }
     Report(handle, TRUE);
 }
 

@@ -67,6 +67,7 @@ struct KVHandle {
     GSource* retrySource;     /* the next connection attempt, on the attached context */
     guint retryDelayMs;       /* the wait before the next attempt after a failure */
     gboolean reportedUp;      /* what the connection function was last told (true at first) */
+    gboolean reportFirstUp;   /* the first connection is reported although nothing was before */
     KVConnectionFunc connectionFunc; /* may be NULL */
     void* connectionData;
     GMainContext* context; /* attached, a reference; NULL before */

@@ -30,6 +30,7 @@ bool KVRegisterWithFlags(const char* serviceName, unsigned flags, KVHandle** han
     KvNamesInit(handle);
     KvClientInit(handle);
     KvServiceInit(handle);
+    handle->reportFirstUp = (flags & KV_REGISTER_REPORT_FIRST_UP) != 0;
     KVError startError;
     KVErrorInit(&startError);
     if (!KvCoreStart(handle, &startError) && (flags & KV_REGISTER_ALLOW_NO_BUS) == 0) {

@@ -55,9 +55,22 @@ class DiagBusServiceTest : public ::testing::Test {
         context_ = g_main_context_new();
         ASSERT_TRUE(KVRegister(nullptr, &client_, nullptr));
         ASSERT_TRUE(KVGmainAttach(client_, context_, nullptr));
-        // The server registers from its own thread: wait for the name.
+        // The server requests its name from its own thread's loop: wait until the bus reports
+        // it owned (a call sent before then finds no service).
+        bool owned = false;
+        KVReplyFunc onStatus = [](KVHandle*, KVMessage* message, void* data) {
+            const std::string status = KVMessageGetPayload(message);
+            *static_cast<bool*>(data) = status.find("\"connected\":true") != npos;
+            return true;
+        };
+        KVMessageToken watch = 0;
+        ASSERT_TRUE(KVCall(client_, "kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
+                           "{\"serviceName\":\"com.orvex.vok.diagtest\"}", onStatus, &owned, &watch,
+                           nullptr));
         ASSERT_TRUE(IterateUntil(
-            context_, [this]() { return Call("diag/blades", "{}").find("stuck") != npos; }, 60));
+            context_, [&owned]() { return owned; }, 60));
+        KVCallCancel(client_, watch, nullptr);
+        EXPECT_NE(npos, Call("diag/blades", "{}").find("stuck"));
     }
 
     void TearDown() override {

@@ -34,6 +34,11 @@ class BusServiceTest : public ::testing::Test {
         return logs_.back().get();
     }
 
+    // Runs the loop until service owns its name (it is requested from the loop).
+    void Owned(RdKvService& service) {
+        ASSERT_TRUE(Pump(dispatcher_, [&]() { return service.IsConnected(); }));
+    }
+
     test::Watchdog watchdog_;
     RuntimeDispatcher dispatcher_;
     std::vector<std::unique_ptr<ReplyLog>> logs_;
@@ -62,8 +67,8 @@ TEST_F(BusServiceTest, RequestsAreAnsweredNowLaterOrByTheLibrary) {
     service.AddMethod("never/reply", [](RdKvRequest&) {});
     service.AddMethod("fail/error", [](RdKvRequest& request) { request.ReplyError(7, "bad"); });
     EXPECT_THROW(service.AddMethod("fail/error", [](RdKvRequest&) {}), VokProgramErrorException);
-    EXPECT_THROW(RdKvService(dispatcher_, "com.test.svc.requests"), VokResourceException);
     EXPECT_EQ("com.test.svc.requests", service.GetServiceName());
+    Owned(service);
 
     test::Handle client(test::ContextOf(dispatcher_));
     const std::string name = service.GetServiceName();
@@ -109,6 +114,7 @@ TEST_F(BusServiceTest, SubscriptionsEndByTheServiceOrByTheClient) {
         EXPECT_FALSE(request.IsOpen());
         subs[id].Reply("{\"first\":" + std::to_string(id) + "}");
     });
+    Owned(service);
     test::Handle client(test::ContextOf(dispatcher_));
     test::Handle leaving(test::ContextOf(dispatcher_));
     auto ask = [&](test::Handle& from, int id) {
@@ -148,11 +154,42 @@ TEST_F(BusServiceTest, SubscriptionsEndByTheServiceOrByTheClient) {
 TEST_F(BusServiceTest, AHandlersExceptionFailsTheRequestAndReachesTheLoop) {
     RdKvService service(dispatcher_, "com.test.svc.throws");
     service.AddMethod("x/throw", [](RdKvRequest&) { throw std::runtime_error("handler threw"); });
+    Owned(service);
     test::Handle client(test::ContextOf(dispatcher_));
     ReplyLog* log = Call(client, service.GetServiceName(), "x/throw", "{}");
     EXPECT_THROW(Pump(dispatcher_, [&]() { return !log->replies.empty(); }), std::runtime_error);
     Pump(dispatcher_, [&]() { return !log->replies.empty(); });
     EXPECT_EQ(KV_ERROR_METHOD_FAILED, log->replies[0].Number("errorCode"));
+}
+
+// A name another service owns is no error: the second one hears false, warns once, and takes the
+// name (hearing true) when the first gives it up.
+TEST_F(BusServiceTest, ANameOwnedElsewhereIsTakenWhenFreed) {
+    std::unique_ptr<RdKvService> first(new RdKvService(dispatcher_, "com.test.svc.taken"));
+    std::vector<bool> firstStates;
+    first->SetConnectionObserver([&](bool up) { firstStates.push_back(up); });
+    first->AddMethod("who/am", [](RdKvRequest& request) { request.Reply("{\"first\":true}"); });
+    Owned(*first);
+    EXPECT_EQ((std::vector<bool>{true}), firstStates);
+
+    test::LogCapture log;
+    RdKvService second(dispatcher_, "com.test.svc.taken");
+    std::vector<bool> states;
+    second.SetConnectionObserver([&](bool up) { states.push_back(up); });
+    second.AddMethod("who/am", [](RdKvRequest& request) { request.Reply("{\"first\":false}"); });
+    Pump(dispatcher_, [&]() { return !states.empty(); });
+    EXPECT_EQ((std::vector<bool>{false}), states);
+    EXPECT_FALSE(second.IsConnected());
+    EXPECT_EQ(1u, log.Matching("com.test.svc.taken is not served yet").size());
+
+    first.reset();
+    Owned(second);
+    EXPECT_EQ((std::vector<bool>{false, true}), states);
+    EXPECT_EQ(1u, log.Matching("com.test.svc.taken is not served yet").size());
+    test::Handle client(test::ContextOf(dispatcher_));
+    ReplyLog* answer = Call(client, "com.test.svc.taken", "who/am", "{}");
+    Pump(dispatcher_, [&]() { return answer->replies.size() == 1; });
+    EXPECT_EQ("{\"first\":false}", answer->replies[0].payload);
 }
 
 // The bus killed and started again: the observer hears false then true, open subscriptions are
@@ -167,20 +204,21 @@ TEST_F(BusServiceTest, TheServiceSurvivesABusRestart) {
         sub = request.Subscribe([&]() { cancelled = true; });
         sub.Reply("{}");
     });
-    EXPECT_TRUE(service.IsConnected());
+    EXPECT_FALSE(service.IsConnected());  // the name is requested from the loop
+    Owned(service);
     {
         test::Handle client(test::ContextOf(dispatcher_));
         ReplyLog* log = Call(client, service.GetServiceName(), "x/watch", "{\"subscribe\":true}");
         Pump(dispatcher_, [&]() { return log->replies.size() == 1; });
         test::LogCapture quiet;
         test::TestBus().Kill(SIGKILL);
-        Pump(dispatcher_, [&]() { return cancelled && !states.empty(); });
+        Pump(dispatcher_, [&]() { return cancelled && states.size() == 2; });
         EXPECT_FALSE(sub.IsOpen());
         EXPECT_FALSE(service.IsConnected());
         test::TestBus().Restart();
-        Pump(dispatcher_, [&]() { return states.size() == 2 && KVIsConnected(client.get()); });
+        Pump(dispatcher_, [&]() { return states.size() == 3 && KVIsConnected(client.get()); });
     }
-    EXPECT_EQ((std::vector<bool>{false, true}), states);
+    EXPECT_EQ((std::vector<bool>{true, false, true}), states);
     test::Handle client(test::ContextOf(dispatcher_));
     ReplyLog* log = Call(client, service.GetServiceName(), "x/watch", "{\"subscribe\":true}");
     Pump(dispatcher_, [&]() { return log->replies.size() == 1 && sub.IsOpen(); });

@@ -159,12 +159,17 @@ KELVRA_EXPORT bool KVRegister(const char* serviceName, KVHandle** handle, KVErro
 /* KVRegisterWithFlags: when the bus cannot be reached now, make the handle all the same; it
  * starts without a connection and connects, once attached, as after a lost bus (see above). */
 #define KV_REGISTER_ALLOW_NO_BUS 1u
+/* KVRegisterWithFlags: call the connection function with true for the first connection too (once
+ * the handle owns its service name), for an owner that waits for the name before it reports
+ * itself ready. */
+#define KV_REGISTER_REPORT_FIRST_UP 2u
 /* KVRegister with flags (a bitwise or of KV_REGISTER_*; 0 is KVRegister). */
 KELVRA_EXPORT bool KVRegisterWithFlags(const char* serviceName, unsigned flags, KVHandle** handle,
                                        KVError* error);
 /* Called on the attached context with false when the handle loses its bus connection, or when
- * it cannot make its first one (once), and with true when it has connected (and owns its
- * service name) after such a false. */
+ * it cannot make its first one (once; another connection owning the service name counts), and
+ * with true when it has connected (and owns its service name) after such a false, or the first
+ * time with KV_REGISTER_REPORT_FIRST_UP. */
 typedef void (*KVConnectionFunc)(KVHandle* handle, bool connected, void* userData);
 /* Sets the handle's connection function (NULL: none). */
 KELVRA_EXPORT bool KVSetConnectionFunc(KVHandle* handle, KVConnectionFunc func, void* userData,

@@ -5,6 +5,7 @@
 #include "Src/Utils/RuntimeDispatcher/Linux/Kelvra/VokKvError.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
 #include "Src/Utils/VokThrow.h"
+#include "vok/Logger.h"
 #include "vok/RdKvService.h"
 #include "vok/RuntimeDispatcher.h"
 
@@ -24,6 +25,11 @@ const JsonToken& EmptyToken() {
     return empty;
 }
 
+const Logger& ServiceLogger() {
+    static const Logger logger("VOK.Dispatcher.Bus");
+    return logger;
+}
+
 std::string Text(const char* text) {
     return text != nullptr ? text : "";
 }
@@ -33,11 +39,17 @@ std::string Text(const char* text) {
 // ---- service ----
 
 RdKvServiceImpl::RdKvServiceImpl(RuntimeDispatcherImpl* dispatcher, const std::string& serviceName)
-    : dispatcher_(dispatcher), serviceName_(serviceName), handle_(nullptr), observer_([](bool) {}) {
-    // A bus that is down is not an error: the handle owns the name once the bus is up.
+    : dispatcher_(dispatcher),
+      serviceName_(serviceName),
+      handle_(nullptr),
+      observer_([](bool) {}),
+      everOwned_(false) {
+    // A bus that is down, or a name another connection owns, is not an error: the handle takes
+    // the name once it can, and reports that first ownership too.
     VokKvError error;
-    error.result =
-        KVRegisterWithFlags(serviceName.c_str(), KV_REGISTER_ALLOW_NO_BUS, &handle_, &error.error);
+    error.result = KVRegisterWithFlags(serviceName.c_str(),
+                                       KV_REGISTER_ALLOW_NO_BUS | KV_REGISTER_REPORT_FIRST_UP,
+                                       &handle_, &error.error);
     if (!error.result) {
         handle_ = nullptr;
         VOK_THROW_RESOURCE_ERROR(kVokErrFailed, error.Message());
@@ -139,6 +151,15 @@ void RdKvServiceImpl::CancelCb(KVHandle*, KVMessage* message, void* data) {
 
 void RdKvServiceImpl::ConnectionCb(KVHandle*, bool connected, void* data) {
     RdKvServiceImpl* self = static_cast<RdKvServiceImpl*>(data);
+    if (connected) {
+        self->everOwned_ = true;
+    } else if (!self->everOwned_) {
+        // Only the first connection's failure is reported before the name is owned.
+        ServiceLogger().Warning(
+            "%s is not served yet: the bus is down or another program owns "
+            "the name; the service takes the name once it is free",
+            self->serviceName_.c_str());
+    }
     self->dispatcher_->RunGuarded([self, connected]() {
         Holder hold(self);
         self->observer_(connected);

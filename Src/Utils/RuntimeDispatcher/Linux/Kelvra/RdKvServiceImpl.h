@@ -65,6 +65,7 @@ class RdKvServiceImpl : public RefCounted {
     RdCallback<void(bool)> observer_;
     // Open subscriptions by their request; not owned (each removes itself when it ends).
     std::map<KVMessage*, RdKvRequestImpl*> subscriptions_;
+    bool everOwned_;  // The name has been owned once: a false since means a lost bus.
 };
 
 // One request, shared by the RdKvRequest and then the RdKvSubscription that carry it; a running
