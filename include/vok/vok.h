@@ -16,9 +16,9 @@
 #include <vok/JsonToken.h>
 #include <vok/KelvraSvcUtils.h>
 #include <vok/Logger.h>
-#include <vok/Metrics.h>
 #include <vok/MessageMoverFramework.h>
 #include <vok/MessageMoverInterface.h>
+#include <vok/Metrics.h>
 #include <vok/MmCommandPort.h>
 #include <vok/MmConnectionPort.h>
 #include <vok/MmMessageHandle.h>
