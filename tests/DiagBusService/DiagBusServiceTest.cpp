@@ -30,9 +30,13 @@ namespace {
 // A blade stuck in Run until released: the diagnostics service must answer all the same.
 class StuckBlade : public ServiceBlade, public VokBladeLoaderInterface {
   public:
+    Event running;  // Signalled once Run has been entered.
     Event release;
 
-    void Run(ServiceBladeEnvironment*) override { release.Wait(); }
+    void Run(ServiceBladeEnvironment*) override {
+        running.Signal();
+        release.Wait();
+    }
     const std::string& GetBladeName() const override { return name_; }
     int32_t GetStartMode() const override { return kBladeStartModeAuto; }
     void LoadBlade(const VokShellDaemonInfo&) override {}
@@ -70,6 +74,7 @@ class DiagBusServiceTest : public ::testing::Test {
         ASSERT_TRUE(IterateUntil(
             context_, [&owned]() { return owned; }, 60));
         KVCallCancel(client_, watch, nullptr);
+        blade_.running.Wait();  // the blade is in Run (and stuck there) before anything is asked
         EXPECT_NE(npos, Call("diag/blades", "{}").find("stuck"));
     }
 
