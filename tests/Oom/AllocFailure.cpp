@@ -1,6 +1,5 @@
-// Replacement allocator of the sweep program: counts, fails and records as AllocFailure.h says,
-// and otherwise hands every request to the C library's allocator (or, in sanitizer builds, to
-// the sanitizer's malloc).
+// The sweep program's allocator: counts, fails and records as AllocFailure.h says, and otherwise
+// hands every request to the C library's allocator (in sanitizer builds, the sanitizer's).
 #include "AllocFailure.h"
 
 #include <dlfcn.h>
@@ -16,6 +15,12 @@
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define VOK_OOM_REPLACES_MALLOC 0
+#define RawMalloc std::malloc
+#define RawFree std::free
+static void* RawMemalign(size_t alignment, size_t size) {
+    void* block = nullptr;
+    return posix_memalign(&block, alignment, size) == 0 ? block : nullptr;
+}
 #else
 #define VOK_OOM_REPLACES_MALLOC 1
 extern "C" {
@@ -25,6 +30,9 @@ void* __libc_realloc(void* block, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
 void __libc_free(void* block);
 }
+#define RawMalloc __libc_malloc
+#define RawFree __libc_free
+#define RawMemalign __libc_memalign
 #endif
 
 namespace vok {
@@ -32,78 +40,49 @@ namespace test {
 namespace oom {
 namespace {
 
-#if VOK_OOM_REPLACES_MALLOC
-void* RawMalloc(size_t size) {
-    return __libc_malloc(size);
-}
-void* RawCalloc(size_t count, size_t size) {
-    return __libc_calloc(count, size);
-}
-void* RawRealloc(void* block, size_t size) {
-    return __libc_realloc(block, size);
-}
-void* RawMemalign(size_t alignment, size_t size) {
-    return __libc_memalign(alignment, size);
-}
-void RawFree(void* block) {
-    __libc_free(block);
-}
-#else
-void* RawMalloc(size_t size) {
-    return std::malloc(size);
-}
-void* RawMemalign(size_t alignment, size_t size) {
-    void* block = nullptr;
-    return posix_memalign(&block, alignment, size) == 0 ? block : nullptr;
-}
-void RawFree(void* block) {
-    std::free(block);
-}
-#endif
-
-// 0: disarmed; 1: the arming thread counts; 2: every thread counts.
-std::atomic<int> gMode{0};
-std::atomic<uint64_t> gCounted{0};
-std::atomic<uint64_t> gInjected{0};
-std::atomic<uint64_t> gFailFirst{0};
-std::atomic<uint64_t> gFailEnd{0};  // One past the last failing request; UINT64_MAX: persistent.
+std::atomic<int> gMode{0};  // 0: disarmed; 1: the arming thread counts; 2: every thread counts.
+std::atomic<uint64_t> gCounted{0}, gInjected{0}, gFailFirst{0};
+std::atomic<uint64_t> gFailEnd{0};  // One past the last failing request.
+std::atomic<const void*> gFirstFailureCaller{nullptr};
 __thread bool tArmed = false;
-__thread bool tInside = false;  // The injector's own bookkeeping allocates uncounted.
 
 // Address ranges of GLib's loaded segments: requests made from there are not counted.
 struct Range {
     uintptr_t begin, end;
 };
-Range gGlibRanges[16];
-int gGlibRangeCount = 0;
-bool gGlibRangesKnown = false;
+Range gGlib[16];
+int gGlibCount = -1;  // -1: not collected yet.
 
 int CollectGlib(struct dl_phdr_info* info, size_t, void*) {
     if (info->dlpi_name == nullptr || std::strstr(info->dlpi_name, "libglib-2.0") == nullptr) {
         return 0;
     }
-    for (int i = 0; i < info->dlpi_phnum && gGlibRangeCount < 16; ++i) {
+    for (int i = 0; i < info->dlpi_phnum && gGlibCount < 16; ++i) {
         const ElfW(Phdr)& segment = info->dlpi_phdr[i];
         if (segment.p_type == PT_LOAD) {
             const uintptr_t begin = info->dlpi_addr + segment.p_vaddr;
-            gGlibRanges[gGlibRangeCount++] = {begin, begin + segment.p_memsz};
+            gGlib[gGlibCount++] = {begin, begin + segment.p_memsz};
         }
     }
     return 0;
 }
 
-bool FromGlib(const void* caller) {
+bool Counts(const void* caller) {
+    const int mode = gMode.load(std::memory_order_relaxed);
+    if (mode == 0 || (mode == 1 && !tArmed)) {
+        return false;
+    }
     const uintptr_t address = reinterpret_cast<uintptr_t>(caller);
-    for (int i = 0; i < gGlibRangeCount; ++i) {
-        if (address >= gGlibRanges[i].begin && address < gGlibRanges[i].end) {
-            return true;
+    for (int i = 0; i < gGlibCount; ++i) {
+        if (address >= gGlib[i].begin && address < gGlib[i].end) {
+            return false;
         }
     }
-    return false;
+    return true;
 }
 
-// Open-addressing set of the blocks counted requests obtained, in memory of its own (mmap), so
-// recording allocates nothing. Slots that were ever used are listed for a cheap reset.
+// Open-addressing set of the recorded blocks in memory of its own (mmap), so recording allocates
+// nothing; the slots ever used are listed for a cheap reset.
 struct Slot {
     uintptr_t block;  // 0: never used; 1: freed.
     const void* caller;
@@ -134,17 +113,15 @@ void Record(void* block, size_t size, const void* caller) {
         std::fputs("AllocFailure: too many live blocks to record\n", stderr);
         std::abort();
     }
-    const uintptr_t key = reinterpret_cast<uintptr_t>(block);
-    for (size_t i = SlotOf(key);; i = (i + 1) & (kSlots - 1)) {
-        if (gSlots[i].block <= 1) {
-            if (gSlots[i].block == 0) {
-                gUsed[gUsedCount++] = static_cast<uint32_t>(i);
-            }
-            gSlots[i] = {key, caller, size};
-            ++gLive;
-            return;
-        }
+    size_t i = SlotOf(reinterpret_cast<uintptr_t>(block));
+    while (gSlots[i].block > 1) {
+        i = (i + 1) & (kSlots - 1);
     }
+    if (gSlots[i].block == 0) {
+        gUsed[gUsedCount++] = static_cast<uint32_t>(i);
+    }
+    gSlots[i] = {reinterpret_cast<uintptr_t>(block), caller, size};
+    ++gLive;
 }
 
 // Drops block from the set; true when it was recorded.
@@ -164,30 +141,23 @@ bool Forget(void* block) {
     return false;
 }
 
-bool Counts() {
-    const int mode = gMode.load(std::memory_order_relaxed);
-    return mode != 0 && !tInside && (mode == 2 || tArmed);
-}
-
-std::atomic<const void*> gFirstFailureCaller{nullptr};
-
 // Numbers a counted request; true when it must fail.
 bool NextFails(const void* caller) {
     const uint64_t index = gCounted.fetch_add(1, std::memory_order_relaxed) + 1;
     const uint64_t first = gFailFirst.load(std::memory_order_relaxed);
-    if (first != 0 && index >= first && index < gFailEnd.load(std::memory_order_relaxed)) {
-        if (gInjected.fetch_add(1, std::memory_order_relaxed) == 0) {
-            gFirstFailureCaller.store(caller, std::memory_order_relaxed);
-        }
-        return true;
+    if (first == 0 || index < first || index >= gFailEnd.load(std::memory_order_relaxed)) {
+        return false;
     }
-    return false;
+    if (gInjected.fetch_add(1, std::memory_order_relaxed) == 0) {
+        gFirstFailureCaller.store(caller, std::memory_order_relaxed);
+    }
+    return true;
 }
 
 // The common path of every allocating entry: counts, fails or allocates, records.
 template <typename Allocate>
 void* Obtain(size_t size, const void* caller, Allocate allocate) {
-    if (!Counts() || FromGlib(caller)) {
+    if (!Counts(caller)) {
         return allocate();
     }
     if (NextFails(caller)) {
@@ -209,9 +179,7 @@ void Release(void* block) {
 
 // operator new: retries through the new handler; then throws, or returns NULL when nothrow.
 void* NewBlock(size_t size, size_t alignment, const void* caller, bool nothrow) {
-    if (size == 0) {
-        size = 1;
-    }
+    size = size == 0 ? 1 : size;
     for (;;) {
         void* block = Obtain(size, caller, [&] {
             return alignment != 0 ? RawMemalign(alignment, size) : RawMalloc(size);
@@ -220,33 +188,41 @@ void* NewBlock(size_t size, size_t alignment, const void* caller, bool nothrow) 
             return block;
         }
         std::new_handler handler = std::get_new_handler();
+        if (handler == nullptr && nothrow) {
+            return nullptr;
+        }
         if (handler == nullptr) {
-            if (nothrow) {
-                return nullptr;
-            }
             throw std::bad_alloc();
         }
         handler();
     }
 }
 
+std::string DescribeCaller(const void* caller) {
+    Dl_info info;
+    const bool found = dladdr(caller, &info) != 0;
+    char text[512];
+    std::snprintf(text, sizeof text, "%p %s (%s)", caller,
+                  found && info.dli_sname != nullptr ? info.dli_sname : "?",
+                  found && info.dli_fname != nullptr ? info.dli_fname : "?");
+    return text;
+}
+
 }  // namespace
 
 void Arm(ArmScope scope, uint64_t firstFailure, uint32_t failCount) {
     if (gSlots == nullptr) {
-        void* slots = mmap(nullptr, kSlots * sizeof(Slot), PROT_READ | PROT_WRITE,
-                           MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        void* used = mmap(nullptr, kSlots * sizeof(uint32_t), PROT_READ | PROT_WRITE,
-                          MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (slots == MAP_FAILED || used == MAP_FAILED) {
+        void* slots = mmap(nullptr, kSlots * (sizeof(Slot) + sizeof(uint32_t)),
+                           PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (slots == MAP_FAILED) {
             std::abort();
         }
         gSlots = static_cast<Slot*>(slots);
-        gUsed = static_cast<uint32_t*>(used);
+        gUsed = reinterpret_cast<uint32_t*>(gSlots + kSlots);
     }
-    if (!gGlibRangesKnown) {
+    if (gGlibCount < 0) {
+        gGlibCount = 0;
         dl_iterate_phdr(CollectGlib, nullptr);
-        gGlibRangesKnown = true;
     }
     {
         SlotLock lock;
@@ -280,23 +256,6 @@ size_t LiveBlocks() {
     return gLive;
 }
 
-namespace {
-
-std::string DescribeCaller(const void* caller) {
-    Dl_info info;
-    const char* symbol = "?";
-    const char* object = "?";
-    if (dladdr(caller, &info) != 0) {
-        symbol = info.dli_sname != nullptr ? info.dli_sname : "?";
-        object = info.dli_fname != nullptr ? info.dli_fname : "?";
-    }
-    char text[512];
-    std::snprintf(text, sizeof text, "%p %s (%s)", caller, symbol, object);
-    return text;
-}
-
-}  // namespace
-
 std::string DescribeFirstFailure() {
     const void* caller = gFirstFailureCaller.load();
     return caller != nullptr ? DescribeCaller(caller) : std::string("none");
@@ -316,11 +275,8 @@ std::string DescribeLiveBlocks(size_t limit) {
     }
     std::string text;
     for (size_t i = 0; i < count; ++i) {
-        char line[128];
-        std::snprintf(line, sizeof line, "  %lu bytes at %p from ",
-                      static_cast<unsigned long>(found[i].size),
-                      reinterpret_cast<void*>(found[i].block));
-        text += line + DescribeCaller(found[i].caller) + "\n";
+        text += "  " + std::to_string(found[i].size) + " bytes from " +
+                DescribeCaller(found[i].caller) + "\n";
     }
     return text;
 }
@@ -333,39 +289,35 @@ bool CountsMalloc() {
 }  // namespace test
 }  // namespace vok
 
-using vok::test::oom::NewBlock;
-using vok::test::oom::Release;
+using namespace vok::test::oom;
+#define VOK_OOM_CALLER __builtin_return_address(0)
 
 #if VOK_OOM_REPLACES_MALLOC
 extern "C" {
 
 void* malloc(size_t size) {
-    return vok::test::oom::Obtain(size, __builtin_return_address(0),
-                                  [&] { return vok::test::oom::RawMalloc(size); });
+    return Obtain(size, VOK_OOM_CALLER, [&] { return __libc_malloc(size); });
 }
 
 void* calloc(size_t count, size_t size) {
-    return vok::test::oom::Obtain(count * size, __builtin_return_address(0),
-                                  [&] { return vok::test::oom::RawCalloc(count, size); });
+    return Obtain(count * size, VOK_OOM_CALLER, [&] { return __libc_calloc(count, size); });
 }
 
 void* realloc(void* block, size_t size) {
-    using namespace vok::test::oom;
+    const void* caller = VOK_OOM_CALLER;
     if (block == nullptr) {
-        return Obtain(size, __builtin_return_address(0), [&] { return RawRealloc(nullptr, size); });
+        return Obtain(size, caller, [&] { return __libc_realloc(nullptr, size); });
     }
     if (size == 0) {
         Release(block);
         return nullptr;
     }
-    const void* caller = __builtin_return_address(0);
-    if (Counts() && !FromGlib(caller) && NextFails(caller)) {
+    if (Counts(caller) && NextFails(caller)) {
         return nullptr;
     }
-    // Only a block obtained while counting is recorded, wherever it moves; growing an older one
-    // is not a new block.
+    // Only a block obtained while counting is recorded, wherever it moves.
     const bool recorded = gLive.load(std::memory_order_relaxed) != 0 && Forget(block);
-    void* moved = RawRealloc(block, size);
+    void* moved = __libc_realloc(block, size);
     if (recorded) {
         Record(moved != nullptr ? moved : block, size, caller);
     }
@@ -377,22 +329,18 @@ void free(void* block) {
 }
 
 void* memalign(size_t alignment, size_t size) {
-    return vok::test::oom::Obtain(size, __builtin_return_address(0),
-                                  [&] { return vok::test::oom::RawMemalign(alignment, size); });
+    return Obtain(size, VOK_OOM_CALLER, [&] { return __libc_memalign(alignment, size); });
 }
 
 void* aligned_alloc(size_t alignment, size_t size) {
-    return vok::test::oom::Obtain(size, __builtin_return_address(0),
-                                  [&] { return vok::test::oom::RawMemalign(alignment, size); });
+    return Obtain(size, VOK_OOM_CALLER, [&] { return __libc_memalign(alignment, size); });
 }
 
 int posix_memalign(void** result, size_t alignment, size_t size) {
     if (alignment % sizeof(void*) != 0 || (alignment & (alignment - 1)) != 0) {
         return EINVAL;
     }
-    void* block = vok::test::oom::Obtain(size, __builtin_return_address(0), [&] {
-        return vok::test::oom::RawMemalign(alignment, size);
-    });
+    void* block = Obtain(size, VOK_OOM_CALLER, [&] { return __libc_memalign(alignment, size); });
     if (block == nullptr) {
         return ENOMEM;
     }
@@ -403,65 +351,29 @@ int posix_memalign(void** result, size_t alignment, size_t size) {
 }  // extern "C"
 #endif
 
-#define VOK_OOM_CALLER __builtin_return_address(0)
-void* operator new(size_t size) {
-    return NewBlock(size, 0, VOK_OOM_CALLER, false);
-}
-void* operator new[](size_t size) {
-    return NewBlock(size, 0, VOK_OOM_CALLER, false);
-}
-void* operator new(size_t size, std::align_val_t alignment) {
-    return NewBlock(size, static_cast<size_t>(alignment), VOK_OOM_CALLER, false);
-}
-void* operator new[](size_t size, std::align_val_t alignment) {
-    return NewBlock(size, static_cast<size_t>(alignment), VOK_OOM_CALLER, false);
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return NewBlock(size, 0, VOK_OOM_CALLER, true);
-}
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-    return NewBlock(size, 0, VOK_OOM_CALLER, true);
-}
-void* operator new(size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    return NewBlock(size, static_cast<size_t>(alignment), VOK_OOM_CALLER, true);
-}
-void* operator new[](size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    return NewBlock(size, static_cast<size_t>(alignment), VOK_OOM_CALLER, true);
-}
+// Every form of operator new and delete, single and array.
+#define VOK_OOM_NEW(alignment, nothrow, ...)                       \
+    void* operator new(__VA_ARGS__) noexcept(nothrow) {            \
+        return NewBlock(size, alignment, VOK_OOM_CALLER, nothrow); \
+    }                                                              \
+    void* operator new[](__VA_ARGS__) noexcept(nothrow) {          \
+        return NewBlock(size, alignment, VOK_OOM_CALLER, nothrow); \
+    }
+#define VOK_OOM_DELETE(...)                        \
+    void operator delete(__VA_ARGS__) noexcept {   \
+        Release(block);                            \
+    }                                              \
+    void operator delete[](__VA_ARGS__) noexcept { \
+        Release(block);                            \
+    }
 
-void operator delete(void* block) noexcept {
-    Release(block);
-}
-void operator delete[](void* block) noexcept {
-    Release(block);
-}
-void operator delete(void* block, size_t) noexcept {
-    Release(block);
-}
-void operator delete[](void* block, size_t) noexcept {
-    Release(block);
-}
-void operator delete(void* block, std::align_val_t) noexcept {
-    Release(block);
-}
-void operator delete[](void* block, std::align_val_t) noexcept {
-    Release(block);
-}
-void operator delete(void* block, size_t, std::align_val_t) noexcept {
-    Release(block);
-}
-void operator delete[](void* block, size_t, std::align_val_t) noexcept {
-    Release(block);
-}
-void operator delete(void* block, const std::nothrow_t&) noexcept {
-    Release(block);
-}
-void operator delete[](void* block, const std::nothrow_t&) noexcept {
-    Release(block);
-}
-void operator delete(void* block, std::align_val_t, const std::nothrow_t&) noexcept {
-    Release(block);
-}
-void operator delete[](void* block, std::align_val_t, const std::nothrow_t&) noexcept {
-    Release(block);
-}
+VOK_OOM_NEW(0, false, size_t size)
+VOK_OOM_NEW(static_cast<size_t>(a), false, size_t size, std::align_val_t a)
+VOK_OOM_NEW(0, true, size_t size, const std::nothrow_t&)
+VOK_OOM_NEW(static_cast<size_t>(a), true, size_t size, std::align_val_t a, const std::nothrow_t&)
+VOK_OOM_DELETE(void* block)
+VOK_OOM_DELETE(void* block, size_t)
+VOK_OOM_DELETE(void* block, std::align_val_t)
+VOK_OOM_DELETE(void* block, size_t, std::align_val_t)
+VOK_OOM_DELETE(void* block, const std::nothrow_t&)
+VOK_OOM_DELETE(void* block, std::align_val_t, const std::nothrow_t&)

@@ -20,83 +20,78 @@ namespace {
 
 // Indices swept per mode outside a full sweep when a scenario has more points than this.
 constexpr uint64_t kSampledPoints = 120;
+// Defects reported per scenario before its sweep stops.
+constexpr int kDefectsReported = 5;
 
-// What the crash handler prints: the run in progress.
-char gRunInProgress[256];
+char gRunInProgress[256];  // What the crash handler prints.
 
 void OnFatalSignal(int signal) {
-    const char prefix[] = "\nOOM sweep: the process died during ";
-    ssize_t ignored = write(STDERR_FILENO, prefix, sizeof prefix - 1);
-    ignored = write(STDERR_FILENO, gRunInProgress, std::strlen(gRunInProgress));
-    // Not async-signal-safe, but the process is ending anyway and its heap is not in use here
-    // (GLib's and libstdc++'s aborts come from outside the allocator).
+    // Not async-signal-safe, but the process is ending and the heap is not in use here.
     Disarm();
-    const std::string caller = " (first failing request from " + DescribeFirstFailure() + ")\n";
-    ignored = write(STDERR_FILENO, caller.data(), caller.size());
+    const std::string text = std::string("\nOOM sweep: the process died during ") + gRunInProgress +
+                             " (first failing request from " + DescribeFirstFailure() + ")\n";
+    ssize_t ignored = write(STDERR_FILENO, text.data(), text.size());
     (void)ignored;
     ::signal(signal, SIG_DFL);
     raise(signal);
-}
-
-void InstallCrashReport() {
-    static bool installed = false;
-    if (!installed) {
-        for (int signal : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL}) {
-            ::signal(signal, OnFatalSignal);
-        }
-        installed = true;
-    }
 }
 
 std::string DefaultClassify() {
     try {
         throw;
     } catch (const std::bad_alloc&) {
-        return "";
     } catch (const VokResourceException&) {
-        return "";
     } catch (const DocumentedError&) {
-        return "";
     } catch (const std::exception& e) {
         return std::string("undocumented exception: ") + e.what();
     } catch (...) {
         return "exception of unknown type";
     }
-}
-
-const char* ModeName(uint32_t failCount) {
-    switch (failCount) {
-        case 1:
-            return "transient";
-        case kFailForever:
-            return "persistent";
-        case 2:
-            return "run of 2";
-        case 3:
-            return "run of 3";
-        default:
-            return "run of 4";
-    }
+    return "";
 }
 
 // The failing indices one mode sweeps.
 std::vector<uint64_t> Points(uint64_t total, uint64_t sample) {
-    std::vector<uint64_t> points;
-    // VOK_OOM_ONLY=k reproduces the runs failing from request k alone.
     if (const char* only = std::getenv("VOK_OOM_ONLY")) {
-        points.push_back(std::strtoull(only, nullptr, 10));
-        return points;
+        return {std::strtoull(only, nullptr, 10)};
     }
-    if (FullSweep() || total <= sample) {
-        for (uint64_t k = 1; k <= total; ++k) {
-            points.push_back(k);
-        }
-        return points;
+    const char* full = std::getenv("VOK_OOM_FULL");
+    if ((full != nullptr && std::strcmp(full, "0") != 0) || total <= sample) {
+        sample = total;
     }
+    std::vector<uint64_t> points;
     for (uint64_t i = 0; i < sample; ++i) {
-        points.push_back(1 + i * (total - 1) / (sample - 1));
+        points.push_back(sample == total ? i + 1 : 1 + i * (total - 1) / (sample - 1));
     }
     return points;
+}
+
+int OpenDescriptors() {
+    DIR* dir = opendir("/proc/self/fd");
+    int count = 0;
+    while (dir != nullptr && readdir(dir) != nullptr) {
+        ++count;
+    }
+    if (dir != nullptr) {
+        closedir(dir);
+    }
+    return dir != nullptr ? count : -1;
+}
+
+// The descriptor count once it equals expected (libraries may close descriptors on a thread of
+// their own shortly after the call), or after 2 s; with expected -1, once two readings 20 ms
+// apart agree.
+int SettledDescriptors(int expected) {
+    int count = OpenDescriptors();
+    for (int i = 0; i < 400 && count != expected; ++i) {
+        usleep(expected < 0 ? 20000 : 5000);
+        const int again = OpenDescriptors();
+        if (expected < 0 && again == count) {
+            break;
+        }
+        count = again;
+    }
+    return count;
 }
 
 int FailureCount() {
@@ -109,14 +104,15 @@ int FailureCount() {
     return failures;
 }
 
-// Defects reported per scenario before its sweep stops.
-constexpr int kDefectsReported = 5;
-
 // One run with the given failures; false (and a gtest failure) on a defect.
 bool RunOnce(const Scenario& scenario, uint64_t k, uint32_t failCount, int descriptors,
-             SweepResult* result) {
-    std::snprintf(gRunInProgress, sizeof gRunInProgress, "%s, allocation %llu, %s",
-                  scenario.name.c_str(), static_cast<unsigned long long>(k), ModeName(failCount));
+             uint64_t* documentedErrors) {
+    const char* mode = failCount == 1              ? "transient"
+                       : failCount == kFailForever ? "persistent"
+                                                   : "run";
+    std::snprintf(gRunInProgress, sizeof gRunInProgress, "%s, allocation %llu, %s of %u",
+                  scenario.name.c_str(), static_cast<unsigned long long>(k), mode,
+                  failCount == kFailForever ? 0 : failCount);
     std::string problem;
     bool failed = false;
     Arm(scenario.scope, k, failCount);
@@ -127,141 +123,80 @@ bool RunOnce(const Scenario& scenario, uint64_t k, uint32_t failCount, int descr
         problem = scenario.classify ? scenario.classify() : DefaultClassify();
     }
     Disarm();
-    const uint64_t injected = InjectedFailures();
-    if (failed) {
-        ++result->documentedErrors;
-    } else if (injected != 0) {
-        ++result->completed;
-    }
-    if (failed && injected == 0 && problem.empty()) {
+    *documentedErrors += failed ? 1 : 0;
+    if (failed && InjectedFailures() == 0 && problem.empty()) {
         problem = "failed although no allocation failed";
     }
+    const std::string run = std::string(gRunInProgress) + " (first failing request from " +
+                            DescribeFirstFailure() + ")";
     if (!problem.empty()) {
-        ADD_FAILURE() << gRunInProgress << " (first failing request from " << DescribeFirstFailure()
-                      << "): " << problem;
+        ADD_FAILURE() << run << ": " << problem;
         return false;
     }
+    const int before = FailureCount();
     if (scenario.check) {
-        const int before = FailureCount();
         scenario.check();
-        if (FailureCount() != before) {
-            ADD_FAILURE() << "the check failed after " << gRunInProgress;
-            return false;
-        }
+    }
+    if (FailureCount() != before) {
+        ADD_FAILURE() << "the check failed after " << run;
+        return false;
     }
     const size_t kept = scenario.kept ? scenario.kept() : 0;
     if (LiveBlocks() != kept) {
-        ADD_FAILURE() << gRunInProgress << " (first failing request from " << DescribeFirstFailure()
-                      << "): " << LiveBlocks() - kept << " blocks leaked\n"
+        ADD_FAILURE() << run << ": " << LiveBlocks() - kept << " blocks leaked\n"
                       << DescribeLiveBlocks(8);
         return false;
     }
-    if (SettledDescriptors(descriptors) != descriptors) {
-        ADD_FAILURE() << gRunInProgress << ": " << OpenDescriptors() - descriptors
-                      << " descriptors leaked";
-        return false;
-    }
-    return true;
+    const int settled = SettledDescriptors(descriptors);
+    EXPECT_EQ(settled, descriptors) << run << ": descriptors leaked";
+    return settled == descriptors;
 }
 
 }  // namespace
 
-bool FullSweep() {
-    const char* full = std::getenv("VOK_OOM_FULL");
-    return full != nullptr && std::strcmp(full, "0") != 0;
-}
-
-int OpenDescriptors() {
-    DIR* dir = opendir("/proc/self/fd");
-    if (dir == nullptr) {
-        return -1;
+void Sweep(const Scenario& scenario) {
+    for (int signal : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL}) {
+        ::signal(signal, OnFatalSignal);
     }
-    int count = 0;
-    while (readdir(dir) != nullptr) {
-        ++count;
-    }
-    closedir(dir);
-    return count;
-}
-
-// The descriptor count once two readings 20 ms apart agree.
-static int StableDescriptors() {
-    int count = OpenDescriptors();
-    for (int i = 0; i < 100; ++i) {
-        usleep(20000);
-        const int again = OpenDescriptors();
-        if (again == count) {
-            break;
-        }
-        count = again;
-    }
-    return count;
-}
-
-int SettledDescriptors(int expected) {
-    // Libraries may close descriptors on a thread of their own (GDBus's worker) shortly after
-    // the call that released them returned.
-    int count = OpenDescriptors();
-    for (int i = 0; i < 400 && count != expected; ++i) {
-        usleep(5000);
-        count = OpenDescriptors();
-    }
-    return count;
-}
-
-SweepResult Sweep(const Scenario& scenario) {
-    InstallCrashReport();
-    SweepResult result;
     // Warm-up: first-use caches of the libraries are filled before anything is counted.
     scenario.run();
     if (scenario.check) {
         scenario.check();
     }
-    const int descriptors = StableDescriptors();
+    const int descriptors = SettledDescriptors(-1);
     Arm(scenario.scope, 0, 0);
     scenario.run();
-    result.points = Disarm();
+    const uint64_t points = Disarm();
     EXPECT_EQ(LiveBlocks(), scenario.kept ? scenario.kept() : 0u)
         << scenario.name << " leaks without any failure\n"
         << DescribeLiveBlocks(8);
     EXPECT_EQ(SettledDescriptors(descriptors), descriptors) << scenario.name;
-    if (result.points == 0 && !CountsMalloc()) {
-        std::printf("OOM sweep %-28s no operator new in this build (its malloc is not counted)\n",
-                    scenario.name.c_str());
-        return result;
+    if (points == 0 && !CountsMalloc()) {
+        std::printf("OOM sweep %s: no operator new in this build\n", scenario.name.c_str());
+        return;
     }
-    EXPECT_GT(result.points, 0u) << scenario.name << " allocates nothing";
+    EXPECT_GT(points, 0u) << scenario.name << " allocates nothing";
     if (::testing::Test::HasFailure()) {
-        return result;
+        return;
     }
     int defects = 0;
+    uint64_t runs = 0, documentedErrors = 0;
     for (uint32_t failCount : {1u, kFailForever, 2u, 3u, 4u}) {
-        const uint64_t sample =
-            failCount == 1 || failCount == kFailForever ? kSampledPoints : kSampledPoints / 4;
-        for (uint64_t k : Points(result.points, sample)) {
+        const bool single = failCount == 1 || failCount == kFailForever;
+        for (uint64_t k : Points(points, single ? kSampledPoints : kSampledPoints / 4)) {
             if (defects == kDefectsReported) {
                 break;
             }
-            defects += RunOnce(scenario, k, failCount, descriptors, &result) ? 0 : 1;
-            uint64_t& runs = failCount == 1              ? result.transientRuns
-                             : failCount == kFailForever ? result.persistentRuns
-                                                         : result.burstRuns;
+            defects += RunOnce(scenario, k, failCount, descriptors, &documentedErrors) ? 0 : 1;
             ++runs;
         }
     }
-    std::printf(
-        "OOM sweep %-28s %5llu allocation points: %llu transient, %llu persistent, %llu "
-        "runs of 2-4; %llu completed, %llu documented errors%s%s\n",
-        scenario.name.c_str(), static_cast<unsigned long long>(result.points),
-        static_cast<unsigned long long>(result.transientRuns),
-        static_cast<unsigned long long>(result.persistentRuns),
-        static_cast<unsigned long long>(result.burstRuns),
-        static_cast<unsigned long long>(result.completed),
-        static_cast<unsigned long long>(result.documentedErrors),
-        CountsMalloc() ? "" : " (operator new only)",
-        defects == kDefectsReported ? "; stopped at the 5th defect" : "");
+    std::printf("OOM sweep %-28s %5llu allocation points, %llu runs, %llu documented errors%s\n",
+                scenario.name.c_str(), static_cast<unsigned long long>(points),
+                static_cast<unsigned long long>(runs),
+                static_cast<unsigned long long>(documentedErrors),
+                CountsMalloc() ? "" : " (operator new only)");
     std::fflush(stdout);
-    return result;
 }
 
 }  // namespace oom
