@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -74,82 +73,41 @@ TEST_F(TraceRecorderTest, SitesRecordNothingAndAllocateNoRingWhileOff) {
     EXPECT_TRUE(Tracks(0).empty());
 }
 
-TEST_F(TraceRecorderTest, MessagesCallbacksCallsAndInstantsMakeAValidTimeline) {
+// What the rings keep beyond the message path: a callback left by an exception still ends its
+// slice; an async end whose begin is not in the rings is left out; an open begin stays open.
+TEST_F(TraceRecorderTest, CallbacksCallsAndInstantsMakeAValidTimeline) {
     TraceSetEnabled(true);
-    const uint64_t id = (static_cast<uint64_t>(49152) << 32) | 7;
-    const std::string kLongUri = "kelvra://com.orvex.a.rather.long.service.name/demo/echo";
-    pid_t writer = 0;
-    pid_t reader = 0;
-    std::thread writing([&] {
-        writer = Tid();
-        TraceNameThread("client \"one\" \xff");
-        TraceMessageWritten(TraceBegin(), id, 4, 1, 12, 49152, 100);
-        TraceAsyncBegin(kAsyncBusCall, 1, kLongUri.c_str(), 1000);
-        TraceAsyncBegin(kAsyncBusCall, 2, "kelvra://com.orvex.power/time/alarmAdd", 0);
-        TraceAsyncEnd(kAsyncBusCall, 3, -1);  // Its begin is not in the rings: left out.
-    });
-    writing.join();
-    std::thread reading([&] {
-        reader = Tid();
-        TraceNameThread("echo");
-        const uint64_t callback = TraceBegin();  // A callback that holds its loop 5 ms.
-        TraceMessageRead(TraceBegin(), id, 4, 1, 12, 49152, 100);
-        TraceMessageRead(TraceBegin(), 99, 4, 2, 0, 49152, 100);  // Its write was overwritten.
-        usleep(5000);
-        TraceCallbackDone(callback, kCbPortMonitor);
-        try {
-            TraceCallbackScope scope(kCbBusReply);
-            throw std::runtime_error("out of a callback");
-        } catch (const std::runtime_error&) {
-        }
-        TraceAsyncEnd(kAsyncBusCall, 1, -5);
-        TraceInstant(kInstTimerLate, 1500, nullptr);
-        TraceInstant(kInstBladeStuck, 0, "echo");
-    });
-    reading.join();
+    try {
+        TraceCallbackScope scope(kCbBusReply);
+        throw std::runtime_error("out of a callback");
+    } catch (const std::runtime_error&) {
+    }
+    TraceAsyncBegin(kAsyncBusCall, 1, "kelvra://com.orvex.power/time/alarmAdd", 1000);
+    TraceAsyncBegin(kAsyncBusCall, 2, "kelvra://com.orvex.power/time/alarmAdd", 0);
+    TraceAsyncEnd(kAsyncBusCall, 3, -1);  // Its begin is not in the rings: left out.
+    TraceAsyncEnd(kAsyncBusCall, 1, -5);
+    TraceInstant(kInstBladeStuck, 0, "echo");
 
     const test::TraceCheck check = test::CheckTraceEvents(TraceSnapshotJson(since_));
     ASSERT_TRUE(check.Ok()) << check.Report();
-    EXPECT_EQ("client \"one\" ?", check.threadNames.at(writer));
-    EXPECT_EQ("echo", check.threadNames.at(reader));
-    ASSERT_EQ(1u, check.Phase("s").size());
-    EXPECT_EQ("0xc00000000007", check.Phase("s")[0].id);
-    EXPECT_EQ(writer, check.Phase("s")[0].tid);
-    EXPECT_EQ(reader, check.Phase("f")[0].tid);
-
-    std::map<std::string, test::TraceEvent> slices;
-    for (const test::TraceEvent& slice : check.Phase("X")) {
-        slices[slice.name] = slice;
-    }
-    EXPECT_EQ(5u, slices.size());  // write 4/1, read 4/1, read 4/2, port monitor, bus reply.
-    EXPECT_EQ("{\"protocol\":4,\"msg_id\":1,\"size\":12,\"source\":49152,\"dest\":100}",
-              slices["write 4/1"].args);
-    EXPECT_GE(slices["port monitor"].dur, 5000.0);  // Microseconds.
-    EXPECT_LT(slices["port monitor"].dur, 60e6);
-
-    const std::vector<test::TraceEvent> begins = check.Phase("b");
-    ASSERT_EQ(2u, begins.size());
-    EXPECT_EQ(kLongUri.substr(kLongUri.size() - (kTraceTextSize - 1)), begins[0].name);
-    EXPECT_EQ("{\"kind\":\"bus call\",\"timeout_ms\":1000}", begins[0].args);
+    EXPECT_EQ(1u, check.Phase("X").size());
+    EXPECT_EQ(2u, check.Phase("b").size());
     ASSERT_EQ(1u, check.Phase("e").size());
-    EXPECT_EQ(begins[0].name, check.Phase("e")[0].name);
     EXPECT_EQ("{\"error\":-5}", check.Phase("e")[0].args);
     EXPECT_EQ(1, check.openAsync);
-
-    const std::vector<test::TraceEvent> instants = check.Phase("i");
-    ASSERT_EQ(2u, instants.size());
-    EXPECT_EQ("{\"lateness_us\":1.500}", instants[0].args);
-    EXPECT_EQ("blade stuck", instants[1].name);
-    EXPECT_EQ("{\"blade\":\"echo\"}", instants[1].args);
+    ASSERT_EQ(1u, check.Phase("i").size());
+    EXPECT_EQ("{\"blade\":\"echo\"}", check.Phase("i")[0].args);
 }
 
 // A read that began (blocked on the queue's lock) before the write that fed it: its flow end
-// still comes after the flow's start and inside the read's slice.
+// still comes after the flow's start and inside the read's slice. A read whose write is not in
+// the rings has no flow end.
 TEST_F(TraceRecorderTest, FlowEndFollowsItsStartWhenTheReadBeganFirst) {
     TraceSetEnabled(true);
     const uint64_t readBegin = TraceClockNs() - 10000000;
     TraceMessageWritten(TraceBegin(), 5, 4, 1, 0, 49152, 49153);
     TraceMessageRead(readBegin, 5, 4, 1, 0, 49152, 49153);
+    TraceMessageRead(TraceBegin(), 99, 4, 2, 0, 49152, 49153);  // Its write was overwritten.
     const test::TraceCheck check = test::CheckTraceEvents(TraceSnapshotJson(readBegin));
     ASSERT_TRUE(check.Ok()) << check.Report();
     int ends = 0;
