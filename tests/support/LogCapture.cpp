@@ -48,11 +48,6 @@ std::vector<LogLine> LogCapture::Matching(const std::string& text) const {
     return result;
 }
 
-void LogCapture::Clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.clear();
-}
-
 ScopedLogLevel::ScopedLogLevel(const char* context, int level) {
     ZtLogContext* ctx = nullptr;
     ZtLogGetContext(context, &ctx);

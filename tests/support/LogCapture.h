@@ -36,7 +36,6 @@ class LogCapture {
     // Waits until a line contains text; false after limit.
     bool WaitFor(const std::string& text,
                  std::chrono::seconds limit = std::chrono::seconds(60)) const;
-    void Clear();
 
   private:
     static void Hook(void* user, int level, const char* context, const char* message);

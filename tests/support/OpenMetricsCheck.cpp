@@ -68,12 +68,16 @@ bool EndsWith(const std::string& text, const std::string& suffix) {
 
 }  // namespace
 
-std::string MetricsCheck::Report() const {
-    std::string report;
-    for (const std::string& error : errors) {
-        report += error + "\n";
+std::string JoinLines(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) {
+        text += line + "\n";
     }
-    return report;
+    return text;
+}
+
+std::string MetricsCheck::Report() const {
+    return JoinLines(errors);
 }
 
 double MetricsCheck::Value(const std::string& name) const {

@@ -38,6 +38,9 @@ struct MetricsCheck {
 // sample suffix.
 MetricsCheck CheckOpenMetrics(const std::string& text);
 
+// The lines, each ended by '\n' (the checkers' reports).
+std::string JoinLines(const std::vector<std::string>& lines);
+
 }  // namespace test
 }  // namespace vok
 

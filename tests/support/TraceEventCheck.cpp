@@ -1,8 +1,12 @@
 #include "support/TraceEventCheck.h"
 
+#include "support/OpenMetricsCheck.h"
+
 #include <json-c/json.h>
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <set>
 #include <utility>
 
@@ -41,20 +45,13 @@ double Number(json_object* event, const char* key, bool integer, std::vector<std
 }  // namespace
 
 std::string TraceCheck::Report() const {
-    std::string report;
-    for (const std::string& error : errors) {
-        report += error + "\n";
-    }
-    return report;
+    return JoinLines(errors);
 }
 
 std::vector<TraceEvent> TraceCheck::Phase(const std::string& ph) const {
     std::vector<TraceEvent> selected;
-    for (const TraceEvent& event : events) {
-        if (event.ph == ph) {
-            selected.push_back(event);
-        }
-    }
+    std::copy_if(events.begin(), events.end(), std::back_inserter(selected),
+                 [&ph](const TraceEvent& event) { return event.ph == ph; });
     return selected;
 }
 
