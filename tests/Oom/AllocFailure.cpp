@@ -7,6 +7,7 @@
 #include <link.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -46,22 +47,19 @@ std::atomic<uint64_t> gFailEnd{0};  // One past the last failing request.
 std::atomic<const void*> gFirstFailureCaller{nullptr};
 __thread bool tArmed = false;
 
-// Address ranges of GLib's loaded segments: requests made from there are not counted.
-struct Range {
-    uintptr_t begin, end;
-};
-Range gGlib[16];
-int gGlibCount = -1;  // -1: not collected yet.
+// Where GLib is loaded (from its first to the end of its last segment): requests made from
+// there are not counted.
+uintptr_t gGlibBegin = UINTPTR_MAX, gGlibEnd = 0;
 
 int CollectGlib(struct dl_phdr_info* info, size_t, void*) {
-    if (info->dlpi_name == nullptr || std::strstr(info->dlpi_name, "libglib-2.0") == nullptr) {
-        return 0;
-    }
-    for (int i = 0; i < info->dlpi_phnum && gGlibCount < 16; ++i) {
+    for (int i = 0; info->dlpi_name != nullptr && std::strstr(info->dlpi_name, "libglib-2.0") &&
+                    i < info->dlpi_phnum;
+         ++i) {
         const ElfW(Phdr)& segment = info->dlpi_phdr[i];
+        const uintptr_t begin = info->dlpi_addr + segment.p_vaddr;
         if (segment.p_type == PT_LOAD) {
-            const uintptr_t begin = info->dlpi_addr + segment.p_vaddr;
-            gGlib[gGlibCount++] = {begin, begin + segment.p_memsz};
+            gGlibBegin = std::min(gGlibBegin, begin);
+            gGlibEnd = std::max(gGlibEnd, begin + segment.p_memsz);
         }
     }
     return 0;
@@ -73,12 +71,7 @@ bool Counts(const void* caller) {
         return false;
     }
     const uintptr_t address = reinterpret_cast<uintptr_t>(caller);
-    for (int i = 0; i < gGlibCount; ++i) {
-        if (address >= gGlib[i].begin && address < gGlib[i].end) {
-            return false;
-        }
-    }
-    return true;
+    return address < gGlibBegin || address >= gGlibEnd;
 }
 
 // Open-addressing set of the recorded blocks in memory of its own (mmap), so recording allocates
@@ -220,8 +213,7 @@ void Arm(ArmScope scope, uint64_t firstFailure, uint32_t failCount) {
         gSlots = static_cast<Slot*>(slots);
         gUsed = reinterpret_cast<uint32_t*>(gSlots + kSlots);
     }
-    if (gGlibCount < 0) {
-        gGlibCount = 0;
+    if (gGlibEnd == 0) {
         dl_iterate_phdr(CollectGlib, nullptr);
     }
     {
