@@ -85,8 +85,7 @@ install: build
 	DESTDIR=$(DESTDIR) cmake --install $(BUILD) --prefix $(PREFIX)
 
 # Every allocation-failure sweep of tests/Oom at every allocation point (`make test` sweeps a
-# sample of the larger ones); scenarios waiting for a fix elsewhere are listed as skipped
-# (VOK_OOM_PENDING=1 runs them too).
+# sample of the larger ones).
 .PHONY: oom
 oom: build
 	cd $(BUILD)/tests/Oom && VOK_OOM_FULL=1 G_SLICE=always-malloc ./OomTest
