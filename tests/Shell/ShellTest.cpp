@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdio>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -358,17 +359,12 @@ TEST(ShellDeathTest, RunDaemonReportsReadinessAndStopToTheServiceManager) {
 std::vector<std::string> OsThreadNames() {
     std::vector<std::string> names;
     GDir* dir = g_dir_open("/proc/self/task", 0, nullptr);
-    for (const char* task; dir != nullptr && (task = g_dir_read_name(dir)) != nullptr;) {
-        gchar* comm = nullptr;
-        if (g_file_get_contents((std::string("/proc/self/task/") + task + "/comm").c_str(), &comm,
-                                nullptr, nullptr)) {
-            names.push_back(g_strchomp(comm));
-        }
-        g_free(comm);
+    for (const char* task; (task = g_dir_read_name(dir)) != nullptr;) {
+        std::ifstream comm(std::string("/proc/self/task/") + task + "/comm");
+        names.emplace_back();
+        std::getline(comm, names.back());
     }
-    if (dir != nullptr) {
-        g_dir_close(dir);
-    }
+    g_dir_close(dir);
     return names;
 }
 
@@ -403,14 +399,21 @@ TEST_F(ShellTest, ThreadsCarryTheirNamesAndTheDaemonsStackSize) {
     EXPECT_LE(stackBytes, 2u * 1024 * 1024);
 }
 
-// Blocks what RunDaemon takes, for a thread (the watchdog) started before RunDaemon.
-void BlockDaemonSignals() {
+// Runs RunDaemon over one blade b0 with hooks, the daemon's signals blocked first (as the
+// watchdog's thread, started before RunDaemon, must have them), and prints "status S signal N "
+// followed by what report returns after it.
+void RunDaemonAndPrint(DaemonHooks& hooks, const std::function<std::string()>& report) {
     sigset_t signals;
     sigemptyset(&signals);
     for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2}) {
         sigaddset(&signals, signal);
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    test::Watchdog watchdog;
+    TestBlade b0("b0");
+    int signal = 0;
+    const int status = RunDaemon(VokShellDaemonInfo("testd", ""), {&b0}, hooks, &signal);
+    std::fprintf(stderr, "status %d signal %d %s\n", status, signal, report().c_str());
 }
 
 // An outside SIGUSR1 used to pass for the shell's completion and end the daemon with status 0.
@@ -418,10 +421,7 @@ void BlockDaemonSignals() {
 TEST(ShellDeathTest, OutsideSigusr1NeverStopsTheDaemonAndHooksGetTheirSignals) {
     EXPECT_EXIT(
         {
-            BlockDaemonSignals();
-            test::Watchdog watchdog;
             LogCapture capture;
-            TestBlade b0("b0");
             Event user2;
             Event reload;
             int user2Calls = 0;
@@ -448,11 +448,11 @@ TEST(ShellDeathTest, OutsideSigusr1NeverStopsTheDaemonAndHooksGetTheirSignals) {
                     kill(getpid(), SIGTERM);
                 });
             };
-            int signal = 0;
-            const int status = RunDaemon(VokShellDaemonInfo("testd", ""), {&b0}, hooks, &signal);
-            sender.join();
-            std::fprintf(stderr, "status %d signal %d user1 ignored %d user2 %d reload %d\n",
-                         status, signal, ignoredUser1, user2Calls, reloadCalls);
+            RunDaemonAndPrint(hooks, [&] {
+                sender.join();
+                return "user1 ignored " + std::to_string(ignoredUser1) + " user2 " +
+                       std::to_string(user2Calls) + " reload " + std::to_string(reloadCalls);
+            });
             _exit(0);
         },
         ::testing::ExitedWithCode(0), "status 0 signal 15 user1 ignored 1 user2 1 reload 1");
@@ -462,18 +462,13 @@ TEST(ShellDeathTest, OutsideSigusr1NeverStopsTheDaemonAndHooksGetTheirSignals) {
 TEST(ShellDeathTest, SighupWithoutReloadHookStopsTheDaemonCleanly) {
     EXPECT_EXIT(
         {
-            BlockDaemonSignals();
-            test::Watchdog watchdog;
-            TestBlade b0("b0");
             DaemonHooks hooks;
             hooks.beforeStart = [](VokShell&) { kill(getpid(), SIGHUP); };
             bool stoppedCleanly = false;
             hooks.beforeDestroy = [&](VokShell& shell) {
                 stoppedCleanly = shell.GetBladeStatus()[0].state == "stopped";
             };
-            int signal = 0;
-            const int status = RunDaemon(VokShellDaemonInfo("testd", ""), {&b0}, hooks, &signal);
-            std::fprintf(stderr, "status %d signal %d clean %d\n", status, signal, stoppedCleanly);
+            RunDaemonAndPrint(hooks, [&] { return "clean " + std::to_string(stoppedCleanly); });
             _exit(0);
         },
         ::testing::ExitedWithCode(0), "status 0 signal 1 clean 1");

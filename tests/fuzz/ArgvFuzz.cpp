@@ -1,6 +1,6 @@
-// ArgvMaker. Whatever the text: a failure has a message and no vector; a success has argc
-// non-NULL arguments and a NULL after them, or no vector at all for an empty list. Every
-// argument vector, quoted back into a command line, splits again into the same vector.
+// ArgvMaker. A failure has a message and no vector; a success has argc non-NULL arguments then a
+// NULL, or no vector for an empty list. Every vector, quoted back into a line, splits again into
+// the same vector.
 #include <glib.h>
 
 #include <cstdint>

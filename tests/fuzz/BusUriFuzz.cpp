@@ -1,8 +1,6 @@
 // The bus library's URIs and error payloads. The input's first line is a URI: one that parses
-// is rebuilt from its parts exactly, and its method splits again into the same parts. The rest
-// is an error text: the error payload made of it is strict JSON that carries the text and the
-// code unchanged. (The library's request payload parsing is static in its sources and is reached
-// only through a bus.)
+// rebuilds from its parts exactly, and its method splits again into the same parts. The rest is
+// an error text: its error payload is strict JSON carrying the text and the code unchanged.
 #include <gio/gio.h>
 #include <kelvra/kelvra.h>
 #include <pthread.h>

@@ -1,17 +1,16 @@
-// The interactive console, in process: the input is a session of typed lines. Each input runs in
-// a console of its own, which is destroyed afterwards, so nothing is carried to the next input
-// (ASan's leak check then sees what a session left behind). A command that ends the session with
-// an exception, as the console lets it, ends only that input.
+// The interactive console, in process: the input is a session of typed lines, run in a console
+// of its own that is destroyed afterwards (so ASan's leak check sees what a session left). A
+// command that ends the session with an exception, as the console lets it, ends only that input.
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <sstream>
 #include <string>
 
 #include <ztlog/ztlog.h>
@@ -46,18 +45,13 @@ bool AsksForTooMuch(const std::string& line) {
 
 // The session as the console will see it, less the lines that would only take long.
 std::string Session(const uint8_t* data, size_t size) {
+    std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
     std::string session;
-    const char* p = reinterpret_cast<const char*>(data);
-    const char* const end = p + size;
-    while (p < end) {
-        const char* newline = static_cast<const char*>(std::memchr(p, '\n', end - p));
-        const char* lineEnd = newline != nullptr ? newline : end;
-        std::string line(p, std::min<size_t>(lineEnd - p, kConsoleLineLength));
-        line = line.c_str();  // The console's line ends at a NUL.
+    for (std::string line; std::getline(input, line);) {
+        line = line.substr(0, kConsoleLineLength).c_str();  // The console's line ends at a NUL.
         if (!AsksForTooMuch(line)) {
             session += line + "\n";
         }
-        p = lineEnd + 1;
     }
     return session;
 }

@@ -1,7 +1,6 @@
-// JsonToken reading and writing. The input, as a document: what parses is written as JSON that
-// parses again to the same value and is written back to the same text. The input as a string
-// value and its first bytes as a double: what can be built is written as JSON that reads back
-// to the same string or number.
+// JsonToken reading and writing. The input as a document: what parses is written as JSON that
+// parses to the same value and writes back to the same text. The input as a string value, and its
+// first bytes as a double: what can be built reads back to the same string or number.
 #include <glib.h>
 #include <json-c/json.h>
 

@@ -1,12 +1,10 @@
-// libFuzzer harness of vok-powerd's request handling (AlarmBook), checked against a model.
-//
-// An input is a script, one request per line: the first byte picks the action ('a' add,
-// 'r' remove, 't' let time pass, 'd' the client's request ends, anything else an unknown method),
-// the second byte the client (four of them), the rest is the payload (for 't' and 'd' a number).
-// Properties: every reply is one strict JSON object with a boolean "returnValue"; refusals carry
+// vok-powerd's request handling (AlarmBook) against a model. An input is a script, one request
+// a line: byte 0 is the action ('a' add, 'r' remove, 't' time passes, 'd' the client's request
+// ends, else an unknown method), byte 1 the client (of four), the rest the payload (a number for
+// 't' and 'd'). Every reply is a strict JSON object with a boolean "returnValue", refusals with
 // an integer "errorCode" and a non-empty "errorText"; an accepted add names its new alarm; only
-// the owner removes an alarm; a client never holds more than the limit; alarms come due exactly
-// when the model says, in order of due time.
+// the owner removes an alarm; a client holds at most the limit; alarms come due as the model
+// says, in order of due time.
 #include <json-c/json.h>
 
 #include <algorithm>
@@ -31,8 +29,12 @@ void Check(bool condition, const char* what) {
     }
 }
 
-// Checks the reply's shape: one strict JSON object; returns its returnValue and, for accepted
-// adds, its alarmId.
+// True when json has a field name of type; *field is that field.
+bool Has(json_object* json, const char* name, json_type type, json_object** field) {
+    return json_object_object_get_ex(json, name, field) && json_object_is_type(*field, type);
+}
+
+// Checks the reply's shape; returns its returnValue and, for accepted adds, its alarmId.
 bool CheckReply(const std::string& reply, int64_t* alarmId) {
     json_tokener* tokener = json_tokener_new();
     json_tokener_set_flags(tokener, JSON_TOKENER_STRICT);
@@ -44,19 +46,12 @@ bool CheckReply(const std::string& reply, int64_t* alarmId) {
           "reply is a JSON object");
     json_tokener_free(tokener);
     json_object* field = nullptr;
-    Check(json_object_object_get_ex(json, "returnValue", &field) &&
-              json_object_is_type(field, json_type_boolean),
-          "boolean returnValue");
+    Check(Has(json, "returnValue", json_type_boolean, &field), "boolean returnValue");
     const bool ok = json_object_get_boolean(field);
-    if (!ok) {
-        Check(json_object_object_get_ex(json, "errorCode", &field) &&
-                  json_object_is_type(field, json_type_int),
-              "integer errorCode");
-        Check(json_object_object_get_ex(json, "errorText", &field) &&
-                  json_object_is_type(field, json_type_string) &&
-                  json_object_get_string_len(field) > 0,
-              "errorText");
-    }
+    Check(ok || Has(json, "errorCode", json_type_int, &field), "integer errorCode");
+    Check(ok || (Has(json, "errorText", json_type_string, &field) &&
+                 json_object_get_string_len(field) > 0),
+          "errorText");
     *alarmId =
         json_object_object_get_ex(json, "alarmId", &field) ? json_object_get_int64(field) : -1;
     json_object_put(json);
