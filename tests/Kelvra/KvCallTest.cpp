@@ -77,113 +77,92 @@ class SilentBus {
 TEST(KvCallTest, TimeoutBoundsTheWholeRunAgainstABusThatNeverAnswers) {
     Watchdog watchdog;
     SilentBus bus;
-    for (const char* subscribe : {"", "--subscribe"}) {
-        std::vector<std::string> args = {"kelvra://com.x/a/b", "{}", "--timeout", "1"};
-        if (*subscribe != '\0') {
-            args.push_back(subscribe);
-        }
-        const auto start = std::chrono::steady_clock::now();
-        const Outcome outcome = RunKvCall(args, bus.Address());
-        const auto elapsed = std::chrono::steady_clock::now() - start;
-        EXPECT_NE(0, outcome.status) << subscribe;
-        EXPECT_EQ("kv-call: no answer from the bus within 1 s\n", outcome.output + outcome.errors)
-            << subscribe;
-        EXPECT_GE(elapsed, std::chrono::seconds(1));
-        EXPECT_LT(elapsed, std::chrono::seconds(30));
-    }
+    const auto start = std::chrono::steady_clock::now();
+    const Outcome outcome =
+        RunKvCall({"kelvra://com.x/a/b", "{}", "--timeout", "1"}, bus.Address());
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_NE(0, outcome.status);
+    EXPECT_EQ("kv-call: no answer from the bus within 1 s\n", outcome.output + outcome.errors);
+    EXPECT_GE(elapsed, std::chrono::seconds(1));
+    EXPECT_LT(elapsed, std::chrono::seconds(30));
 }
 
-TEST(KvCallTest, PrintsRepliesAndSaysWhatWentWrong) {
+// kv-call against the test service, each linked with the library of today or (with the
+// repository's history at hand) with the library as it was before its transport moved to
+// sd-bus: every pairing prints the same, and a client here sees a service of either kind.
+TEST(KvCallTest, PrintsRepliesAndSaysWhatWentWrongWithOldAndNewLibraries) {
     Watchdog watchdog;
-    const std::string name = UniqueServiceName();
-    TestService service(name);
-
-    Outcome echo = RunKvCall({"kelvra://" + name + "/test/echo", "{ \"a\" : [1, \"b/c\"] }"});
-    EXPECT_EQ("{\"returnValue\":true,\"echo\":{\"a\":[1,\"b/c\"]}}\n", echo.output);
-    EXPECT_EQ(0, echo.status);
-
-    // --subscribe adds "subscribe": true; the stream ends at the timeout, which is normal.
-    Outcome stream = RunKvCall(
-        {"kelvra://" + name + "/test/subscribe", "{}", "--subscribe", "--timeout", "0.3"});
-    EXPECT_EQ("{\"returnValue\":true,\"n\":0}\n", stream.output);
-    EXPECT_EQ(0, stream.status);
-
-    // An error reply is printed, said on standard error, and ends with 3 unless ignored.
-    Outcome missing = RunKvCall({"kelvra://" + name + "/test/nothing", "{}"});
-    EXPECT_NE(std::string::npos, missing.output.find("\"errorCode\":10")) << missing.output;
-    EXPECT_THAT(missing.errors, testing::MatchesRegex("kv-call: the reply is an error: .*"
-                                                      " \\(errorCode 10\\)\n"));
-    EXPECT_EQ(3, missing.status);
-    Outcome ignored = RunKvCall({"kelvra://" + name + "/test/fail", "{}", "--ignore-errors"});
-    EXPECT_NE(std::string::npos, ignored.output.find("\"errorCode\":14")) << ignored.output;
-    EXPECT_EQ("", ignored.errors);
-    EXPECT_EQ(0, ignored.status);
-
-    // A service that never answers, and one that answers after the deadline: nothing printed.
-    for (const char* payload : {"{}", "{\"blockMs\":1500}"}) {
-        const auto start = std::chrono::steady_clock::now();
-        Outcome late = RunKvCall({"kelvra://" + name + "/test/late", payload, "--timeout", "0.3"});
-        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
-        EXPECT_EQ("", late.output) << payload;
-        EXPECT_EQ("kv-call: no reply within 0.3 s\n", late.errors) << payload;
-        EXPECT_EQ(2, late.status) << payload;
-    }
-
-    for (const std::vector<std::string>& bad : {std::vector<std::string>{"kelvra://x/a/b"},
-                                                {"kelvra://com.x/a/b", "{}", "--count", "0"},
-                                                {"kelvra://com.x/a/b", "{}", "--bogus"},
-                                                {"kelvra:/bad", "{}"}}) {
-        Outcome outcome = RunKvCall(bad);
-        EXPECT_EQ(1, outcome.status);
-        EXPECT_EQ("", outcome.output);
-        EXPECT_THAT(outcome.errors, testing::MatchesRegex("kv-call: [^\n]+\n")) << outcome.errors;
-    }
-    service.Kill(SIGTERM);
-    EXPECT_EQ(0, service.Wait());
-}
-
-// The library as it was before its transport moved to sd-bus and the library now: a client of
-// one and a service of the other talk, both ways (calls, subscriptions, cancels, errors,
-// status), and a client here sees a service of either kind.
-TEST(KvCallTest, OldAndNewLibrariesTalkBothWays) {
-#ifndef KV_CALL_OLD
-    GTEST_SKIP() << "built without the repository's history";
-#else
-    Watchdog watchdog;
+    const size_t npos = std::string::npos;
     GMainContext* context = g_main_context_new();
-    for (const char* program : {KELVRA_TEST_SERVICE_OLD, static_cast<const char*>(nullptr)}) {
-        const char* kvCall = program != nullptr ? KV_CALL : KV_CALL_OLD;
+    // kv-call and the test service; NULL: the one of today.
+    std::vector<std::pair<const char*, const char*>> pairings = {{KV_CALL, nullptr}};
+#ifdef KV_CALL_OLD
+    pairings.insert(pairings.end(), {{KV_CALL, KELVRA_TEST_SERVICE_OLD}, {KV_CALL_OLD, nullptr}});
+#endif
+    for (const auto& pairing : pairings) {
+        const char* kvCall = pairing.first;
         const std::string name = UniqueServiceName();
         const std::string uri = "kelvra://" + name + "/test/";
-        TestService service(name, program);
+        TestService service(name, pairing.second);
         Handle client(context);
         ReplyLog events;
         ASSERT_TRUE(client.Call(uri + "events", "{\"subscribe\":true}", &events));
         ASSERT_TRUE(IterateUntil(context, [&]() { return events.replies.size() == 1; }));
 
-        Outcome echo = RunKvCall({uri + "echo", "{\"a\":1}"}, "", kvCall);
-        EXPECT_EQ("{\"returnValue\":true,\"echo\":{\"a\":1}}\n", echo.output) << kvCall;
-        Outcome missing = RunKvCall({uri + "nothing", "{}", "--ignore-errors"}, "", kvCall);
-        EXPECT_NE(std::string::npos, missing.output.find("\"errorCode\":10")) << missing.output;
+        Outcome echo = RunKvCall({uri + "echo", "{ \"a\" : [1, \"b/c\"] }"}, "", kvCall);
+        EXPECT_EQ("{\"returnValue\":true,\"echo\":{\"a\":[1,\"b/c\"]}}\n", echo.output) << kvCall;
+        EXPECT_EQ(0, echo.status);
+        // An error reply is printed, said on standard error, and ends with 3 unless ignored.
+        Outcome missing = RunKvCall({uri + "nothing", "{}"}, "", kvCall);
+        EXPECT_NE(npos, missing.output.find("\"errorCode\":10")) << missing.output;
+        EXPECT_THAT(missing.errors, testing::MatchesRegex("kv-call: the reply is an error: .*"
+                                                          " \\(errorCode 10\\)\n"));
+        EXPECT_EQ(3, missing.status);
+        Outcome ignored = RunKvCall({uri + "fail", "{}", "--ignore-errors"}, "", kvCall);
+        EXPECT_NE(npos, ignored.output.find("\"errorCode\":14")) << ignored.output;
+        EXPECT_EQ("", ignored.errors);
+        EXPECT_EQ(0, ignored.status);
+
         // One reply of a subscription, then kv-call cancels it: the service tells its watcher.
         Outcome once =
             RunKvCall({uri + "subscribe", "{}", "--subscribe", "--count", "1"}, "", kvCall);
         EXPECT_EQ("{\"returnValue\":true,\"n\":0}\n", once.output) << kvCall;
         ASSERT_TRUE(IterateUntil(context, [&]() { return events.replies.size() == 2; }));
         EXPECT_EQ(1, events.replies[1].Number("cancelled"));
+        // --subscribe adds "subscribe": true; the stream ends at the timeout, which is normal.
+        Outcome stream =
+            RunKvCall({uri + "subscribe", "{}", "--subscribe", "--timeout", "0.3"}, "", kvCall);
+        EXPECT_EQ("{\"returnValue\":true,\"n\":0}\n", stream.output) << kvCall;
+        EXPECT_EQ(0, stream.status);
         Outcome status =
             RunKvCall({"kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
                        "{\"serviceName\":\"" + name + "\"}", "--subscribe", "--count", "1"},
                       "", kvCall);
-        EXPECT_NE(std::string::npos, status.output.find("\"connected\":true")) << status.output;
+        EXPECT_NE(npos, status.output.find("\"connected\":true")) << status.output;
+
+        // A service that never answers: nothing printed.
+        const auto start = std::chrono::steady_clock::now();
+        Outcome late = RunKvCall({uri + "late", "{}", "--timeout", "0.3"}, "", kvCall);
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+        EXPECT_EQ("", late.output);
+        EXPECT_EQ("kv-call: no reply within 0.3 s\n", late.errors);
+        EXPECT_EQ(2, late.status);
+
+        for (const std::vector<std::string>& bad : {std::vector<std::string>{"kelvra://x/a/b"},
+                                                    {"kelvra://com.x/a/b", "{}", "--bogus"}}) {
+            Outcome outcome = RunKvCall(bad, "", kvCall);
+            EXPECT_EQ(1, outcome.status);
+            EXPECT_EQ("", outcome.output);
+            EXPECT_THAT(outcome.errors, testing::MatchesRegex("kv-call: [^\n]+\n"))
+                << outcome.errors;
+        }
 
         service.Kill(SIGKILL);
         service.Wait();
-        ASSERT_TRUE(IterateUntil(context, [&]() { return events.replies.size() == 3; }));
-        EXPECT_EQ(KV_ERROR_SERVICE_GONE, events.replies[2].Number("errorCode"));
+        ASSERT_TRUE(IterateUntil(context, [&]() { return events.replies.back().last; }));
+        EXPECT_EQ(KV_ERROR_SERVICE_GONE, events.replies.back().Number("errorCode"));
     }
     g_main_context_unref(context);
-#endif
 }
 
 }  // namespace
