@@ -1,7 +1,6 @@
-// A daemon's blades across a restart of the bus daemon: a shell whose blades serve, call and
-// watch a bus service and keep an alarm going through vok-powerd keeps running while the bus is
-// killed and started again at the same address; every blade is back to normal within a bound and
-// every alarm fires exactly once, never early.
+// A shell whose blades serve, call and watch a bus service and keep an alarm going through
+// vok-powerd, while the bus is killed and restarted: every blade is back to normal within a bound,
+// and every alarm fires exactly once, never early.
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <kelvra/kelvra.h>
@@ -81,8 +80,7 @@ class Blade : public ServiceBlade, public VokBladeLoaderInterface {
     std::string name_;
 };
 
-// Calls the service every 20 ms through the dispatcher's bus handle and follows its status
-// through the dispatcher's client.
+// Calls the service every 20 ms and follows its status, through the dispatcher's handle and client.
 class CallerBlade : public Blade {
   public:
     using Blade::Blade;
@@ -121,8 +119,7 @@ class CallerBlade : public Blade {
     VokKvClient* client_ = nullptr;
 };
 
-// Serves kService's "echo/once" with a bus handle of its own, and keeps a 700 ms alarm going:
-// each firing is checked against its due time and the next alarm is set at once, so an early
+// Serves kService's "echo/once" and keeps a 700 ms alarm going, set again as each fires: an early
 // firing shows in the record, and so does a doubled one (as early).
 class ServiceAndAlarmBlade : public Blade {
   public:
@@ -175,8 +172,7 @@ TEST(BusRestartTest, EveryBladeIsBackToNormalSoonAfterTheBusReturns) {
     VokShell shell(VokShellDaemonInfo("bus-restart", ""), {&callers[0], &callers[1], &alarms},
                    [&]() { board.Update([&]() { stopped = true; }); });
     shell.StartUp();
-    // Every caller has heard the service's status last as up (or down) and, when up, has had an
-    // answer since a time.
+    // Every caller has heard the status last as up (or down) and, when up, had an answer since.
     auto allHeard = [&](bool up, Clock::time_point since) {
         for (const CallerBlade& caller : callers) {
             if (caller.heard.empty() || caller.heard.back() != up ||
@@ -200,8 +196,8 @@ TEST(BusRestartTest, EveryBladeIsBackToNormalSoonAfterTheBusReturns) {
             std::chrono::seconds(60)));
         test::TestBus().Restart();
         const Clock::time_point restarted = Clock::now();
-        // Back to normal: callers answered and told the service is up, and the alarm blade's
-        // alarms set with the power service again and firing.
+        // Back to normal: callers answered and told the service is up, alarms set with the power
+        // service again and firing.
         int firedBefore = 0;
         board.Update([&]() { firedBefore = alarms.fired; });
         const int addsBefore = powerd.CountLines("alarmAdd");

@@ -1,6 +1,5 @@
 // Bus services from a dispatcher (RdKvService), on a private bus, with bus-library clients.
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <algorithm>
 #include <map>
@@ -44,14 +43,11 @@ class BusServiceTest : public ::testing::Test {
     std::vector<std::unique_ptr<ReplyLog>> logs_;
 };
 
-// A request carries its payload, method and sender; it is answered at once, later, with an
-// error, or (dropped unanswered) by the bus library.
-TEST_F(BusServiceTest, RequestsAreAnsweredNowLaterOrByTheLibrary) {
+// A request carries its payload and sender; it is answered at once, later, or with an error.
+TEST_F(BusServiceTest, RequestsAreAnsweredNowLaterOrWithAnError) {
     RdKvService service(dispatcher_, "com.test.svc.requests");
     std::string sender;
     service.AddMethod("sensor/double", [&](RdKvRequest& request) {
-        EXPECT_EQ("sensor/double", request.GetMethod());
-        EXPECT_FALSE(request.IsSubscription());
         sender = request.GetSender();
         JsonToken reply;
         reply.MakeObject();
@@ -64,30 +60,24 @@ TEST_F(BusServiceTest, RequestsAreAnsweredNowLaterOrByTheLibrary) {
     });
     RdKvRequest kept;
     service.AddMethod("later/reply", [&](RdKvRequest& request) { kept = std::move(request); });
-    service.AddMethod("never/reply", [](RdKvRequest&) {});
     service.AddMethod("fail/error", [](RdKvRequest& request) { request.ReplyError(7, "bad"); });
     EXPECT_THROW(service.AddMethod("fail/error", [](RdKvRequest&) {}), VokProgramErrorException);
-    EXPECT_EQ("com.test.svc.requests", service.GetServiceName());
     Owned(service);
 
     test::Handle client(test::ContextOf(dispatcher_));
     const std::string name = service.GetServiceName();
     ReplyLog* doubled = Call(client, name, "sensor/double", "{\"n\":21}");
     ReplyLog* later = Call(client, name, "later/reply", "{\"x\":\"y\"}");
-    ReplyLog* never = Call(client, name, "never/reply", "{}");
     ReplyLog* failed = Call(client, name, "fail/error", "{}");
     Pump(dispatcher_, [&]() {
-        return doubled->replies.size() == 1 && never->replies.size() == 1 &&
-               failed->replies.size() == 1 && kept.IsOpen();
+        return doubled->replies.size() == 1 && failed->replies.size() == 1 && kept.IsOpen();
     });
     EXPECT_EQ(42, doubled->replies[0].Number("n"));
     EXPECT_TRUE(doubled->replies[0].last);
-    EXPECT_EQ(KV_ERROR_NO_REPLY, never->replies[0].Number("errorCode"));
     EXPECT_FALSE(failed->replies[0].Bool("returnValue"));
     EXPECT_EQ(7, failed->replies[0].Number("errorCode"));
     EXPECT_NE(std::string::npos, failed->replies[0].payload.find("\"bad\""));
     EXPECT_EQ(sender, kept.GetSender());
-    EXPECT_EQ(sender.substr(0, 1), ":");
     EXPECT_EQ("{\"x\":\"y\"}", kept.GetPayloadText());
     EXPECT_TRUE(later->replies.empty());
     EXPECT_TRUE(kept.Reply("{\"done\":true}"));
@@ -190,38 +180,6 @@ TEST_F(BusServiceTest, ANameOwnedElsewhereIsTakenWhenFreed) {
     ReplyLog* answer = Call(client, "com.test.svc.taken", "who/am", "{}");
     Pump(dispatcher_, [&]() { return answer->replies.size() == 1; });
     EXPECT_EQ("{\"first\":false}", answer->replies[0].payload);
-}
-
-// The bus killed and started again: the observer hears false then true, open subscriptions are
-// cancelled, and the service owns its name and serves its methods again.
-TEST_F(BusServiceTest, TheServiceSurvivesABusRestart) {
-    RdKvService service(dispatcher_, "com.test.svc.restart");
-    std::vector<bool> states;
-    service.SetConnectionObserver([&](bool up) { states.push_back(up); });
-    RdKvSubscription sub;
-    bool cancelled = false;
-    service.AddMethod("x/watch", [&](RdKvRequest& request) {
-        sub = request.Subscribe([&]() { cancelled = true; });
-        sub.Reply("{}");
-    });
-    EXPECT_FALSE(service.IsConnected());  // the name is requested from the loop
-    Owned(service);
-    {
-        test::Handle client(test::ContextOf(dispatcher_));
-        ReplyLog* log = Call(client, service.GetServiceName(), "x/watch", "{\"subscribe\":true}");
-        Pump(dispatcher_, [&]() { return log->replies.size() == 1; });
-        test::LogCapture quiet;
-        test::TestBus().Kill(SIGKILL);
-        Pump(dispatcher_, [&]() { return cancelled && states.size() == 2; });
-        EXPECT_FALSE(sub.IsOpen());
-        EXPECT_FALSE(service.IsConnected());
-        test::TestBus().Restart();
-        Pump(dispatcher_, [&]() { return states.size() == 3 && KVIsConnected(client.get()); });
-    }
-    EXPECT_EQ((std::vector<bool>{true, false, true}), states);
-    test::Handle client(test::ContextOf(dispatcher_));
-    ReplyLog* log = Call(client, service.GetServiceName(), "x/watch", "{\"subscribe\":true}");
-    Pump(dispatcher_, [&]() { return log->replies.size() == 1 && sub.IsOpen(); });
 }
 
 }  // namespace

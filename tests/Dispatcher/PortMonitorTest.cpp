@@ -60,9 +60,9 @@ class PortMonitorTest : public ::testing::Test {
     MmConnectionPort* peer_ = nullptr;
 };
 
+// Messages that wait before the mask is set are reported without a new port event; a callback
+// that reads one message at a time is called again until none is left, and may destroy its monitor.
 TEST_F(PortMonitorTest, ReadablePortIsReportedOnceMaskedAndUntilEmpty) {
-    // Messages that wait before the mask is set are reported without a new port event; a
-    // callback that reads one message at a time is called again until none is left.
     WriteToEnd(2);
     int calls = 0;
     int read = 0;
@@ -78,7 +78,6 @@ TEST_F(PortMonitorTest, ReadablePortIsReportedOnceMaskedAndUntilEmpty) {
     Drain();
     EXPECT_EQ(5, read);
     EXPECT_EQ(5, calls);
-    // A callback may destroy its monitor.
     monitor->ChangeCb([&](bool, bool, bool) {
         ++calls;
         monitor.reset();
@@ -88,25 +87,6 @@ TEST_F(PortMonitorTest, ReadablePortIsReportedOnceMaskedAndUntilEmpty) {
     EXPECT_EQ(6, calls);
     while (ReadOne()) {
     }
-}
-
-TEST_F(PortMonitorTest, ChangeCbInsideTheCallbackKeepsTheRunningOneUntilItReturns) {
-    auto token = std::make_shared<int>(0);
-    std::weak_ptr<int> captured = token;
-    bool aliveAfterChange = false;
-    int second = 0;
-    std::unique_ptr<RdPortMonitor> monitor;
-    monitor.reset(new RdPortMonitor(*end_, dispatcher_, [&, token](bool, bool, bool) {
-        monitor->ChangeCb([&](bool, bool, bool) { second += ReadOne() ? 1 : 0; });
-        aliveAfterChange = !captured.expired();
-    }));
-    token.reset();
-    monitor->SetEventMask(true, false, false);
-    WriteToEnd(2);
-    Drain();
-    EXPECT_TRUE(aliveAfterChange);
-    EXPECT_TRUE(captured.expired());
-    EXPECT_EQ(2, second);
 }
 
 TEST_F(PortMonitorTest, MessagesFromFourWriterThreadsAllReachTheMonitorThread) {

@@ -81,8 +81,7 @@ TEST_F(TimerTest, ChangeCbKeepsTheArmingAndMayRunInsideTheCallback) {
     EXPECT_EQ(0, first);
     EXPECT_EQ(1, second);
 
-    // Replaced from inside its own call: the running callable (and what it captured) lives
-    // until the dispatch returns, then it is released.
+    // Replaced from inside its own call: the running callable lives until the dispatch returns.
     auto token = std::make_shared<int>(0);
     std::weak_ptr<int> captured = token;
     bool aliveAfterChange = false;
@@ -100,16 +99,15 @@ TEST_F(TimerTest, ChangeCbKeepsTheArmingAndMayRunInsideTheCallback) {
     EXPECT_EQ(2, second);
 }
 
-// Due times stay on the grid start + k * period whatever the callback costs (re-arming from "now"
-// would drift by the callback's time per beat); beats the loop missed are skipped, not burst.
+// Due times stay on the grid start + k * period whatever the callback costs; beats the loop missed
+// are skipped, not burst.
 TEST_F(TimerTest, PeriodicTimerKeepsItsRateAndSkipsMissedBeats) {
     const long long kPeriod = 500;
     std::vector<long long> fired;
     const Clock::time_point start = Clock::now();
     RdTimerBase timer(dispatcher_, [&]() {
         fired.push_back(MsSince(start));
-        // Work: 100 ms at the first beats (a slow loop still has 400 ms before the next one is
-        // missed), one and a half periods at the fifth.
+        // Work: 100 ms at the first beats, one and a half periods at the fifth.
         const long long workMs = fired.size() < 4 ? 100 : fired.size() == 5 ? 750 : 0;
         while (MsSince(start) < fired.back() + workMs) {
         }
@@ -124,8 +122,7 @@ TEST_F(TimerTest, PeriodicTimerKeepsItsRateAndSkipsMissedBeats) {
     }
     // Drifting by the 100 ms of work per beat would put the fourth beat at 2300 ms or later.
     EXPECT_LT(fired[3], 2250);
-    // The fifth beat's work ends past the sixth grid point: the next beat is on the grid after
-    // it, and the one after that a whole period later.
+    // The fifth beat's work ends past the sixth grid point: the next beat is on the grid after it.
     const long long afterWork = fired[4] + 750;
     EXPECT_GE(fired[5], ((afterWork - 1) / kPeriod + 1) * kPeriod);
     EXPECT_GE(fired[6] - fired[5], kPeriod / 2);
