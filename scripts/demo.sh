@@ -27,17 +27,11 @@ trap 'exit 130' INT TERM
 
 say() { printf '\n=== %s\n' "$*"; }
 
-write_bus_conf "$work/bus.conf" "unix:dir=$work"
-
 say "starting a private D-Bus daemon (the machine's buses are not touched)"
-# --fork returns once the daemon listens; it writes its address and pid first.
-dbus-daemon --config-file="$work/bus.conf" --fork --print-address=3 --print-pid=4 \
-    3>"$work/address" 4>"$work/pid" 2>/dev/null
-read -r address <"$work/address"
-read -r buspid <"$work/pid"
+start_private_bus "$work"
+buspid=$PRIVATE_BUS_PID
 pids+=("$buspid")
-export KELVRA_BUS_ADDRESS=$address
-echo "bus address: $address"
+echo "bus address: $KELVRA_BUS_ADDRESS"
 
 say "starting vok-powerd (com.orvex.power), logging each request"
 "${wrapper[@]}" "$build/apps/vok-powerd/vok-powerd" --log > >(sed -u 's/^/[powerd] /') &

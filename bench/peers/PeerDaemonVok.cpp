@@ -5,9 +5,9 @@
 #include <kelvra/kelvra.h>
 
 #include <cstdio>
-#include <string>
 
 #include "support/BusEcho.h"
+#include "vok/BladeLoader.h"
 #include "vok/BladeStopWatcher.h"
 #include "vok/Daemon.h"
 #include "vok/RuntimeDispatcher.h"
@@ -40,22 +40,9 @@ class EchoBlade : public vok::ServiceBlade {
     }
 };
 
-class EchoLoader : public vok::VokBladeLoaderInterface {
-  public:
-    const std::string& GetBladeName() const override { return name_; }
-    int32_t GetStartMode() const override { return vok::kBladeStartModeAuto; }
-    void LoadBlade(const vok::VokShellDaemonInfo&) override {}
-    void UnloadBlade() override {}
-    vok::ServiceBlade* GetServiceBlade() override { return &blade_; }
-
-  private:
-    const std::string name_ = "echo";
-    EchoBlade blade_;
-};
-
 }  // namespace
 
 int main() {
-    EchoLoader loader;
+    vok::VokBladeLoader<EchoBlade> loader("echo");
     return vok::RunDaemon(vok::VokShellDaemonInfo("peer-daemon-vok", "footprint"), {&loader});
 }

@@ -237,23 +237,21 @@ class DiagBusServiceImpl {
         watchers_.clear();
     }
 
-    static bool Reply(RdKvRequest& request, const std::string& payload) {
-        return request.Reply(payload);
-    }
-
     // diag/registers {"prefix":P}: every register whose path starts with P (default "root.").
-    static bool Registers(RdKvRequest& request) {
+    static void Registers(RdKvRequest& request) {
         std::string prefix;
         if (!RequestPrefix(request, &prefix)) {
-            return Reply(request, ErrorReply(kErrBadPayload, "expected {\"prefix\":string}"));
+            request.Reply(ErrorReply(kErrBadPayload, "expected {\"prefix\":string}"));
+            return;
         }
-        return Reply(request, RegistersReply(TakeSnapshot(prefix)));
+        request.Reply(RegistersReply(TakeSnapshot(prefix)));
     }
 
     // diag/blades: name, state and busy time of every blade.
-    bool Blades(RdKvRequest& request) const {
+    void Blades(RdKvRequest& request) const {
         if (!ParseRequest(request)) {
-            return Reply(request, ErrorReply(kErrBadPayload, "expected a JSON object"));
+            request.Reply(ErrorReply(kErrBadPayload, "expected a JSON object"));
+            return;
         }
         JsonPtr reply(NewReply());
         json_object_object_add(reply.get(), "daemon",
@@ -269,13 +267,14 @@ class DiagBusServiceImpl {
             json_object_array_add(blades, blade);
         }
         json_object_object_add(reply.get(), "blades", blades);
-        return Reply(request, ToString(reply.get()));
+        request.Reply(ToString(reply.get()));
     }
 
     // diag/ports: every open MessageMover port with its interface, addresses and queue depth.
-    bool Ports(RdKvRequest& request) const {
+    void Ports(RdKvRequest& request) const {
         if (!ParseRequest(request)) {
-            return Reply(request, ErrorReply(kErrBadPayload, "expected a JSON object"));
+            request.Reply(ErrorReply(kErrBadPayload, "expected a JSON object"));
+            return;
         }
         JsonPtr reply(NewReply());
         json_object* ports = json_object_new_array();
@@ -290,7 +289,7 @@ class DiagBusServiceImpl {
             json_object_array_add(ports, port);
         }
         json_object_object_add(reply.get(), "ports", ports);
-        return Reply(request, ToString(reply.get()));
+        request.Reply(ToString(reply.get()));
     }
 
     // A "level" member as a number 0..7 or a syslog name ("info"); -1 when it is neither.
@@ -307,52 +306,58 @@ class DiagBusServiceImpl {
 
     // diag/loglevel {"context":C} reads, {"context":C,"level":L} sets the threshold of C and of
     // every context under it (L: 0..7 or a syslog name); {} lists every context's threshold.
-    static bool LogLevel(RdKvRequest& request) {
+    static void LogLevel(RdKvRequest& request) {
         JsonPtr payload = ParseRequest(request);
         std::string context;
         bool present = false;
         if (!payload || !StringMember(payload.get(), "context", &context, &present)) {
-            return Reply(request,
-                         ErrorReply(kErrBadPayload,
-                                    "expected {[\"context\":string[,\"level\":0..7|name]]}"));
+            request.Reply(ErrorReply(kErrBadPayload,
+                                     "expected {[\"context\":string[,\"level\":0..7|name]]}"));
+            return;
         }
         if (!present) {
-            return Reply(request, ContextList());
+            request.Reply(ContextList());
+            return;
         }
         if (context.empty() || context.size() > 64) {
-            return Reply(request, ErrorReply(kErrBadContext, "bad context name"));
+            request.Reply(ErrorReply(kErrBadContext, "bad context name"));
+            return;
         }
         // Only contexts the daemon has made can be read or set: a typing error must not create
         // a context of its own and report success.
         ZtLogContext* ctx = nullptr;
         if (ZtLogFindContext(context.c_str(), &ctx) != 0) {
-            return Reply(request, ErrorReply(kErrBadContext, "no such context"));
+            request.Reply(ErrorReply(kErrBadContext, "no such context"));
+            return;
         }
         json_object* level = nullptr;
         if (json_object_object_get_ex(payload.get(), "level", &level)) {
             const int value = RequestedLevel(level);
             if (value < 0 || ZtLogSetLevel(context.c_str(), value) != 0) {
-                return Reply(request,
-                             ErrorReply(kErrBadLevel, "level must be 0..7 or a syslog name"));
+                request.Reply(ErrorReply(kErrBadLevel, "level must be 0..7 or a syslog name"));
+                return;
             }
         }
         JsonPtr reply(NewReply());
         AddContextLevel(reply.get(), context.c_str(),
                         __atomic_load_n(&ctx->threshold, __ATOMIC_RELAXED));
-        return Reply(request, ToString(reply.get()));
+        request.Reply(ToString(reply.get()));
     }
 
     // diag/watch {"prefix":P}: the registers now, then those that changed, at most once a second.
-    bool Watch(RdKvRequest& request) {
+    void Watch(RdKvRequest& request) {
         std::string prefix;
         if (!RequestPrefix(request, &prefix)) {
-            return Reply(request, ErrorReply(kErrBadPayload, "expected {\"prefix\":string}"));
+            request.Reply(ErrorReply(kErrBadPayload, "expected {\"prefix\":string}"));
+            return;
         }
         if (!request.IsSubscription()) {
-            return Reply(request, RegistersReply(TakeSnapshot(prefix)));
+            request.Reply(RegistersReply(TakeSnapshot(prefix)));
+            return;
         }
         if (watchers_.size() >= kMaxWatchers) {
-            return Reply(request, ErrorReply(kErrTooManyWatchers, "too many watchers"));
+            request.Reply(ErrorReply(kErrTooManyWatchers, "too many watchers"));
+            return;
         }
         const uint64_t id = ++lastWatcherId_;
         Watcher& watcher = watchers_[id];
@@ -363,7 +368,6 @@ class DiagBusServiceImpl {
         if (watchers_.size() == 1) {
             watchTimer_.SchedulePeriodic(kWatchPeriodMs);
         }
-        return true;
     }
 
     void WatchCancelled(uint64_t id) {

@@ -123,6 +123,18 @@ std::string GaugeName(const std::string& name) {
     return name;
 }
 
+// name without suffix, when it ends with it.
+std::string WithoutSuffix(const std::string& name, const char* suffix) {
+    return EndsWith(name, suffix) ? name.substr(0, name.size() - std::strlen(suffix)) : name;
+}
+
+// A gauge family with its one sample.
+template <typename T>
+void AddGauge(Exposition* out, const std::string& name, const std::string& help, T value) {
+    out->Family(name, "gauge", help);
+    out->Sample(name, std::to_string(value));
+}
+
 void AddCounters(Exposition* out) {
     std::unique_ptr<DiagnosticRegisterCounter::Group> counters(
         DiagnosticRegisterCounter::QueryGroup("root."));
@@ -136,23 +148,17 @@ void AddCounters(Exposition* out) {
         }
         const std::string help = "Diagnostic register " + entry.first;
         if (IsCounter(entry.first)) {
-            if (EndsWith(name, "_total")) {
-                name.resize(name.size() - 6);
-            }
-            name = out->Unique(name);
+            name = out->Unique(WithoutSuffix(name, "_total"));
             out->Family(name, "counter", help);
             out->Sample(name + "_total", std::to_string(entry.second.value));
             continue;
         }
         name = out->Unique(GaugeName(name));
-        out->Family(name, "gauge", help);
-        out->Sample(name, std::to_string(entry.second.value));
-        const std::string low = out->Unique(name + "_low");
-        out->Family(low, "gauge", "Low watermark of diagnostic register " + entry.first);
-        out->Sample(low, std::to_string(entry.second.low));
-        const std::string high = out->Unique(name + "_high");
-        out->Family(high, "gauge", "High watermark of diagnostic register " + entry.first);
-        out->Sample(high, std::to_string(entry.second.high));
+        AddGauge(out, name, help, entry.second.value);
+        AddGauge(out, out->Unique(name + "_low"),
+                 "Low watermark of diagnostic register " + entry.first, entry.second.low);
+        AddGauge(out, out->Unique(name + "_high"),
+                 "High watermark of diagnostic register " + entry.first, entry.second.high);
     }
 }
 
@@ -167,10 +173,7 @@ void AddStrings(Exposition* out) {
         if (name.empty()) {
             continue;
         }
-        if (EndsWith(name, "_info")) {
-            name.resize(name.size() - 5);
-        }
-        name = out->Unique(name);
+        name = out->Unique(WithoutSuffix(name, "_info"));
         out->Family(name, "info", "Diagnostic register " + entry.first);
         out->Sample(name + "_info", "1", ",value=\"" + Escape(entry.second) + "\"");
     }
@@ -208,11 +211,6 @@ unsigned long long StatField(const std::string& stat, int field) {
     }
     // at points at the space before the field; the state (field 3) is a letter.
     return std::strtoull(at, nullptr, 10);
-}
-
-void AddGauge(Exposition* out, const char* name, const char* help, unsigned long long value) {
-    out->Family(name, "gauge", help);
-    out->Sample(name, std::to_string(value));
 }
 
 void AddProcess(Exposition* out) {

@@ -138,12 +138,17 @@ GSource* NewGlibTimerSourceAt(const Timespec& expiry) {
     return source;
 }
 
-GSource* NewGlibTimerSource(unsigned int milliseconds) {
-    Timespec now;
-    VOK_READ_MONOTONIC_CLOCK(now);
-    const Timespec interval{static_cast<int32_t>(milliseconds / 1000),
-                            static_cast<int32_t>((milliseconds % 1000) * 1000000)};
-    return NewGlibTimerSourceAt(now + interval);
+Timespec TimespecFromMs(unsigned int milliseconds) {
+    return Timespec{static_cast<int32_t>(milliseconds / 1000),
+                    static_cast<int32_t>((milliseconds % 1000) * 1000000)};
+}
+
+int64_t TimespecToNs(const Timespec& t) {
+    return static_cast<int64_t>(t.tv_sec) * kNsecPerSec + t.tv_nsec;
+}
+
+Timespec TimespecFromNs(int64_t ns) {
+    return Timespec{static_cast<int32_t>(ns / kNsecPerSec), static_cast<int32_t>(ns % kNsecPerSec)};
 }
 
 }  // namespace vok

@@ -4,6 +4,8 @@
 
 #include <glib.h>
 
+#include <cstdint>
+
 #include "vok/RdTimer.h"
 
 namespace vok {
@@ -21,13 +23,16 @@ struct GlibTimerSource {
 
 extern GSourceFuncs glibTimerSourceFuncs;
 
-// A new, unattached timer source that expires milliseconds from now; the caller owns its one
+// A new, unattached timer source that expires at a monotonic-clock time; the caller owns its one
 // reference. Dispatching calls the source's callback once; the source is then removed.
-GSource* NewGlibTimerSource(unsigned int milliseconds);
-// The same, expiring at a monotonic-clock time.
 GSource* NewGlibTimerSourceAt(const Timespec& expiry);
 // The monotonic clock, normalised. Throws VokProgramErrorException when it cannot be read.
 Timespec ReadMonotonicClock();
+// A span of milliseconds.
+Timespec TimespecFromMs(unsigned int milliseconds);
+// A normalised time in nanoseconds, and back (ns not negative).
+int64_t TimespecToNs(const Timespec& t);
+Timespec TimespecFromNs(int64_t ns);
 
 }  // namespace vok
 

@@ -7,28 +7,14 @@
 
 namespace vok {
 
-// The GSource with a pointer back to its bridge.
-struct RdAsyncBridgeImpl::BridgeSource {
-    GSource base;
-    RdAsyncBridgeImpl* bridge;
-};
-
-GSourceFuncs RdAsyncBridgeImpl::sourceFuncs_ = {&RdAsyncBridgeImpl::Prepare,
-                                                &RdAsyncBridgeImpl::Check,
-                                                &RdAsyncBridgeImpl::Dispatch,
-                                                nullptr,
-                                                nullptr,
-                                                nullptr};
-
 RdAsyncBridgeImpl::RdAsyncBridgeImpl(RuntimeDispatcherImpl* dispatcher,
                                      std::function<void()> callback, bool traced)
     : dispatcher_(dispatcher),
       context_(dispatcher->GetContext()),
       callback_(std::move(callback)),
-      source_(g_source_new(&sourceFuncs_, sizeof(BridgeSource))),
-      runDue_(false),
+      runDue_([](void* self) { static_cast<RdAsyncBridgeImpl*>(self)->Run(); }, this),
+      source_(runDue_.NewSource()),
       traced_(traced) {
-    reinterpret_cast<BridgeSource*>(source_)->bridge = this;
     // Default priority, not idle priority: a triggered bridge competes with timers and I/O.
     g_source_set_priority(source_, G_PRIORITY_DEFAULT);
     g_source_set_can_recurse(source_, FALSE);
@@ -39,23 +25,11 @@ RdAsyncBridgeImpl::~RdAsyncBridgeImpl() {
     g_source_unref(source_);
 }
 
-RdAsyncBridgeImpl* RdAsyncBridgeImpl::BridgeOf(GSource* source) {
-    return reinterpret_cast<BridgeSource*>(source)->bridge;
-}
-
-bool RdAsyncBridgeImpl::InOwnDispatch() const {
-    GSource* const current = g_main_current_source();
-    return current != nullptr && g_source_get_context(current) == context_;
-}
-
 void RdAsyncBridgeImpl::Trigger() {
     if (!triggers_.TryEnter()) {
         return;  // Being discarded: the run could not happen anyway.
     }
-    if (!runDue_.exchange(true, std::memory_order_acq_rel) && !InOwnDispatch()) {
-        // One write to the context's wake-up descriptor; a run already due covers this trigger.
-        g_main_context_wakeup(context_);
-    }
+    runDue_.Raise(context_);
     triggers_.Leave();
 }
 
@@ -69,23 +43,9 @@ void RdAsyncBridgeImpl::Discard() {
     DropRef();
 }
 
-gboolean RdAsyncBridgeImpl::Prepare(GSource* source, gint* timeout) {
-    *timeout = -1;
-    return BridgeOf(source)->runDue_.load(std::memory_order_acquire);
-}
-
-gboolean RdAsyncBridgeImpl::Check(GSource* source) {
-    return BridgeOf(source)->runDue_.load(std::memory_order_acquire);
-}
-
-gboolean RdAsyncBridgeImpl::Dispatch(GSource* source, GSourceFunc, gpointer) {
-    BridgeOf(source)->Run();
-    return G_SOURCE_CONTINUE;  // Discard, if the callback ran it, has destroyed the source.
-}
-
 void RdAsyncBridgeImpl::Run() {
     // Open to new triggers first: one that comes from here on makes another run due.
-    runDue_.store(false, std::memory_order_seq_cst);
+    runDue_.Lower();
     RdAsyncBridgeImpl* self = this;
     dispatcher_->RunGuarded([self]() {
         RefCounted::Holder hold(self);

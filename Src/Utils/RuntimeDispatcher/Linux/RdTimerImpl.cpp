@@ -21,9 +21,7 @@ RdTimerImpl::~RdTimerImpl() {
 
 void RdTimerImpl::Schedule(unsigned int milliseconds) {
     Cancel();
-    const Timespec interval{static_cast<int32_t>(milliseconds / 1000),
-                            static_cast<int32_t>((milliseconds % 1000) * 1000000)};
-    due_ = ReadMonotonicClock() + interval;
+    due_ = ReadMonotonicClock() + TimespecFromMs(milliseconds);
     ArmAt(due_);
 }
 
@@ -39,17 +37,14 @@ void RdTimerImpl::SchedulePeriodic(unsigned int periodMs) {
 }
 
 void RdTimerImpl::AdvancePeriodic() {
-    const int64_t kNs = 1000000000;
     const int64_t periodNs = static_cast<int64_t>(periodMs_) * 1000000;
-    const Timespec now = ReadMonotonicClock();
-    const int64_t nowNs = static_cast<int64_t>(now.tv_sec) * kNs + now.tv_nsec;
-    int64_t dueNs = static_cast<int64_t>(due_.tv_sec) * kNs + due_.tv_nsec + periodNs;
+    const int64_t nowNs = TimespecToNs(ReadMonotonicClock());
+    int64_t dueNs = TimespecToNs(due_) + periodNs;
     if (dueNs <= nowNs) {
         // Late by a period or more: the beats in between are dropped, the grid is kept.
         dueNs += ((nowNs - dueNs) / periodNs + 1) * periodNs;
     }
-    due_.tv_sec = static_cast<int32_t>(dueNs / kNs);
-    due_.tv_nsec = static_cast<int32_t>(dueNs % kNs);
+    due_ = TimespecFromNs(dueNs);
 }
 
 void RdTimerImpl::ArmAt(const Timespec& expiry) {
@@ -86,10 +81,7 @@ gboolean RdTimerImpl::CallbackFunc(void* data) {
     self->source_ = nullptr;
     RefCounted::Holder hold(self);  // the callback may destroy the front
     if (trace::TraceOn()) {
-        const int64_t kNs = 1000000000;
-        const Timespec now = ReadMonotonicClock();
-        const int64_t lateNs = (static_cast<int64_t>(now.tv_sec) - self->due_.tv_sec) * kNs +
-                               (now.tv_nsec - self->due_.tv_nsec);
+        const int64_t lateNs = TimespecToNs(ReadMonotonicClock()) - TimespecToNs(self->due_);
         trace::TraceInstant(trace::kInstTimerLate, lateNs > 0 ? lateNs : 0, nullptr);
     }
     self->dispatcher_->RunGuarded([self]() {

@@ -3,7 +3,6 @@
 #include <kelvra/kelvra.h>
 
 #include <map>
-#include <new>
 
 #include "Src/Utils/Linux/UncaughtException.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/Kelvra/VokKvError.h"
@@ -243,39 +242,6 @@ void RuntimeDispatcherImpl::RequestStop() {
     }
 }
 
-struct RdPostQueue::Source {
-    GSource source;
-    // Not a reference: the queue destroys the source when it closes. Set by the posting thread
-    // before the attach and read on the dispatcher's: atomic, since the attach orders them only
-    // inside GLib, where a race detector cannot see it.
-    std::atomic<RdPostQueue*> queue;
-};
-
-namespace {
-RdPostQueue* QueueOf(GSource* source) {
-    return reinterpret_cast<RdPostQueue::Source*>(source)->queue.load(std::memory_order_acquire);
-}
-}  // namespace
-
-gboolean RdPostQueue::Prepare(GSource* source, gint* timeout) {
-    *timeout = -1;
-    return QueueOf(source)->ready_.load(std::memory_order_acquire);
-}
-
-gboolean RdPostQueue::Check(GSource* source) {
-    return QueueOf(source)->ready_.load(std::memory_order_acquire);
-}
-
-gboolean RdPostQueue::Dispatch(GSource* source, GSourceFunc, gpointer) {
-    QueueOf(source)->RunPending();
-    return G_SOURCE_CONTINUE;
-}
-
-namespace {
-GSourceFuncs gPostQueueFuncs = {
-    RdPostQueue::Prepare, RdPostQueue::Check, RdPostQueue::Dispatch, nullptr, nullptr, nullptr};
-}  // namespace
-
 bool RdPostQueue::Post(std::function<void()> closure) {
     MutexLocker lock(lock_);
     if (dispatcher_ == nullptr) {
@@ -283,14 +249,12 @@ bool RdPostQueue::Post(std::function<void()> closure) {
     }
     closures_.push_back(std::move(closure));
     if (source_ == nullptr) {
-        source_ = g_source_new(&gPostQueueFuncs, sizeof(Source));
-        new (&reinterpret_cast<Source*>(source_)->queue) std::atomic<RdPostQueue*>(nullptr);
-        reinterpret_cast<Source*>(source_)->queue.store(this, std::memory_order_release);
+        source_ = ready_.NewSource();
         g_source_set_name(source_, "vok post");
-        ready_.store(true, std::memory_order_release);
+        ready_.RaiseWithoutWake();
         g_source_attach(source_, dispatcher_->GetContext());  // wakes the context
-    } else if (!ready_.exchange(true, std::memory_order_acq_rel)) {
-        g_main_context_wakeup(dispatcher_->GetContext());
+    } else {
+        ready_.Raise(dispatcher_->GetContext());
     }
     return true;
 }
@@ -301,7 +265,7 @@ void RdPostQueue::RunPending() {
     {
         MutexLocker lock(lock_);
         // Cleared under the lock, so a post after the swap makes the source ready again.
-        ready_.store(false, std::memory_order_release);
+        ready_.Lower();
         batch.swap(closures_);
         dispatcher = dispatcher_;
     }

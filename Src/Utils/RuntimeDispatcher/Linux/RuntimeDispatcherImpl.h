@@ -4,13 +4,13 @@
 
 #include <glib.h>
 
-#include <atomic>
 #include <exception>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "Src/Utils/RuntimeDispatcher/Linux/RdFlagSource.h"
 #include "vok/Mutex.h"
 
 typedef struct KVHandle KVHandle;
@@ -27,7 +27,9 @@ class VokKvClientMgr;
 // the first post and is ready while closures wait.
 class RdPostQueue {
   public:
-    explicit RdPostQueue(RuntimeDispatcherImpl* dispatcher) : dispatcher_(dispatcher) {}
+    explicit RdPostQueue(RuntimeDispatcherImpl* dispatcher)
+        : dispatcher_(dispatcher),
+          ready_([](void* self) { static_cast<RdPostQueue*>(self)->RunPending(); }, this) {}
     RdPostQueue(const RdPostQueue&) = delete;
     RdPostQueue& operator=(const RdPostQueue&) = delete;
 
@@ -37,21 +39,14 @@ class RdPostQueue {
     // destroyed unrun.
     void Close();
 
-    // The source's functions for GLib.
-    static gboolean Prepare(GSource* source, gint* timeout);
-    static gboolean Check(GSource* source);
-    static gboolean Dispatch(GSource* source, GSourceFunc, gpointer);
-
-    struct Source;  // The GLib source: GSource, then the queue.
-
   private:
     void RunPending();
 
     RuntimeDispatcherImpl* dispatcher_;  // Null once closed.
     Mutex lock_;                         // Protects closures_, source_ and dispatcher_.
     std::vector<std::function<void()>> closures_;
-    GSource* source_ = nullptr;       // One reference; attached to the dispatcher's context.
-    std::atomic<bool> ready_{false};  // Closures wait: the source is ready.
+    RdFlagSource ready_;         // Raised while closures wait.
+    GSource* source_ = nullptr;  // ready_'s; one reference; attached to the dispatcher's context.
 };
 
 // Owns one reference on its main context and the loop on it. Used on the dispatcher's thread,
