@@ -4,12 +4,11 @@
 
 #include <memory>
 
+#include "MessageMover/MmTestSupport.h"
 #include "support/LogCapture.h"
 #include "support/LoopSupport.h"
 #include "vok/Event.h"
-#include "vok/MessageMoverFramework.h"
 #include "vok/MessageMoverInterface.h"
-#include "vok/MmCommandPort.h"
 #include "vok/MmConnectionPort.h"
 #include "vok/MmMessageHandle.h"
 #include "vok/RdPortMonitor.h"
@@ -18,10 +17,10 @@
 namespace vok {
 namespace {
 
-class PortMonitorTest : public ::testing::Test {
+class PortMonitorTest : public test::MmFrameworkTest {
   protected:
     void SetUp() override {
-        framework_ = MessageMoverFramework::StartMessageMoverFramework("test");
+        MmFrameworkTest::SetUp();
         iface_ = framework_->CreateInterface("monitor");
         end_ = iface_->CreateConnectedPair(iface_, &peer_);
     }
@@ -29,7 +28,7 @@ class PortMonitorTest : public ::testing::Test {
         iface_->DiscardConnectionPort(end_);
         iface_->DiscardConnectionPort(peer_);
         framework_->DiscardInterface(iface_);
-        MessageMoverFramework::StopMessageMoverFramework(framework_);
+        MmFrameworkTest::TearDown();
     }
     void Drain() { test::Drain(dispatcher_); }
     void WriteToEnd(int count) {
@@ -50,14 +49,15 @@ class PortMonitorTest : public ::testing::Test {
 
     test::Watchdog watchdog_;
     RuntimeDispatcher dispatcher_;
-    MessageMoverFramework* framework_ = nullptr;
     MessageMoverInterface* iface_ = nullptr;
     MmConnectionPort* end_ = nullptr;
     MmConnectionPort* peer_ = nullptr;
 };
 
-// Messages waiting before the mask is set are reported without a new event; a callback reading one
-// at a time is called until none is left, and may destroy its monitor.
+// Write and exception masks are refused (a port is always writable and raises none), and so is
+// discarding a watched port. Messages waiting before the mask is set are reported without a new
+// event; a callback reading one at a time is called until none is left, and may destroy its
+// monitor.
 TEST_F(PortMonitorTest, ReadablePortIsReportedOnceMaskedAndUntilEmpty) {
     WriteToEnd(2);
     int calls = 0;
@@ -67,6 +67,10 @@ TEST_F(PortMonitorTest, ReadablePortIsReportedOnceMaskedAndUntilEmpty) {
         ++calls;
         read += ReadOne() ? 1 : 0;
     });
+    EXPECT_THROW(monitor->SetEventMask(false, true, false), VokProgramErrorException);
+    EXPECT_THROW(monitor->SetEventMask(false, false, true), VokProgramErrorException);
+    EXPECT_THROW(monitor->SetEventMask(true, true, true), VokProgramErrorException);
+    EXPECT_THROW(iface_->DiscardConnectionPort(end_), VokProgramErrorException);
     Drain();
     EXPECT_EQ(0, calls);  // no mask yet
     monitor->SetEventMask(true, false, false);
@@ -83,32 +87,7 @@ TEST_F(PortMonitorTest, ReadablePortIsReportedOnceMaskedAndUntilEmpty) {
     EXPECT_EQ(6, calls);
     while (ReadOne()) {
     }
-}
-
-// A port is always writable and raises no exceptions: both masks are refused, readable works.
-TEST_F(PortMonitorTest, WriteAndExceptionMasksAreRefused) {
-    int calls = 0;
-    RdPortMonitor monitor(*end_, dispatcher_,
-                          [&](bool, bool, bool) { calls += ReadOne() ? 1 : 0; });
-    EXPECT_THROW(monitor.SetEventMask(false, true, false), VokProgramErrorException);
-    EXPECT_THROW(monitor.SetEventMask(false, false, true), VokProgramErrorException);
-    EXPECT_THROW(monitor.SetEventMask(true, true, true), VokProgramErrorException);
-    Drain();
-    EXPECT_EQ(0, calls);
-    monitor.SetEventMask(true, false, false);
-    WriteToEnd(2);
-    Drain();
-    EXPECT_EQ(2, calls);
-}
-
-// Discarding a watched port is refused until its monitor is gone.
-TEST_F(PortMonitorTest, DiscardingAWatchedPortIsRefusedUntilItsMonitorIsGone) {
-    MmCommandPort* inbox = iface_->CreateCommandPort();
-    auto monitor = std::make_unique<RdPortMonitor>(*inbox, dispatcher_, [](bool, bool, bool) {});
-    EXPECT_THROW(iface_->DiscardCommandPort(inbox), VokProgramErrorException);
-    monitor.reset();
-    iface_->DiscardCommandPort(inbox);
-}
+}  // TearDown discards end_, no longer watched.
 
 // A message written on another thread wakes the monitor's loop once: one poll per hop.
 TEST_F(PortMonitorTest, EachMessageFromAnotherThreadWakesTheLoopOnce) {
