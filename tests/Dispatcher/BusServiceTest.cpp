@@ -41,7 +41,8 @@ class BusServiceTest : public ::testing::Test {
     std::vector<std::unique_ptr<ReplyLog>> logs_;
 };
 
-// A request carries its payload and sender; it is answered at once, later, or with an error.
+// A request carries its payload and sender; it is answered at once, later, with an error, or by
+// the library when its handler throws.
 TEST_F(BusServiceTest, RequestsAreAnsweredNowLaterOrWithAnError) {
     RdKvService service(dispatcher_, "com.test.svc.requests");
     std::string sender;
@@ -59,6 +60,7 @@ TEST_F(BusServiceTest, RequestsAreAnsweredNowLaterOrWithAnError) {
     RdKvRequest kept;
     service.AddMethod("later/reply", [&](RdKvRequest& request) { kept = std::move(request); });
     service.AddMethod("fail/error", [](RdKvRequest& request) { request.ReplyError(7, "bad"); });
+    service.AddMethod("x/throw", [](RdKvRequest&) { throw std::runtime_error("handler threw"); });
     Owned(service);
 
     test::Handle client(test::ContextOf(dispatcher_));
@@ -80,6 +82,12 @@ TEST_F(BusServiceTest, RequestsAreAnsweredNowLaterOrWithAnError) {
     EXPECT_TRUE(kept.Reply("{\"done\":true}"));
     Pump(dispatcher_, [&]() { return later->replies.size() == 1; });
     EXPECT_EQ("{\"done\":true}", later->replies[0].payload);
+
+    // A handler's exception fails the request and leaves the loop (here Pump), not the bus library.
+    ReplyLog* threw = Call(client, name, "x/throw", "{}");
+    EXPECT_THROW(Pump(dispatcher_, [&]() { return !threw->replies.empty(); }), std::runtime_error);
+    Pump(dispatcher_, [&]() { return !threw->replies.empty(); });
+    EXPECT_EQ(KV_ERROR_METHOD_FAILED, threw->replies[0].Number("errorCode"));
 }
 
 // A subscription ends by ReplyLast or destruction (a last reply), or by the client cancelling or
@@ -133,18 +141,6 @@ TEST_F(BusServiceTest, SubscriptionsEndByTheServiceOrByTheClient) {
     Pump(dispatcher_, [&]() { return ended->replies.size() == 3; });
     EXPECT_TRUE(ended->replies[2].last);
     EXPECT_EQ(2u, cancels->replies.size());
-}
-
-// A handler's exception fails the request and leaves the loop (here Pump), not the bus library.
-TEST_F(BusServiceTest, AHandlersExceptionFailsTheRequestAndReachesTheLoop) {
-    RdKvService service(dispatcher_, "com.test.svc.throws");
-    service.AddMethod("x/throw", [](RdKvRequest&) { throw std::runtime_error("handler threw"); });
-    Owned(service);
-    test::Handle client(test::ContextOf(dispatcher_));
-    ReplyLog* log = Call(client, service.GetServiceName(), "x/throw", "{}");
-    EXPECT_THROW(Pump(dispatcher_, [&]() { return !log->replies.empty(); }), std::runtime_error);
-    Pump(dispatcher_, [&]() { return !log->replies.empty(); });
-    EXPECT_EQ(KV_ERROR_METHOD_FAILED, log->replies[0].Number("errorCode"));
 }
 
 // A name owned elsewhere: the second service hears false, warns once, and takes it when freed.
