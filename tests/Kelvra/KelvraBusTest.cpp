@@ -1,12 +1,11 @@
-// The bus between processes: a client here, the test service in a process of its own, on this
-// program's private dbus-daemon.
+// A client here and the test service in a process of its own, on the private bus.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "KelvraTestSupport.h"
 #include "support/LogCapture.h"
@@ -47,10 +46,7 @@ class KelvraBusTest : public testing::Test {
     // One call with one reply, which is returned.
     Reply CallOnce(const std::string& method, const std::string& payload) {
         ReplyLog log;
-        KVError error;
-        KVErrorInit(&error);
-        EXPECT_TRUE(client_.Call(Uri(method), payload, &log, &error)) << error.message;
-        KVErrorFree(&error);
+        EXPECT_TRUE(client_.Call(Uri(method), payload, &log));
         EXPECT_TRUE(WaitForReplies(&log, 1));
         EXPECT_TRUE(log.replies.empty() || log.replies[0].last);
         return log.replies.empty() ? Reply{"", false} : log.replies[0];
@@ -70,58 +66,43 @@ TEST_F(KelvraBusTest, CallsGetRepliesAndServiceErrorsAndStatusFollowsTheService)
     // Nobody owns the name yet: an error reply, not a wait.
     EXPECT_EQ(KV_ERROR_NO_SERVICE, CallOnce("echo", "{}").Number("errorCode"));
     StartService(&status);
-
-    const struct {
-        const char* method;
-        const char* payload;
-        int code;
-    } failures[] = {
-        {"nosuch", "{}", KV_ERROR_NO_METHOD},
-        {"echo", "[1]", KV_ERROR_BAD_PAYLOAD},
-        {"noreply", "{}", KV_ERROR_NO_REPLY},
-        {"fail", "{}", KV_ERROR_METHOD_FAILED},
+    EXPECT_EQ(KV_ERROR_BAD_PAYLOAD, CallOnce("echo", "[1]").Number("errorCode"));
+    EXPECT_EQ(KV_ERROR_NO_REPLY, CallOnce("noreply", "{}").Number("errorCode"));
+    // Generic D-Bus tools list the service's objects and methods; Peer answers.
+    auto busctl = [&](const std::vector<std::string>& args) {
+        std::vector<std::string> argv = {"busctl", "--address=" + TestBus().Address()};
+        argv.insert(argv.end(), args.begin(), args.end());
+        ChildProcess process;
+        process.Start(argv, false, true);
+        const std::string output = process.ReadAll();
+        EXPECT_EQ(0, process.Wait()) << args[0];
+        return output;
     };
-    for (const auto& f : failures) {
-        Reply reply = CallOnce(f.method, f.payload);
-        EXPECT_FALSE(reply.Bool("returnValue")) << f.method << " " << f.payload;
-        EXPECT_EQ(f.code, reply.Number("errorCode")) << f.method << " " << f.payload;
-    }
-    // The service is unharmed.
-    EXPECT_TRUE(CallOnce("echo", "{}").Bool("returnValue"));
+    EXPECT_EQ("/\n/com\n/com/orvex\n/com/orvex/kelvra\n/test\n", busctl({"tree", "--list", name_}));
+    const std::string methods = busctl({"introspect", name_, "/test"});
+    EXPECT_NE(std::string::npos, methods.find("method    st        sb")) << methods;
+    busctl({"call", name_, "/test", "org.freedesktop.DBus.Peer", "Ping"});
 
-    // The status follows the service until cancelled; a service that leaves the bus ends the
-    // subscriptions it held open.
-    ReplyLog orphan;
-    ASSERT_TRUE(client_.Call(Uri("subscribe"), "{\"subscribe\":true}", &orphan));
-    ASSERT_TRUE(WaitForReplies(&orphan, 1));
     service_->Kill(SIGKILL);
-    ASSERT_TRUE(WaitForReplies(&status, 3) && WaitForReplies(&orphan, 2));
+    ASSERT_TRUE(WaitForReplies(&status, 3));
     EXPECT_FALSE(status.replies[2].Bool("connected"));
-    EXPECT_TRUE(orphan.replies[1].last);
-    EXPECT_EQ(KV_ERROR_SERVICE_GONE, orphan.replies[1].Number("errorCode"));
-    EXPECT_TRUE(WIFSIGNALED(service_->Wait()));
-
+    service_->Wait();
     StartService(&status);
-    // A second subscriber to the same name is answered at once with the current state.
+    // A second subscriber is answered at once with the current state.
     ReplyLog second;
     WatchStatus(&second);
     EXPECT_TRUE(second.replies[0].Bool("connected"));
-    EXPECT_TRUE(CallOnce("quit", "{}").Bool("returnValue"));
-    ASSERT_TRUE(WaitForReplies(&status, 5));
-    EXPECT_FALSE(status.replies[4].Bool("connected"));
-    ASSERT_TRUE(WaitForReplies(&second, 2));
-    EXPECT_EQ(0, service_->Wait());
     for (const Reply& reply : status.replies) {
         EXPECT_FALSE(reply.last);
     }
-
     EXPECT_TRUE(KVCallCancel(client_.get(), status.token, nullptr));
-    StartService(&second);
-    EXPECT_EQ(5u, status.replies.size());
+    service_->Kill(SIGKILL);
+    ASSERT_TRUE(WaitForReplies(&second, 2));
+    EXPECT_EQ(4u, status.replies.size());
 }
 
-// A deadline bounds the first reply: a service that never answers, or answers just too late, ends
-// the call with a timeout error, the service learns of the cancel, and the late reply is dropped.
+// A deadline bounds the first reply: the call ends with a timeout error, the service learns of
+// the cancel, a late reply is dropped, and a subscription answered in time stays open.
 TEST_F(KelvraBusTest, CallsWithATimeoutEndAtTheirDeadline) {
     ReplyLog status;
     WatchStatus(&status);
@@ -161,8 +142,7 @@ TEST_F(KelvraBusTest, CallsWithATimeoutEndAtTheirDeadline) {
     EXPECT_FALSE(stream.replies[0].last);
 }
 
-// A dying bus drops the service before it drops this client, and tells the client so. The
-// subscription ends with the bus's loss all the same: the service left because the bus did.
+// Regression: a bus dying just after the service ended the subscription as SERVICE_GONE.
 TEST_F(KelvraBusTest, SubscriptionEndsWithTheBusNotTheServiceWhenTheBusDiesJustAfterIt) {
     ReplyLog status;
     WatchStatus(&status);
@@ -170,8 +150,7 @@ TEST_F(KelvraBusTest, SubscriptionEndsWithTheBusNotTheServiceWhenTheBusDiesJustA
     ReplyLog stream;
     ASSERT_TRUE(client_.Call(Uri("subscribe"), "{\"subscribe\":true}", &stream));
     ASSERT_TRUE(WaitForReplies(&stream, 1));
-    // The service's leaving reaches an observer, and so this client's socket (the bus tells
-    // everybody in one sweep); this client reads it only once the bus is dead too.
+    // The leaving reaches this client's socket too, read only once the bus is dead.
     GMainContext* other = g_main_context_new();
     {
         Handle observer(other);
@@ -187,37 +166,6 @@ TEST_F(KelvraBusTest, SubscriptionEndsWithTheBusNotTheServiceWhenTheBusDiesJustA
     ASSERT_TRUE(WaitForReplies(&stream, 2));
     EXPECT_EQ(KV_ERROR_BUS_UNAVAILABLE, stream.replies[1].Number("errorCode"));
     TestBus().Restart();
-}
-
-// Generic D-Bus tools list the service's objects and methods; Peer answers on its paths.
-TEST_F(KelvraBusTest, GenericToolsSeeTheServicesMethods) {
-    ReplyLog status;
-    WatchStatus(&status);
-    StartService(&status);
-    auto busctl = [&](const std::vector<std::string>& args) {
-        std::vector<std::string> argv = {"busctl", "--address=" + TestBus().Address()};
-        argv.insert(argv.end(), args.begin(), args.end());
-        ChildProcess process;
-        process.Start(argv, false, true);
-        const std::string output = process.ReadAll();
-        EXPECT_EQ(0, process.Wait()) << args[0];
-        return output;
-    };
-    const std::string tree = busctl({"tree", "--list", name_});
-    EXPECT_EQ("/\n/com\n/com/orvex\n/com/orvex/kelvra\n/test\n", tree);
-    const std::string methods = busctl({"introspect", name_, "/test"});
-    for (const char* expected :
-         {"com.orvex.kelvra.Method", ".echo", ".subscribe", "org.freedesktop.DBus.Peer",
-          "org.freedesktop.DBus.Introspectable"}) {
-        EXPECT_NE(std::string::npos, methods.find(expected)) << expected << "\n" << methods;
-    }
-    EXPECT_NE(std::string::npos, methods.find("method    st        sb")) << methods;
-    const std::string control = busctl({"introspect", name_, "/com/orvex/kelvra"});
-    EXPECT_NE(std::string::npos, control.find("com.orvex.kelvra.Control")) << control;
-    EXPECT_NE(std::string::npos, control.find(".Cancel")) << control;
-    busctl({"call", name_, "/test", "org.freedesktop.DBus.Peer", "Ping"});
-    // The service is unharmed.
-    EXPECT_TRUE(CallOnce("echo", "{}").Bool("returnValue"));
 }
 
 }  // namespace
