@@ -1,5 +1,4 @@
-// The bus library's API within one process: bad input, bus address selection, and the service
-// side's rules for replies, subscriptions and cancels, with client and service on one context.
+// The bus library's API with client and service in this process, on one context.
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -15,13 +14,11 @@ namespace vok {
 namespace test {
 namespace {
 
-// Checks a failed call's error code and releases the error.
 class ErrorCheck {
   public:
     ErrorCheck() { KVErrorInit(&error_); }
     ~ErrorCheck() { KVErrorFree(&error_); }
     KVError* get() { return &error_; }
-    // Expects a call's result to be a failure with code and a message; clears the record.
     void Failed(bool result, int code) {
         EXPECT_FALSE(result);
         EXPECT_NE(nullptr, error_.message);
@@ -46,34 +43,6 @@ TEST(KelvraAddressTest, KelvraAddressComesFirstThenTheSessionBus) {
     EXPECT_TRUE(KVUnregister(handle, error.get()));
     setenv("KELVRA_BUS_ADDRESS", TestBus().Address().c_str(), 1);
     unsetenv("DBUS_SESSION_BUS_ADDRESS");
-}
-
-TEST(KelvraApiTest, BadInputFailsWithAnError) {
-    Watchdog watchdog;
-    ErrorCheck error;
-    KVHandle* handle = nullptr;
-    // A handle that is not attached yet accepts no calls.
-    ASSERT_TRUE(KVRegister(nullptr, &handle, error.get()));
-    KVMessageToken token = 99;
-    error.Failed(KVCall(handle, "kelvra://com.orvex.x/a/b", "{}", ReplyLog::Func, nullptr, &token,
-                        error.get()),
-                 KV_ERROR_NOT_ATTACHED);
-    EXPECT_EQ(0u, token);
-    GMainContext* context = g_main_context_new();
-    ASSERT_TRUE(KVGmainAttach(handle, context, error.get()));
-    error.Failed(KVGmainAttach(handle, context, error.get()), KV_ERROR_ALREADY_ATTACHED);
-
-    error.Failed(KVCall(handle, "kelvra://com.orvex.x//b", "{}", ReplyLog::Func, nullptr, nullptr,
-                        error.get()),
-                 KV_ERROR_BAD_URI);
-    error.Failed(KVCall(handle, "kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
-                        "{\"serviceName\":\"bad\"}", ReplyLog::Func, nullptr, nullptr, error.get()),
-                 KV_ERROR_BAD_PAYLOAD);
-    error.Failed(KVCallCancel(handle, 12345, error.get()), KV_ERROR_NO_SUCH_CALL);
-    error.Failed(KVRegisterMethod(handle, "a/b", ReplyLog::Func, nullptr, error.get()),
-                 KV_ERROR_NOT_A_SERVICE);
-    EXPECT_TRUE(KVUnregister(handle, error.get()));
-    g_main_context_unref(context);
 }
 
 // A connected handle with nothing to do lets its loop sleep: no wake-up of its own per iteration.
@@ -104,18 +73,23 @@ TEST(KelvraApiTest, AnIdleHandleLetsItsLoopSleep) {
     g_main_context_unref(context);
 }
 
-// A service and a client in this process, on one context.
+// The service's method "a/keep" keeps each request it receives.
 class KelvraServiceTest : public testing::Test {
   protected:
-    // The service has a method "a/keep" that keeps each request it receives.
     KelvraServiceTest()
         : context_(g_main_context_new()), service_(context_, name_.c_str()), client_(context_) {
         EXPECT_TRUE(KVRegisterMethod(service_.get(), "a/keep", Keep, this, nullptr));
     }
     ~KelvraServiceTest() override { g_main_context_unref(context_); }
 
-    void Register(const char* method, KVMethodFunc func) {
-        ASSERT_TRUE(KVRegisterMethod(service_.get(), method, func, this, nullptr));
+    // Records each change of the handle's connection into links.
+    static void WatchLinks(KVHandle* handle, std::vector<bool>* links) {
+        ASSERT_TRUE(KVSetConnectionFunc(
+            handle,
+            [](KVHandle*, bool up, void* links) {
+                static_cast<std::vector<bool>*>(links)->push_back(up);
+            },
+            links, nullptr));
     }
     std::string Uri(const char* method) const { return "kelvra://" + name_ + "/" + method; }
     bool WaitFor(const std::function<bool()>& done) { return IterateUntil(context_, done); }
@@ -143,34 +117,26 @@ class KelvraServiceTest : public testing::Test {
     ErrorCheck error_;
 };
 
-TEST_F(KelvraServiceTest, NamesAndMethodsAreRegisteredOnce) {
+TEST_F(KelvraServiceTest, RegistrationsAreOnceAndBadInputFails) {
     error_.Failed(KVRegisterMethod(service_.get(), "a/keep", Keep, this, error_.get()),
                   KV_ERROR_EXISTS);
-    // Methods without a category, and with several.
-    Register("top", Keep);
-    Register("x/y/z", Keep);
-    ReplyLog top;
-    ReplyLog deep;
-    ASSERT_TRUE(client_.Call(Uri("top"), "{}", &top));
-    ASSERT_TRUE(client_.Call(Uri("x/y/z"), "{\"subscribe\":true}", &deep));
-    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 2; }));
-    EXPECT_STREQ("top", KVMessageGetMethod(requests_[0]));
-    EXPECT_FALSE(KVMessageIsSubscription(requests_[0]));
-    EXPECT_STREQ("x/y/z", KVMessageGetMethod(requests_[1]));
-    EXPECT_TRUE(KVMessageIsSubscription(requests_[1]));
-
-    // A second handle for the name registers at once, is told once from the loop that it is not
-    // connected, and owns the name when the first lets go.
+    error_.Failed(KVCall(client_.get(), "kelvra://com.orvex.x//b", "{}", ReplyLog::Func, nullptr,
+                         nullptr, error_.get()),
+                  KV_ERROR_BAD_URI);
+    error_.Failed(KVCallCancel(client_.get(), 12345, error_.get()), KV_ERROR_NO_SUCH_CALL);
+    // A second handle for the name takes no calls until attached, is told once, from the loop,
+    // that it is not connected, and owns the name when the first lets go.
     std::vector<bool> links;
     KVHandle* second = nullptr;
     ASSERT_TRUE(KVRegister(name_.c_str(), &second, error_.get()));
+    KVMessageToken token = 99;
+    error_.Failed(
+        KVCall(second, Uri("a/keep").c_str(), "{}", ReplyLog::Func, nullptr, &token, error_.get()),
+        KV_ERROR_NOT_ATTACHED);
+    EXPECT_EQ(0u, token);
     ASSERT_TRUE(KVGmainAttach(second, context_, nullptr));
-    ASSERT_TRUE(KVSetConnectionFunc(
-        second,
-        [](KVHandle*, bool up, void* links) {
-            static_cast<std::vector<bool>*>(links)->push_back(up);
-        },
-        &links, nullptr));
+    error_.Failed(KVGmainAttach(second, context_, error_.get()), KV_ERROR_ALREADY_ATTACHED);
+    WatchLinks(second, &links);
     ASSERT_TRUE(WaitFor([&]() { return !links.empty(); }));
     EXPECT_FALSE(links[0]);
     EXPECT_FALSE(KVIsConnected(second));
@@ -180,8 +146,7 @@ TEST_F(KelvraServiceTest, NamesAndMethodsAreRegisteredOnce) {
     EXPECT_TRUE(KVUnregister(second, nullptr));
 }
 
-// One answer, or a stream until its last; a cancel before or after the first reply closes the
-// request.
+// One answer, or a stream until its last; a cancel before or after the first reply closes it.
 TEST_F(KelvraServiceTest, RepliesFollowTheRequestsState) {
     ReplyLog single;
     ReplyLog stream;
@@ -198,21 +163,14 @@ TEST_F(KelvraServiceTest, RepliesFollowTheRequestsState) {
     KVMessage* subscription = requests_[1];
 
     // Answered later, from outside the method function; a second answer is refused.
-    error_.Failed(KVReply(service_.get(), once, nullptr, error_.get()), KV_ERROR_BAD_PAYLOAD);
-    error_.Failed(KVReply(client_.get(), once, "{}", error_.get()), KV_ERROR_INVALID_ARGUMENT);
     EXPECT_TRUE(KVReply(service_.get(), once, "{\"late\":true}", error_.get()));
     error_.Failed(KVReply(service_.get(), once, "{}", error_.get()), KV_ERROR_CLOSED);
-    error_.Failed(KVSubscriptionAdd(service_.get(), once, nullptr, nullptr, error_.get()),
-                  KV_ERROR_CLOSED);
     ASSERT_TRUE(WaitFor([&]() { return single.replies.size() == 1; }));
     EXPECT_TRUE(single.replies[0].last);
 
     ASSERT_TRUE(KVSubscriptionAdd(service_.get(), subscription, Cancelled, this, error_.get()));
-    error_.Failed(KVSubscriptionAdd(service_.get(), subscription, Cancelled, this, error_.get()),
-                  KV_ERROR_EXISTS);
     EXPECT_TRUE(KVReply(service_.get(), subscription, "{}", error_.get()));
     EXPECT_TRUE(KVReplyLast(service_.get(), subscription, "{\"bye\":1}", error_.get()));
-    error_.Failed(KVReply(service_.get(), subscription, "{}", error_.get()), KV_ERROR_CLOSED);
     ASSERT_TRUE(WaitFor([&]() { return stream.replies.size() == 2; }));
     EXPECT_FALSE(stream.replies[0].last);
     EXPECT_TRUE(stream.replies[1].last);
@@ -267,20 +225,19 @@ TEST_F(KelvraServiceTest, ReplyFunctionsMayEndTheirCallOrTheHandle) {
         KVReply(service_.get(), request, "{}", nullptr);
     }
     ASSERT_TRUE(WaitFor([&]() { return cancelling.seen == 1 && unregistering.seen == 1; }));
-    // One more round trip on the service's handle: anything still queued has been handled.
+    // One more round trip: anything still queued has been handled.
     ReplyLog probe;
-    Register("a/echo", [](KVHandle* handle, KVMessage* request, void*) {
-        return KVReply(handle, request, "{}", nullptr);
-    });
-    ASSERT_TRUE(client_.Call(Uri("a/echo"), "{}", &probe));
+    ASSERT_TRUE(client_.Call(Uri("a/keep"), "{}", &probe));
+    ASSERT_TRUE(WaitFor([&]() { return requests_.size() == 4; }));
+    ASSERT_TRUE(KVReply(service_.get(), requests_[3], "{}", error_.get()));
     ASSERT_TRUE(WaitFor([&]() { return probe.replies.size() == 1; }));
     EXPECT_EQ(1, cancelling.seen);
     EXPECT_EQ(1, unregistering.seen);
     EXPECT_TRUE(afterwards.replies.empty());
 }
 
-// A payload above the limit is refused before it is sent; one at the limit goes both ways. A
-// service answers such a request that reaches it around the library with an error reply.
+// A payload above the limit is refused before it is sent, and by a service it reaches around the
+// library; one at the limit goes both ways.
 TEST_F(KelvraServiceTest, OversizedPayloadsAreRefused) {
     const std::string over = "{\"x\":\"" + std::string(KV_MAX_PAYLOAD_SIZE - 7, 'x') + "\"}";
     const std::string most = over.substr(0, 6) + over.substr(7);
@@ -321,17 +278,11 @@ TEST_F(KelvraServiceTest, OversizedPayloadsAreRefused) {
     g_object_unref(raw);
 }
 
-// The bus restarting at the same address: what was open ends, a call made meanwhile gets its
-// error reply from the loop, and the same handles come back with their service name, methods
-// and status watches.
+// The bus restarting: what was open ends, a call meanwhile gets its error reply from the loop,
+// and the same handles come back with their name, methods and status watches.
 TEST_F(KelvraServiceTest, HandlesSurviveABusRestart) {
     std::vector<bool> links;
-    ASSERT_TRUE(KVSetConnectionFunc(
-        client_.get(),
-        [](KVHandle*, bool up, void* links) {
-            static_cast<std::vector<bool>*>(links)->push_back(up);
-        },
-        &links, nullptr));
+    WatchLinks(client_.get(), &links);
     ReplyLog status;
     ReplyLog stream;
     ASSERT_TRUE(client_.Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
