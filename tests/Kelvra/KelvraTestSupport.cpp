@@ -57,8 +57,7 @@ Handle::Handle(GMainContext* context, const char* serviceName) {
     KVErrorInit(&error);
     if (!KVRegister(serviceName, &handle_, &error) || !KVGmainAttach(handle_, context, &error)) {
         ADD_FAILURE() << "cannot register: " << error.message;
-    } else if (serviceName != nullptr) {
-        // Registration returns at once; the name is owned from the loop.
+    } else if (serviceName != nullptr) {  // the name is owned from the loop
         EXPECT_TRUE(IterateUntil(context, [this]() { return KVIsConnected(handle_); }));
     }
     KVErrorFree(&error);
@@ -128,7 +127,7 @@ PowerDaemon::PowerDaemon(GMainContext* wake) : wake_(wake) {
         }
     });
     EXPECT_TRUE(WaitForLine("ready"));
-    // Ready once it owns its name: its status as a client of the bus sees it.
+    // Ready once it owns its name, as a client's status watch sees it.
     GMainContext* context = g_main_context_new();
     {
         Handle observer(context);
