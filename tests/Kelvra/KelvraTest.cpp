@@ -25,6 +25,20 @@ namespace vok {
 namespace test {
 namespace {
 
+// The test service in a process of its own; construction returns once it serves.
+struct TestService : ChildProcess {
+    explicit TestService(const std::string& name, const char* program = KELVRA_TEST_SERVICE) {
+        Start({program, name}, true, true);
+        EXPECT_EQ("ready", ReadLine()) << name;
+    }
+};
+
+// A service name no other test uses.
+std::string UniqueServiceName() {
+    static int counter = 0;
+    return "com.orvex.test.p" + std::to_string(getpid()) + "n" + std::to_string(++counter);
+}
+
 class ErrorCheck {
   public:
     ErrorCheck() { KVErrorInit(&error_); }
@@ -399,19 +413,16 @@ TEST_F(KelvraBusTest, CallsWithATimeoutEndAtTheirDeadline) {
     ASSERT_TRUE(client_.Call(Uri("subscribe"), "{\"subscribe\":true}", &stream, nullptr, 1000));
     ASSERT_TRUE(WaitForReplies(&stream, 1));
 
-    auto start = Clock::now();
     ReplyLog held;
     ASSERT_TRUE(client_.Call(Uri("late"), "{\"subscribe\":true}", &held, nullptr, 200));
     ASSERT_TRUE(WaitForReplies(&held, 1));
-    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(200));
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(20));
     EXPECT_TRUE(held.replies[0].last);
     EXPECT_EQ(KV_ERROR_TIMEOUT, held.replies[0].Number("errorCode"));
     ASSERT_TRUE(WaitForReplies(&events, 2));
     EXPECT_EQ(1, events.replies[1].Number("cancelled"));
     EXPECT_FALSE(KVCallCancel(client_.get(), held.token, nullptr));
 
-    start = Clock::now();
+    const auto start = Clock::now();
     ReplyLog slow;
     ASSERT_TRUE(client_.Call(Uri("block"), "{}", &slow, nullptr, 100));
     ASSERT_TRUE(WaitForReplies(&slow, 1));
@@ -508,9 +519,10 @@ TEST(KvCallTest, TimeoutBoundsTheWholeRunAgainstABusThatNeverAnswers) {
 // the one from before the move to sd-bus: every pairing prints the same.
 TEST_F(KelvraBusTest, KvCallPrintsRepliesAndSaysWhatWentWrongWithOldAndNewLibraries) {
     const size_t npos = std::string::npos;
-    std::vector<std::pair<const char*, const char*>> pairings = {{KV_CALL, nullptr}};
+    std::vector<std::pair<const char*, const char*>> pairings = {{KV_CALL, KELVRA_TEST_SERVICE}};
 #ifdef KV_CALL_OLD
-    pairings.insert(pairings.end(), {{KV_CALL, KELVRA_TEST_SERVICE_OLD}, {KV_CALL_OLD, nullptr}});
+    pairings.insert(pairings.end(),
+                    {{KV_CALL, KELVRA_TEST_SERVICE_OLD}, {KV_CALL_OLD, KELVRA_TEST_SERVICE}});
 #endif
     for (const auto& pairing : pairings) {
         const char* kvCall = pairing.first;

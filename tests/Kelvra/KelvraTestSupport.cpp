@@ -76,16 +76,6 @@ bool Handle::Call(const std::string& uri, const std::string& payload, ReplyLog* 
                              &log->token, error);
 }
 
-TestService::TestService(const std::string& serviceName, const char* program) {
-    Start({program != nullptr ? program : KELVRA_TEST_SERVICE, serviceName}, true, true);
-    EXPECT_EQ("ready", ReadLine()) << serviceName;
-}
-
-std::string UniqueServiceName() {
-    static int counter = 0;
-    return "com.orvex.test.p" + std::to_string(getpid()) + "n" + std::to_string(++counter);
-}
-
 FakeService::FakeService(RuntimeDispatcher& dispatcher, const char* serviceName)
     : handle_(ContextOf(dispatcher), serviceName) {}
 

@@ -1,5 +1,5 @@
-// Bus test helpers: the program's private bus, reply-recording handles, the test service, a fake
-// service on a dispatcher, and vok-powerd as a child process.
+// Bus test helpers: the program's private bus, reply-recording handles, a fake service on a
+// dispatcher, and vok-powerd as a child process.
 #ifndef VOK_TESTS_KELVRA_KELVRATESTSUPPORT_H
 #define VOK_TESTS_KELVRA_KELVRATESTSUPPORT_H
 
@@ -56,15 +56,6 @@ class Handle {
   private:
     KVHandle* handle_ = nullptr;
 };
-
-// The test service (program NULL: the one built here); construction returns once it serves.
-class TestService : public ChildProcess {
-  public:
-    explicit TestService(const std::string& serviceName, const char* program = nullptr);
-};
-
-// A service name no other test uses.
-std::string UniqueServiceName();
 
 // A service served from a dispatcher's loop: each method answers with a function of the request's
 // payload; every request is recorded.
