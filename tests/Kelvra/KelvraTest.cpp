@@ -39,20 +39,17 @@ std::string UniqueServiceName() {
     return "com.orvex.test.p" + std::to_string(getpid()) + "n" + std::to_string(++counter);
 }
 
-class ErrorCheck {
-  public:
-    ErrorCheck() { KVErrorInit(&error_); }
-    ~ErrorCheck() { KVErrorFree(&error_); }
-    KVError* get() { return &error_; }
-    void Failed(bool result, int code) {
+// An error record; Failed expects a failure with code and a message, and clears the record.
+struct ErrorCheck : KVError {
+    ErrorCheck() { KVErrorInit(this); }
+    ~ErrorCheck() { KVErrorFree(this); }
+    KVError* get() { return this; }
+    void Failed(bool result, int expected) {
         EXPECT_FALSE(result);
-        EXPECT_NE(nullptr, error_.message);
-        EXPECT_EQ(code, error_.code);
-        KVErrorFree(&error_);
+        EXPECT_NE(nullptr, message);
+        EXPECT_EQ(expected, code);
+        KVErrorFree(this);
     }
-
-  private:
-    KVError error_;
 };
 
 // Runs first, before other threads of GLib exist, because it changes the environment.
