@@ -303,17 +303,26 @@ class NotifySocket {
     int fd_;
 };
 
-TEST(ShellDeathTest, RunDaemonReportsReadinessAndStopToTheServiceManager) {
+// An outside SIGUSR1 used to pass for the shell's completion and end the daemon with status 0.
+TEST(ShellDeathTest, RunDaemonReportsToTheServiceManagerAndGivesUserSignalsToTheirHooks) {
     EXPECT_EXIT(
         {
             std::unique_ptr<test::Watchdog> watchdog;  // Made with the signals blocked.
             NotifySocket manager;
+            LogCapture capture;
             TestBlade b0("b0");
             TestBlade b1("b1");
             std::string seen;
             std::thread serviceManager;
             DaemonHooks hooks;
+            Event user2;
             Event reloaded;
+            int user2Calls = 0;
+            bool ignoredUser1 = false;
+            hooks.onUser2 = [&](VokShell&) {
+                ++user2Calls;
+                user2.Signal();
+            };
             hooks.onReload = [&](VokShell&) { reloaded.Signal(); };
             bool started = false;
             hooks.beforeStart = [&](VokShell&) {
@@ -321,7 +330,11 @@ TEST(ShellDeathTest, RunDaemonReportsReadinessAndStopToTheServiceManager) {
                 watchdog.reset(new test::Watchdog);
                 serviceManager = std::thread([&]() {
                     seen = manager.ReadUntil("READY=1");
-                    kill(getpid(), SIGHUP);  // To its hook, not a stop.
+                    kill(getpid(), SIGUSR1);
+                    ignoredUser1 = capture.WaitFor("RunDaemon: ignoring SIGUSR1");
+                    kill(getpid(), SIGUSR2);
+                    user2.Wait();
+                    kill(getpid(), SIGHUP);
                     reloaded.Wait();
                     kill(getpid(), SIGTERM);
                     seen += manager.ReadUntil("STATUS=stopped");
@@ -333,12 +346,33 @@ TEST(ShellDeathTest, RunDaemonReportsReadinessAndStopToTheServiceManager) {
             const int status =
                 RunDaemon(VokShellDaemonInfo("testd", ""), {&b0, &b1}, hooks, &signal);
             serviceManager.join();
-            std::fprintf(stderr, "notified %s\n", seen.c_str());
+            std::fprintf(stderr, "notified %s user1 ignored %d user2 %d\n", seen.c_str(),
+                         ignoredUser1, user2Calls);
             _exit(status == 0 && signal == SIGTERM && stoppedAfterStart ? 0 : 3);
         },
         ::testing::ExitedWithCode(0),
         "notified <READY=1\\|STATUS=2 blades running><STOPPING=1><STATUS=stopping: waiting for "
-        "blade b0 and 1 more><STATUS=stopping: waiting for blade b[01]><STATUS=stopped>");
+        "blade b0 and 1 more><STATUS=stopping: waiting for blade b[01]><STATUS=stopped> user1 "
+        "ignored 1 user2 1");
+}
+
+// SIGHUP used to kill the daemon by its default action, without the stop handshake.
+TEST(ShellDeathTest, SighupWithoutReloadHookStopsTheDaemonCleanly) {
+    EXPECT_EXIT(
+        {
+            DaemonHooks hooks;
+            hooks.beforeStart = [](VokShell&) { kill(getpid(), SIGHUP); };
+            bool stoppedCleanly = false;
+            hooks.beforeDestroy = [&](VokShell& shell) {
+                stoppedCleanly = shell.GetBladeStatus()[0].state == "stopped";
+            };
+            TestBlade b0("b0");
+            int signal = 0;
+            const int status = RunDaemon(VokShellDaemonInfo("testd", ""), {&b0}, hooks, &signal);
+            std::fprintf(stderr, "status %d signal %d clean %d\n", status, signal, stoppedCleanly);
+            _exit(0);
+        },
+        ::testing::ExitedWithCode(0), "status 0 signal 1 clean 1");
 }
 
 // Shell and blade threads used to show as the daemon itself, on 8 MiB stacks.
@@ -374,52 +408,6 @@ TEST_F(ShellTest, ThreadsCarryTheirNamesAndTheDaemonsStackSize) {
     // The C library may hand out a cached stack of up to four times the size asked for.
     EXPECT_GE(stackBytes, info.threadStackBytes);
     EXPECT_LE(stackBytes, 2u * 1024 * 1024);
-}
-
-// An outside SIGUSR1 used to pass for the shell's completion and end the daemon with status 0;
-// SIGHUP without a reload hook used to kill it without the stop handshake.
-TEST(ShellDeathTest, OutsideSigusr1NeverStopsTheDaemonAndSighupStopsItCleanly) {
-    EXPECT_EXIT(
-        {
-            sigset_t signals;  // Blocked before the sender starts, as RunDaemon blocks them.
-            sigemptyset(&signals);
-            for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2}) {
-                sigaddset(&signals, signal);
-            }
-            pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-            test::Watchdog watchdog;
-            LogCapture capture;
-            Event user2;
-            int user2Calls = 0;
-            bool ignoredUser1 = false;
-            bool stoppedCleanly = false;
-            std::thread sender;
-            DaemonHooks hooks;
-            hooks.onUser2 = [&](VokShell&) {
-                ++user2Calls;
-                user2.Signal();
-            };
-            hooks.beforeStart = [&](VokShell&) {
-                sender = std::thread([&]() {
-                    kill(getpid(), SIGUSR1);
-                    ignoredUser1 = capture.WaitFor("RunDaemon: ignoring SIGUSR1");
-                    kill(getpid(), SIGUSR2);
-                    user2.Wait();
-                    kill(getpid(), SIGHUP);
-                });
-            };
-            hooks.beforeDestroy = [&](VokShell& shell) {
-                stoppedCleanly = shell.GetBladeStatus()[0].state == "stopped";
-            };
-            TestBlade b0("b0");
-            int signal = 0;
-            const int status = RunDaemon(VokShellDaemonInfo("testd", ""), {&b0}, hooks, &signal);
-            sender.join();
-            std::fprintf(stderr, "status %d signal %d user1 ignored %d user2 %d clean %d\n", status,
-                         signal, ignoredUser1, user2Calls, stoppedCleanly);
-            _exit(0);
-        },
-        ::testing::ExitedWithCode(0), "status 0 signal 1 user1 ignored 1 user2 1 clean 1");
 }
 
 gboolean BlockUntilSignalled(gpointer event) {
