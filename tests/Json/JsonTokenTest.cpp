@@ -53,6 +53,40 @@ TEST(JsonTokenTest, AcceptedDocumentsAreWrittenBackAsJson) {
     }
 }
 
+// A value 32 levels below the document's is too deep, as json-c's tokener has it.
+TEST(JsonTokenTest, NestingStopsWhereJsonCStops) {
+    auto nested = [](size_t levels, const char* inner) {
+        return std::string(levels, '[') + inner + std::string(levels, ']');
+    };
+    JsonToken token;
+    EXPECT_TRUE(token.ParseJsonString(nested(32, "").c_str()));
+    EXPECT_FALSE(token.ParseJsonString(nested(33, "").c_str()));
+    EXPECT_TRUE(token.ParseJsonString(nested(31, "1").c_str()));
+    EXPECT_FALSE(token.ParseJsonString(nested(32, "1").c_str()));
+}
+
+// Doubles as json-c writes them: 17 significant digits, and always with a '.' or an exponent.
+// The text stays where it is while the value does not change.
+TEST(JsonTokenTest, DoublesAreWrittenInFullAndTheTextIsKeptWhileTheValueIs) {
+    JsonToken one;
+    one.MakeNumber(1.0);
+    const char* text = one.GenerateJsonEncodingAndPeek();
+    EXPECT_STREQ("1.0", text);
+    EXPECT_EQ(text, one.GenerateJsonEncodingAndPeek());
+    JsonToken array;
+    array.MakeArray();
+    array.ArraySetElement(-1, &one);
+    for (double value : {0.1, 1e17, -0.0, 5e-324}) {
+        array.ArraySetNumberElement(-1, value);
+    }
+    text = array.GenerateJsonEncodingAndPeek();
+    EXPECT_STREQ("[ 1.0, 0.10000000000000001, 1e+17, -0.0, 4.9406564584124654e-324 ]", text);
+    EXPECT_EQ(text, array.GenerateJsonEncodingAndPeek());
+    array.ArraySetNullElement(0);
+    EXPECT_STREQ("[ null, 0.10000000000000001, 1e+17, -0.0, 4.9406564584124654e-324 ]",
+                 array.GenerateJsonEncodingAndPeek());
+}
+
 TEST(JsonTokenTest, WhatJsonCannotSayIsNeverWritten) {
     JsonToken object;
     object.MakeObject();
