@@ -242,14 +242,17 @@ TEST_F(OomTest, ParseRunningOutOfMemoryIsNotTheDocumentNull) {
 }
 
 // Objects, names, escapes and strings longer than json-c keeps inline: json-c's own parser
-// answered a failed allocation with a string emptied, a value missing or a crash on the name.
+// answered a failed allocation with a string emptied, a value missing or a crash on the name, and
+// an object large enough that json-c grows its table, which lost the name's copy when it failed.
 TEST_F(OomTest, ParsedStringsAndNamesAreWholeOrBadAlloc) {
     SweepBadAlloc("json parse (objects, strings)", [] {
         JsonToken document;
         if (!document.ParseJsonString(
                 "{\"long\": \"a string longer than thirty-two bytes \\u00e9\\ud83d\\ude00\", "
                 "\"list\": [{\"k\": \"v\"}, \"two\", 2.50, 18446744073709551615], \"dup\": 1, "
-                "\"dup\": \"x\", \"a name longer than thirty-two bytes, too\": {}}")) {
+                "\"dup\": \"x\", \"k1\": 1, \"k2\": 2, \"k3\": 3, \"k4\": 4, \"k5\": 5, \"k6\": 6, "
+                "\"k7\": 7, \"k8\": 8, \"k9\": 9, \"a name longer than thirty-two bytes, too\": "
+                "{}}")) {
             ADD_FAILURE() << "a valid document was refused";
             return;
         }
@@ -267,18 +270,23 @@ TEST_F(OomTest, ParsedStringsAndNamesAreWholeOrBadAlloc) {
     });
 }
 
-// json-c's writer left out what its buffer could not take and still answered the text.
+// json-c's writer left out what its buffer could not take and still answered the text. Enough
+// pairs that json-c grows the object's table, which lost the name's copy when it failed.
 TEST_F(OomTest, GeneratedTextIsWholeOrBadAlloc) {
     SweepBadAlloc("json generate", [] {
         JsonToken built;
         BuildJson(&built);
-        built.ObjectSetStringPair("escaped",
-                                  "a \"quoted\" line\nwith a/slash, long enough to grow");
+        built.ObjectSetStringPair("escaped", "a \"quoted\" line\nwith a/slash");
+        const char names[][2] = {"a", "b", "c", "d", "e", "f", "g", "h"};
+        for (int i = 0; i < 8; ++i) {
+            built.ObjectSetNumberPair(names[i], i);
+        }
         const std::string written = built.GenerateJsonEncodingAndPeek();
         if (written !=
-            "{ \"serviceName\": \"com.orvex.power\", \"count\": 3, \"on\": true, \"array\": [ 1.5, "
-            "\"two\", null ], \"escaped\": \"a \\\"quoted\\\" line\\nwith a\\/slash, long "
-            "enough to grow\" }") {
+            "{ \"serviceName\": \"com.orvex.power\", \"count\": 3, \"on\": true, "
+            "\"array\": [ 1.5, \"two\", null ], \"escaped\": \"a \\\"quoted\\\" "
+            "line\\nwith a\\/slash\", \"a\": 0, \"b\": 1, \"c\": 2, \"d\": 3, \"e\": 4, "
+            "\"f\": 5, \"g\": 6, \"h\": 7 }") {
             ADD_FAILURE() << "written wrong: " << written;
         }
     });

@@ -58,6 +58,10 @@ bool JsonIsStrictDocument(const char* text, size_t length);
 // True when text[0, length) is well-formed UTF-8 (no overlong forms, no surrogates).
 bool JsonIsUtf8(const char* text, size_t length);
 
+// json_object_object_add without its leak: json-c loses its copy of a new name when growing the
+// table for it fails. Returns 0, or -1 when memory ran out and value was not taken.
+int JsonObjectAdd(json_object* object, const char* name, json_object* value);
+
 // Appends the encoding of value (json-c's spaced form, as json_object_to_json_string writes it)
 // to out and returns NULL, or returns why value cannot be written as JSON: a double that is NaN
 // or infinite, a string or name that is not UTF-8. Running out of memory throws std::bad_alloc.

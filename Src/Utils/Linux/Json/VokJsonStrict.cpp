@@ -172,7 +172,7 @@ class Reader {
             }
             // The name is copied up to an escaped NUL, as json-c's tokener keeps it. On failure
             // json-c has not taken the element.
-            if (build_ && (keyed ? json_object_object_add(out->get(), name.c_str(), element.get())
+            if (build_ && (keyed ? JsonObjectAdd(out->get(), name.c_str(), element.get())
                                  : json_object_array_add(out->get(), element.get())) != 0) {
                 throw std::bad_alloc();
             }
@@ -345,21 +345,29 @@ bool IsContinuation(unsigned char c) {
 }
 
 void AppendQuoted(const char* text, size_t length, std::string* out) {
+    static const char kSpecial[] = "\b\n\r\t\f\"\\/";
+    static const char* const kEscaped[] = {"\\b", "\\n",  "\\r",  "\\t",
+                                           "\\f", "\\\"", "\\\\", "\\/"};
     out->push_back('"');
-    for (size_t i = 0; i < length; ++i) {
-        const unsigned char c = static_cast<unsigned char>(text[i]);
-        static const char kSpecial[] = "\b\n\r\t\f\"\\/";
-        static const char* const kEscaped[] = {"\\b", "\\n",  "\\r",  "\\t",
-                                               "\\f", "\\\"", "\\\\", "\\/"};
+    const char* const end = text + length;
+    while (text != end) {
+        const char* run = text;
+        while (text != end && static_cast<unsigned char>(*text) >= 0x20 && *text != '"' &&
+               *text != '\\' && *text != '/') {
+            ++text;
+        }
+        out->append(run, text);
+        if (text == end) {
+            break;
+        }
+        const unsigned char c = static_cast<unsigned char>(*text++);
         const void* special = c != 0 ? std::memchr(kSpecial, c, sizeof kSpecial - 1) : nullptr;
         if (special != nullptr) {
             out->append(kEscaped[static_cast<const char*>(special) - kSpecial]);
-        } else if (c < 0x20) {
+        } else {
             char escaped[8];
             std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
             out->append(escaped);
-        } else {
-            out->push_back(static_cast<char>(c));
         }
     }
     out->push_back('"');
@@ -424,6 +432,20 @@ bool JsonIsUtf8(const char* text, size_t length) {
         }
     }
     return true;
+}
+
+int JsonObjectAdd(json_object* object, const char* name, json_object* value) {
+    if (json_object_object_get_ex(object, name, nullptr) == 0) {
+        // Entered first as a constant, which json-c does not copy, the name grows the table if
+        // it must; then the real entry cannot need to.
+        if (json_object_object_add_ex(
+                object, name, nullptr,
+                JSON_C_OBJECT_ADD_KEY_IS_NEW | JSON_C_OBJECT_ADD_CONSTANT_KEY) != 0) {
+            return -1;
+        }
+        json_object_object_del(object, name);
+    }
+    return json_object_object_add(object, name, value);
 }
 
 const char* JsonWrite(json_object* value, std::string* out) {

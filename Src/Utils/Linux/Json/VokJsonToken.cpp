@@ -309,15 +309,16 @@ const char* JsonToken::GenerateJsonEncodingAndPeek() const {
     if (value == nullptr) {
         return "null";
     }
-    std::string text;
-    // A value adopted from json-c as it is may hold what JSON cannot say.
-    if (const char* why = JsonWrite(value, &text)) {
-        throw std::invalid_argument(std::string("JSON encoding generator failed: ") + why);
-    }
     // The text is kept as the value's user data (where json-c keeps a parsed double's text, which
     // is what the writer wrote for one), freed with the value. Unchanged text stays where it is,
     // so that an earlier result stays valid while the value does not change.
     const char* kept = static_cast<const char*>(json_object_get_userdata(value));
+    std::string text;
+    text.reserve(kept != nullptr ? std::strlen(kept) : 0);
+    // A value adopted from json-c as it is may hold what JSON cannot say.
+    if (const char* why = JsonWrite(value, &text)) {
+        throw std::invalid_argument(std::string("JSON encoding generator failed: ") + why);
+    }
     if (kept != nullptr && text == kept) {
         return kept;
     }
@@ -434,7 +435,7 @@ void JsonToken::ObjectSetPair(const char* name, JsonToken* value) {
     json_object* element = PimplToCjson_(JsonImplUtil::PeekValueTokenPimpl(value));
     json_object* object = PimplToCjson_(JsonImplUtil::PeekObjectTokenPimpl(this));
     // On failure json-c has not taken the element: value still owns it.
-    if (json_object_object_add(object, name, element) != 0) {
+    if (JsonObjectAdd(object, name, element) != 0) {
         throw std::bad_alloc();
     }
     value->GiveUpPopulatedPimpl();
