@@ -6,15 +6,21 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "KelvraTestSupport.h"
 #include "support/LogCapture.h"
 #include "support/TraceEventCheck.h"
 #include "vok/MessageMoverFramework.h"
 #include "vok/MessageMoverInterface.h"
 #include "vok/MmConnectionPort.h"
+#include "vok/RdAlarm.h"
+#include "vok/RdKvCall.h"
+#include "vok/RdKvService.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
 #include "vok/Trace.h"
+#include "vok/VokKvClient.h"
 
 namespace vok {
 namespace {
@@ -36,6 +42,38 @@ class TraceSitesTest : public testing::Test {
         test::TraceCheck check = test::CheckTraceEvents(TraceSnapshotJson(since_));
         EXPECT_TRUE(check.Ok()) << check.Report();
         return check;
+    }
+
+    // The one async slice of category cat whose name holds text, as its begin and its end.
+    static std::pair<test::TraceEvent, test::TraceEvent> Async(const test::TraceCheck& check,
+                                                               const std::string& cat,
+                                                               const std::string& text) {
+        std::vector<test::TraceEvent> begins;
+        for (const test::TraceEvent& begin : check.Phase("b")) {
+            if (begin.cat == cat && begin.name.find(text) != std::string::npos) {
+                begins.push_back(begin);
+            }
+        }
+        EXPECT_EQ(1u, begins.size()) << text;
+        for (const test::TraceEvent& end : check.Phase("e")) {
+            if (!begins.empty() && end.cat == cat && end.id == begins[0].id) {
+                return {begins[0], end};
+            }
+        }
+        ADD_FAILURE() << "no end of " << text;
+        return {};
+    }
+
+    // The slices and instants named name on the calling thread.
+    static std::vector<test::TraceEvent> Mine(const test::TraceCheck& check,
+                                              const std::string& name) {
+        std::vector<test::TraceEvent> found;
+        for (const test::TraceEvent& event : check.events) {
+            if (event.tid == Tid() && event.name == name) {
+                found.push_back(event);
+            }
+        }
+        return found;
     }
 
     uint64_t since_ = 0;
@@ -122,6 +160,70 @@ TEST_F(TraceSitesTest, TimerCallbackThatBlocksIsOneLongSliceOnItsNamedTrack) {
         late += instant.tid == loopTid && instant.name == "timer late";
     }
     EXPECT_EQ(1, late);
+}
+
+// The alarm falls back to its timer: there is no power service on the test bus.
+TEST_F(TraceSitesTest, BusCallThatTimesOutIsAnAsyncSliceEndingWithItsError) {
+    RuntimeDispatcher dispatcher;
+    test::FakeService quiet(dispatcher, "com.test.trace.quiet");
+    quiet.AddMethod("never/answer", [](const std::string&) {
+        return std::vector<std::string>{"", ""};  // stays open, unanswered
+    });
+    bool replied = false;
+    bool rang = false;
+    RdKvCall call(RdKelvraUtils::GetKvHandle(dispatcher), [&](KVMessage*) { replied = true; });
+    RdAlarmBase alarm(dispatcher, [&] { rang = true; });
+    call.Call("com.test.trace.quiet", "never/answer", "{}", 200);
+    alarm.Schedule(0);
+    ASSERT_TRUE(test::Pump(dispatcher, [&] { return replied && rang; }));
+
+    const test::TraceCheck check = Dump();
+    const auto slice = Async(check, "vok.bus.call", "never/answer");
+    EXPECT_EQ("{\"kind\":\"bus call\",\"timeout_ms\":200}", slice.first.args);
+    EXPECT_EQ("{\"error\":" + std::to_string(KV_ERROR_TIMEOUT) + "}", slice.second.args);
+    EXPECT_GE(slice.second.ts - slice.first.ts, 200000.0);
+    int replies = 0;  // The alarm's watch of the power service has one, before.
+    for (const test::TraceEvent& reply : Mine(check, "bus reply")) {
+        replies += reply.ts >= slice.second.ts;
+    }
+    EXPECT_EQ(1, replies);
+    EXPECT_EQ(1u, Mine(check, "alarm").size());
+    EXPECT_EQ(1u, Mine(check, "alarm late").size());
+}
+
+// The client's call and the served request end with the error the handler answers, which the
+// bus writes with blanks around its colons.
+TEST_F(TraceSitesTest, ServedRequestIsAnAsyncSliceAroundItsBusMethodSlice) {
+    RuntimeDispatcher dispatcher;
+    RdKvService service(dispatcher, "com.test.trace.served");
+    service.AddMethod("trace/refuse", [](RdKvRequest& request) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));  // a handler that takes time
+        request.ReplyError(7, "refused");
+    });
+    ASSERT_TRUE(test::Pump(dispatcher, [&] { return service.IsConnected(); }));
+    std::string reply;
+    RdKvCall call(RdKelvraUtils::GetKvHandle(dispatcher),
+                  [&](KVMessage* message) { reply = KVMessageGetPayload(message); });
+    call.Call("com.test.trace.served", "trace/refuse", "{}");
+    ASSERT_TRUE(test::Pump(dispatcher, [&] { return !reply.empty(); }));
+
+    const test::TraceCheck check = Dump();
+    const auto request = Async(check, "vok.bus.request", "trace/refuse");
+    EXPECT_EQ("trace/refuse", request.first.name);
+    EXPECT_EQ(Tid(), request.first.tid);
+    EXPECT_EQ("{\"error\":7}", request.second.args);
+    EXPECT_EQ("{\"error\":7}", Async(check, "vok.bus.call", "trace/refuse").second.args);
+    EXPECT_NE(request.first.id, Async(check, "vok.bus.call", "trace/refuse").first.id);
+    // The handler's slice; the service's connection observer has a short one too.
+    std::vector<test::TraceEvent> methods;
+    for (const test::TraceEvent& method : Mine(check, "bus method")) {
+        if (method.dur >= 5000.0) {
+            methods.push_back(method);
+        }
+    }
+    ASSERT_EQ(1u, methods.size());
+    EXPECT_LE(request.first.ts, methods[0].ts);
+    EXPECT_LE(request.second.ts, methods[0].ts + methods[0].dur);
 }
 
 }  // namespace
