@@ -170,6 +170,9 @@ static gboolean ReplyCommon(KVHandle* handle, KVMessage* message, const char* pa
                               : SendLaterReply(handle, request, payload, more, error);
     if (!more) {
         CloseRequest(handle, request, KV_CLOSE_ANSWERED);
+        if (!sent) {
+            KvCoreFail(handle); /* the client would wait for its last reply forever */
+        }
     }
     return sent;
 }
