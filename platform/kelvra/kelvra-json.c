@@ -1,8 +1,8 @@
 /* The little JSON the library handles itself: the fixed replies it writes (error and status
  * replies) and the members it reads from payloads ("subscribe", "serviceName"). Everything is
  * built with GLib, which aborts rather than fail, so no reply comes out truncated or empty when
- * memory runs short. The reader is strict (RFC 8259, one object, nesting at most
- * KV_JSON_MAX_DEPTH deep) and keeps nothing but the string values asked for. */
+ * memory runs short. The reader takes what json-c's strict parser takes (one object, nesting at
+ * most KV_JSON_MAX_DEPTH deep) and keeps nothing but the string values asked for. */
 #include <string.h>
 
 #include "kelvra-private.h"
@@ -93,8 +93,9 @@ static gboolean ReadHex4(const char** at, gunichar* value) {
     return TRUE;
 }
 
-/* A string; decoded into out when out is not NULL. A \u0000 in it is refused when out is given:
- * the decoded text is used as a C string. */
+/* A string; decoded into out when out is not NULL (a \u0000 included: out->len tells). As in
+ * json-c, control characters may stand unescaped, and a surrogate escape that is not half of a
+ * pair stands for U+FFFD. */
 static gboolean ReadString(const char** at, GString* out) {
     if (**at != '"') {
         return FALSE;
@@ -105,8 +106,8 @@ static gboolean ReadString(const char** at, GString* out) {
             *at = c + 1;
             return TRUE;
         }
-        if (ch < 0x20) {
-            return FALSE; /* the end of the text, or a control character */
+        if (ch == '\0') {
+            return FALSE;
         }
         if (ch != '\\') {
             if (out != NULL) {
@@ -131,20 +132,16 @@ static gboolean ReadString(const char** at, GString* out) {
         if (escape != 'u' || !ReadHex4(&c, &code)) {
             return FALSE;
         }
-        if (code >= 0xD800 && code <= 0xDBFF) {
-            gunichar low = 0;
-            if (c[0] != '\\' || c[1] != 'u' || (c += 2, !ReadHex4(&c, &low)) || low < 0xDC00 ||
-                low > 0xDFFF) {
-                return FALSE;
-            }
+        const char* next = c + 2;
+        gunichar low = 0;
+        if (code >= 0xD800 && code <= 0xDBFF && c[0] == '\\' && c[1] == 'u' &&
+            ReadHex4(&next, &low) && low >= 0xDC00 && low <= 0xDFFF) {
             code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
-        } else if (code >= 0xDC00 && code <= 0xDFFF) {
-            return FALSE;
+            c = next;
+        } else if (code >= 0xD800 && code <= 0xDFFF) {
+            code = 0xFFFD;
         }
         if (out != NULL) {
-            if (code == 0) {
-                return FALSE;
-            }
             g_string_append_unichar(out, code);
         }
     }
@@ -216,7 +213,7 @@ static gboolean ReadContainer(const char** at, int depth, const char* name, cons
             }
             ++*at;
             SkipSpace(at);
-            if (key != NULL && strcmp(key->str, name) == 0) {
+            if (key != NULL && key->len == strlen(name) && strcmp(key->str, name) == 0) {
                 *member = *at;
             }
         }
@@ -283,7 +280,7 @@ gboolean KvJsonIsTrue(const char* member) {
 
 char* KvJsonGetString(const char* member) {
     GString* out = g_string_new(NULL);
-    if (member == NULL || !ReadString(&member, out)) {
+    if (member == NULL || !ReadString(&member, out) || strlen(out->str) != out->len) {
         g_string_free(out, TRUE);
         return NULL;
     }

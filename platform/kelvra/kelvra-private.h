@@ -139,7 +139,8 @@ char* KvStatusPayload(const char* name, gboolean connected);
 gboolean KvJsonReadObject(const char* text, const char* name, const char** member);
 /* Whether a member's value is true. */
 gboolean KvJsonIsTrue(const char* member);
-/* A member's value when it is a string, decoded (to be g_free'd); NULL otherwise. */
+/* A member's value when it is a string without \u0000, decoded (to be g_free'd); NULL
+ * otherwise. */
 char* KvJsonGetString(const char* member);
 
 /* kelvra-uri.c */

