@@ -119,7 +119,9 @@ static int OnMatchInstalled(sd_bus_message* reply, void* data, sd_bus_error* err
 }
 
 /* Asks the bus for the name's owner changes and its owner now. When either request cannot be
- * queued the connection is closed: the name's state would stay unknown on it. */
+ * queued the connection is closed: the name's state would stay unknown on it, and a match that
+ * sd-bus failed to add for lack of memory can leave its match tree broken (libsystemd 252 then
+ * aborts on the next message, "Assertion 'node->child' failed"). */
 static void Follow(KVHandle* handle, KVWatch* watch) {
     char* rule = g_strdup_printf("type='signal',sender='" KV_BUS_NAME "',interface='" KV_BUS_NAME
                                  "',member='NameOwnerChanged',path='" KV_BUS_PATH "',arg0='%s'",
