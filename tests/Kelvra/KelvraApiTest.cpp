@@ -230,55 +230,6 @@ TEST_F(KelvraServiceTest, RepliesFollowTheRequestsState) {
     EXPECT_EQ(1u, late.replies.size());
 }
 
-// A request's payload must be one JSON object; only a top-level "subscribe" of true subscribes
-// (the last one of several counts). A status call's "serviceName" is read the same way.
-TEST_F(KelvraServiceTest, PayloadsAreReadAsOneStrictJsonObject) {
-    const std::string deep = std::string(40, '[') + std::string(40, ']');
-    const struct {
-        std::string payload;
-        int result;  // 1: a subscription, 0: a plain request, -1: refused as not an object
-    } requests[] = {
-        {" {\"subscribe\" : true} ", 1},
-        {"{\"a\":[1,-2.5e+3,{\"b\":null}],\"s\\u0075bscribe\":true,\"c\":\"\\\"}\"}", 1},
-        {"{\"subscribe\":false,\"subscribe\":true}", 1},
-        {"{\"subscribe\":true,\"subscribe\":false}", 0},
-        {"{\"subscribe\":\"true\",\"x\":{\"subscribe\":true}}", 0},
-        {"{\"a\":" + deep + "}", -1},
-        {"{\"subscribe\":true} {}", -1},
-        {"{\"subscribe\":true,}", -1},
-        {"{\"a\":01}", -1},
-        {"{\"subscribe\\u0000\":true,\"a\":\"\\ud800\"}", 0},
-        {"{'a':1}", -1},
-        {"{\"a\":tru}", -1},
-    };
-    for (const auto& r : requests) {
-        ReplyLog log;
-        const size_t before = requests_.size();
-        ASSERT_TRUE(client_.Call(Uri("a/keep"), r.payload, &log));
-        ASSERT_TRUE(WaitFor([&]() { return requests_.size() > before || !log.replies.empty(); }));
-        if (r.result < 0) {
-            ASSERT_EQ(1u, log.replies.size()) << r.payload;
-            EXPECT_EQ(KV_ERROR_BAD_PAYLOAD, log.replies[0].Number("errorCode")) << r.payload;
-        } else {
-            ASSERT_EQ(before + 1, requests_.size()) << r.payload;
-            EXPECT_EQ(r.result == 1, KVMessageIsSubscription(requests_.back())) << r.payload;
-        }
-    }
-    const std::string status = "kelvra://com.orvex.kelvrabus/signal/registerServerStatus";
-    ReplyLog watched;
-    ASSERT_TRUE(client_.Call(status, "{\"serviceName\":\"com\\u002eorvex.a\"}", &watched));
-    ASSERT_TRUE(WaitFor([&]() { return !watched.replies.empty(); }));
-    EXPECT_EQ("{\"serviceName\":\"com.orvex.a\",\"connected\":false,\"returnValue\":true}",
-              watched.replies[0].payload);
-    for (const char* refused :
-         {"{\"serviceName\":\"com.orvex.a\\u0000b\"}", "{\"x\":{\"serviceName\":\"com.orvex.a\"}}",
-          "{\"serviceName\":[\"com.orvex.a\"]}"}) {
-        error_.Failed(KVCall(client_.get(), status.c_str(), refused, ReplyLog::Func, nullptr,
-                             nullptr, error_.get()),
-                      KV_ERROR_BAD_PAYLOAD);
-    }
-}
-
 // Reply functions may cancel their own call or unregister the handle; nothing is delivered after.
 TEST_F(KelvraServiceTest, ReplyFunctionsMayEndTheirCallOrTheHandle) {
     struct Stopper {
