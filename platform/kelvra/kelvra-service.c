@@ -165,13 +165,15 @@ static gboolean ReplyCommon(KVHandle* handle, KVMessage* message, const char* pa
         return FALSE;
     }
     const gboolean more = request->subscribed && !last;
-    const gboolean sent = request->call != NULL
-                              ? SendFirstReply(handle, request, payload, more, error)
-                              : SendLaterReply(handle, request, payload, more, error);
+    const gboolean first = request->call != NULL;
+    const gboolean sent = first ? SendFirstReply(handle, request, payload, more, error)
+                                : SendLaterReply(handle, request, payload, more, error);
     if (!more) {
         CloseRequest(handle, request, KV_CLOSE_ANSWERED);
-        if (!sent) {
-            KvCoreFail(handle); /* the client would wait for its last reply forever */
+        if (!sent && !first) {
+            /* The client would wait for its last reply forever (a first reply that cannot go
+             * out has closed the connection already). */
+            KvCoreFail(handle);
         }
     }
     return sent;
