@@ -1,5 +1,4 @@
 /* Client side: calls, their replies, cancels, and the service-status subscription. */
-#include <json-c/json.h>
 #include <string.h>
 
 #include "kelvra-private.h"
@@ -114,8 +113,9 @@ static void EndWhenBusConfirms(KVHandle* handle, KVCallRecord* call, int code, c
     if (!KvCoreCanSend(handle) ||
         sd_bus_call_method_async(handle->bus, &call->confirm, KV_BUS_NAME, KV_BUS_PATH, KV_BUS_NAME,
                                  "GetId", OnConfirmReply, call, "") < 0) {
-        /* No request can go out: the connection's loss ends the call from the loop. */
+        /* The connection's loss ends the call from the loop. */
         call->confirm = NULL;
+        KvCoreFail(handle);
     }
 }
 
@@ -219,21 +219,10 @@ static int ClientFilter(sd_bus_message* message, void* data, sd_bus_error* error
     return 1;
 }
 
-static char* StatusPayload(const char* name, gboolean connected) {
-    json_object* reply = json_object_new_object();
-    json_object_object_add(reply, "serviceName", json_object_new_string(name));
-    json_object_object_add(reply, "connected", json_object_new_boolean(connected));
-    json_object_object_add(reply, "returnValue", json_object_new_boolean(1));
-    char* payload = g_strdup(json_object_to_json_string_ext(
-        reply, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE));
-    json_object_put(reply);
-    return payload;
-}
-
 static void SendStatus(KVHandle* handle, KVCallRecord* call, gboolean connected) {
     call->statusSent = TRUE;
     call->connected = connected;
-    Deliver(handle, call, StatusPayload(call->name, connected), FALSE);
+    Deliver(handle, call, KvStatusPayload(call->name, connected), FALSE);
 }
 
 /* A call answered by the library itself (status, or made without a bus) is due its reply. */
@@ -341,22 +330,16 @@ static void OnDown(KVHandle* handle) {
 /* registerServerStatus: {"serviceName": NAME}. */
 static gboolean StartStatusCall(KVHandle* handle, const char* payload, KVReplyFunc func,
                                 void* userData, KVMessageToken* token, KVError* error) {
-    json_object* request = json_tokener_parse(payload);
-    json_object* nameValue = NULL;
-    const char* name = NULL;
-    if (request != NULL && json_object_is_type(request, json_type_object) &&
-        json_object_object_get_ex(request, "serviceName", &nameValue) &&
-        json_object_is_type(nameValue, json_type_string)) {
-        name = json_object_get_string(nameValue);
-    }
+    const char* member = NULL;
+    char* name = KvJsonReadObject(payload, "serviceName", &member) ? KvJsonGetString(member) : NULL;
     if (!KvIsBusName(name)) {
         KvErrorSet(error, KV_ERROR_BAD_PAYLOAD,
                    "registerServerStatus needs {\"serviceName\": NAME} with a bus name");
-        json_object_put(request);
+        g_free(name);
         return FALSE;
     }
     KVCallRecord* call = AddCall(handle, KV_CALL_STATUS, func, userData, name);
-    json_object_put(request);
+    g_free(name);
     if (KvWatchAdd(handle, call->name)->known) {
         KvCoreDefer(handle, OnLocalDue, NULL, call->token);
     }
@@ -403,23 +386,32 @@ static gboolean StartRemoteCall(KVHandle* handle, const char* service, const cha
     return TRUE;
 }
 
-/* Lets the service of a remote call know that nobody waits for it any more. */
-static void TellServiceCancelled(KVHandle* handle, KVCallRecord* call) {
+/* Lets the service of a remote call know that nobody waits for it any more; false when the
+ * cancel could not be made or queued. */
+static gboolean TellServiceCancelled(KVHandle* handle, KVCallRecord* call, KVError* error) {
     if (call->kind != KV_CALL_REMOTE || call->unavailable || !KvCoreCanSend(handle)) {
-        return;
+        return TRUE;
     }
     /* Before the first reply the service is reached by its name; afterwards the connection
      * that replied holds the subscription. */
     sd_bus_message* cancel = NULL;
-    if (sd_bus_message_new_method_call(handle->bus, &cancel,
-                                       call->owner != NULL ? call->owner : call->name,
-                                       KV_CONTROL_PATH, KV_CONTROL_INTERFACE, "Cancel") >= 0 &&
-        sd_bus_message_set_expect_reply(cancel, 0) >= 0 &&
-        sd_bus_message_set_auto_start(cancel, 0) >= 0 &&
-        sd_bus_message_append(cancel, "t", (uint64_t)call->token) >= 0) {
-        KvCoreSend(handle, cancel, NULL);
+    int result = sd_bus_message_new_method_call(handle->bus, &cancel,
+                                                call->owner != NULL ? call->owner : call->name,
+                                                KV_CONTROL_PATH, KV_CONTROL_INTERFACE, "Cancel");
+    if (result >= 0) {
+        result = sd_bus_message_set_expect_reply(cancel, 0);
     }
+    if (result >= 0) {
+        result = sd_bus_message_set_auto_start(cancel, 0);
+    }
+    if (result >= 0) {
+        result = sd_bus_message_append(cancel, "t", (uint64_t)call->token);
+    }
+    const gboolean sent = result >= 0
+                              ? KvCoreSend(handle, cancel, error)
+                              : KvBusError(error, KV_ERROR_BUS, result, "Cannot make the cancel");
     sd_bus_message_unref(cancel);
+    return sent;
 }
 
 typedef struct KVCallDeadline {
@@ -438,7 +430,10 @@ static gboolean OnCallDeadline(gpointer data) {
         return G_SOURCE_REMOVE;
     }
     KvHandleRef(handle);
-    TellServiceCancelled(handle, call);
+    if (!TellServiceCancelled(handle, call, NULL)) {
+        /* The service would keep serving nobody: it learns from the connection's loss. */
+        KvCoreFail(handle);
+    }
     char* text =
         g_strdup_printf("No reply within %u ms: the call was cancelled", deadline->timeoutMs);
     DeliverError(handle, call, KV_ERROR_TIMEOUT, text);
@@ -529,13 +524,18 @@ bool KVCallCancel(KVHandle* handle, KVMessageToken token, KVError* error) {
                    (unsigned long long)token);
         return false;
     }
-    TellServiceCancelled(handle, call);
+    /* The call stays open when the service cannot be told: it would keep serving it. */
+    if (!TellServiceCancelled(handle, call, error)) {
+        return false;
+    }
     RemoveCall(handle, call);
     return true;
 }
 
 static void OnConnect(KVHandle* handle) {
-    sd_bus_add_filter(handle->bus, NULL, ClientFilter, handle);
+    if (sd_bus_add_filter(handle->bus, NULL, ClientFilter, handle) < 0) {
+        KvCoreFail(handle); /* later replies would be lost on this connection */
+    }
 }
 
 static void OnUnregister(KVHandle* handle) {

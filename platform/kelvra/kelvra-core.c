@@ -1,7 +1,6 @@
 /* The connection core: errors, the handle's sd_bus and the GSource that drives it on the
  * attached context, link state and reconnects, the queue of deferred work, and messages. */
 #include <errno.h>
-#include <json-c/json.h>
 #include <poll.h>
 #include <stdarg.h>
 #include <string.h>
@@ -60,17 +59,6 @@ gboolean KvCheckPayload(const char* payload, KVError* error) {
         return FALSE;
     }
     return TRUE;
-}
-
-char* KvErrorPayload(int code, const char* text) {
-    json_object* reply = json_object_new_object();
-    json_object_object_add(reply, "returnValue", json_object_new_boolean(0));
-    json_object_object_add(reply, "errorCode", json_object_new_int(code));
-    json_object_object_add(reply, "errorText", json_object_new_string(text));
-    char* payload = g_strdup(json_object_to_json_string_ext(
-        reply, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE));
-    json_object_put(reply);
-    return payload;
 }
 
 /* Deferred work. */
@@ -416,6 +404,14 @@ static void StartConnect(KVHandle* handle) {
     if (OpenBus(handle) < 0) {
         Report(handle, FALSE);
         ScheduleRetry(handle);
+    }
+}
+
+void KvCoreFail(KVHandle* handle) {
+    if (handle->bus != NULL) {
+        /* Not dropped here: the dispatch that notices the closed connection runs LinkLost, with
+         * every module's view of the loss, from the loop. */
+        sd_bus_close(handle->bus);
     }
 }
 

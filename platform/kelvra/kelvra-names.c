@@ -118,7 +118,10 @@ static int OnMatchInstalled(sd_bus_message* reply, void* data, sd_bus_error* err
     return 1;
 }
 
-/* Asks the bus for the name's owner changes and its owner now. */
+/* Asks the bus for the name's owner changes and its owner now. When either request cannot be
+ * queued the connection is closed: the name's state would stay unknown on it, and a match that
+ * sd-bus failed to add for lack of memory can leave its match tree broken (libsystemd 252 then
+ * aborts on the next message, "Assertion 'node->child' failed"). */
 static void Follow(KVHandle* handle, KVWatch* watch) {
     char* rule = g_strdup_printf("type='signal',sender='" KV_BUS_NAME "',interface='" KV_BUS_NAME
                                  "',member='NameOwnerChanged',path='" KV_BUS_PATH "',arg0='%s'",
@@ -129,9 +132,9 @@ static void Follow(KVHandle* handle, KVWatch* watch) {
                                watch) < 0 ||
         sd_bus_call_method_async(handle->bus, &watch->query, KV_BUS_NAME, KV_BUS_PATH, KV_BUS_NAME,
                                  "GetNameOwner", OnQueryReply, watch, "s", watch->name) < 0) {
-        /* The connection is failing: its loss is handled from the loop. */
+        /* Unknown until the loss is handled: then nobody owns anything. */
         watch->match = sd_bus_slot_unref(watch->match);
-        watch->known = TRUE;
+        KvCoreFail(handle);
     }
     g_free(rule);
 }

@@ -6,6 +6,7 @@
  *                     messages and the queue of work deferred to the loop; it knows no module:
  *                     modules register hooks (KVModule) and deferred functions (KVDeferFunc)
  *   kelvra-uri.c      URIs and names (used by every layer)
+ *   kelvra-json.c     the fixed JSON replies and the members read from payloads (every layer)
  *   kelvra-names.c    name-owner tracking
  *   kelvra-client.c   calls and status calls          kelvra-service.c   methods and requests
  *   kelvra.c          registration: builds a handle from the core and the modules
@@ -105,8 +106,6 @@ void KvErrorSet(KVError* error, int code, const char* format, ...) G_GNUC_PRINTF
 gboolean KvCheckHandle(KVHandle* handle, KVError* error);
 /* Checks a payload the application gives: not NULL, UTF-8, at most KV_MAX_PAYLOAD_SIZE. */
 gboolean KvCheckPayload(const char* payload, KVError* error);
-/* {"returnValue":false,"errorCode":code,"errorText":text}, to be g_free'd. */
-char* KvErrorPayload(int code, const char* text);
 void KvHandleRef(KVHandle* handle);
 void KvHandleUnref(KVHandle* handle);
 /* A handle without a connection. */
@@ -116,6 +115,11 @@ void KvCoreAddModule(KVHandle* handle, const KVModule* module);
 gboolean KvCoreStart(KVHandle* handle, KVError* error);
 /* True while messages can be sent (a connection, up or being made). */
 gboolean KvCoreCanSend(KVHandle* handle);
+/* Closes the connection because something that had to go out on it could not be made or
+ * queued (out of memory): a peer would otherwise wait for it forever, or the handle's view of
+ * the bus would be wrong. The loop then handles the loss as any other (calls end, requests
+ * close, the handle reconnects), and the bus tells the peers. Safe without a connection. */
+void KvCoreFail(KVHandle* handle);
 /* Sends a message on the connection; false when it cannot (error filled). */
 gboolean KvCoreSend(KVHandle* handle, sd_bus_message* message, KVError* error);
 /* A method call to the bus daemon, or NULL without a connection. */
@@ -124,6 +128,20 @@ void KvCoreDefer(KVHandle* handle, KVDeferFunc func, sd_bus_message* message, gu
 /* Sets the error record of an sd-bus failure; returns FALSE. */
 gboolean KvBusError(KVError* error, int code, int result, const char* what);
 KVMessage* KvMessageNew(KVHandle* handle, KVMessageKind kind, size_t size, char* payload);
+
+/* kelvra-json.c: built with GLib only, so they never fail for lack of memory. */
+/* {"returnValue":false,"errorCode":code,"errorText":text}, to be g_free'd. */
+char* KvErrorPayload(int code, const char* text);
+/* {"serviceName":name,"connected":connected,"returnValue":true}, to be g_free'd. */
+char* KvStatusPayload(const char* name, gboolean connected);
+/* True when text is one JSON object; *member then points at the value of its last top-level
+ * member called name (NULL when it has none). */
+gboolean KvJsonReadObject(const char* text, const char* name, const char** member);
+/* Whether a member's value is true. */
+gboolean KvJsonIsTrue(const char* member);
+/* A member's value when it is a string without \u0000, decoded (to be g_free'd); NULL
+ * otherwise. */
+char* KvJsonGetString(const char* member);
 
 /* kelvra-uri.c */
 /* Splits uri into service, object path and member (to be g_free'd); false when malformed. */

@@ -1,7 +1,6 @@
 /* Service side: methods, requests, replies and subscriptions, and the introspection data that
  * lets generic D-Bus tools list the methods. */
 #include <errno.h>
-#include <json-c/json.h>
 #include <string.h>
 
 #include "kelvra-private.h"
@@ -47,17 +46,37 @@ static gboolean SendReply(KVHandle* handle, sd_bus_message* reply, KVError* erro
     return sent;
 }
 
+/* Sends the answer to a method call; result is that of making it. An answer that cannot be
+ * made or queued closes the connection: the caller would wait for it forever, and the bus
+ * answers for a connection that leaves. */
+static gboolean SendAnswer(KVHandle* handle, sd_bus_message* call, sd_bus_message* reply,
+                           int result, KVError* error) {
+    if (sd_bus_message_get_bus(call) != handle->bus || !KvCoreCanSend(handle)) {
+        sd_bus_message_unref(reply);
+        KvErrorSet(error, KV_ERROR_BUS_UNAVAILABLE, "The caller's connection is gone");
+        return FALSE;
+    }
+    const gboolean sent = result >= 0
+                              ? SendReply(handle, reply, error)
+                              : KvBusError(error, KV_ERROR_BUS, result, "Cannot make the reply");
+    if (result < 0) {
+        sd_bus_message_unref(reply);
+    }
+    if (!sent) {
+        KvCoreFail(handle);
+    }
+    return sent;
+}
+
 /* The method return (sb) of a call. */
 static gboolean SendReturn(KVHandle* handle, sd_bus_message* call, const char* payload,
                            gboolean more, KVError* error) {
     sd_bus_message* reply = NULL;
-    const int result = sd_bus_message_new_method_return(call, &reply);
-    if (result < 0 || sd_bus_message_append(reply, "sb", payload, more) < 0) {
-        sd_bus_message_unref(reply);
-        return KvBusError(error, KV_ERROR_BUS, result < 0 ? result : -EINVAL,
-                          "Cannot make the reply");
+    int result = sd_bus_message_new_method_return(call, &reply);
+    if (result >= 0) {
+        result = sd_bus_message_append(reply, "sb", payload, more);
     }
-    return SendReply(handle, reply, error);
+    return SendAnswer(handle, call, reply, result, error);
 }
 
 static gboolean SendFirstReply(KVHandle* handle, KVRequest* request, const char* payload,
@@ -72,14 +91,21 @@ static gboolean SendFirstReply(KVHandle* handle, KVRequest* request, const char*
 static gboolean SendLaterReply(KVHandle* handle, KVRequest* request, const char* payload,
                                gboolean more, KVError* error) {
     sd_bus_message* signal = NULL;
-    if (handle->bus == NULL ||
-        sd_bus_message_new_signal(handle->bus, &signal, KV_CONTROL_PATH, KV_CLIENT_INTERFACE,
-                                  "Reply") < 0 ||
-        sd_bus_message_set_destination(signal, request->sender) < 0 ||
-        sd_bus_message_append(signal, "tsb", (uint64_t)request->token, payload, more) < 0) {
-        sd_bus_message_unref(signal);
+    if (handle->bus == NULL) {
         KvErrorSet(error, KV_ERROR_BUS_UNAVAILABLE, "The bus is unavailable");
         return FALSE;
+    }
+    int result = sd_bus_message_new_signal(handle->bus, &signal, KV_CONTROL_PATH,
+                                           KV_CLIENT_INTERFACE, "Reply");
+    if (result >= 0) {
+        result = sd_bus_message_set_destination(signal, request->sender);
+    }
+    if (result >= 0) {
+        result = sd_bus_message_append(signal, "tsb", (uint64_t)request->token, payload, more);
+    }
+    if (result < 0) {
+        sd_bus_message_unref(signal);
+        return KvBusError(error, KV_ERROR_BUS, result, "Cannot make the reply");
     }
     return SendReply(handle, signal, error);
 }
@@ -139,11 +165,16 @@ static gboolean ReplyCommon(KVHandle* handle, KVMessage* message, const char* pa
         return FALSE;
     }
     const gboolean more = request->subscribed && !last;
-    const gboolean sent = request->call != NULL
-                              ? SendFirstReply(handle, request, payload, more, error)
-                              : SendLaterReply(handle, request, payload, more, error);
+    const gboolean first = request->call != NULL;
+    const gboolean sent = first ? SendFirstReply(handle, request, payload, more, error)
+                                : SendLaterReply(handle, request, payload, more, error);
     if (!more) {
         CloseRequest(handle, request, KV_CLOSE_ANSWERED);
+        if (!sent && !first) {
+            /* The client would wait for its last reply forever (a first reply that cannot go
+             * out has closed the connection already). */
+            KvCoreFail(handle);
+        }
     }
     return sent;
 }
@@ -206,15 +237,11 @@ bool KVRegisterMethod(KVHandle* handle, const char* method, KVMethodFunc func, v
 
 /* The payload must be a JSON object; "subscribe": true asks for a subscription. */
 static gboolean ParseRequestPayload(const char* payload, gboolean* subscribe) {
-    json_object* object = json_tokener_parse(payload);
-    if (object == NULL || !json_object_is_type(object, json_type_object)) {
-        json_object_put(object);
+    const char* member = NULL;
+    if (!KvJsonReadObject(payload, "subscribe", &member)) {
         return FALSE;
     }
-    json_object* value = NULL;
-    *subscribe = json_object_object_get_ex(object, "subscribe", &value) &&
-                 json_object_is_type(value, json_type_boolean) && json_object_get_boolean(value);
-    json_object_put(object);
+    *subscribe = KvJsonIsTrue(member);
     return TRUE;
 }
 
@@ -243,11 +270,10 @@ static void OnCall(KVHandle* handle, sd_bus_message* call) {
     if (sender == NULL || !sd_bus_message_has_signature(call, "st") ||
         sd_bus_message_read(call, "st", &payload, &token) < 0) {
         sd_bus_message* reply = NULL;
-        if (sd_bus_message_new_method_errorf(
-                call, &reply, SD_BUS_ERROR_INVALID_ARGS,
-                "A kelvra call carries a JSON payload and a token (st)") >= 0) {
-            SendReply(handle, reply, NULL);
-        }
+        const int result = sd_bus_message_new_method_errorf(
+            call, &reply, SD_BUS_ERROR_INVALID_ARGS,
+            "A kelvra call carries a JSON payload and a token (st)");
+        SendAnswer(handle, call, reply, result, NULL);
         return;
     }
     char* method = KvMethodKey(sd_bus_message_get_path(call), sd_bus_message_get_member(call));
@@ -402,15 +428,14 @@ static void OnIntrospect(KVHandle* handle, sd_bus_message* call) {
     const char* path = sd_bus_message_get_path(call);
     char* xml = path != NULL ? Introspect(handle, path) : NULL;
     sd_bus_message* reply = NULL;
-    const int result =
-        xml != NULL ? sd_bus_message_new_method_return(call, &reply)
-                    : sd_bus_message_new_method_errorf(call, &reply, SD_BUS_ERROR_UNKNOWN_OBJECT,
-                                                       "No object at \"%s\"", path);
-    if (result >= 0 && (xml == NULL || sd_bus_message_append(reply, "s", xml) >= 0)) {
-        SendReply(handle, reply, NULL);
-    } else {
-        sd_bus_message_unref(reply);
+    int result = xml != NULL
+                     ? sd_bus_message_new_method_return(call, &reply)
+                     : sd_bus_message_new_method_errorf(call, &reply, SD_BUS_ERROR_UNKNOWN_OBJECT,
+                                                        "No object at \"%s\"", path);
+    if (result >= 0 && xml != NULL) {
+        result = sd_bus_message_append(reply, "s", xml);
     }
+    SendAnswer(handle, call, reply, result, NULL);
     g_free(xml);
 }
 
@@ -489,7 +514,9 @@ static void OnOwnerChanged(KVHandle* handle, const char* name, const char* oldOw
 }
 
 static void OnConnect(KVHandle* handle) {
-    sd_bus_add_filter(handle->bus, NULL, ServiceFilter, handle);
+    if (sd_bus_add_filter(handle->bus, NULL, ServiceFilter, handle) < 0) {
+        KvCoreFail(handle); /* the connection would answer every call "unknown object" */
+    }
 }
 
 /* The connection is gone: subscriptions end as if their clients had left, because those

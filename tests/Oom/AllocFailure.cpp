@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -46,6 +47,8 @@ std::atomic<uint64_t> gCounted{0}, gInjected{0}, gFailFirst{0};
 std::atomic<uint64_t> gFailEnd{0};  // One past the last failing request.
 std::atomic<const void*> gFirstFailureCaller{nullptr};
 __thread bool tArmed = false;
+// Set while the C library works for GLib (g_strdup_printf's vasprintf): its requests are GLib's.
+__thread bool tForGlib = false;
 
 // Where GLib is loaded (from its first to the end of its last segment): requests made from
 // there are not counted.
@@ -65,13 +68,17 @@ int CollectGlib(struct dl_phdr_info* info, size_t, void*) {
     return 0;
 }
 
+bool FromGlib(const void* caller) {
+    const uintptr_t address = reinterpret_cast<uintptr_t>(caller);
+    return address >= gGlibBegin && address < gGlibEnd;
+}
+
 bool Counts(const void* caller) {
     const int mode = gMode.load(std::memory_order_relaxed);
-    if (mode == 0 || (mode == 1 && !tArmed)) {
+    if (mode == 0 || (mode == 1 && !tArmed) || tForGlib) {
         return false;
     }
-    const uintptr_t address = reinterpret_cast<uintptr_t>(caller);
-    return address < gGlibBegin || address >= gGlibEnd;
+    return !FromGlib(caller);
 }
 
 // Open-addressing set of the recorded blocks in memory of its own (mmap), so recording allocates
@@ -154,6 +161,7 @@ void* Obtain(size_t size, const void* caller, Allocate allocate) {
         return allocate();
     }
     if (NextFails(caller)) {
+        errno = ENOMEM;  // As the C library's allocator says it.
         return nullptr;
     }
     void* block = allocate();
@@ -285,6 +293,19 @@ using namespace vok::test::oom;
 #define VOK_OOM_CALLER __builtin_return_address(0)
 
 #if VOK_OOM_REPLACES_MALLOC
+// GLib formats through the C library's vasprintf (fortified: __vasprintf_chk) and aborts when
+// that runs out of memory, as g_malloc does: its requests are not counted.
+template <typename... Args>
+static int FormatFor(const void* caller, const char* name, Args... args) {
+    using Format = int (*)(Args...);
+    const Format next = reinterpret_cast<Format>(dlsym(RTLD_NEXT, name));
+    const bool forGlib = tForGlib;
+    tForGlib = forGlib || FromGlib(caller);
+    const int length = next(args...);
+    tForGlib = forGlib;
+    return length;
+}
+
 extern "C" {
 
 void* malloc(size_t size) {
@@ -305,6 +326,7 @@ void* realloc(void* block, size_t size) {
         return nullptr;
     }
     if (Counts(caller) && NextFails(caller)) {
+        errno = ENOMEM;
         return nullptr;
     }
     // Only a block obtained while counting is recorded, wherever it moves.
@@ -338,6 +360,15 @@ int posix_memalign(void** result, size_t alignment, size_t size) {
     }
     *result = block;
     return 0;
+}
+
+// GLib's formatting, see FormatFor.
+int vasprintf(char** result, const char* format, va_list args) {
+    return FormatFor(VOK_OOM_CALLER, "vasprintf", result, format, args);
+}
+
+int __vasprintf_chk(char** result, int flag, const char* format, va_list args) {
+    return FormatFor(VOK_OOM_CALLER, "__vasprintf_chk", result, flag, format, args);
 }
 
 }  // extern "C"

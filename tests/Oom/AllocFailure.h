@@ -3,7 +3,8 @@
 // numbers the counted requests from 1 and fails the chosen ones (NULL, ENOMEM or std::bad_alloc),
 // and records every block a counted request obtained until it is freed.
 // Counted: the arming thread's requests (kCallingThread) or every thread's (kAllThreads); never
-// GLib's (g_malloc aborts on failure by design). Sanitizer builds own malloc, so there only
+// GLib's, nor what the C library formats for GLib (g_malloc and g_strdup_printf abort on failure
+// by design). A failed malloc sets errno to ENOMEM. Sanitizer builds own malloc, so there only
 // operator new and delete are counted.
 #ifndef VOK_TESTS_OOM_ALLOCFAILURE_H
 #define VOK_TESTS_OOM_ALLOCFAILURE_H

@@ -18,8 +18,6 @@ namespace test {
 namespace oom {
 namespace {
 
-// Indices swept per mode outside a full sweep when a scenario has more points than this.
-constexpr uint64_t kSampledPoints = 120;
 // Defects reported per scenario before its sweep stops.
 constexpr int kDefectsReported = 5;
 
@@ -183,7 +181,8 @@ void Sweep(const Scenario& scenario) {
     uint64_t runs = 0, documentedErrors = 0;
     for (uint32_t failCount : {1u, kFailForever, 2u, 3u, 4u}) {
         const bool single = failCount == 1 || failCount == kFailForever;
-        for (uint64_t k : Points(points, single ? kSampledPoints : kSampledPoints / 4)) {
+        for (uint64_t k :
+             Points(points, single ? scenario.sampledPoints : scenario.sampledPoints / 4)) {
             if (defects == kDefectsReported) {
                 break;
             }

@@ -34,6 +34,9 @@ struct Scenario {
     // Blocks a run may leave on purpose; none when empty.
     std::function<size_t()> kept;
     ArmScope scope = ArmScope::kCallingThread;
+    // Points swept per mode outside a full sweep, when the scenario has more (runs of 2-4: a
+    // quarter of it each).
+    uint64_t sampledPoints = 120;
 };
 
 // Sweeps scenario, reports every defect as a gtest failure naming the run, prints a summary.

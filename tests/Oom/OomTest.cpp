@@ -2,6 +2,7 @@
 // turn (once, for good, and in runs of 2 to 4), and each run must complete or end in the
 // documented error, leak nothing and leave the framework usable.
 #include <gtest/gtest.h>
+#include <kelvra/kelvra.h>
 #include <unistd.h>
 #include <ztlog/ztlog.h>
 
@@ -18,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "KelvraTestSupport.h"
 #include "MessageMover/MmTestSupport.h"
 #include "OomSweep.h"
 #include "support/LoopSupport.h"
@@ -154,7 +156,10 @@ TEST_F(OomTest, InjectorFailsTheChosenRequestsOfTheChosenThreads) {
     while (stage.load() != 2) {
     }
     gpointer fromGlib = g_malloc(32);
+    gchar* printed = g_strdup_printf("%s %d", "formatted by the C library for GLib", 1);
     const uint64_t counted = Disarm();
+    EXPECT_STREQ(printed, "formatted by the C library for GLib 1");
+    g_free(printed);
     other.join();
     EXPECT_TRUE(threw && otherAllocated);
     EXPECT_NE(fromGlib, nullptr);
@@ -633,6 +638,184 @@ TEST_F(OomTest, Shell) {
         DiagRegPruneAtAndBelow(kDiagRegLongevityDefault);
     };
     Sweep(shell);
+}
+
+// The bus library on the private bus: a service (own name, one method) and an anonymous client
+// on one context of this thread. The client calls once, subscribes and gets two replies, then
+// cancels (the service's cancel function runs), follows the service's status and cancels that;
+// both unregister. The bus daemon is another process: only this process's requests fail.
+struct BusRun {
+    KVHandle* service = nullptr;
+    KVHandle* client = nullptr;
+    bool serviceUp = false, clientUp = false, down = false, cancelled = false;
+    KVMessage* subscription = nullptr;  // The service's reference to the open subscription.
+    std::vector<std::string> replies;
+    bool ended = false;
+    bool outOfMemory = false;  // A callback could not record what it got.
+};
+
+// A handle's connection function: true once connected; false (a failure to connect, or a lost
+// connection) ends the run in a documented error.
+void OnBusConnection(KVHandle* handle, bool connected, void* data) {
+    BusRun* run = static_cast<BusRun*>(data);
+    (handle == run->service ? run->serviceUp : run->clientUp) = connected;
+    run->down = run->down || !connected;
+}
+
+bool OnBusReply(KVHandle*, KVMessage* reply, void* data) {
+    BusRun* run = static_cast<BusRun*>(data);
+    run->ended = run->ended || KVMessageIsLastReply(reply);
+    // Nothing may be thrown through the library and GLib.
+    try {
+        run->replies.push_back(KVMessageGetPayload(reply));
+    } catch (const std::bad_alloc&) {
+        run->outOfMemory = true;
+    }
+    return true;
+}
+
+void OnBusCancel(KVHandle*, KVMessage*, void* data) {
+    static_cast<BusRun*>(data)->cancelled = true;
+}
+
+// "oom/echo": answers {"echo":true}; a subscription gets that first and keeps open.
+bool OnBusEcho(KVHandle* handle, KVMessage* request, void* data) {
+    BusRun* run = static_cast<BusRun*>(data);
+    if (KVMessageIsSubscription(request)) {
+        if (!KVSubscriptionAdd(handle, request, OnBusCancel, run, nullptr)) {
+            return false;
+        }
+        run->subscription = KVMessageRef(request);
+    }
+    return KVReply(handle, request, "{\"echo\":true}", nullptr);
+}
+
+[[noreturn]] void ThrowBusError(const char* what, KVError* error) {
+    char text[256];
+    std::snprintf(text, sizeof text, "%s: %d %s", what, static_cast<int>(error->code),
+                  error->message != nullptr ? error->message : "(no message)");
+    KVErrorFree(error);
+    throw DocumentedError(text);
+}
+
+// Waits until done() holds or a connection is lost; a lost connection is the documented end of
+// a run (whatever the step got meanwhile tells of the loss), more than 10 s is a hang.
+void AwaitBus(GMainContext* context, BusRun& run, const char* step,
+              const std::function<bool()>& done) {
+    if (!IterateUntil(
+            context, [&] { return run.down || run.outOfMemory || done(); }, 10)) {
+        throw std::runtime_error(std::string("the bus scenario hangs: ") + step);
+    }
+    if (run.outOfMemory) {
+        throw std::bad_alloc();
+    }
+    if (run.down) {
+        throw DocumentedError(std::string("connection lost: ") + step);
+    }
+}
+
+// Replies whose "errorCode" running out of memory may cause: the bus or the service went away
+// (the library closes a connection that cannot go on), or the method could not answer.
+void CheckBusReply(const std::string& reply, const char* expected) {
+    if (reply == expected) {
+        return;
+    }
+    for (int code : {KV_ERROR_BUS, KV_ERROR_SERVICE_GONE, KV_ERROR_NO_REPLY, KV_ERROR_METHOD_FAILED,
+                     KV_ERROR_BUS_UNAVAILABLE}) {
+        if (reply.find("{\"returnValue\":false,\"errorCode\":" + std::to_string(code) + ",") == 0) {
+            throw DocumentedError(reply);
+        }
+    }
+    throw std::runtime_error("wrong reply " + reply + ", expected " + expected);
+}
+
+void BusScenario() {
+    static int serial = 0;
+    char name[64];
+    // A name of its own per run: the bus may not have seen the last owner leave yet.
+    std::snprintf(name, sizeof name, "com.orvex.oomsweep.run%d", ++serial);
+    GMainContext* context = g_main_context_new();
+    auto unrefContext = MakeFinally([context] { g_main_context_unref(context); });
+    BusRun run;
+    KVError error;
+    KVErrorInit(&error);
+    auto unregister = MakeFinally([&run, context] {
+        KVMessageUnref(run.subscription);
+        for (KVHandle* handle : {run.client, run.service}) {
+            if (handle != nullptr) {
+                KVUnregister(handle, nullptr);
+            }
+        }
+        // What the handles left on the context (their sources, deferred work) goes now.
+        while (g_main_context_iteration(context, FALSE)) {
+        }
+    });
+    if (!KVRegisterWithFlags(name, KV_REGISTER_REPORT_FIRST_UP, &run.service, &error) ||
+        !KVSetConnectionFunc(run.service, OnBusConnection, &run, &error) ||
+        !KVRegisterMethod(run.service, "oom/echo", OnBusEcho, &run, &error) ||
+        !KVGmainAttach(run.service, context, &error)) {
+        ThrowBusError("service", &error);
+    }
+    if (!KVRegisterWithFlags(nullptr, KV_REGISTER_REPORT_FIRST_UP, &run.client, &error) ||
+        !KVSetConnectionFunc(run.client, OnBusConnection, &run, &error) ||
+        !KVGmainAttach(run.client, context, &error)) {
+        ThrowBusError("client", &error);
+    }
+    AwaitBus(context, run, "connecting", [&run] { return run.serviceUp && run.clientUp; });
+
+    const std::string uri = std::string("kelvra://") + name + "/oom/echo";
+    auto call = [&](const char* step, const std::string& target, const std::string& payload,
+                    size_t replies) {
+        run.replies.clear();
+        run.ended = false;
+        KVMessageToken token = 0;
+        if (!KVCall(run.client, target.c_str(), payload.c_str(), OnBusReply, &run, &token,
+                    &error)) {
+            ThrowBusError(step, &error);
+        }
+        AwaitBus(context, run, step, [&] { return run.replies.size() >= replies || run.ended; });
+        return token;
+    };
+    call("call", uri, "{\"value\":1}", 1);
+    CheckBusReply(run.replies.back(), "{\"echo\":true}");
+
+    const KVMessageToken subscription = call("subscribe", uri, "{\"subscribe\":true}", 1);
+    CheckBusReply(run.replies.back(), "{\"echo\":true}");
+    if (run.ended || run.subscription == nullptr) {
+        throw std::runtime_error("the subscription was not kept open");
+    }
+    if (!KVReply(run.service, run.subscription, "{\"again\":true}", &error)) {
+        ThrowBusError("second reply", &error);
+    }
+    AwaitBus(context, run, "second reply", [&run] { return run.replies.size() == 2 || run.ended; });
+    CheckBusReply(run.replies.back(), "{\"again\":true}");
+    if (!KVCallCancel(run.client, subscription, &error)) {
+        ThrowBusError("cancel", &error);
+    }
+    AwaitBus(context, run, "cancel", [&run] { return run.cancelled; });
+
+    const KVMessageToken status =
+        call("status", "kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
+             std::string("{\"serviceName\":\"") + name + "\"}", 1);
+    CheckBusReply(run.replies.back(), (std::string("{\"serviceName\":\"") + name +
+                                       "\",\"connected\":true,\"returnValue\":true}")
+                                          .c_str());
+    if (!KVCallCancel(run.client, status, &error)) {
+        ThrowBusError("status cancel", &error);
+    }
+}
+
+TEST_F(OomTest, BusLibraryOnAPrivateBus) {
+    Scenario bus;
+    bus.name = "bus library";
+    bus.run = BusScenario;
+    // Each run takes a few milliseconds: every point of both single modes under make test too.
+    bus.sampledPoints = 1000;
+    bus.check = [] {
+        ExpectCleanCleanup();
+        EXPECT_NO_THROW(BusScenario());
+    };
+    Sweep(bus);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // Bus URIs (first line): one that parses rebuilds from its parts, and its method splits into the
-// same parts. Error payloads (the rest): strict JSON carrying the text and the code unchanged.
+// same parts. Error payloads (the rest): strict JSON carrying the text and the code unchanged. The
+// rest read as a request payload is an object for the library's reader exactly when it is one for
+// json-c's strict parser, with the same "subscribe" and "serviceName" members.
 #include <gio/gio.h>
 #include <kelvra/kelvra.h>
 #include <pthread.h>
@@ -72,6 +74,79 @@ void ErrorPayload(int code, const std::string& text) {
     json_tokener_free(tokener);
 }
 
+// json-c's strict parse of text as one object; NULL when it is not one.
+json_object* StrictObject(const std::string& text) {
+    json_tokener* tokener = json_tokener_new_ex(64);
+    json_tokener_set_flags(tokener, JSON_TOKENER_STRICT | JSON_TOKENER_VALIDATE_UTF8);
+    json_object* object =
+        json_tokener_parse_ex(tokener, text.c_str(), static_cast<int>(text.size()) + 1);
+    const size_t end = static_cast<size_t>(json_tokener_get_parse_end(tokener));
+    if (json_tokener_get_error(tokener) != json_tokener_success ||
+        !json_object_is_type(object, json_type_object) ||
+        text.find_first_not_of(" \t\r\n", end) != std::string::npos) {
+        json_object_put(object);
+        object = nullptr;
+    }
+    json_tokener_free(tokener);
+    return object;
+}
+
+// Whether text has a number outside its strings: json-c takes numbers RFC 8259 refuses (-.25,
+// NaN, Infinity), the library's reader does not.
+bool HasNumber(const std::string& text) {
+    bool inString = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (inString && text[i] == '\\') {
+            ++i;
+        } else if (text[i] == '"') {
+            inString = !inString;
+        } else if (!inString && std::strchr("-0123456789NI", text[i]) != nullptr) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void RequestPayload(const std::string& text) {
+    // Valid UTF-8 (the bus carries nothing else), nested less deep than either reader allows.
+    if (!g_utf8_validate(text.c_str(), -1, nullptr) ||
+        std::count_if(text.begin(), text.end(), [](char c) { return c == '[' || c == '{'; }) > 30) {
+        return;
+    }
+    json_object* object = StrictObject(text);
+    const char* subscribe = nullptr;
+    const char* name = nullptr;
+    const bool read = KvJsonReadObject(text.c_str(), "subscribe", &subscribe);
+    if (read && object == nullptr) {
+        Fail("not a JSON object was read", text);
+    }
+    if (!read && object != nullptr && !HasNumber(text)) {
+        Fail("a JSON object was refused", text);
+    }
+    // json-c cuts keys at a \u0000 ("serviceName\u0000" finds "serviceName"); the reader
+    // does not.
+    if (!read || text.find("\\u0000") != std::string::npos) {
+        json_object_put(object);
+        return;
+    }
+    KvJsonReadObject(text.c_str(), "serviceName", &name);
+    json_object* value = nullptr;
+    if (KvJsonIsTrue(subscribe) !=
+        (json_object_object_get_ex(object, "subscribe", &value) &&
+         json_object_is_type(value, json_type_boolean) && json_object_get_boolean(value))) {
+        Fail("\"subscribe\" read otherwise", text);
+    }
+    g_autofree char* decoded = KvJsonGetString(name);
+    if (json_object_object_get_ex(object, "serviceName", &value) &&
+        json_object_is_type(value, json_type_string) &&
+        std::strlen(json_object_get_string(value)) ==
+            static_cast<size_t>(json_object_get_string_len(value)) &&
+        g_strcmp0(decoded, json_object_get_string(value)) != 0) {
+        Fail("\"serviceName\" read otherwise", text);
+    }
+    json_object_put(object);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -85,5 +160,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string rest = input.substr(newline + 1);
     std::memcpy(&code, rest.data(), std::min(sizeof code, rest.size()));
     ErrorPayload(code, rest.c_str());
+    RequestPayload(rest.c_str());
     return 0;
 }
