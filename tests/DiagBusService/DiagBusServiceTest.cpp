@@ -5,13 +5,21 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "KelvraTestSupport.h"
+#include "support/LogCapture.h"
 #include "support/LoopSupport.h"
+#include "support/OpenMetricsCheck.h"
+#include "support/TraceEventCheck.h"
 #include "vok/DiagBusService.h"
 #include "vok/DiagnosticRegister.h"
 #include "vok/Event.h"
@@ -19,6 +27,7 @@
 #include "vok/MessageMoverFramework.h"
 #include "vok/MessageMoverInterface.h"
 #include "vok/MmCommandPort.h"
+#include "vok/Trace.h"
 #include "vok/VokShell.h"
 
 namespace vok {
@@ -156,6 +165,9 @@ TEST_F(DiagBusServiceTest, RejectsBadRequestsAndKeepsServing) {
              {"diag/registers", "{\"prefix\":7}"},
              {"diag/loglevel", "{\"context\":\"NO.SUCH.CONTEXT\",\"level\":7}"},
              {"diag/loglevel", "{\"context\":\"VOK.DiagBus\",\"level\":8}"},
+             {"diag/trace", "{\"enabled\":1}"},
+             {"diag/trace", "{\"sinceNs\":-1}"},
+             {"diag/metrics", "[]"},
          }) {
         const std::string reply = Call(bad.first, bad.second);
         EXPECT_NE(npos, reply.find("\"returnValue\":false")) << bad.first << " " << bad.second;
@@ -227,6 +239,135 @@ TEST_F(DiagBusServiceTest, VokctlPrintsTablesAndFailsForAMissingDaemon) {
     EXPECT_NE(npos, output.find("6")) << output;
     EXPECT_TRUE(logger.IsEnabled(kLogLevelInfo));
     EXPECT_EQ(2, RunVokctl({"diagtest", "loglevel", "CTLTEST.Sub", "loud"}, &output));
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// A directory of the test's own, removed with what it holds.
+struct TempDir {
+    std::string path = MakeTemp();
+    ~TempDir() { EXPECT_EQ(0, std::system(("rm -rf " + path).c_str())); }
+    static std::string MakeTemp() {
+        char name[] = "/tmp/vok-diagtest-XXXXXX";
+        return g_mkdtemp(name) != nullptr ? name : "";
+    }
+    // The names in the directory, sorted.
+    std::vector<std::string> List() const {
+        std::vector<std::string> names;
+        GDir* dir = g_dir_open(path.c_str(), 0, nullptr);
+        while (const char* name = dir != nullptr ? g_dir_read_name(dir) : nullptr) {
+            names.push_back(name);
+        }
+        if (dir != nullptr) {
+            g_dir_close(dir);
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+};
+
+// A trace of several MB, far above what one bus reply carries, crosses whole in parts (with
+// characters of more than one byte at any cut), and a recording window leaves recording as it was.
+TEST_F(DiagBusServiceTest, VokctlWritesTracesInPartsAndRestoresRecording) {
+    Watchdog watchdog;
+    TempDir dir;
+    TraceSetRingEvents(1u << 15);
+    TraceSetEnabled(true);
+    const int kMarks = 30000;
+    // Mostly characters of three bytes: most cuts between parts fall inside one.
+    const std::string kMark = "✓✓✓✓✓✓✓✓✓✓✓✓✓";
+    for (int i = 0; i < kMarks; ++i) {
+        TraceMark(kMark);
+    }
+    TraceSetEnabled(false);
+    // A client that does not subscribe cannot take an answer of many parts.
+    EXPECT_NE(npos, Call("diag/trace", "{\"sinceNs\":0}").find("parts: ask with"));
+
+    std::string output;
+    const std::string snapshot = dir.path + "/snapshot.json";
+    ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--snapshot", "-o", snapshot}, &output)) << output;
+    const std::string json = ReadFile(snapshot);
+    EXPECT_GT(json.size(), 2u * KV_MAX_PAYLOAD_SIZE);
+    TraceCheck check = CheckTraceEvents(json);
+    ASSERT_TRUE(check.Ok()) << check.Report();
+    EXPECT_EQ(kMarks,
+              std::count_if(check.events.begin(), check.events.end(),
+                            [&](const TraceEvent& e) { return e.ph == "i" && e.name == kMark; }));
+
+    // A window of its own: the marks made before it are not in it, and recording is off again.
+    const std::string window = dir.path + "/window.json";
+    ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--seconds", "0.2", "-o", window}, &output))
+        << output;
+    check = CheckTraceEvents(ReadFile(window));
+    EXPECT_TRUE(check.Ok()) << check.Report();
+    EXPECT_TRUE(std::none_of(check.events.begin(), check.events.end(),
+                             [&](const TraceEvent& e) { return e.name == kMark; }));
+    EXPECT_FALSE(TraceIsEnabled());
+    EXPECT_EQ(0, RunVokctl({"diagtest", "trace", "on"}, &output));
+    EXPECT_EQ("trace recording on (was off)\n", output);
+    ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--seconds", "0.2", "-o", window}, &output));
+    EXPECT_TRUE(TraceIsEnabled());
+    TraceSetEnabled(false);
+    TraceSetRingEvents(kTraceDefaultRingEvents);
+
+    for (const std::vector<std::string>& bad :
+         {std::vector<std::string>{"--seconds", "0", "-o", window},
+          {"--snapshot"},
+          {"--snapshot", "--seconds", "1", "-o", window},
+          {"--seconds", "1x", "-o", window},
+          {"-o", window}}) {
+        std::vector<std::string> args{"diagtest", "trace"};
+        args.insert(args.end(), bad.begin(), bad.end());
+        EXPECT_EQ(2, RunVokctl(args, &output)) << bad[0];
+    }
+    EXPECT_EQ(std::vector<std::string>({"snapshot.json", "window.json"}), dir.List());
+}
+
+// The exposition passes the format's checker, and --textfile replaces its target so that a
+// reader sees the old content or a whole new one, never a part, and no temporary file remains.
+TEST_F(DiagBusServiceTest, VokctlMetricsAndTextfileNeverHalfWritten) {
+    Watchdog watchdog;
+    DiagnosticRegisterCounter counter("root.metricstest.depth", 3);
+    std::string output;
+    ASSERT_EQ(0, RunVokctl({"diagtest", "metrics"}, &output));
+    const MetricsCheck check = CheckOpenMetrics(output);
+    ASSERT_TRUE(check.Ok()) << check.Report();
+    EXPECT_EQ(3, check.Value("metricstest_depth"));
+    EXPECT_GT(check.Value("process_resident_memory_bytes"), 0);
+
+    TempDir dir;
+    const std::string path = dir.path + "/vok.prom";
+    const std::string old = "# TYPE old gauge\nold 1\n# EOF\n";
+    { std::ofstream(path) << old; }
+    std::atomic<bool> writing(true);
+    std::atomic<int> reads(0);
+    std::thread reader([&]() {
+        while (writing) {
+            const std::string seen = ReadFile(path);
+            ++reads;
+            if (seen != old && !CheckOpenMetrics(seen).Ok()) {
+                ADD_FAILURE() << "half a file:\n" << seen;
+                return;
+            }
+        }
+    });
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(0, RunVokctl({"diagtest", "metrics", "--textfile", path}, &output)) << output;
+    }
+    writing = false;
+    reader.join();
+    EXPECT_GT(reads, 0);
+    EXPECT_TRUE(CheckOpenMetrics(ReadFile(path)).Ok());
+    EXPECT_EQ(std::vector<std::string>{"vok.prom"}, dir.List());
+    EXPECT_EQ(
+        1, RunVokctl({"diagtest", "metrics", "--textfile", dir.path + "/no/such.prom"}, &output));
+    EXPECT_EQ(2, RunVokctl({"diagtest", "metrics", "--textfile"}, &output));
+    EXPECT_EQ(std::vector<std::string>{"vok.prom"}, dir.List());
 }
 
 // A daemon name a bus name cannot hold is still served, under a name vokctl finds from it.
