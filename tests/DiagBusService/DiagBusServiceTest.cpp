@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -368,6 +369,67 @@ TEST_F(DiagBusServiceTest, VokctlMetricsAndTextfileNeverHalfWritten) {
         1, RunVokctl({"diagtest", "metrics", "--textfile", dir.path + "/no/such.prom"}, &output));
     EXPECT_EQ(2, RunVokctl({"diagtest", "metrics", "--textfile"}, &output));
     EXPECT_EQ(std::vector<std::string>{"vok.prom"}, dir.List());
+}
+
+// Three seconds of vok-demo recorded through vokctl: a valid trace whose messages run as whole
+// flows between the client and echo blades' tracks, each track named after its blade (or the
+// shell, or the diagnostics service's own thread).
+TEST(DemoTraceTest, ThreeSecondsOfTheDemoShowFlowsBetweenClientAndEcho) {
+    Watchdog watchdog(std::chrono::seconds(240));
+    ChildProcess demo;
+    demo.Start({VOK_DEMO}, true, true);
+    // Its diagnostics service on the bus, and the client and echo blades talking.
+    GMainContext* context = g_main_context_new();
+    {
+        Handle client(context);
+        ReplyLog status;
+        ASSERT_TRUE(client.Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
+                                "{\"serviceName\":\"com.orvex.vok.vok-demo\"}", &status));
+        ASSERT_TRUE(IterateUntil(context, [&]() {
+            return !status.replies.empty() && status.replies.back().Bool("connected");
+        }));
+    }
+    g_main_context_unref(context);
+    for (std::string line = demo.ReadLine(); line.find("round trip #1 ") == std::string::npos;
+         line = demo.ReadLine()) {
+        ASSERT_FALSE(line.empty()) << "vok-demo ended before its first round trip";
+    }
+
+    TempDir dir;
+    const std::string path = dir.path + "/demo.json";
+    std::string output;
+    const int status = RunVokctl({"vok-demo", "trace", "--seconds", "3", "-o", path}, &output);
+    demo.Kill(SIGTERM);
+    demo.ReadAll();
+    EXPECT_EQ(0, demo.Wait());
+    ASSERT_EQ(0, status) << output;
+
+    const TraceCheck check = CheckTraceEvents(ReadFile(path));
+    ASSERT_TRUE(check.Ok()) << check.Report();
+    const std::vector<std::string> tracks{"echo", "client", "alarm", "bus", "VokShell", "diag-bus"};
+    std::map<std::string, std::string> flowEnds;  // id -> track of the reading thread
+    for (const TraceEvent& event : check.events) {
+        if (event.ph == "M") {
+            continue;
+        }
+        const auto name = check.threadNames.find(event.tid);
+        ASSERT_NE(check.threadNames.end(), name) << event.name << " on an unnamed track";
+        EXPECT_NE(tracks.end(), std::find(tracks.begin(), tracks.end(), name->second))
+            << name->second;
+        EXPECT_TRUE(event.ph != "X" || event.dur >= 0) << event.name;
+        if (event.ph == "f") {
+            flowEnds[event.id] = name->second;
+        }
+    }
+    std::map<std::string, int> flows;  // "writer>reader" -> count
+    for (const TraceEvent& start : check.Phase("s")) {
+        ASSERT_EQ(1u, flowEnds.count(start.id)) << "flow " << start.id << " has no end";
+        ++flows[check.threadNames.at(start.tid) + ">" + flowEnds[start.id]];
+    }
+    EXPECT_EQ(check.Phase("s").size(), flowEnds.size());
+    EXPECT_GE(flows["client>echo"], 1);
+    EXPECT_GE(flows["echo>client"], 1);
+    EXPECT_EQ(flows["client>echo"] + flows["echo>client"], static_cast<int>(flowEnds.size()));
 }
 
 // A daemon name a bus name cannot hold is still served, under a name vokctl finds from it.
