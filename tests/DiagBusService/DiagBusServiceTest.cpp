@@ -379,17 +379,7 @@ TEST(DemoTraceTest, ThreeSecondsOfTheDemoShowFlowsBetweenClientAndEcho) {
     ChildProcess demo;
     demo.Start({VOK_DEMO}, true, true);
     // Its diagnostics service on the bus, and the client and echo blades talking.
-    GMainContext* context = g_main_context_new();
-    {
-        Handle client(context);
-        ReplyLog status;
-        ASSERT_TRUE(client.Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
-                                "{\"serviceName\":\"com.orvex.vok.vok-demo\"}", &status));
-        ASSERT_TRUE(IterateUntil(context, [&]() {
-            return !status.replies.empty() && status.replies.back().Bool("connected");
-        }));
-    }
-    g_main_context_unref(context);
+    ASSERT_TRUE(WaitForService("com.orvex.vok.vok-demo"));
     for (std::string line = demo.ReadLine(); line.find("round trip #1 ") == std::string::npos;
          line = demo.ReadLine()) {
         ASSERT_FALSE(line.empty()) << "vok-demo ended before its first round trip";

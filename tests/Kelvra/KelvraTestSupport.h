@@ -69,6 +69,9 @@ class TestService : public ChildProcess {
     explicit TestService(const std::string& serviceName, const char* program = nullptr);
 };
 
+// Waits (at most 60 s) until serviceName is owned on the bus; false when it is not by then.
+bool WaitForService(const std::string& serviceName);
+
 // A service name no other test uses.
 std::string UniqueServiceName();
 
