@@ -13,12 +13,7 @@ vokctl=$build/apps/vokctl/vokctl
 work=$(mktemp -d)
 pids=()
 cleanup() {
-    for pid in "${pids[@]}"; do
-        kill -TERM "$pid" 2>/dev/null || true
-    done
-    for pid in "${pids[@]}"; do
-        wait "$pid" 2>/dev/null || true
-    done
+    stop_processes "${pids[@]}"
     rm -rf "$work"
 }
 trap cleanup EXIT
@@ -36,6 +31,8 @@ for _ in $(seq 100); do
 done
 "$vokctl" vok-demo trace --seconds 3 -o "$work/demo.json"
 "$vokctl" vok-demo metrics | head -n "${METRICS_LINES:-12}"
+# The daemons go before their bus, so that they do not see it lost.
+stop_processes "${pids[@]:1}"
 # The picture shows one round trip: from the client's first message to the echo's answer read,
 # with a fifth of that on either side (milliseconds from the first event, as trace-to-svg takes).
 read -r from to < <(python3 - "$work/demo.json" <<'PY'
