@@ -7,11 +7,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <fstream>
 #include <map>
 #include <memory>
-#include <sstream>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -244,89 +243,68 @@ TEST_F(DiagBusServiceTest, VokctlPrintsTablesAndFailsForAMissingDaemon) {
 
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// The standard output of a shell command line.
+std::string Shell(const std::string& command) {
+    gchar* out = nullptr;
+    g_spawn_command_line_sync(command.c_str(), &out, nullptr, nullptr, nullptr);
+    const std::string text = out != nullptr ? out : "";
+    g_free(out);
+    return text;
 }
 
 // A directory of the test's own, removed with what it holds.
-struct TempDir {
-    std::string path = MakeTemp();
-    ~TempDir() { EXPECT_EQ(0, std::system(("rm -rf " + path).c_str())); }
-    static std::string MakeTemp() {
-        char name[] = "/tmp/vok-diagtest-XXXXXX";
-        return g_mkdtemp(name) != nullptr ? name : "";
-    }
-    // The names in the directory, sorted.
-    std::vector<std::string> List() const {
-        std::vector<std::string> names;
-        GDir* dir = g_dir_open(path.c_str(), 0, nullptr);
-        while (const char* name = dir != nullptr ? g_dir_read_name(dir) : nullptr) {
-            names.push_back(name);
-        }
-        if (dir != nullptr) {
-            g_dir_close(dir);
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
+struct ScratchDir {
+    const std::string made = Shell("mktemp -d");  // "/tmp/tmp.XXXXXXXXXX\n"
+    const std::string dir = made.substr(0, made.size() - 1) + "/";
+    ~ScratchDir() { Shell("rm -rf " + dir); }
+    std::string List() const { return Shell("ls -A " + dir); }  // hidden files too
 };
 
 // A trace of several MB, far above what one bus reply carries, crosses whole in parts (with
-// characters of more than one byte at any cut), and a recording window leaves recording as it was.
+// characters of more than one byte at the cuts), and a recording window leaves recording as it was.
 TEST_F(DiagBusServiceTest, VokctlWritesTracesInPartsAndRestoresRecording) {
     Watchdog watchdog;
-    TempDir dir;
+    const ScratchDir scratch;
     TraceSetRingEvents(1u << 15);
     TraceSetEnabled(true);
-    const int kMarks = 30000;
-    // Mostly characters of three bytes: most cuts between parts fall inside one.
-    const std::string kMark = "✓✓✓✓✓✓✓✓✓✓✓✓✓";
-    for (int i = 0; i < kMarks; ++i) {
+    const std::string kMark = "✓✓✓✓✓✓✓✓✓✓✓✓✓";  // most cuts fall inside a character
+    for (int i = 0; i < 30000; ++i) {
         TraceMark(kMark);
     }
     TraceSetEnabled(false);
-    // A client that does not subscribe cannot take an answer of many parts.
     EXPECT_NE(npos, Call("diag/trace", "{\"sinceNs\":0}").find("parts: ask with"));
-
     std::string output;
-    const std::string snapshot = dir.path + "/snapshot.json";
-    ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--snapshot", "-o", snapshot}, &output)) << output;
-    const std::string json = ReadFile(snapshot);
+    const std::string file = scratch.dir + "trace.json";
+    ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--snapshot", "-o", file}, &output)) << output;
+    const std::string json = ReadFile(file);
     EXPECT_GT(json.size(), 2u * KV_MAX_PAYLOAD_SIZE);
     TraceCheck check = CheckTraceEvents(json);
     ASSERT_TRUE(check.Ok()) << check.Report();
-    EXPECT_EQ(kMarks,
-              std::count_if(check.events.begin(), check.events.end(),
-                            [&](const TraceEvent& e) { return e.ph == "i" && e.name == kMark; }));
+    auto marks = [&]() {
+        return std::count_if(check.events.begin(), check.events.end(),
+                             [&](const TraceEvent& e) { return e.ph == "i" && e.name == kMark; });
+    };
+    EXPECT_EQ(30000, marks());
 
-    // A window of its own: the marks made before it are not in it, and recording is off again.
-    const std::string window = dir.path + "/window.json";
-    ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--seconds", "0.2", "-o", window}, &output))
-        << output;
-    check = CheckTraceEvents(ReadFile(window));
+    // A window of its own holds nothing from before it, and recording is off again after it.
+    ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--seconds", "0.2", "-o", file}, &output));
+    check = CheckTraceEvents(ReadFile(file));
     EXPECT_TRUE(check.Ok()) << check.Report();
-    EXPECT_TRUE(std::none_of(check.events.begin(), check.events.end(),
-                             [&](const TraceEvent& e) { return e.name == kMark; }));
+    EXPECT_EQ(0, marks());
     EXPECT_FALSE(TraceIsEnabled());
     EXPECT_EQ(0, RunVokctl({"diagtest", "trace", "on"}, &output));
     EXPECT_EQ("trace recording on (was off)\n", output);
-    ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--seconds", "0.2", "-o", window}, &output));
+    ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--seconds", "0.2", "-o", file}, &output));
     EXPECT_TRUE(TraceIsEnabled());
     TraceSetEnabled(false);
     TraceSetRingEvents(kTraceDefaultRingEvents);
 
-    for (const std::vector<std::string>& bad :
-         {std::vector<std::string>{"--seconds", "0", "-o", window},
-          {"--snapshot"},
-          {"--snapshot", "--seconds", "1", "-o", window},
-          {"--seconds", "1x", "-o", window},
-          {"-o", window}}) {
-        std::vector<std::string> args{"diagtest", "trace"};
-        args.insert(args.end(), bad.begin(), bad.end());
-        EXPECT_EQ(2, RunVokctl(args, &output)) << bad[0];
-    }
-    EXPECT_EQ(std::vector<std::string>({"snapshot.json", "window.json"}), dir.List());
+    EXPECT_EQ(2, RunVokctl({"diagtest", "trace", "--seconds", "0", "-o", file}, &output));
+    EXPECT_EQ(2, RunVokctl({"diagtest", "trace", "--snapshot"}, &output));
+    EXPECT_EQ("trace.json\n", scratch.List());
 }
 
 // The exposition passes the format's checker, and --textfile replaces its target so that a
@@ -341,20 +319,15 @@ TEST_F(DiagBusServiceTest, VokctlMetricsAndTextfileNeverHalfWritten) {
     EXPECT_EQ(3, check.Value("metricstest_depth"));
     EXPECT_GT(check.Value("process_resident_memory_bytes"), 0);
 
-    TempDir dir;
-    const std::string path = dir.path + "/vok.prom";
+    const ScratchDir scratch;
+    const std::string path = scratch.dir + "vok.prom";
     const std::string old = "# TYPE old gauge\nold 1\n# EOF\n";
-    { std::ofstream(path) << old; }
+    ASSERT_TRUE(g_file_set_contents(path.c_str(), old.c_str(), -1, nullptr));
     std::atomic<bool> writing(true);
-    std::atomic<int> reads(0);
     std::thread reader([&]() {
-        while (writing) {
-            const std::string seen = ReadFile(path);
-            ++reads;
-            if (seen != old && !CheckOpenMetrics(seen).Ok()) {
-                ADD_FAILURE() << "half a file:\n" << seen;
-                return;
-            }
+        for (std::string seen; writing;) {
+            seen = ReadFile(path);
+            EXPECT_TRUE(seen == old || CheckOpenMetrics(seen).Ok()) << seen;
         }
     });
     for (int i = 0; i < 3; ++i) {
@@ -362,13 +335,10 @@ TEST_F(DiagBusServiceTest, VokctlMetricsAndTextfileNeverHalfWritten) {
     }
     writing = false;
     reader.join();
-    EXPECT_GT(reads, 0);
     EXPECT_TRUE(CheckOpenMetrics(ReadFile(path)).Ok());
-    EXPECT_EQ(std::vector<std::string>{"vok.prom"}, dir.List());
     EXPECT_EQ(
-        1, RunVokctl({"diagtest", "metrics", "--textfile", dir.path + "/no/such.prom"}, &output));
-    EXPECT_EQ(2, RunVokctl({"diagtest", "metrics", "--textfile"}, &output));
-    EXPECT_EQ(std::vector<std::string>{"vok.prom"}, dir.List());
+        1, RunVokctl({"diagtest", "metrics", "--textfile", scratch.dir + "no/such.prom"}, &output));
+    EXPECT_EQ("vok.prom\n", scratch.List());
 }
 
 // Three seconds of vok-demo recorded through vokctl: a valid trace whose messages run as whole
@@ -378,48 +348,38 @@ TEST(DemoTraceTest, ThreeSecondsOfTheDemoShowFlowsBetweenClientAndEcho) {
     Watchdog watchdog(std::chrono::seconds(240));
     ChildProcess demo;
     demo.Start({VOK_DEMO}, true, true);
-    // Its diagnostics service on the bus, and the client and echo blades talking.
     ASSERT_TRUE(WaitForService("com.orvex.vok.vok-demo"));
     for (std::string line = demo.ReadLine(); line.find("round trip #1 ") == std::string::npos;
          line = demo.ReadLine()) {
         ASSERT_FALSE(line.empty()) << "vok-demo ended before its first round trip";
     }
-
-    TempDir dir;
-    const std::string path = dir.path + "/demo.json";
+    const ScratchDir scratch;
+    const std::string path = scratch.dir + "demo.json";
     std::string output;
     const int status = RunVokctl({"vok-demo", "trace", "--seconds", "3", "-o", path}, &output);
     demo.Kill(SIGTERM);
     demo.ReadAll();
     EXPECT_EQ(0, demo.Wait());
     ASSERT_EQ(0, status) << output;
-
     const TraceCheck check = CheckTraceEvents(ReadFile(path));
     ASSERT_TRUE(check.Ok()) << check.Report();
-    const std::vector<std::string> tracks{"echo", "client", "alarm", "bus", "VokShell", "diag-bus"};
-    std::map<std::string, std::string> flowEnds;  // id -> track of the reading thread
+
+    // The checker has matched each flow's start with its end; here, who talks to whom.
+    const std::set<std::string> tracks{"echo", "client", "alarm", "bus", "VokShell", "diag-bus"};
     for (const TraceEvent& event : check.events) {
-        if (event.ph == "M") {
-            continue;
-        }
-        const auto name = check.threadNames.find(event.tid);
-        ASSERT_NE(check.threadNames.end(), name) << event.name << " on an unnamed track";
-        EXPECT_NE(tracks.end(), std::find(tracks.begin(), tracks.end(), name->second))
-            << name->second;
-        EXPECT_TRUE(event.ph != "X" || event.dur >= 0) << event.name;
-        if (event.ph == "f") {
-            flowEnds[event.id] = name->second;
-        }
+        EXPECT_TRUE(event.ph == "M" || tracks.count(check.threadNames.at(event.tid))) << event.name;
     }
-    std::map<std::string, int> flows;  // "writer>reader" -> count
+    std::map<std::string, std::string> readers;  // flow id -> the reader's track
+    for (const TraceEvent& end : check.Phase("f")) {
+        readers[end.id] = check.threadNames.at(end.tid);
+    }
+    std::map<std::string, size_t> flows;  // "writer>reader" -> count
     for (const TraceEvent& start : check.Phase("s")) {
-        ASSERT_EQ(1u, flowEnds.count(start.id)) << "flow " << start.id << " has no end";
-        ++flows[check.threadNames.at(start.tid) + ">" + flowEnds[start.id]];
+        ++flows[check.threadNames.at(start.tid) + ">" + readers.at(start.id)];
     }
-    EXPECT_EQ(check.Phase("s").size(), flowEnds.size());
-    EXPECT_GE(flows["client>echo"], 1);
-    EXPECT_GE(flows["echo>client"], 1);
-    EXPECT_EQ(flows["client>echo"] + flows["echo>client"], static_cast<int>(flowEnds.size()));
+    EXPECT_GE(flows["client>echo"], 1u);
+    EXPECT_GE(flows["echo>client"], 1u);
+    EXPECT_EQ(readers.size(), flows["client>echo"] + flows["echo>client"]);
 }
 
 // A daemon name a bus name cannot hold is still served, under a name vokctl finds from it.
