@@ -1,5 +1,4 @@
-// The interactive console: matching, help, the line loop, the three command groups, and the
-// vok-console program run as a process of its own.
+// The interactive console in process, and the vok-console program.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -46,8 +45,7 @@ std::vector<std::string> Addresses(const std::string& text) {
 class ConsoleTest : public ::testing::Test {
   protected:
     void TearDown() override { EXPECT_FALSE(error_) << "a command ended with an exception"; }
-    // Runs fn with standard output going to a temporary file and returns what it printed. An
-    // exception of fn is kept in error_.
+    // What fn printed; its exception is kept in error_.
     std::string CaptureStdout(const std::function<void()>& fn) {
         std::fflush(stdout);
         FILE* file = std::tmpfile();
@@ -63,14 +61,12 @@ class ConsoleTest : public ::testing::Test {
         close(saved);
         return ReadAndClose(file);
     }
-    // An interactive session on input; returns what it printed.
     std::string Session(const std::string& input) {
         FILE* in = fmemopen(const_cast<char*>(input.data()), input.size(), "r");
         const std::string out = CaptureStdout([&] { console_.Run(in); });
         std::fclose(in);
         return out;
     }
-    // One command in one-shot mode.
     std::string Command(std::vector<std::string> args) {
         std::vector<char*> argv;
         for (std::string& arg : args) {
@@ -79,8 +75,7 @@ class ConsoleTest : public ::testing::Test {
         return CaptureStdout(
             [&] { console_.RunCommand(static_cast<int>(argv.size()), argv.data()); });
     }
-    // Success when the last session or command ended with the framework's program error text;
-    // the error is taken.
+    // The last session or command ended with this program error (taken).
     ::testing::AssertionResult EndedWith(const std::string& text) {
         std::exception_ptr error;
         std::swap(error, error_);
@@ -88,10 +83,8 @@ class ConsoleTest : public ::testing::Test {
     }
 
     std::exception_ptr error_;
-    // A console that keeps prompting at the end of its input fails the test instead of hanging.
     test::Watchdog watchdog_;
-    // Destroyed after each test: releases the framework, lists and generator the test left.
-    voktests::InteractiveTestManager console_;
+    voktests::InteractiveTestManager console_;  // Releases what the test left.
 };
 
 TEST_F(ConsoleTest, LinesRunUntilQuitMatchingNamesOrUniquePrefixesWithoutRegardToCase) {
@@ -165,7 +158,7 @@ TEST_F(ConsoleTest, IntrusiveListElementsAreAddedListedRemovedAndRotated) {
         "Removing element <" + elements[1] + ">...\nElement removed, now 3 element(s) in list.\n",
         Command({"intrus.rem", elements[1]}));
     EXPECT_EQ("No element <" + elements[1] + "> in list.\n", Command({"intrus.rem", elements[1]}));
-    // Each of the three moves from front to back once: the order is as before.
+    // All three move from front to back once: the order is as before.
     EXPECT_EQ("3 element(s) rotated.\n", Command({"intrus.rotate"}));
     EXPECT_EQ("Element #0: <" + elements[0] + ">, value=-7.\nElement #1: <" + elements[2] +
                   ">, value=2.\nElement #2: <" + elements[3] +
@@ -177,8 +170,7 @@ TEST_F(ConsoleTest, IntrusiveListElementsAreAddedListedRemovedAndRotated) {
               Session("intrus.remfront\nintrus.remall\nintrus.remfront\nintrus.destroy\n"));
 }
 
-// The vok-console program, started through the emulator when there is one, with args and input
-// on its standard input; its output and error go to files.
+// The vok-console program (through the emulator when there is one) on args and input.
 struct ProgramResult {
     int status = -1;  // The wait status.
     std::string out;
@@ -192,8 +184,7 @@ ProgramResult RunConsoleProgram(const std::string& args, const std::string& inpu
     const std::string command =
         std::string(emulator != nullptr ? emulator : "") + " " + VOK_CONSOLE_PROGRAM + " " + args +
         " >/dev/fd/" + std::to_string(fileno(out)) + " 2>/dev/fd/" + std::to_string(fileno(err));
-    // A program that does not read its input may have ended before it is written: that is EPIPE
-    // here, not a signal.
+    // A program that does not read its input may be gone before it is written.
     std::signal(SIGPIPE, SIG_IGN);
     FILE* in = popen(command.c_str(), "w");
     std::fputs(input.c_str(), in);

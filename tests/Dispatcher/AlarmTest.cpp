@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -65,16 +64,13 @@ TEST_F(AlarmTest, ChangeCbFromInsideTheCallbackKeepsTheRunningCallableAlive) {
 }
 
 // vok-powerd killed and restarted twice within each alarm's interval: each alarm fires once, never
-// early, late by at most the rounding to seconds. VOK_ALARM_RESTART_ROUNDS rounds (default 3).
+// early, late by at most the rounding to seconds.
 TEST_F(AlarmTest, PowerServiceRestartsKeepTheDueTime) {
-    const char* roundsText = std::getenv("VOK_ALARM_RESTART_ROUNDS");
-    const int rounds = roundsText != nullptr ? std::atoi(roundsText) : 3;
     const long long intervalMs = 4000;
-    long long minError = 1 << 30, maxError = -(1 << 30);
     std::unique_ptr<PowerDaemon> powerd(new PowerDaemon);
     RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });
     WaitForPower(true);
-    for (int round = 0; round < rounds; ++round) {
+    for (int round = 0; round < 3; ++round) {
         fired_ = 0;
         const Clock::time_point start = Clock::now();
         alarm.Schedule(intervalMs);
@@ -89,15 +85,11 @@ TEST_F(AlarmTest, PowerServiceRestartsKeepTheDueTime) {
         Pump(dispatcher_, [&]() { return fired_ == 1; });
         EXPECT_EQ(kRdAlarmFiredByPowerService, alarm.GetFiredBy()) << "round " << round;
         const long long error = MsSince(start) - intervalMs;
-        minError = std::min(minError, error);
-        maxError = std::max(maxError, error);
         EXPECT_GE(error, 0) << "round " << round;
         EXPECT_LT(error, 2000) << "round " << round;  // a restarted interval is late by >= 2500
     }
     Settle(200);
     EXPECT_EQ(1, fired_);
-    std::printf("alarm timing error over %d power service restarts: min %lld ms, max %lld ms\n",
-                2 * rounds, minError, maxError);
 }
 
 TEST_F(AlarmTest, HungPowerServiceLetsTheTimerFireTheAlarmOnce) {
@@ -121,8 +113,8 @@ TEST_F(AlarmTest, HungPowerServiceLetsTheTimerFireTheAlarmOnce) {
     EXPECT_EQ(1, fired_);
 }
 
-// A service that refuses, lies, ends the request early or never answers: a line at the level
-// given, and the timer fires the alarm once, not early.
+// A service that refuses, lies or ends early: one line at the level given, and the timer fires the
+// alarm once, not early. (No answer at all: the hung-service test.)
 TEST_F(AlarmTest, MisbehavingPowerServiceNeverLosesTheAlarm) {
     std::vector<std::string> next;
     test::FakeService power(dispatcher_, "com.orvex.power");
@@ -145,7 +137,6 @@ TEST_F(AlarmTest, MisbehavingPowerServiceNeverLosesTheAlarm) {
         {{id, "{\"returnValue\":true,\"alarmId\":7,\"removed\":true}"}, "ended the", kCritical},
         {{id, "{\"returnValue\":true,\"alarmId\":7,\"fired\":true}"}, "early", kCritical},
         {{id, "{\"returnValue\":true,\"alarmId\":8,\"fired\":true}", ""}, "overdue", kError},
-        {{"", ""}, "no answer", kError},
     };
     for (const auto& c : cases) {
         test::LogCapture log;
@@ -227,8 +218,8 @@ TEST_F(PowerdRequestTest, OnlyTheOwnerRemovesAnAlarmAndEachClientHasALimit) {
     EXPECT_EQ(ids[0], Remove(":1.1", ids[0]).removed);
 }
 
-// Through vok-powerd: a fractional interval is rounded up, not down; the service tells its
-// clients apart by their bus names, and an alarm ends when its client leaves.
+// Through vok-powerd: intervals round up; clients are told apart by bus name; an alarm ends when
+// its client leaves.
 TEST_F(AlarmTest, PowerServiceRoundsIntervalsUpAndKnowsWhichClientOwnsAnAlarm) {
     PowerDaemon powerd(test::ContextOf(dispatcher_));
     RdAlarmBase alarm(dispatcher_, [&]() { ++fired_; });

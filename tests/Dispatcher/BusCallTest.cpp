@@ -41,8 +41,8 @@ class BusCallTest : public ::testing::Test {
     RuntimeDispatcher dispatcher_;
 };
 
-// Replies arrive on the dispatcher's thread until the last; a call while one is pending cancels
-// the first. The first callback replaces itself and then still uses what it holds (on the heap).
+// Replies on the dispatcher's thread until the last; a new call cancels a pending one; a callback
+// replacing itself still uses what it holds.
 TEST_F(BusCallTest, RepliesArriveOnTheDispatcherThreadUntilTheLast) {
     FakeService service(dispatcher_, "com.test.echo");
     service.AddMethod("echo/three", [](const std::string& payload) {
@@ -70,7 +70,6 @@ TEST_F(BusCallTest, RepliesArriveOnTheDispatcherThreadUntilTheLast) {
     replies.clear();
     call.Call("com.test.echo", "open/sub", "{\"call\":\"first\"}");
     call.Call("com.test.echo", "open/sub", "{\"call\":\"second\"}");
-    // Replies come in order on one connection: the first call's would have come before.
     Pump(dispatcher_,
          [&]() { return service.Requests("open/sub").size() == 2 && !replies.empty(); });
     EXPECT_EQ(std::vector<std::string>{"{\"call\":\"second\"}"}, replies);
@@ -84,7 +83,7 @@ TEST_F(BusCallTest, ServiceStatusReachesObserversOncePerChangeInKeyOrder) {
     auto record = [&calls](char* key) {
         return [&calls, key](bool up) { calls.emplace_back(key, up); };
     };
-    // Added in reverse key order; the first adds a third, which waits for the next change.
+    // Added in reverse key order; the first adds a third, told from the next change on.
     client->AddRegStatusObserver(&keys[1], record(&keys[1]));
     client->AddRegStatusObserver(&keys[0], [&](bool up) {
         calls.emplace_back(&keys[0], up);
@@ -130,9 +129,8 @@ TEST_F(BusCallTest, CallsWithATimeoutEndAtTheDeadline) {
     EXPECT_FALSE(call);
 }
 
-// The bus killed and started again at the same address: an open call ends through its callback,
-// and a dispatcher whose first bus use falls in the gap gets its error from the loop and works
-// afterwards.
+// Bus killed and restarted: an open call ends; a dispatcher first using the bus in the gap gets
+// its error from the loop and works afterwards.
 TEST_F(BusCallTest, CallsAndStatusSurviveABusRestart) {
     FakeService service(dispatcher_, "com.test.restart");
     service.AddMethod("open/sub", [](const std::string& payload) {
@@ -174,8 +172,7 @@ TEST_F(BusCallTest, CallsAndStatusSurviveABusRestart) {
     EXPECT_EQ("{\"n\":5}", lateReplies[1]);
 }
 
-// A bus callback's exception on a handle that no dispatcher registered must not unwind through
-// the bus library's C code: the process logs it at critical level and ends.
+// An exception out of a callback on a handle no dispatcher owns is critical and fatal.
 TEST(BusCallDeathTest, ExceptionWithoutADispatcherIsCriticalAndFatal) {
     EXPECT_DEATH(
         {

@@ -22,10 +22,9 @@ class DescriptorMonitorTest : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_EQ(0, pipe(fds_)); }
     void TearDown() override {
-        for (int fd : fds_) {
-            if (fd >= 0) {
-                close(fd);
-            }
+        close(fds_[0]);
+        if (fds_[1] >= 0) {
+            close(fds_[1]);
         }
     }
     void Step() { g_main_context_iteration(test::ContextOf(dispatcher_), FALSE); }
@@ -71,7 +70,6 @@ TEST_F(DescriptorMonitorTest, ReadableWhileDataWaitsOrOnHangUpAndNotWithEmptyMas
     EXPECT_FALSE(reports_[2].writable);
 }
 
-// The pipe is writable; the callback destroys its monitor.
 TEST_F(DescriptorMonitorTest, CallbackMayDestroyItsMonitor) {
     std::unique_ptr<RdDescriptorMonitorBase> monitor;
     monitor.reset(new RdDescriptorMonitorBase(fds_[1], dispatcher_, [&](bool r, bool w, bool e) {

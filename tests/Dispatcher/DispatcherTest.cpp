@@ -19,7 +19,7 @@
 namespace vok {
 namespace {
 
-// Still alive with the caller's reference: the sanitizer run would see a use after free otherwise.
+// Still alive with the caller's reference (a use after free for the sanitizers otherwise).
 TEST(DispatcherTest, CallerContextSurvivesTheDispatcher) {
     GMainContext* context = g_main_context_new();
     { GlibRuntimeDispatcher dispatcher(context); }
@@ -27,8 +27,7 @@ TEST(DispatcherTest, CallerContextSurvivesTheDispatcher) {
     g_main_context_unref(context);
 }
 
-// A stop requested before Run is lost; Run inside Run returns at once; the loop runs again after
-// a stop and stops on a request from another thread.
+// A stop before Run is lost; a nested Run returns at once; a stop from another thread works.
 TEST(DispatcherTest, RequestStopEndsOnlyARunningLoop) {
     test::Watchdog watchdog;
     RuntimeDispatcher dispatcher;
@@ -53,8 +52,8 @@ TEST(DispatcherTest, RequestStopEndsOnlyARunningLoop) {
     stopper.join();
 }
 
-// Closures posted from other threads run on the dispatcher's thread in order (one posted before
-// Run waits for it); a target outlives its dispatcher, whose pending closures die unrun.
+// Posted closures run in order on the dispatcher's thread; a target outlives its dispatcher,
+// whose pending closures die unrun.
 TEST(DispatcherTest, PostedClosuresRunOnTheDispatcherThreadOrDieUnrun) {
     test::Watchdog watchdog;
     std::unique_ptr<RuntimeDispatcher> dispatcher(new RuntimeDispatcher);
@@ -91,14 +90,12 @@ TEST(DispatcherTest, PostedClosuresRunOnTheDispatcherThreadOrDieUnrun) {
     EXPECT_FALSE(RdPostTarget().Post([]() {}));
 }
 
-// Run rethrows the first exception out of a callback and logs a second one of the same iteration
-// at critical level; a loop the application steps hands them to its handler. Either way nothing
-// is left over for a later Run.
+// Run rethrows the first exception and logs a second of the same iteration as critical; a stepped
+// loop hands them to its handler. Nothing is left over for a later Run.
 TEST(DispatcherExceptionTest, SecondExceptionBeforeRunReturnsIsLoggedAtCriticalLevel) {
     test::Watchdog watchdog;
     test::LogCapture capture;
     RuntimeDispatcher dispatcher;
-    // Both expire in the same iteration, so both run before the loop can stop.
     RdTimerBase first(dispatcher, []() { throw std::runtime_error("first"); });
     RdTimerBase second(dispatcher, []() { throw std::runtime_error("second"); });
     RdTimerBase stop(dispatcher, [&]() { dispatcher.RequestStop(); });

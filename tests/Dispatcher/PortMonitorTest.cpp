@@ -3,28 +3,24 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <thread>
-#include <vector>
 
+#include "MessageMover/MmTestSupport.h"
 #include "support/LogCapture.h"
 #include "support/LoopSupport.h"
 #include "vok/Event.h"
-#include "vok/MessageMoverFramework.h"
 #include "vok/MessageMoverInterface.h"
-#include "vok/MmCommandPort.h"
 #include "vok/MmConnectionPort.h"
 #include "vok/MmMessageHandle.h"
 #include "vok/RdPortMonitor.h"
-#include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
 
 namespace vok {
 namespace {
 
-class PortMonitorTest : public ::testing::Test {
+class PortMonitorTest : public test::MmFrameworkTest {
   protected:
     void SetUp() override {
-        framework_ = MessageMoverFramework::StartMessageMoverFramework("test");
+        MmFrameworkTest::SetUp();
         iface_ = framework_->CreateInterface("monitor");
         end_ = iface_->CreateConnectedPair(iface_, &peer_);
     }
@@ -32,7 +28,7 @@ class PortMonitorTest : public ::testing::Test {
         iface_->DiscardConnectionPort(end_);
         iface_->DiscardConnectionPort(peer_);
         framework_->DiscardInterface(iface_);
-        MessageMoverFramework::StopMessageMoverFramework(framework_);
+        MmFrameworkTest::TearDown();
     }
     void Drain() { test::Drain(dispatcher_); }
     void WriteToEnd(int count) {
@@ -42,7 +38,6 @@ class PortMonitorTest : public ::testing::Test {
             ASSERT_EQ(kVokErrNone, peer_->WriteMessage(msg, nullptr));
         }
     }
-    // Reads one message from end_; returns false when none waits.
     bool ReadOne() {
         MmConnectionMessageHandle msg;
         if (end_->ReadMessage(&msg) != kVokErrNone) {
@@ -54,14 +49,15 @@ class PortMonitorTest : public ::testing::Test {
 
     test::Watchdog watchdog_;
     RuntimeDispatcher dispatcher_;
-    MessageMoverFramework* framework_ = nullptr;
     MessageMoverInterface* iface_ = nullptr;
     MmConnectionPort* end_ = nullptr;
     MmConnectionPort* peer_ = nullptr;
 };
 
-// Messages that wait before the mask is set are reported without a new port event; a callback
-// that reads one message at a time is called again until none is left, and may destroy its monitor.
+// Write and exception masks are refused (a port is always writable and raises none), and so is
+// discarding a watched port. Messages waiting before the mask is set are reported without a new
+// event; a callback reading one at a time is called until none is left, and may destroy its
+// monitor.
 TEST_F(PortMonitorTest, ReadablePortIsReportedOnceMaskedAndUntilEmpty) {
     WriteToEnd(2);
     int calls = 0;
@@ -71,6 +67,10 @@ TEST_F(PortMonitorTest, ReadablePortIsReportedOnceMaskedAndUntilEmpty) {
         ++calls;
         read += ReadOne() ? 1 : 0;
     });
+    EXPECT_THROW(monitor->SetEventMask(false, true, false), VokProgramErrorException);
+    EXPECT_THROW(monitor->SetEventMask(false, false, true), VokProgramErrorException);
+    EXPECT_THROW(monitor->SetEventMask(true, true, true), VokProgramErrorException);
+    EXPECT_THROW(iface_->DiscardConnectionPort(end_), VokProgramErrorException);
     Drain();
     EXPECT_EQ(0, calls);  // no mask yet
     monitor->SetEventMask(true, false, false);
@@ -87,83 +87,7 @@ TEST_F(PortMonitorTest, ReadablePortIsReportedOnceMaskedAndUntilEmpty) {
     EXPECT_EQ(6, calls);
     while (ReadOne()) {
     }
-}
-
-TEST_F(PortMonitorTest, MessagesFromFourWriterThreadsAllReachTheMonitorThread) {
-    const int kWriters = 4;
-    const int kPerWriter = 2000;
-    MmCommandPort* inbox = iface_->CreateCommandPort();
-    const MmPortAddress_t address = inbox->GetAddress();
-    const GThread* loopThread = g_thread_self();
-    int received = 0;
-    bool wrongThread = false;
-    // The port must outlive its monitor.
-    auto monitor = std::make_unique<RdPortMonitor>(*inbox, dispatcher_, [&](bool, bool, bool) {
-        wrongThread = wrongThread || g_thread_self() != loopThread;
-        MmCommandMessageHandle msg;
-        while (inbox->ReadMessage(&msg) == kVokErrNone) {
-            iface_->FreeMessage(msg);
-            ++received;
-        }
-        if (received == kWriters * kPerWriter) {
-            dispatcher_.RequestStop();
-        }
-    });
-    monitor->SetEventMask(true, false, false);
-    std::vector<std::thread> writers;
-    RdTimerBase start(dispatcher_, [&]() {
-        for (int w = 0; w < kWriters; ++w) {
-            writers.emplace_back([&]() {
-                MessageMoverInterface* mine = framework_->CreateInterface("writer");
-                MmCommandPort* out = mine->CreateCommandPort();
-                for (int i = 0; i < kPerWriter; ++i) {
-                    MmCommandMessageHandle msg;
-                    mine->CreateCommandMessage(8, &msg);
-                    msg.SetDestinationAddress(address);
-                    EXPECT_EQ(kVokErrNone, out->WriteMessage(msg, nullptr));
-                }
-                mine->DiscardCommandPort(out);
-                framework_->DiscardInterface(mine);
-            });
-        }
-    });
-    start.Schedule(0);
-    dispatcher_.Run();
-    for (auto& writer : writers) {
-        writer.join();
-    }
-    EXPECT_EQ(kWriters * kPerWriter, received);
-    EXPECT_FALSE(wrongThread);
-    monitor.reset();
-    iface_->DiscardCommandPort(inbox);
-}
-
-// A port is always writable and raises no exceptions: watching either would call back for
-// ever, so both are refused and a readable mask keeps working.
-TEST_F(PortMonitorTest, WriteAndExceptionMasksAreRefused) {
-    int calls = 0;
-    RdPortMonitor monitor(*end_, dispatcher_,
-                          [&](bool, bool, bool) { calls += ReadOne() ? 1 : 0; });
-    EXPECT_THROW(monitor.SetEventMask(false, true, false), VokProgramErrorException);
-    EXPECT_THROW(monitor.SetEventMask(false, false, true), VokProgramErrorException);
-    EXPECT_THROW(monitor.SetEventMask(true, true, true), VokProgramErrorException);
-    Drain();
-    EXPECT_EQ(0, calls);
-    monitor.SetEventMask(true, false, false);
-    WriteToEnd(2);
-    Drain();
-    EXPECT_EQ(2, calls);
-}
-
-// Discarding a port that a monitor still watches is refused, the port left as it was; the
-// monitor can then be destroyed and the port discarded.
-TEST_F(PortMonitorTest, DiscardingAWatchedPortIsRefusedUntilItsMonitorIsGone) {
-    MmCommandPort* inbox = iface_->CreateCommandPort();
-    auto monitor = std::make_unique<RdPortMonitor>(*inbox, dispatcher_, [](bool, bool, bool) {});
-    EXPECT_THROW(iface_->DiscardCommandPort(inbox), VokProgramErrorException);
-    monitor.reset();
-    iface_->DiscardCommandPort(inbox);
-}
+}  // TearDown discards end_, no longer watched.
 
 // A message written on another thread wakes the monitor's loop once: one poll per hop.
 TEST_F(PortMonitorTest, EachMessageFromAnotherThreadWakesTheLoopOnce) {
@@ -183,7 +107,7 @@ TEST_F(PortMonitorTest, EachMessageFromAnotherThreadWakesTheLoopOnce) {
         read.Reset();
     });
     EXPECT_EQ(kHops, received);
-    // One per message, and at most three more for starting and stopping.
+    // One per message, at most three more for starting and stopping.
     EXPECT_GE(polls, kHops);
     EXPECT_LE(polls, kHops + 3);
 }

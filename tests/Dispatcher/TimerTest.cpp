@@ -24,7 +24,6 @@ long long MsSince(Clock::time_point start) {
 class TimerTest : public ::testing::Test {
   protected:
     GMainContext* Context() { return test::ContextOf(dispatcher_); }
-    // One non-blocking loop iteration.
     void Step() { g_main_context_iteration(Context(), FALSE); }
 
     test::Watchdog watchdog_;
@@ -54,7 +53,7 @@ TEST_F(TimerTest, CallbackMayRearmOrDestroyItsTimer) {
         if (++count < 3) {
             timer->Schedule(0);
         } else {
-            timer.reset();  // Destroyed inside its own callback.
+            timer.reset();
         }
     }));
     timer->Schedule(0);
@@ -64,7 +63,7 @@ TEST_F(TimerTest, CallbackMayRearmOrDestroyItsTimer) {
     EXPECT_EQ(3, count);
     EXPECT_EQ(nullptr, timer);
 
-    // An empty callback raises out of Run, and the timer may be destroyed afterwards.
+    // An empty callback raises out of Run; the timer may be destroyed afterwards.
     auto empty = std::make_unique<RdTimerBase>(dispatcher_, std::function<void()>());
     empty->Schedule(0);
     EXPECT_THROW(dispatcher_.Run(), std::bad_function_call);
@@ -99,8 +98,7 @@ TEST_F(TimerTest, ChangeCbKeepsTheArmingAndMayRunInsideTheCallback) {
     EXPECT_EQ(2, second);
 }
 
-// Due times stay on the grid start + k * period whatever the callback costs; beats the loop missed
-// are skipped, not burst.
+// Beats stay on the grid start + k * period whatever the callback costs; missed ones are skipped.
 TEST_F(TimerTest, PeriodicTimerKeepsItsRateAndSkipsMissedBeats) {
     const long long kPeriod = 500;
     std::vector<long long> fired;
@@ -135,7 +133,6 @@ TEST_F(TimerTest, PeriodicTimerKeepsItsRateAndSkipsMissedBeats) {
     EXPECT_THROW(timer.SchedulePeriodic(0), VokProgramErrorException);
 }
 
-// Counts the loop's polls, i.e. its wake-ups.
 int gPolls = 0;
 GPollFunc gRealPoll = nullptr;
 gint CountingPoll(GPollFD* fds, guint nfds, gint timeout) {

@@ -37,20 +37,16 @@ TEST_F(LinkedListDeathTest, EnqueueOfLinkedNodeStopsTheProcess) {
 }
 
 TEST_F(LinkedListDeathTest, InvariantAssertionsCarryTheirExplanation) {
-    // A freed or never-initialised node has no signature.
-    Item garbage;
+    Item garbage;  // Freed or never initialised: no signature.
     std::memset(&garbage, 0, sizeof garbage);
     EXPECT_DEATH(LinkedListNodeIsLinked(&garbage.node), "bad list node signature");
-    // An unlinked node where a linked one is required.
     EXPECT_DEATH(LinkedListGetNext(&head_, &items_[1].node), "list node not linked");
-    // A node linked into another list.
-    LinkedListHeadType other;
+    LinkedListHeadType other;  // A node linked into another list.
     LinkedListHeadInit(&other);
     LinkedListEnqueueTail(&other, &items_[2].node);
     LinkedListEnqueueTail(&head_, &items_[3].node);
     EXPECT_DEATH(LinkedListDequeue(&head_, &items_[2].node), "list node not found");
-    // A corrupted head: a tail with no nodes counted.
-    head_.numNodes = 0;
+    head_.numNodes = 0;  // A corrupted head.
     EXPECT_DEATH(LinkedListEnqueueTail(&head_, &items_[0].node),
                  "non-NULL tail -- >= 1 nodes expected");
 }

@@ -53,6 +53,37 @@ TEST(JsonTokenTest, AcceptedDocumentsAreWrittenBackAsJson) {
     }
 }
 
+// A value 32 levels below the document's is too deep, as json-c's tokener has it.
+TEST(JsonTokenTest, NestingStopsWhereJsonCStops) {
+    auto nested = [](size_t levels, const char* inner) {
+        return std::string(levels, '[') + inner + std::string(levels, ']');
+    };
+    JsonToken token;
+    EXPECT_TRUE(token.ParseJsonString(nested(32, "").c_str()));
+    EXPECT_FALSE(token.ParseJsonString(nested(33, "").c_str()));
+    EXPECT_TRUE(token.ParseJsonString(nested(31, "1").c_str()));
+    EXPECT_FALSE(token.ParseJsonString(nested(32, "1").c_str()));
+}
+
+// Doubles as json-c writes them: 17 significant digits, and always with a '.' or an exponent.
+// The text stays where it is while the value does not change.
+TEST(JsonTokenTest, DoublesAreWrittenInFullAndTheTextIsKeptWhileTheValueIs) {
+    JsonToken array;
+    array.MakeArray();
+    for (double value : {1.0, 0.1, 1e17, -0.0, 5e-324}) {
+        JsonToken number;
+        number.MakeNumber(value);
+        number.GenerateJsonEncodingAndPeek();  // Kept with the value, and written from there.
+        array.ArraySetElement(-1, &number);
+    }
+    const char* text = array.GenerateJsonEncodingAndPeek();
+    EXPECT_STREQ("[ 1.0, 0.10000000000000001, 1e+17, -0.0, 4.9406564584124654e-324 ]", text);
+    EXPECT_EQ(text, array.GenerateJsonEncodingAndPeek());
+    array.ArraySetNullElement(0);
+    EXPECT_STREQ("[ null, 0.10000000000000001, 1e+17, -0.0, 4.9406564584124654e-324 ]",
+                 array.GenerateJsonEncodingAndPeek());
+}
+
 TEST(JsonTokenTest, WhatJsonCannotSayIsNeverWritten) {
     JsonToken object;
     object.MakeObject();
@@ -152,18 +183,6 @@ TEST(JsonTokenTest, IntegersAreExactOver64BitsInAndOut) {
         "{ \"u32\": 4000000000, \"i64\": -9223372036854775808, \"u64\": 18446744073709551615, "
         "\"l\": -7, \"ull\": 9007199254740993, \"s\": -3, \"f\": 0.5, \"i\": 7 }",
         Encode(object));
-    JsonToken numbers;
-    numbers.MakeArray();
-    numbers.ArraySetNumberElement(-1, uint16_t{65535});
-    numbers.ArraySetNumberElement(-1, INT64_C(-9007199254740993));
-    JsonToken single(static_cast<const JsonToken::ValueSelector<JsonToken::kValueTypeNumber>*>(0),
-                     UINT64_C(18446744073709551615));
-    numbers.ArraySetElement(-1, &single);
-    numbers.ArraySetNumberElement(-1, 1u);
-    EXPECT_EQ("[ 65535, -9007199254740993, 18446744073709551615, 1 ]", Encode(numbers));
-    JsonToken back;
-    ASSERT_TRUE(back.ParseJsonString(Encode(numbers).c_str()));
-    EXPECT_EQ(INT64_C(-9007199254740993), back.ArrayGetValueAt(1)->NumberGetInt64());
 }
 
 TEST(JsonTokenTest, MovingHandsTheValueOver) {

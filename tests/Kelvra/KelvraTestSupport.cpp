@@ -57,8 +57,7 @@ Handle::Handle(GMainContext* context, const char* serviceName) {
     KVErrorInit(&error);
     if (!KVRegister(serviceName, &handle_, &error) || !KVGmainAttach(handle_, context, &error)) {
         ADD_FAILURE() << "cannot register: " << error.message;
-    } else if (serviceName != nullptr) {
-        // Registration returns at once; the name is owned from the loop.
+    } else if (serviceName != nullptr) {  // the name is owned from the loop
         EXPECT_TRUE(IterateUntil(context, [this]() { return KVIsConnected(handle_); }));
     }
     KVErrorFree(&error);
@@ -75,16 +74,6 @@ bool Handle::Call(const std::string& uri, const std::string& payload, ReplyLog* 
                   uint32_t timeoutMs) {
     return KVCallWithTimeout(handle_, uri.c_str(), payload.c_str(), timeoutMs, ReplyLog::Func, log,
                              &log->token, error);
-}
-
-TestService::TestService(const std::string& serviceName, const char* program) {
-    Start({program != nullptr ? program : KELVRA_TEST_SERVICE, serviceName}, true, true);
-    EXPECT_EQ("ready", ReadLine()) << serviceName;
-}
-
-std::string UniqueServiceName() {
-    static int counter = 0;
-    return "com.orvex.test.p" + std::to_string(getpid()) + "n" + std::to_string(++counter);
 }
 
 FakeService::FakeService(RuntimeDispatcher& dispatcher, const char* serviceName)
@@ -128,7 +117,7 @@ PowerDaemon::PowerDaemon(GMainContext* wake) : wake_(wake) {
         }
     });
     EXPECT_TRUE(WaitForLine("ready"));
-    // Ready once it owns its name: its status as a client of the bus sees it.
+    // Ready once it owns its name, as a client's status watch sees it.
     EXPECT_TRUE(WaitForService("com.orvex.power"));
 }
 

@@ -1,5 +1,4 @@
-// Helpers of the bus tests: the private bus each test program starts before its first test,
-// handles that record replies, the test service in a process of its own, a fake service on a
+// Bus test helpers: the program's private bus, reply-recording handles, a fake service on a
 // dispatcher, and vok-powerd as a child process.
 #ifndef VOK_TESTS_KELVRA_KELVRATESTSUPPORT_H
 #define VOK_TESTS_KELVRA_KELVRATESTSUPPORT_H
@@ -25,17 +24,15 @@ namespace test {
 // The private bus of this test program; KELVRA_BUS_ADDRESS points at it.
 PrivateBus& TestBus();
 
-// One reply as received.
 struct Reply {
     std::string payload;
     bool last;
-
     // A field of the payload (a JSON object).
     bool Bool(const char* name) const;
     double Number(const char* name) const;
 };
 
-// A reply function that records every reply of one call.
+// Records every reply of one call.
 struct ReplyLog {
     static bool Func(KVHandle* handle, KVMessage* reply, void* self);
     std::vector<Reply> replies;
@@ -45,49 +42,34 @@ struct ReplyLog {
 // A registered handle attached to a context, unregistered on destruction.
 class Handle {
   public:
-    // serviceName NULL: anonymous. Fails the current test when registration fails.
+    // serviceName NULL: anonymous. Fails the test when registration fails.
     explicit Handle(GMainContext* context, const char* serviceName = nullptr);
     ~Handle() { Unregister(); }
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
     KVHandle* get() const { return handle_; }
-    // Calls and records into log; false (error filled) when the call fails. timeoutMs 0: none.
+    // false (error filled) when the call fails. timeoutMs 0: none.
     bool Call(const std::string& uri, const std::string& payload, ReplyLog* log,
               KVError* error = nullptr, uint32_t timeoutMs = 0);
-    // Unregisters early.
     void Unregister();
 
   private:
     KVHandle* handle_ = nullptr;
 };
 
-// The test service program in a process of its own; construction returns once it owns
-// serviceName and serves its methods.
-class TestService : public ChildProcess {
-  public:
-    // program: the test service's path; NULL: the one built with this library.
-    explicit TestService(const std::string& serviceName, const char* program = nullptr);
-};
-
 // Waits (at most 60 s) until serviceName is owned on the bus; false when it is not by then.
 bool WaitForService(const std::string& serviceName);
 
-// A service name no other test uses.
-std::string UniqueServiceName();
-
-// A service on the bus served from a dispatcher's loop: each method answers with a function of
-// the request's payload; every request is recorded.
+// A service served from a dispatcher's loop: each method answers with a function of the request's
+// payload; every request is recorded.
 class FakeService {
   public:
-    // The replies to send: the last one closes the request, unless it is empty: the request then
-    // stays open.
+    // The replies to send; the last closes the request unless it is empty (the request stays open).
     typedef std::function<std::vector<std::string>(const std::string& payload)> Method;
 
     FakeService(RuntimeDispatcher& dispatcher, const char* serviceName);
     void AddMethod(const std::string& method, Method answer);
-    // Payloads received by method, in order.
     std::vector<std::string> Requests(const std::string& method) { return requests_[method]; }
-    // True while the service is on the bus and owns its name.
     bool Connected() const { return KVIsConnected(handle_.get()); }
 
   private:
@@ -98,21 +80,19 @@ class FakeService {
     std::map<std::string, std::vector<std::string>> requests_;
 };
 
-// vok-powerd --log as a child process, started by the constructor, which waits until it serves;
-// a reader thread collects its output lines. Destruction ends it as Stop(SIGTERM) does.
+// vok-powerd --log, started by the constructor, which waits until it serves; a reader thread
+// collects its output lines (and wakes wake, when given, at each). Destruction: Stop(SIGTERM).
 class PowerDaemon {
   public:
-    // wake, when given, is woken at every output line, so that a loop waiting for one re-checks.
     explicit PowerDaemon(GMainContext* wake = nullptr);
     ~PowerDaemon() { Stop(SIGTERM); }
-    // Pause leaves it alive and on the bus, but deaf (SIGSTOP); Signal(SIGCONT) wakes it.
+    // SIGSTOP: alive and on the bus, but deaf; Signal(SIGCONT) wakes it.
     void Pause() { process_.Pause(); }
     void Signal(int signal) { process_.Kill(signal); }
     // Ends it with signal, reaps it and joins the reader.
     void Stop(int signal);
-    // The number of output lines so far that contain text.
+    // Output lines so far that contain text; waits (at most 60 s) until count lines do.
     int CountLines(const std::string& text);
-    // Waits (at most 60 s) until count output lines contain text.
     bool WaitForLine(const std::string& text, int count = 1);
 
   private:
@@ -121,7 +101,7 @@ class PowerDaemon {
     ChildProcess process_;
     GMainContext* const wake_;
     std::thread reader_;
-    std::mutex mutex_;  // Protects lines_.
+    std::mutex mutex_;  // guards lines_
     std::condition_variable lineAdded_;
     std::vector<std::string> lines_;
 };

@@ -1,5 +1,4 @@
-// A private D-Bus daemon for tests and benchmarks, and child processes that use it. Nothing here
-// touches the machine's own buses.
+// A private D-Bus daemon for tests and benchmarks, and child processes that use it.
 #ifndef VOK_TESTS_KELVRA_PRIVATEBUS_H
 #define VOK_TESTS_KELVRA_PRIVATEBUS_H
 
@@ -11,10 +10,7 @@
 namespace vok {
 namespace test {
 
-// A child process. When VOK_TEST_EMULATOR is set (armhf under qemu-arm, where the kernel cannot
-// run ARM programs by itself), programs built here are started through it. The owner reaps it;
-// should the owner's process die first, the child gets SIGTERM. That signal follows the thread
-// that started the child: start children from a thread that outlives them.
+// A child process, reaped by its owner; it gets SIGTERM when the thread that started it dies first.
 class ChildProcess {
   public:
     ChildProcess() = default;
@@ -22,18 +18,16 @@ class ChildProcess {
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    // Starts argv[0] (searched in PATH); emulated: through the emulator. Standard output goes to
-    // a pipe when captureOutput, else it is inherited. Aborts the program when the start fails.
+    // Starts argv[0] (from PATH), when emulated through VOK_TEST_EMULATOR (qemu-arm); standard
+    // output to a pipe when captureOutput. Aborts when the start fails.
     void Start(const std::vector<std::string>& argv, bool emulated, bool captureOutput);
-    // One line of the captured output, without its newline; empty at end of output.
+    // One line of the output, without its newline (empty at its end); or all of it.
     std::string ReadLine();
-    // All captured output up to its end.
     std::string ReadAll();
     void Kill(int signal);
-    // Stops the child with SIGSTOP and returns once every thread of it has stopped.
+    // SIGSTOP; returns once every thread of the child has stopped.
     void Pause();
-    // Waits for the child and returns its wait status.
-    int Wait();
+    int Wait();  // the wait status
     bool Running() const { return pid_ > 0; }
 
   private:
@@ -41,9 +35,7 @@ class ChildProcess {
     int outFd_ = -1;
 };
 
-// dbus-daemon with a configuration of its own, listening on a socket under a temporary
-// directory. Stop (or destruction) terminates and reaps it and removes the directory. Kill and
-// Restart let tests take the bus away and bring it back at the same address.
+// dbus-daemon on a socket in a temporary directory, which Stop (or destruction) removes.
 class PrivateBus {
   public:
     PrivateBus() = default;
@@ -51,16 +43,14 @@ class PrivateBus {
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
 
-    // Starts the daemon and returns its address.
-    const std::string& Start();
+    const std::string& Start();  // returns the address
     void Stop();
     const std::string& Address() const { return address_; }
-    // Kills the daemon with signal (its clients lose their connections); the address stays.
+    // Kills the daemon (its clients lose their connections); Restart brings it back there.
     void Kill(int signal) {
         daemon_.Kill(signal);
         daemon_.Wait();
     }
-    // Starts a killed daemon again at the same address.
     void Restart() { Launch(); }
 
   private:

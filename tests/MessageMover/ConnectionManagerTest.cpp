@@ -19,7 +19,6 @@ class ConnectionManagerTest : public test::MmFrameworkTest {
         framework_->DiscardInterface(iface_);
         MmFrameworkTest::TearDown();
     }
-    // Writes an empty command message from port to dest; returns the write's result.
     VokError_t Send(MmCommandPort* port, MmPortAddress_t dest, uint32_t msgId = 1) {
         MmCommandMessageHandle msg;
         iface_->CreateCommandMessage(0, &msg);
@@ -50,10 +49,8 @@ class ConnectionManagerTest : public test::MmFrameworkTest {
 // Service identifiers lie below the first address and take none; a refused port takes none.
 TEST_F(ConnectionManagerTest, ServiceIdsStayBelowTheFirstAddressAndPairsReadOnlyTheirPeer) {
     MmCommandPort* highest = iface_->CreateCommandServicePort(49150);
-    for (MmServiceIdentifier_t bad : {49151u, 49152u, 0xFFFFFFFFu}) {
-        EXPECT_TRUE(ThrowsMm([&] { iface_->CreateCommandServicePort(bad); },
-                             "Service ID out of bounds for Service CommandPort."));
-    }
+    EXPECT_TRUE(ThrowsMm([&] { iface_->CreateCommandServicePort(49151); },
+                         "Service ID out of bounds for Service CommandPort."));
     MmCommandPort* command = iface_->CreateCommandPort();
     MmConnectionPort* peer = nullptr;
     MmConnectionPort* first = iface_->CreateConnectedPair(iface_, &peer);

@@ -1,4 +1,4 @@
-// The framework through its public API: listing ports, and many threads writing at once.
+// Listing ports, and many threads writing at once.
 #include <gtest/gtest.h>
 #include <sched.h>
 
@@ -20,7 +20,6 @@ using test::IfaceCounter;
 using test::LogCapture;
 using test::Outstanding;
 
-// The listing follows ports and their queues, and drops a port once it is discarded.
 using ListPortsTest = test::MmFrameworkTest;
 
 TEST_F(ListPortsTest, ShowsOpenPortsWithTheirQueues) {
@@ -66,7 +65,6 @@ TEST_F(ListPortsTest, ShowsOpenPortsWithTheirQueues) {
     framework_->DiscardInterface(b);
 }
 
-// Runs the calling thread on the given core only.
 void PinTo(int core) {
     cpu_set_t set;
     CPU_ZERO(&set);
@@ -74,15 +72,14 @@ void PinTo(int core) {
     ASSERT_EQ(0, sched_setaffinity(0, sizeof set, &set));
 }
 
-// Four writers, each with its own interface and port, send numbered messages to one service port;
-// the reader drains it whenever its sink fires. All run on one core, so a writer is preempted
-// anywhere, in the middle of a delivery included. Once the reader has them all, the writers
-// write again and the reader discards the port under them, until each is told it is unreachable.
+// Four writers send numbered messages to one service port, drained whenever its sink fires; all on
+// one core, so a writer is preempted anywhere. Then the port is discarded under further writes,
+// until each writer is told it is unreachable.
 class ManyWritersTest : public test::MmFrameworkTest {
   public:
     static const int kWriters = 4;
     static const int kMessagesPerWriter = 25000;
-    int core_ = 0;  // The one core of the test's threads.
+    int core_ = 0;
 
     struct Payload {
         int32_t writer;
@@ -161,7 +158,7 @@ TEST_F(ManyWritersTest, MessagesArriveInOrderPerWriterUntilThePortIsDiscarded) {
             EXPECT_EQ(next[payload.writer], payload.number) << "writer " << payload.writer;
             next[payload.writer] = payload.number + 1;
             if (++received % 4096 == 0) {
-                // Listing takes the locks a delivery takes, while deliveries run.
+                // Listing takes a delivery's locks, while deliveries run.
                 EXPECT_FALSE(framework_->ListPorts().empty());
             }
         }

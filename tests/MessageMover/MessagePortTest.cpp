@@ -34,7 +34,7 @@ class MessagePortTest : public test::MmFrameworkTest {
     }
     void TearDown() override {
         for (MmConnectionPort* port : {a_, b_}) {
-            if (port != nullptr) {  // Null when the test discarded it.
+            if (port != nullptr) {
                 iface_->DiscardConnectionPort(port);
             }
         }
@@ -102,9 +102,8 @@ TEST_F(MessagePortTest, SinkIsTriggeredOncePerEdgeToReadable) {
     b_->UnregisterPortEventSignalSink();
 }
 
-// The woken reader's first steps take the port's locks, its reply takes its own write lock, the
-// registry's and the writer's reader lock, and a second write on the writer's port takes that
-// port's write lock: a writer still holding any of them while triggering makes them take turns.
+// Inside the trigger, a reader takes the port's locks, replies, and writes on the writer's port: a
+// writer triggering under any lock blocks it.
 TEST_F(MessagePortTest, SinkIsTriggeredWithNoLockHeld) {
     struct Sink : SimpleAsyncInterface {
         void Trigger() override {  // Waits, inside the first trigger, for the reader to reply.
@@ -132,9 +131,7 @@ TEST_F(MessagePortTest, SinkIsTriggeredWithNoLockHeld) {
     b_->UnregisterPortEventSignalSink();
 }
 
-// Unregistering waits for a trigger that a writer has under way, asleep: a waiting thread that
-// kept the processor (yielding in a loop) would starve the writer whenever the scheduler put the
-// waiter first, as a real-time waiter above a normal writer on one core does.
+// Unregistering waits asleep for a trigger in flight: a yielding waiter starves a writer below it.
 TEST_F(MessagePortTest, UnregisteringWaitsForATriggerInFlightAsleep) {
     test::Watchdog watchdog;
     struct Sink : SimpleAsyncInterface {
@@ -199,7 +196,7 @@ TEST_F(MessagePortTest, PeerCloseIsStickyAndLeftoversAreFreedWithThePort) {
     LogCapture capture;
     iface_->DiscardConnectionPort(b_);
     b_ = nullptr;
-    // Discarding b_ tells its absent peer, so one more kMmPortNotReachableMsg joins the queue.
+    // Telling the absent peer queues one more kMmPortNotReachableMsg.
     EXPECT_EQ(1u, capture.Matching("Freed 2 leftover messages.").size());
     EXPECT_EQ(0, IfaceCounter("port", "msgsHeldByPorts"));
 }
@@ -232,10 +229,9 @@ TEST_F(MessagePortTest, RefusedWritesLeaveTheMessageWithTheWriter) {
     iface_->DiscardCommandPort(port);
 }
 
-// A corrupt message is thrown for once when read, and met without a throw by the destructors of
-// a port and of an interface. Each is logged with its dump and quarantined, never freed; the
-// counters stay exact, the next read returns the next message, and stopping lists them along
-// with the interfaces never discarded.
+// A corrupt message throws once when read, and not in a port's or interface's destructor; each is
+// logged and quarantined, never freed; counters stay exact; stopping lists them and the
+// interfaces never discarded.
 TEST(CorruptMessageTest, CorruptMessagesAreQuarantined) {
     if (test::RunningOnValgrind()) {
         GTEST_SKIP() << "quarantined messages are leaked on purpose";

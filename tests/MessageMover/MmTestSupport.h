@@ -1,5 +1,4 @@
-// Helpers of the MessageMover tests: a framework per test, register reads, exception checks, a
-// counting signal sink and a marker for memory the design leaks on purpose.
+// Helpers of the MessageMover tests.
 #ifndef VOK_TESTS_MESSAGEMOVER_MMTESTSUPPORT_H
 #define VOK_TESTS_MESSAGEMOVER_MMTESTSUPPORT_H
 
@@ -18,9 +17,6 @@
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
-#define VOK_MM_ASAN 1
-#else
-#define VOK_MM_ASAN 0
 #endif
 // Sanitizers that report any read of freed memory.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -32,13 +28,12 @@
 namespace vok {
 namespace test {
 
-// Allocations made while one lives are not leak-checked: for ports, interfaces and messages
-// that the framework reports as leaked and deliberately keeps.
-#if VOK_MM_ASAN
+// Allocations made while one lives are not leak-checked (leaked on purpose).
+#if defined(__SANITIZE_ADDRESS__)
 using IntendedLeakScope = __lsan::ScopedDisabler;
 #else
 struct IntendedLeakScope {
-    ~IntendedLeakScope() {}  // Not trivial: an unused scope draws no warning.
+    ~IntendedLeakScope() {}  // Not trivial: no unused-variable warning.
 };
 #endif
 
@@ -56,8 +51,7 @@ inline int32_t IfaceCounter(const std::string& iface, const char* name) {
     return CounterValue("root.vok.MessageMover.Iface." + iface + "." + name);
 }
 
-// Success when fn throws a VokProgramErrorException (code -1) whose text, after the thrower's
-// "function:path:LINE:" prefix, is text.
+// fn throws a VokProgramErrorException (code -1) whose text after "function:path:LINE:" is text.
 inline ::testing::AssertionResult ThrowsMm(const std::function<void()>& fn,
                                            const std::string& text) {
     try {
@@ -78,7 +72,6 @@ inline ::testing::AssertionResult ThrowsMm(const std::function<void()>& fn,
     return ::testing::AssertionFailure() << "did not throw";
 }
 
-// Counts triggers and signals an event on each.
 class CountingSink : public SimpleAsyncInterface {
   public:
     void Trigger() override {
@@ -89,7 +82,6 @@ class CountingSink : public SimpleAsyncInterface {
     Event triggered;
 };
 
-// A started framework per test, stopped afterwards.
 class MmFrameworkTest : public ::testing::Test {
   protected:
     void SetUp() override {

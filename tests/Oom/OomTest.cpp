@@ -241,6 +241,57 @@ TEST_F(OomTest, ParseRunningOutOfMemoryIsNotTheDocumentNull) {
     });
 }
 
+// Objects, names, escapes and strings longer than json-c keeps inline: json-c's own parser
+// answered a failed allocation with a string emptied, a value missing or a crash on the name, and
+// an object large enough that json-c grows its table, which lost the name's copy when it failed.
+TEST_F(OomTest, ParsedStringsAndNamesAreWholeOrBadAlloc) {
+    SweepBadAlloc("json parse (objects, strings)", [] {
+        JsonToken document;
+        if (!document.ParseJsonString(
+                "{\"long\": \"a string longer than thirty-two bytes \\u00e9\\ud83d\\ude00\", "
+                "\"list\": [{\"k\": \"v\"}, \"two\", 2.50, 18446744073709551615], \"dup\": 1, "
+                "\"dup\": \"x\", \"k1\": 1, \"k2\": 2, \"k3\": 3, \"k4\": 4, \"k5\": 5, \"k6\": 6, "
+                "\"k7\": 7, \"k8\": 8, \"k9\": 9, \"a name longer than thirty-two bytes, too\": "
+                "{}}")) {
+            ADD_FAILURE() << "a valid document was refused";
+            return;
+        }
+        const JsonObjectConstFindResult list = document.ObjectFindPair("list");
+        const JsonObjectConstFindResult text = document.ObjectFindPair("long");
+        const JsonObjectConstFindResult dup = document.ObjectFindPair("dup");
+        // A value missing throws std::invalid_argument, which the sweep reports.
+        if (list->ArrayGetLength() != 4 || std::strcmp(dup->StringPeekValue(), "x") != 0 ||
+            std::strcmp(text->StringPeekValue(),
+                        "a string longer than thirty-two bytes \xc3\xa9\xf0\x9f\x98\x80") != 0 ||
+            std::strcmp(list->ArrayGetValueAt(1)->StringPeekValue(), "two") != 0 ||
+            !document.ObjectFindPair("a name longer than thirty-two bytes, too")->HasValue()) {
+            ADD_FAILURE() << "parsed wrong";
+        }
+    });
+}
+
+// json-c's writer left out what its buffer could not take and still answered the text. Enough
+// pairs that json-c grows the object's table, which lost the name's copy when it failed.
+TEST_F(OomTest, GeneratedTextIsWholeOrBadAlloc) {
+    SweepBadAlloc("json generate", [] {
+        JsonToken built;
+        BuildJson(&built);
+        built.ObjectSetStringPair("escaped", "a \"quoted\" line\nwith a/slash");
+        const char names[][2] = {"a", "b", "c", "d", "e", "f", "g", "h"};
+        for (int i = 0; i < 8; ++i) {
+            built.ObjectSetNumberPair(names[i], i);
+        }
+        const std::string written = built.GenerateJsonEncodingAndPeek();
+        if (written !=
+            "{ \"serviceName\": \"com.orvex.power\", \"count\": 3, \"on\": true, "
+            "\"array\": [ 1.5, \"two\", null ], \"escaped\": \"a \\\"quoted\\\" "
+            "line\\nwith a\\/slash\", \"a\": 0, \"b\": 1, \"c\": 2, \"d\": 3, \"e\": 4, "
+            "\"f\": 5, \"g\": 6, \"h\": 7 }") {
+            ADD_FAILURE() << "written wrong: " << written;
+        }
+    });
+}
+
 // Log contexts (a new one per run, kept by the logging library for the process's life) and lines
 // long enough to need the heap, and hex dumps.
 TEST_F(OomTest, LoggingContexts) {

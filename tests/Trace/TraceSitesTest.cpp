@@ -6,15 +6,21 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "KelvraTestSupport.h"
 #include "support/LogCapture.h"
 #include "support/TraceEventCheck.h"
 #include "vok/MessageMoverFramework.h"
 #include "vok/MessageMoverInterface.h"
 #include "vok/MmConnectionPort.h"
+#include "vok/RdAlarm.h"
+#include "vok/RdKvCall.h"
+#include "vok/RdKvService.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
 #include "vok/Trace.h"
+#include "vok/VokKvClient.h"
 
 namespace vok {
 namespace {
@@ -36,6 +42,37 @@ class TraceSitesTest : public testing::Test {
         test::TraceCheck check = test::CheckTraceEvents(TraceSnapshotJson(since_));
         EXPECT_TRUE(check.Ok()) << check.Report();
         return check;
+    }
+
+    // The one async slice of category cat whose name holds text, as its begin and its end.
+    static std::pair<test::TraceEvent, test::TraceEvent> Async(const test::TraceCheck& check,
+                                                               const std::string& cat,
+                                                               const std::string& text) {
+        std::pair<test::TraceEvent, test::TraceEvent> slice;
+        int begins = 0;
+        for (const test::TraceEvent& event : check.events) {
+            if (event.cat == cat && event.ph == "b" && event.name.find(text) != std::string::npos) {
+                slice.first = event;
+                ++begins;
+            } else if (event.cat == cat && event.ph == "e" && event.id == slice.first.id) {
+                slice.second = event;
+            }
+        }
+        EXPECT_EQ(1, begins) << text;
+        EXPECT_EQ("e", slice.second.ph) << text;
+        return slice;
+    }
+
+    // The events named name on the calling thread, from fromUs on.
+    static std::vector<test::TraceEvent> Mine(const test::TraceCheck& check,
+                                              const std::string& name, double fromUs = 0) {
+        std::vector<test::TraceEvent> found;
+        for (const test::TraceEvent& event : check.events) {
+            if (event.tid == Tid() && event.name == name && event.ts >= fromUs) {
+                found.push_back(event);
+            }
+        }
+        return found;
     }
 
     uint64_t since_ = 0;
@@ -122,6 +159,63 @@ TEST_F(TraceSitesTest, TimerCallbackThatBlocksIsOneLongSliceOnItsNamedTrack) {
         late += instant.tid == loopTid && instant.name == "timer late";
     }
     EXPECT_EQ(1, late);
+}
+
+// The alarm falls back to its timer: there is no power service on the test bus.
+TEST_F(TraceSitesTest, BusCallThatTimesOutIsAnAsyncSliceEndingWithItsError) {
+    RuntimeDispatcher dispatcher;
+    test::FakeService quiet(dispatcher, "com.test.trace.quiet");
+    quiet.AddMethod("never/answer", [](const std::string&) {
+        return std::vector<std::string>{"", ""};  // stays open, unanswered
+    });
+    bool replied = false;
+    bool rang = false;
+    RdKvCall call(RdKelvraUtils::GetKvHandle(dispatcher), [&](KVMessage*) { replied = true; });
+    RdAlarmBase alarm(dispatcher, [&] { rang = true; });
+    call.Call("com.test.trace.quiet", "never/answer", "{}", 200);
+    alarm.Schedule(0);
+    ASSERT_TRUE(test::Pump(dispatcher, [&] { return replied && rang; }));
+
+    const test::TraceCheck check = Dump();
+    const auto slice = Async(check, "vok.bus.call", "never/answer");
+    EXPECT_EQ("{\"kind\":\"bus call\",\"timeout_ms\":200}", slice.first.args);
+    EXPECT_EQ("{\"error\":" + std::to_string(KV_ERROR_TIMEOUT) + "}", slice.second.args);
+    EXPECT_GE(slice.second.ts - slice.first.ts, 200000.0);
+    // The alarm's watch of the power service has a reply slice too, before.
+    EXPECT_EQ(1u, Mine(check, "bus reply", slice.second.ts).size());
+    EXPECT_EQ(1u, Mine(check, "alarm").size());
+    EXPECT_EQ(1u, Mine(check, "alarm late").size());
+}
+
+// The client's call and the served request end with the error the handler answers, which the
+// bus writes with blanks around its colons.
+TEST_F(TraceSitesTest, ServedRequestIsAnAsyncSliceAroundItsBusMethodSlice) {
+    RuntimeDispatcher dispatcher;
+    RdKvService service(dispatcher, "com.test.trace.served");
+    service.AddMethod("trace/refuse", [](RdKvRequest& request) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));  // a handler that takes time
+        request.ReplyError(7, "refused");
+    });
+    ASSERT_TRUE(test::Pump(dispatcher, [&] { return service.IsConnected(); }));
+    std::string reply;
+    RdKvCall call(RdKelvraUtils::GetKvHandle(dispatcher),
+                  [&](KVMessage* message) { reply = KVMessageGetPayload(message); });
+    call.Call("com.test.trace.served", "trace/refuse", "{}");
+    ASSERT_TRUE(test::Pump(dispatcher, [&] { return !reply.empty(); }));
+
+    const test::TraceCheck check = Dump();
+    const auto request = Async(check, "vok.bus.request", "trace/refuse");
+    EXPECT_EQ("trace/refuse", request.first.name);
+    EXPECT_EQ(Tid(), request.first.tid);
+    EXPECT_EQ("{\"error\":7}", request.second.args);
+    const auto called = Async(check, "vok.bus.call", "trace/refuse");
+    EXPECT_EQ("{\"error\":7}", called.second.args);
+    EXPECT_NE(request.first.id, called.first.id);
+    // The handler's slice; the service's connection observer has one too, before.
+    const std::vector<test::TraceEvent> methods = Mine(check, "bus method", request.first.ts);
+    ASSERT_EQ(1u, methods.size());
+    EXPECT_GE(methods[0].dur, 5000.0);
+    EXPECT_LE(request.second.ts, methods[0].ts + methods[0].dur);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// ArgvMaker. A failure has a message and no vector; a success has argc non-NULL arguments then a
-// NULL, or no vector for an empty list. Every vector, quoted back into a line, splits again into
-// the same vector.
+// ArgvMaker: a failure has a message and no vector, a success argc arguments and a NULL (no
+// vector when empty); every vector, quoted back into a line, splits into the same vector.
 #include <glib.h>
 
 #include <cstdint>
@@ -17,7 +16,7 @@ namespace {
     std::abort();
 }
 
-// Checks the shape of maker's result; returns argc.
+// Returns argc.
 int CheckShape(const vok::ArgvMaker& maker, const std::string& line) {
     if (maker.ParseFailed() != 0) {
         if (maker.ErrorText() == nullptr || maker.Argv() != nullptr || maker.Argc() != 0) {

@@ -1,12 +1,10 @@
-// The bus library's URIs and error payloads. The input's first line is a URI: one that parses
-// rebuilds from its parts exactly, and its method splits again into the same parts. The rest is
-// an error text: its error payload is strict JSON carrying the text and the code unchanged.
+// Bus URIs (first line): one that parses rebuilds from its parts, and its method splits into the
+// same parts. Error payloads (the rest): strict JSON carrying the text and the code unchanged.
 #include <gio/gio.h>
 #include <kelvra/kelvra.h>
 #include <pthread.h>
 
-// The library's private header has no C++ guard of its own; what it includes is already in.
-extern "C" {
+extern "C" {  // The private header has no C++ guard.
 #include "kelvra-private.h"
 }
 
@@ -49,7 +47,7 @@ void Uri(const std::string& uri) {
 }
 
 void ErrorPayload(int code, const std::string& text) {
-    // Error texts come from the library and from D-Bus error messages, which are UTF-8.
+    // Error texts are UTF-8, as D-Bus error messages are.
     if (!g_utf8_validate(text.c_str(), -1, nullptr)) {
         return;
     }

@@ -1,6 +1,5 @@
-// The interactive console, in process: the input is a session of typed lines, run in a console
-// of its own that is destroyed afterwards (so ASan's leak check sees what a session left). A
-// command that ends the session with an exception, as the console lets it, ends only that input.
+// The interactive console: the input is a session in a console of its own, destroyed afterwards
+// so that the leak check sees what the session left.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -26,8 +25,7 @@ const unsigned long long kMaxCount = 1000;
 
 void DropLogLine(void*, int, const char*, const char*) {}
 
-// True when a word of the line (after the command) is a number above kMaxCount as the console's
-// handlers would read it.
+// A word after the command is a number above kMaxCount.
 bool AsksForTooMuch(const std::string& line) {
     std::string copy = line;
     char* state = nullptr;
@@ -43,7 +41,7 @@ bool AsksForTooMuch(const std::string& line) {
     return false;
 }
 
-// The session as the console will see it, less the lines that would only take long.
+// The session as the console sees it, less the lines that would only take long.
 std::string Session(const uint8_t* data, size_t size) {
     std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
     std::string session;
@@ -59,7 +57,6 @@ std::string Session(const uint8_t* data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // The console prints to standard output; libFuzzer reports on standard error.
     const int null = open("/dev/null", O_WRONLY);
     dup2(null, STDOUT_FILENO);
     close(null);

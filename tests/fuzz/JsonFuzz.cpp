@@ -1,6 +1,8 @@
-// JsonToken reading and writing. The input as a document: what parses is written as JSON that
-// parses to the same value and writes back to the same text. The input as a string value, and its
-// first bytes as a double: what can be built reads back to the same string or number.
+// JsonToken reading and writing, against json-c. The input as a document: JsonToken accepts it
+// exactly when the strict grammar check and json-c's strict tokener with UTF-8 validation both
+// do, and then writes the same text as json-c writes for json-c's value. The input as a string
+// value, and its first bytes as a double: what can be built is written as json-c writes it. All
+// that is written parses to the same value and writes back to the same text.
 #include <glib.h>
 #include <json-c/json.h>
 
@@ -12,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "Src/Utils/Linux/Json/VokJsonPrivate.h"
 #include "vok/JsonToken.h"
 
 namespace {
@@ -25,9 +28,13 @@ json_object* Cjson(const vok::JsonToken& token) {
     std::abort();
 }
 
-// Parses what token wrote; the value must equal token's and write back to the same text.
+// What token writes is what json-c writes for the same value; it parses to an equal value that
+// writes back to the same text.
 void CheckReadsBack(const vok::JsonToken& token) {
     const std::string written = token.GenerateJsonEncodingAndPeek();
+    if (written != json_object_to_json_string(Cjson(token))) {
+        Fail("written unlike json-c writes it", written);
+    }
     vok::JsonToken again;
     if (!again.ParseJsonString(written.c_str())) {
         Fail("written text does not parse", written);
@@ -40,9 +47,38 @@ void CheckReadsBack(const vok::JsonToken& token) {
     }
 }
 
+// json-c's strict tokener behind the grammar check; NULL when either refuses text.
+json_object* ReferenceParse(const char* text, bool* accepted) {
+    *accepted = false;
+    const size_t length = std::strlen(text);
+    if (!vok::JsonIsStrictDocument(text, length)) {
+        return nullptr;
+    }
+    json_tokener* tokener = json_tokener_new();
+    json_tokener_set_flags(tokener, JSON_TOKENER_STRICT | JSON_TOKENER_VALIDATE_UTF8);
+    json_object* value = json_tokener_parse_ex(tokener, text, static_cast<int>(length) + 1);
+    *accepted = json_tokener_get_error(tokener) == json_tokener_success;
+    json_tokener_free(tokener);
+    return value;
+}
+
 void Document(const std::string& text) {
     vok::JsonToken token;
-    if (token.ParseJsonString(text.c_str())) {
+    const bool accepted = token.ParseJsonString(text.c_str());
+    bool expected = false;
+    json_object* reference = ReferenceParse(text.c_str(), &expected);
+    if (accepted != expected) {
+        json_object_put(reference);
+        Fail(accepted ? "accepted what json-c refuses" : "refused what json-c accepts", text);
+    }
+    if (accepted) {
+        const bool same = json_object_equal(Cjson(token), reference) != 0 &&
+                          std::strcmp(token.GenerateJsonEncodingAndPeek(),
+                                      json_object_to_json_string(reference)) == 0;
+        json_object_put(reference);
+        if (!same) {
+            Fail("read or written unlike json-c", text);
+        }
         CheckReadsBack(token);
     }
 }

@@ -1,10 +1,6 @@
-// vok-powerd's request handling (AlarmBook) against a model. An input is a script, one request
-// a line: byte 0 is the action ('a' add, 'r' remove, 't' time passes, 'd' the client's request
-// ends, else an unknown method), byte 1 the client (of four), the rest the payload (a number for
-// 't' and 'd'). Every reply is a strict JSON object with a boolean "returnValue", refusals with
-// an integer "errorCode" and a non-empty "errorText"; an accepted add names its new alarm; only
-// the owner removes an alarm; a client holds at most the limit; alarms come due as the model
-// says, in order of due time.
+// vok-powerd's AlarmBook against a model. One request a line: byte 0 the action ('a' add, 'r'
+// remove, 't' time passes, 'd' drop, else an unknown method), byte 1 the client (of four), the
+// rest the payload (a number for 't' and 'd'). Properties: see the Check calls.
 #include <json-c/json.h>
 
 #include <algorithm>
@@ -29,12 +25,11 @@ void Check(bool condition, const char* what) {
     }
 }
 
-// True when json has a field name of type; *field is that field.
 bool Has(json_object* json, const char* name, json_type type, json_object** field) {
     return json_object_object_get_ex(json, name, field) && json_object_is_type(*field, type);
 }
 
-// Checks the reply's shape; returns its returnValue and, for accepted adds, its alarmId.
+// Returns returnValue and, for accepted adds, the alarmId.
 bool CheckReply(const std::string& reply, int64_t* alarmId) {
     json_tokener* tokener = json_tokener_new();
     json_tokener_set_flags(tokener, JSON_TOKENER_STRICT);

@@ -1,8 +1,6 @@
 #!/bin/bash
-# Runs every libFuzzer harness built in BUILD/tests/fuzz for SECONDS seconds over its seed corpus
-# (with <Name>.dict and the LeakSanitizer suppressions <Name>.lsan when they exist) and prints
-# the executions of each. New inputs go to BUILD/fuzz-work/<Name> (the seeds in the
-# repository are only read); a crashing input is kept as BUILD/fuzz-work/<Name>-crash-*, and
+# Runs every harness in BUILD/tests/fuzz for SECONDS seconds over its seeds (with <Name>.dict and
+# <Name>.lsan when they exist). New inputs and crashes go to BUILD/fuzz-work/; a crashing input
 # belongs in tests/fuzz/corpus/<Name>/ once the fault is fixed.
 #
 #   run-fuzzers.sh BUILD SECONDS     run them all; fails when one crashes

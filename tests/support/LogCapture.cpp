@@ -39,12 +39,12 @@ std::vector<LogLine> LogCapture::Lines() const {
 }
 
 std::vector<LogLine> LogCapture::Matching(const std::string& text) const {
-    std::vector<LogLine> result;
-    for (const LogLine& line : Lines()) {
-        if (line.message.find(text) != std::string::npos) {
-            result.push_back(line);
-        }
-    }
+    std::vector<LogLine> result = Lines();
+    result.erase(std::remove_if(result.begin(), result.end(),
+                                [&](const LogLine& line) {
+                                    return line.message.find(text) == std::string::npos;
+                                }),
+                 result.end());
     return result;
 }
 
@@ -52,8 +52,7 @@ ScopedLogLevel::ScopedLogLevel(const char* context, int level) {
     ZtLogContext* ctx = nullptr;
     ZtLogGetContext(context, &ctx);
     previous_ = __atomic_load_n(&ctx->threshold, __ATOMIC_RELAXED);
-    // This one context only: ZtLogSetLevel would change the contexts under it as well, and
-    // could not give them back their own levels afterwards.
+    // Not ZtLogSetLevel: it would change the contexts under it too, beyond restoring.
     __atomic_store_n(&ctx->threshold, level, __ATOMIC_RELAXED);
     pContext_ = ctx;
 }

@@ -1,5 +1,4 @@
-// Test helpers: capture of log lines through the logging library's output hook, and a watchdog
-// for threaded tests.
+// Capture of log lines, and a watchdog for threaded tests.
 #ifndef VOK_TESTS_SUPPORT_LOGCAPTURE_H
 #define VOK_TESTS_SUPPORT_LOGCAPTURE_H
 
@@ -15,7 +14,6 @@ struct ZtLogContext;
 namespace vok {
 namespace test {
 
-// One captured line.
 struct LogLine {
     int level;
     std::string context;
@@ -31,9 +29,8 @@ class LogCapture {
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<LogLine> Lines() const;
-    // Lines whose message contains text.
-    std::vector<LogLine> Matching(const std::string& text) const;
-    // Waits until a line contains text; false after limit.
+    std::vector<LogLine> Matching(const std::string& text) const;  // Messages containing text.
+    // Waits until a message contains text; false after limit.
     bool WaitFor(const std::string& text,
                  std::chrono::seconds limit = std::chrono::seconds(60)) const;
 
@@ -45,7 +42,7 @@ class LogCapture {
     std::vector<LogLine> lines_;
 };
 
-// Sets a log context's threshold for the lifetime of a scope, then restores it.
+// Sets one log context's threshold for the lifetime of a scope.
 class ScopedLogLevel {
   public:
     ScopedLogLevel(const char* context, int level);
@@ -56,8 +53,7 @@ class ScopedLogLevel {
     int previous_;
 };
 
-// Aborts the test program with a message if not destroyed within the limit, so a hung threaded
-// test fails loudly instead of hanging the suite.
+// Aborts the test program if not destroyed within the limit.
 class Watchdog {
   public:
     explicit Watchdog(std::chrono::seconds limit = std::chrono::seconds(120));

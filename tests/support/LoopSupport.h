@@ -12,13 +12,11 @@ class RuntimeDispatcher;
 
 namespace test {
 
-// Iterates context (blocking on its events) until done() holds or limitSeconds pass; returns
-// done(). done() is checked after every iteration.
+// Iterates context (blocking) until done() holds or limitSeconds pass; returns done().
 bool IterateUntil(GMainContext* context, const std::function<bool()>& done, int limitSeconds = 60);
 
-// IterateUntil on the dispatcher's context for a test that steps the loop itself (no Run in
-// progress): the first exception out of a callback is rethrown here, on the test's thread. Fails
-// the test when the limit passes.
+// IterateUntil on the dispatcher's context (no Run in progress), rethrowing the first exception
+// out of a callback; fails the test when the limit passes.
 bool Pump(RuntimeDispatcher& dispatcher, const std::function<bool()>& done, int limitSeconds = 60);
 
 // Runs what is ready on the dispatcher's context until nothing is, without blocking.
@@ -26,9 +24,8 @@ void Drain(RuntimeDispatcher& dispatcher);
 
 GMainContext* ContextOf(RuntimeDispatcher& dispatcher);
 
-// Runs the dispatcher while another thread calls hop() hops times (each call sends one event to
-// the loop and waits until the loop has handled it), then stops it; returns how often the loop
-// polled meanwhile, i.e. its wake-ups, counted through the context's poll function.
+// Runs the dispatcher while another thread calls hop() hops times (each sends one event and waits
+// until the loop has handled it); returns how often the loop polled (woke) meanwhile.
 int CountPollsOverHops(RuntimeDispatcher& dispatcher, int hops, const std::function<void()>& hop);
 
 }  // namespace test

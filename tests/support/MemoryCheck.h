@@ -1,6 +1,5 @@
-// Whether the test program runs under valgrind's memcheck, for the few tests that read freed
-// memory or leak on purpose: memcheck reports both, and cannot be told to let a given allocation
-// go, so such tests skip those steps there (as they do under the sanitizers).
+// Whether the test program runs under valgrind, for tests that read freed memory or leak on
+// purpose and skip those steps there.
 #ifndef VOK_TESTS_SUPPORT_MEMORYCHECK_H
 #define VOK_TESTS_SUPPORT_MEMORYCHECK_H
 
@@ -21,7 +20,7 @@ inline bool RunningOnValgrind() {
 #if defined(VOK_TEST_HAVE_VALGRIND_H)
     return RUNNING_ON_VALGRIND != 0;
 #else
-    // Built without valgrind's headers: valgrind preloads its own libraries into the program.
+    // Without valgrind's headers: valgrind preloads its own libraries.
     const char* preload = std::getenv("LD_PRELOAD");
     return preload != nullptr && std::strstr(preload, "vgpreload") != nullptr;
 #endif

@@ -41,17 +41,15 @@ bool ReadLabels(const std::string& text, size_t* at, std::vector<std::string>* n
     size_t i = *at + 1;
     while (i < text.size() && text[i] != '}') {
         const size_t length = NameAt(text, i, true);
-        const size_t value = i + length + 2;
         if (length == 0 || text.compare(i + length, 2, "=\"") != 0) {
             return false;
         }
         names->push_back(text.substr(i, length));
-        i = EscapedEnd(text, value);
+        i = EscapedEnd(text, i + length + 2);
         if (i >= text.size() || text[i] != '"') {
             return false;
         }
-        ++i;
-        if (i < text.size() && text[i] == ',') {
+        if (++i < text.size() && text[i] == ',') {
             ++i;
         } else if (i >= text.size() || text[i] != '}') {
             return false;
@@ -82,10 +80,9 @@ std::string MetricsCheck::Report() const {
 
 double MetricsCheck::Value(const std::string& name) const {
     auto family = families.find(name);
-    if (family == families.end() || family->second.samples.size() != 1) {
-        return NAN;
-    }
-    return family->second.samples.begin()->second;
+    return family == families.end() || family->second.samples.size() != 1
+               ? NAN
+               : family->second.samples.begin()->second;
 }
 
 MetricsCheck CheckOpenMetrics(const std::string& text) {
@@ -156,8 +153,8 @@ MetricsCheck CheckOpenMetrics(const std::string& text) {
             error(line, "not a well-formed sample: " + content);
             continue;
         }
-        const std::set<std::string> uniqueLabels(labelNames.begin(), labelNames.end());
-        if (uniqueLabels.size() != labelNames.size()) {
+        if (std::set<std::string>(labelNames.begin(), labelNames.end()).size() !=
+            labelNames.size()) {
             error(line, "a label twice");
         }
         const std::string labels =

@@ -9,22 +9,18 @@
 namespace vok {
 namespace test {
 
-// One metric family of a checked exposition.
 struct MetricFamily {
     std::string type;
     std::string help;
-    // Sample name with its labels as written ("name{a=\"1\"}", "name{}") -> value.
-    std::map<std::string, double> samples;
+    std::map<std::string, double> samples;  // "name{labels as written}" -> value.
 };
 
-// What the checker found.
 struct MetricsCheck {
-    std::vector<std::string> errors;               // Empty when the exposition is valid.
-    std::map<std::string, MetricFamily> families;  // By family name.
+    std::vector<std::string> errors;  // Empty when the exposition is valid.
+    std::map<std::string, MetricFamily> families;
 
     bool Ok() const { return errors.empty(); }
-    // The errors, one a line.
-    std::string Report() const;
+    std::string Report() const;  // The errors, one a line.
     // The value of the only sample of family name; NaN when there is not exactly one.
     double Value(const std::string& name) const;
 };
@@ -38,7 +34,7 @@ struct MetricsCheck {
 // sample suffix.
 MetricsCheck CheckOpenMetrics(const std::string& text);
 
-// The lines, each ended by '\n' (the checkers' reports).
+// The lines, each ended by '\n'.
 std::string JoinLines(const std::vector<std::string>& lines);
 
 }  // namespace test

@@ -1,14 +1,12 @@
 #include "support/TraceEventCheck.h"
 
-#include "support/OpenMetricsCheck.h"
-
 #include <json-c/json.h>
 
-#include <algorithm>
 #include <cmath>
-#include <iterator>
 #include <set>
 #include <utility>
+
+#include "support/OpenMetricsCheck.h"
 
 namespace vok {
 namespace test {
@@ -26,7 +24,7 @@ bool Has(json_object* object, const char* key) {
     return json_object_object_get_ex(object, key, nullptr);
 }
 
-// A non-negative finite number (integers for pid and tid), or -1 with an error.
+// A non-negative finite number (an integer when integer), or -1 with an error.
 double Number(json_object* event, const char* key, bool integer, std::vector<std::string>* errors,
               const std::string& where) {
     json_object* value = nullptr;
@@ -34,9 +32,8 @@ double Number(json_object* event, const char* key, bool integer, std::vector<std
                        (json_object_is_type(value, json_type_int) ||
                         (!integer && json_object_is_type(value, json_type_double)));
     const double number = found ? json_object_get_double(value) : -1;
-    if (!found || !std::isfinite(number) || number < 0) {
-        errors->push_back(where + key + " is not a non-negative " +
-                          (integer ? "integer" : "number"));
+    if (!std::isfinite(number) || number < 0) {
+        errors->push_back(where + key + " is not a non-negative number");
         return -1;
     }
     return number;
@@ -50,8 +47,11 @@ std::string TraceCheck::Report() const {
 
 std::vector<TraceEvent> TraceCheck::Phase(const std::string& ph) const {
     std::vector<TraceEvent> selected;
-    std::copy_if(events.begin(), events.end(), std::back_inserter(selected),
-                 [&ph](const TraceEvent& event) { return event.ph == ph; });
+    for (const TraceEvent& event : events) {
+        if (event.ph == ph) {
+            selected.push_back(event);
+        }
+    }
     return selected;
 }
 
@@ -61,8 +61,7 @@ TraceCheck CheckTraceEvents(const std::string& json) {
     json_tokener* tokener = json_tokener_new();
     json_tokener_set_flags(tokener, JSON_TOKENER_STRICT);
     json_object* root = json_tokener_parse_ex(tokener, json.c_str(), static_cast<int>(json.size()));
-    const bool parsed = json_tokener_get_error(tokener) == json_tokener_success &&
-                        json_object_is_type(root, json_type_object);
+    const bool parsed = json_tokener_get_error(tokener) == json_tokener_success;
     json_tokener_free(tokener);
     json_object* events = nullptr;
     if (!parsed || !json_object_object_get_ex(root, "traceEvents", &events) ||
@@ -104,46 +103,43 @@ TraceCheck CheckTraceEvents(const std::string& json) {
         if (json_object_object_get_ex(event, "args", &args)) {
             e.args = json_object_to_json_string_ext(args, JSON_C_TO_STRING_PLAIN);
         }
-        if (std::string("XibesfM").find(e.ph) == std::string::npos || e.ph.size() != 1 ||
+        if (e.ph.size() != 1 || std::string("XibesfM").find(e.ph) == std::string::npos ||
             e.name.empty()) {
             errors.push_back(where + "unknown phase \"" + e.ph + "\" or no name");
             continue;
         }
+        result.events.push_back(e);
         if (e.ph == "M") {
             const std::string name = Member(args, "name", json_type_string);
             if ((e.name != "thread_name" && e.name != "process_name") || name.empty() ||
                 (e.name == "thread_name" && !result.threadNames.emplace(e.tid, name).second)) {
                 errors.push_back(where + "bad metadata " + e.name + ", or a thread named twice");
             }
-            result.events.push_back(e);
             continue;
         }
-        e.ts = Number(event, "ts", false, &errors, where);
+        TraceEvent& added = result.events.back();
+        added.ts = Number(event, "ts", false, &errors, where);
+        const std::string scope = Member(event, "s", json_type_string);
         if (e.cat.empty() || (e.ph == "X") != Has(event, "dur") ||
             (e.ph == "f") != Has(event, "bp") ||
             (e.ph == "f" && Member(event, "bp", json_type_string) != "e") ||
-            (std::string("besf").find(e.ph) != std::string::npos) == e.id.empty()) {
-            errors.push_back(where + e.ph +
-                             " event without its category, or with dur, bp or id wrong");
-        }
-        const std::string scope = Member(event, "s", json_type_string);
-        if (e.ph == "i" && scope != "t" && scope != "p" && scope != "g") {
-            errors.push_back(where + "instant without scope t, p or g");
+            (std::string("besf").find(e.ph) != std::string::npos) == e.id.empty() ||
+            (e.ph == "i" && scope != "t" && scope != "p" && scope != "g")) {
+            errors.push_back(where + "no category, or dur, bp, id or scope wrong");
         }
         if (e.ph == "X") {
-            e.dur = Number(event, "dur", false, &errors, where);
-            slices[e.tid].push_back(std::make_pair(e.ts, e.ts + e.dur));
+            added.dur = Number(event, "dur", false, &errors, where);
+            slices[e.tid].push_back(std::make_pair(added.ts, added.ts + added.dur));
         } else if (e.ph == "b") {
             ++open[e.cat + "/" + e.id];
         } else if (e.ph == "e" && open[e.cat + "/" + e.id]-- <= 0) {
             errors.push_back(where + "async end without an open begin, id " + e.id);
         } else if ((e.ph == "s" || e.ph == "f") &&
                    !(e.ph == "s" ? starts : ends)
-                        .emplace(e.cat + "/" + e.name + "/" + e.id, e)
+                        .emplace(e.cat + "/" + e.name + "/" + e.id, added)
                         .second) {
             errors.push_back(where + "flow " + e.id + " started or ended twice");
         }
-        result.events.push_back(e);
     }
     json_object_put(root);
     auto inSlice = [&slices](const TraceEvent& flow) {
@@ -158,8 +154,7 @@ TraceCheck CheckTraceEvents(const std::string& json) {
         auto end = ends.find(start.first);
         if (end == ends.end() || end->second.ts < start.second.ts || !inSlice(start.second) ||
             !inSlice(end->second)) {
-            errors.push_back("flow " + start.first +
-                             " without its end, ending before it starts, or outside a slice");
+            errors.push_back("flow " + start.first + " unended, ending early or outside a slice");
         }
     }
     for (const auto& end : ends) {

@@ -31,7 +31,9 @@ namespace trace {
 extern std::atomic<bool> gTraceEnabled __attribute__((visibility("hidden")));
 #endif
 
-// Kinds of dispatcher callbacks, each drawn as a complete slice named after its kind.
+// Kinds of dispatcher callbacks, each drawn as a complete slice named after its kind. A bus reply
+// is what a client's bus call or service-status watch delivers; a bus method is what a service
+// runs: a method's handler, a subscription's cancel callback, its connection observer.
 enum CallbackKind : uint8_t {
     kCbTimer,
     kCbAlarm,
@@ -46,6 +48,11 @@ enum CallbackKind : uint8_t {
 // Kinds of asynchronous slices: a bus call from KVCall to its last reply, and a request a
 // service serves from its arrival to its last reply.
 enum AsyncKind : uint8_t { kAsyncBusCall, kAsyncServedRequest, kAsyncKindCount };
+
+// The end of an asynchronous slice closed by a cancel on the recording side (the caller
+// cancelled its call, or the client of a served request cancelled or left), in place of an error
+// code.
+const int64_t kTraceEndCancelled = -1;
 
 // Kinds of instants. Lateness instants carry how late the callback ran, in nanoseconds; the
 // shell's instants carry the blade's name.
@@ -98,7 +105,8 @@ static_assert(sizeof(TraceRecord) == 96, "a trace record is 96 bytes on every ta
 uint64_t TraceClockNow();
 
 // Stores record (whose ts the caller has set) in the calling thread's ring, allocating the ring
-// on the thread's first record. Called only while recording is on.
+// on the thread's first record. Called while recording is on, and to finish an event that began
+// while it was.
 void TraceStore(const TraceRecord& record);
 
 // Out-of-line halves of the sites below.
@@ -107,6 +115,7 @@ void TraceMessage(RecordType type, uint64_t begin, uint64_t id, uint32_t protoco
 void TraceCallback(uint64_t begin, CallbackKind kind);
 void TraceAsync(RecordType type, AsyncKind kind, uint64_t id, int64_t value, const char* text);
 void TraceInstantRecord(InstantKind kind, int64_t value, const char* text);
+uint64_t TraceAsyncOpen(AsyncKind kind, const char* text, int64_t value);
 
 // True while recording is on: one relaxed load.
 inline bool TraceOn() {
@@ -173,6 +182,23 @@ inline void TraceAsyncBegin(AsyncKind kind, uint64_t id, const char* text, int64
 inline void TraceAsyncEnd(AsyncKind kind, uint64_t id, int64_t error) {
     if (__builtin_expect(TraceOn(), 0)) {
         TraceAsync(kRecAsyncEnd, kind, id, error, nullptr);
+    }
+}
+
+// Starts an asynchronous slice with an id of its own, unique in the process (text and value as
+// for TraceAsyncBegin). Returns the id, to keep with the call or request until TraceAsyncFinish;
+// 0 while recording is off.
+inline uint64_t TraceAsyncStart(AsyncKind kind, const char* text, int64_t value) {
+    return __builtin_expect(TraceOn(), 0) ? TraceAsyncOpen(kind, text, value) : 0;
+}
+
+// Ends the slice *id names, with its error code (0 for success, kTraceEndCancelled), and sets
+// *id to 0, so that a slice ends once. Nothing when *id is 0. A slice that began is ended also
+// when recording has been switched off meanwhile, as the halves of measured sites are.
+inline void TraceAsyncFinish(AsyncKind kind, uint64_t* id, int64_t error) {
+    if (__builtin_expect(*id != 0, 0)) {
+        TraceAsync(kRecAsyncEnd, kind, *id, error, nullptr);
+        *id = 0;
     }
 }
 

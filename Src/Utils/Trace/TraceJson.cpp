@@ -212,8 +212,9 @@ void WriteAsync(JsonWriter* out, long tid, const TraceRecord& r, OpenSlices* ope
     auto begin = open->find(key);
     if (begin != open->end()) {
         json = out->Event("e", category, begin->second, tid, r.ts);
-        Appendf(json, ",\"id\":\"0x%" PRIx64 "\",\"args\":{\"error\":%lld}}", r.id,
-                static_cast<long long>(r.value));
+        Appendf(json, ",\"id\":\"0x%" PRIx64 "\",\"args\":{\"error\":%lld%s}}", r.id,
+                static_cast<long long>(r.value),
+                r.value == kTraceEndCancelled ? ",\"cancelled\":true" : "");
         open->erase(begin);
     }
 }

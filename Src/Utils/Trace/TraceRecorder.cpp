@@ -307,6 +307,15 @@ void TraceAsync(RecordType type, AsyncKind kind, uint64_t id, int64_t value, con
     TraceStore(record);
 }
 
+uint64_t TraceAsyncOpen(AsyncKind kind, const char* text, int64_t value) {
+    // Counted for the whole process: a call's reply or a request's end may come when other
+    // threads have started slices of their own.
+    static std::atomic<uint64_t> lastId(0);
+    const uint64_t id = lastId.fetch_add(1, std::memory_order_relaxed) + 1;
+    TraceAsync(kRecAsyncBegin, kind, id, value, text);
+    return id;
+}
+
 void TraceInstantRecord(InstantKind kind, int64_t value, const char* text) {
     TraceRecord record = TraceRecord();
     record.ts = TraceClockNow();

@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <stdexcept>
@@ -304,48 +305,41 @@ const char* JsonToken::GenerateJsonEncodingAndPeek() const {
     if (!HasValue()) {
         throw std::invalid_argument("JSON encoding generator failed: Token is not populated");
     }
+    json_object* value = PimplToCjson_(pimpl);
+    if (value == nullptr) {
+        return "null";
+    }
+    // The text is kept as the value's user data (where json-c keeps a parsed double's text, which
+    // is what the writer wrote for one), freed with the value. Unchanged text stays where it is,
+    // so that an earlier result stays valid while the value does not change.
+    const char* kept = static_cast<const char*>(json_object_get_userdata(value));
+    std::string text;
+    text.reserve(kept != nullptr ? std::strlen(kept) : 0);
     // A value adopted from json-c as it is may hold what JSON cannot say.
-    if (const char* why = JsonFindUnwritable(PimplToCjson_(pimpl))) {
+    if (const char* why = JsonWrite(value, &text)) {
         throw std::invalid_argument(std::string("JSON encoding generator failed: ") + why);
     }
-    const char* text = json_object_to_json_string(PimplToCjson_(pimpl));
-    if (text == nullptr) {
+    if (kept != nullptr && text == kept) {
+        return kept;
+    }
+    char* copy = static_cast<char*>(std::malloc(text.size() + 1));
+    if (copy == nullptr) {
         throw std::bad_alloc();
     }
-    return text;
+    std::memcpy(copy, text.c_str(), text.size() + 1);
+    json_object_set_userdata(value, copy, json_object_free_userdata);
+    return copy;
 }
 
 bool JsonToken::ParseJsonString(const char* text) {
     if (text == nullptr) {
         throw std::invalid_argument("JSON string parser failed: NULL string");
     }
-    // What json-c's strict mode still lets through is refused by the scanner first; json-c then
-    // checks the UTF-8 and the nesting depth. A NULL result with success is the document "null".
+    // Documents are bounded as json-c's int lengths bound them.
     const size_t length = std::strlen(text);
-    if (length >= static_cast<size_t>(INT32_MAX) || !JsonIsStrictDocument(text, length)) {
+    json_object* value = nullptr;
+    if (length >= static_cast<size_t>(INT32_MAX) || !JsonParse(text, length, &value)) {
         return false;
-    }
-    json_tokener* tokener = json_tokener_new();
-    if (tokener == nullptr) {
-        throw std::bad_alloc();
-    }
-    json_tokener_set_flags(tokener, JSON_TOKENER_STRICT | JSON_TOKENER_VALIDATE_UTF8);
-    json_object* value = json_tokener_parse_ex(tokener, text, static_cast<int>(length) + 1);
-    const json_tokener_error error = json_tokener_get_error(tokener);
-    json_tokener_free(tokener);
-    if (error != json_tokener_success) {
-        json_object_put(value);
-        // The scanner accepted the document, so json-c refuses it only for bad UTF-8 or too
-        // deep a nesting; any other error is an allocation that failed inside the parser.
-        if (error != json_tokener_error_parse_utf8_string && error != json_tokener_error_depth) {
-            throw std::bad_alloc();
-        }
-        return false;
-    }
-    // json-c also reports success with no value when it could not allocate one; only the
-    // document null legitimately has none.
-    if (value == nullptr && text[std::strspn(text, " \t\r\n")] != 'n') {
-        throw std::bad_alloc();
     }
     JsonToken temporary;
     temporary.SetNewPimpl(PimplFromCjson_(value));
@@ -441,7 +435,7 @@ void JsonToken::ObjectSetPair(const char* name, JsonToken* value) {
     json_object* element = PimplToCjson_(JsonImplUtil::PeekValueTokenPimpl(value));
     json_object* object = PimplToCjson_(JsonImplUtil::PeekObjectTokenPimpl(this));
     // On failure json-c has not taken the element: value still owns it.
-    if (json_object_object_add(object, name, element) != 0) {
+    if (JsonObjectAdd(object, name, element) != 0) {
         throw std::bad_alloc();
     }
     value->GiveUpPopulatedPimpl();

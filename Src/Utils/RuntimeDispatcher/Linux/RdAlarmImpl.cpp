@@ -8,6 +8,7 @@
 
 #include "Src/Utils/RuntimeDispatcher/Linux/RdTimerImpl.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "Src/Utils/Trace/TraceEvents.h"
 #include "Src/Utils/VokThrow.h"
 #include "vok/JsonObjectFindResult.h"
 #include "vok/JsonToken.h"
@@ -330,6 +331,11 @@ void RdAlarmImpl::CallUserCb(RdAlarmFiredBy firedBy) {
         }
         RdAlarmImpl* alarm_;
     } running(this);
+    if (trace::TraceOn()) {
+        const int64_t lateUs = NowUs() - dueUs_;
+        trace::TraceInstant(trace::kInstAlarmLate, lateUs > 0 ? lateUs * 1000 : 0, nullptr);
+    }
+    trace::TraceCallbackScope scope(trace::kCbAlarm);
     callback_();  // std::bad_function_call when empty.
 }
 

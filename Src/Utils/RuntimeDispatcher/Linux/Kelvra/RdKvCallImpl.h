@@ -4,6 +4,7 @@
 
 #include <kelvra/kelvra.h>
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -34,6 +35,7 @@ class RdKvCallImpl : public RefCounted {
     bool pending_;                       // From a successful KVCall until Cancel.
     KVMessageToken token_;               // The outstanding call.
     RuntimeDispatcherImpl* dispatcher_;  // Receives exceptions of the callback; may be null.
+    uint64_t traceId_;  // The call's slice in the flight recorder until its end; 0 for none.
 };
 
 }  // namespace vok

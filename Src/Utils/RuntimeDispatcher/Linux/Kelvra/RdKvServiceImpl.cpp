@@ -4,6 +4,7 @@
 
 #include "Src/Utils/RuntimeDispatcher/Linux/Kelvra/VokKvError.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "Src/Utils/Trace/TraceEvents.h"
 #include "Src/Utils/VokThrow.h"
 #include "vok/Logger.h"
 #include "vok/RdKvService.h"
@@ -125,12 +126,15 @@ bool RdKvServiceImpl::MethodCb(KVHandle*, KVMessage* message, void* data) {
     Holder hold(self);  // the handler may destroy the service, and so its methods
     bool answered = true;
     {
-        RdKvRequest request(new RdKvRequestImpl(self, message));
+        RdKvRequestImpl* impl = new RdKvRequestImpl(self, message);
+        RdKvRequest request(impl);
         self->dispatcher_->RunGuarded([&]() {
+            trace::TraceCallbackScope scope(trace::kCbBusMethod);
             try {
                 method->handler(request);  // std::bad_function_call when empty
             } catch (...) {
                 answered = false;  // the bus library answers an open request: method failed
+                impl->EndTrace(KV_ERROR_METHOD_FAILED);
                 throw;
             }
         });
@@ -162,6 +166,7 @@ void RdKvServiceImpl::ConnectionCb(KVHandle*, bool connected, void* data) {
     }
     self->dispatcher_->RunGuarded([self, connected]() {
         Holder hold(self);
+        trace::TraceCallbackScope scope(trace::kCbBusMethod);
         self->observer_(connected);
     });
 }
@@ -178,11 +183,13 @@ RdKvRequestImpl::RdKvRequestImpl(RdKvServiceImpl* service, KVMessage* message)
       open_(true),
       subscribed_(false),
       parsed_(false),
-      onCancel_([]() {}) {
+      onCancel_([]() {}),
+      traceId_(trace::TraceAsyncStart(trace::kAsyncServedRequest, KVMessageGetMethod(message), 0)) {
     service_->TakeRef();  // dropped by the destructor
 }
 
 RdKvRequestImpl::~RdKvRequestImpl() {
+    EndTrace(service_->GetHandle() != nullptr ? KV_ERROR_NO_REPLY : KV_ERROR_SERVICE_GONE);
     KVMessageUnref(message_);  // unanswered: the bus library answers for the service
     service_->DropRef();
 }
@@ -212,6 +219,7 @@ bool RdKvRequestImpl::Send(const char* text, bool last) {
     // A reply closes a plain request, a last reply a subscription; a refusal as closed means the
     // client or the bus ended it first.
     if (!subscribed_ || last || code == KV_ERROR_CLOSED) {
+        EndTrace(error.result ? KvReplyErrorCode(text) : code);
         open_ = false;
         if (subscribed_) {
             service_->ForgetSubscription(message_);
@@ -237,10 +245,21 @@ void RdKvRequestImpl::Subscribe(std::function<void()> onCancel) {
 
 void RdKvRequestImpl::Cancelled(RuntimeDispatcherImpl* dispatcher) {
     open_ = false;
+    EndTrace(trace::kTraceEndCancelled);
     dispatcher->RunGuarded([this]() {
         Holder hold(this);  // the callback may destroy its subscription
+        trace::TraceCallbackScope scope(trace::kCbBusMethod);
         onCancel_();
     });
+}
+
+void RdKvRequestImpl::Close() {
+    open_ = false;
+    EndTrace(KV_ERROR_SERVICE_GONE);
+}
+
+void RdKvRequestImpl::EndTrace(int64_t error) {
+    trace::TraceAsyncFinish(trace::kAsyncServedRequest, &traceId_, error);
 }
 
 // ---- fronts ----

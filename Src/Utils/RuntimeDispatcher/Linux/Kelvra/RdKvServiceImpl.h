@@ -4,6 +4,7 @@
 
 #include <kelvra/kelvra.h>
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -90,7 +91,9 @@ class RdKvRequestImpl : public RefCounted {
     // The client cancelled or left: the request is closed; runs the cancel callback.
     void Cancelled(RuntimeDispatcherImpl* dispatcher);
     // The service is gone: nothing can be sent any more.
-    void Close() { open_ = false; }
+    void Close();
+    // Ends the request's slice in the flight recorder, when it is open there, with error.
+    void EndTrace(int64_t error);
 
     using RefCounted::DropRef;
 
@@ -108,6 +111,7 @@ class RdKvRequestImpl : public RefCounted {
     mutable bool parsed_;
     mutable JsonToken payload_;  // Parsed on first use.
     RdCallback<void()> onCancel_;
+    uint64_t traceId_;  // The request's slice in the flight recorder until its end; 0 for none.
 };
 
 }  // namespace vok

@@ -6,6 +6,7 @@
 
 #include "Src/Utils/RuntimeDispatcher/Linux/Kelvra/VokKvError.h"
 #include "Src/Utils/RuntimeDispatcher/Linux/RuntimeDispatcherImpl.h"
+#include "Src/Utils/Trace/TraceEvents.h"
 #include "Src/Utils/VokThrow.h"
 #include "vok/JsonObjectFindResult.h"
 #include "vok/JsonToken.h"
@@ -92,8 +93,10 @@ void HandleStatusReply(VokKvClient* client, bool* connected, KVMessage* message)
 
 bool VokKvClient::SvcRegStatusCb(KVHandle*, KVMessage* message, void* client) {
     VokKvClient* self = static_cast<VokKvClient*>(client);
-    RuntimeDispatcherImpl::RunGuardedOn(
-        self->dispatcher_, [&]() { HandleStatusReply(self, &self->connected_, message); });
+    RuntimeDispatcherImpl::RunGuardedOn(self->dispatcher_, [&]() {
+        trace::TraceCallbackScope scope(trace::kCbBusReply);
+        HandleStatusReply(self, &self->connected_, message);
+    });
     return true;
 }
 

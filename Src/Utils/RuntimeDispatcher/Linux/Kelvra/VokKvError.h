@@ -1,8 +1,11 @@
-// Not public API. A KVError record on the stack around a bus-library call.
+// Not public API. A KVError record on the stack around a bus-library call, and the error code
+// of a reply.
 #ifndef VOK_SRC_UTILS_RUNTIMEDISPATCHER_LINUX_KELVRA_VOKKVERROR_H
 #define VOK_SRC_UTILS_RUNTIMEDISPATCHER_LINUX_KELVRA_VOKKVERROR_H
 
 #include <kelvra/kelvra.h>
+
+#include <cstdint>
 
 namespace vok {
 
@@ -23,6 +26,11 @@ struct VokKvError {
     KVError error;
     bool result;
 };
+
+// The error code a reply carries for the flight recorder: "errorCode" of a reply whose
+// "returnValue" is false (KV_ERROR_METHOD_FAILED when it has none), 0 for any other payload.
+// A scan of the text, not a parse: it runs on the recording path, which does not allocate.
+int64_t KvReplyErrorCode(const char* payload);
 
 }  // namespace vok
 
