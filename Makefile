@@ -10,7 +10,7 @@ FUZZ_SECONDS ?= 60
 FUZZ_TEST_SECONDS ?= 5
 
 .PHONY: all deps build test sanitize tsan armhf-test bench bench-peers install demo soak valgrind \
-	format clean deb deb-host deb-armhf fuzz fuzz-run docs
+	format clean deb deb-host deb-armhf fuzz fuzz-run docs trace-picture
 
 all: build
 
@@ -141,6 +141,14 @@ deb-armhf:
 	sysroot=$$(bash scripts/armhf-sysroot.sh) && \
 	bash cmake/sysroot-dpkg-db.sh $$sysroot build-deb-armhf/sysroot-dpkg && \
 	cd build-deb-armhf && DEB_HOST_ARCH=armhf DPKG_ADMINDIR=$(CURDIR)/build-deb-armhf/sysroot-dpkg cpack
+
+# doc/demo-trace.png, the README's picture: 3 s of vok-demo recorded with vokctl and drawn by
+# scripts/trace-to-svg.py and rsvg-convert.
+trace-picture:
+	@bash scripts/deps.sh demo picture
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS) --target vok-demo vok-powerd vokctl
+	bash scripts/trace-picture.sh $(BUILD) doc/demo-trace.png
 
 # HTML API documentation of the public headers in build-docs/html (main page: the README). Fails
 # when Doxygen finds an undocumented class, function or member (scripts/docs.sh).

@@ -14,12 +14,7 @@ work=$(mktemp -d)
 pids=()
 
 cleanup() {
-    for pid in "${pids[@]}"; do
-        kill -TERM "$pid" 2>/dev/null || true
-    done
-    for pid in "${pids[@]}"; do
-        wait "$pid" 2>/dev/null || true
-    done
+    stop_processes "${pids[@]}"
     rm -rf "$work"
 }
 trap cleanup EXIT

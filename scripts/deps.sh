@@ -1,6 +1,7 @@
 #!/bin/bash
 # Installs the Debian packages a target needs, only when some are missing.
 # Usage: deps.sh [base] [demo] [armhf] [tools] [peers] [packaging] [fuzz] [valgrind] [docs]
+#                [picture]
 set -euo pipefail
 
 declare -A groups=(
@@ -19,6 +20,8 @@ declare -A groups=(
     [valgrind]="valgrind"
     # `make docs`: the HTML API documentation of the public headers.
     [docs]="doxygen"
+    # `make trace-picture`: the README's trace picture, drawn as SVG and turned into PNG.
+    [picture]="python3 librsvg2-bin"
 )
 
 wanted=()

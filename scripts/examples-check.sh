@@ -9,15 +9,12 @@
 set -euo pipefail
 build=$(realpath "$1")
 source_dir=$(realpath "${2:-$(dirname "$0")/..}")
+# shellcheck source=scripts/private-bus.sh
+. "$source_dir/scripts/private-bus.sh"
 work=$(mktemp -d)
 pids=()
 cleanup() {
-    for pid in "${pids[@]}"; do
-        kill -TERM "$pid" 2>/dev/null || true
-    done
-    for pid in "${pids[@]}"; do
-        wait "$pid" 2>/dev/null || true
-    done
+    stop_processes "${pids[@]}"
     rm -rf "$work"
 }
 trap cleanup EXIT
@@ -81,8 +78,6 @@ grep -qF "[minimal] vok $(pkg-config --modversion vok)" <<<"$output" ||
     fail "minimal does not report the library version $(pkg-config --modversion vok): <$output>"
 
 # sensord on a private bus of its own, beside the installed power service.
-# shellcheck source=scripts/private-bus.sh
-. "$source_dir/scripts/private-bus.sh"
 start_private_bus "$work"
 pids+=("$PRIVATE_BUS_PID")
 bindir=$(pkg-config --variable=prefix vok)/bin

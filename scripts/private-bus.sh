@@ -1,4 +1,5 @@
-# Sourced by the demo and soak scripts: the configuration of a private session bus.
+# Sourced by the demo, soak, examples and picture scripts: the configuration of a private session
+# bus, and the end of the processes a script started.
 # write_bus_conf FILE LISTEN writes a configuration that listens on LISTEN (a D-Bus address such as
 # unix:dir=/tmp/x or unix:path=/tmp/x/bus), lets anyone own any name, and authenticates by uid.
 write_bus_conf() {
@@ -30,4 +31,14 @@ start_private_bus() {
     read -r PRIVATE_BUS_PID <"$1/pid"
     export KELVRA_BUS_ADDRESS
     unset DBUS_SESSION_BUS_ADDRESS
+}
+
+# stop_processes PID... sends SIGTERM to each of the script's children given, then reaps them all.
+stop_processes() {
+    for pid in "$@"; do
+        kill -TERM "$pid" 2>/dev/null || true
+    done
+    for pid in "$@"; do
+        wait "$pid" 2>/dev/null || true
+    done
 }

@@ -83,7 +83,8 @@ def main():
     while t0 + tick * 1000 <= t1:
         px = x(t0 + tick * 1000)
         out.append('<line x1="%.1f" y1="18" x2="%.1f" y2="%d" stroke="#eee"/>' % (px, px, height))
-        out.append('<text x="%.1f" y="14" fill="#666">%g ms</text>' % (px + 2, tick + (args.start or 0)))
+        # Times from the start of the window drawn, so that a narrow window keeps short labels.
+        out.append('<text x="%.1f" y="14" fill="#666">%g ms</text>' % (px + 2, round(tick, 9)))
         tick += step
     for tid in tids:
         out.append('<text x="4" y="%d">%s</text>' % (top[tid] + 15, html.escape(names.get(tid, "thread %d" % tid))))

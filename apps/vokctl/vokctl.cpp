@@ -2,7 +2,9 @@
 //
 //   vokctl [--json] list
 //   vokctl [--json] DAEMON status|blades|ports|registers [PREFIX]|loglevel [CONTEXT [LEVEL]]|
-//                          watch [PREFIX]
+//                          watch [PREFIX]|trace on|off|metrics
+//   vokctl DAEMON trace --seconds N|--snapshot -o FILE
+//   vokctl DAEMON metrics [--textfile PATH]
 //
 // Exit status: 0 done, 1 the daemon answered with an error or the bus failed, 2 bad usage,
 // 3 the daemon is not on the bus.
@@ -13,19 +15,26 @@
 #include <ztlog/ztlog.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "Src/Utils/Linux/AtomicFile.h"
 #include "vok/DiagBusService.h"
+#include "vok/Metrics.h"
 #include "vok/Version.h"
 
 namespace {
 
 const char* const kPrefix = "com.orvex.vok.";
 const uint32_t kCallTimeoutMs = 5000;
+// A trace or metrics answer is made before its first part is sent: allow for a slow device.
+const uint32_t kPartedTimeoutMs = 60000;
+// Longest recording window, in seconds.
+const double kMaxTraceSeconds = 86400;
 
 enum ExitStatus { kExitOk = 0, kExitFailed = 1, kExitUsage = 2, kExitNoDaemon = 3 };
 
@@ -44,6 +53,18 @@ void Usage(FILE* out) {
                  "                          LEVEL (0..7 or a name: err, warning, notice, info,\n"
                  "                          debug, ...)\n"
                  "  watch [PREFIX]          print registers as they change, until interrupted\n"
+                 "  trace --seconds N -o FILE\n"
+                 "                          record N seconds of the daemon's timeline and write\n"
+                 "                          it to FILE as trace-event JSON (ui.perfetto.dev,\n"
+                 "                          chrome://tracing); interrupting ends the window early\n"
+                 "  trace --snapshot -o FILE\n"
+                 "                          write what the daemon's trace rings hold now\n"
+                 "  trace on|off            switch recording on or off\n"
+                 "  metrics [--textfile PATH]\n"
+                 "                          registers and process figures as OpenMetrics text;\n"
+                 "                          with --textfile, replace PATH with it atomically\n"
+                 "                          (for node_exporter's textfile collector)\n"
+                 "FILE or PATH - is standard output.\n"
                  "options:\n"
                  "  --json                  print the daemon's replies as JSON, one per line\n"
                  "  --help, --version\n");
@@ -149,7 +170,41 @@ struct Call {
     bool subscribe = false;
     std::string command;
     int status = kExitOk;
+    // A text answer in parts (trace, metrics) is collected in text instead of printed.
+    bool parted = false;
+    std::string text;
+    int64_t parts = 0;  // Parts announced; 0 before the first.
+    int64_t nextPart = 0;
+    int64_t bytes = 0;  // Length announced.
+    // keep: the reply is kept in kept (owned) instead of printed.
+    bool keep = false;
+    json_object* kept = nullptr;
 };
+
+int64_t IntMember(json_object* object, const char* key) {
+    json_object* member = nullptr;
+    return json_object_object_get_ex(object, key, &member) &&
+                   json_object_is_type(member, json_type_int)
+               ? json_object_get_int64(member)
+               : -1;
+}
+
+// Adds one part of a text answer; false when it is not the part expected next.
+bool AddPart(Call* call, json_object* reply) {
+    json_object* data = nullptr;
+    if (IntMember(reply, "part") != call->nextPart || IntMember(reply, "parts") < 1 ||
+        (call->parts != 0 && IntMember(reply, "parts") != call->parts) ||
+        IntMember(reply, "bytes") < 0 || !json_object_object_get_ex(reply, "data", &data) ||
+        !json_object_is_type(data, json_type_string)) {
+        return false;
+    }
+    call->parts = IntMember(reply, "parts");
+    call->bytes = IntMember(reply, "bytes");
+    call->text.append(json_object_get_string(data),
+                      static_cast<size_t>(json_object_get_string_len(data)));
+    ++call->nextPart;
+    return static_cast<int64_t>(call->text.size()) <= call->bytes;
+}
 
 void PrintRegisters(json_object* reply, bool withTime) {
     json_object* registers = nullptr;
@@ -213,6 +268,10 @@ void PrintHuman(const Call& call, json_object* reply) {
             }
         }
         table.Print();
+    } else if (call.command == "trace") {
+        std::printf("trace recording %s (was %s)\n",
+                    Member(reply, "enabled") == "true" ? "on" : "off",
+                    Member(reply, "wasEnabled") == "true" ? "on" : "off");
     } else if (call.command == "loglevel") {
         std::printf("%s %s (%s)\n", Member(reply, "context").c_str(),
                     Member(reply, "level").c_str(), Member(reply, "levelName").c_str());
@@ -231,10 +290,17 @@ bool OnReply(KVHandle*, KVMessage* reply, void* data) {
                      parsed != nullptr ? Member(parsed, "errorText").c_str() : "bad reply");
         call->status = kExitFailed;
         g_main_loop_quit(call->loop);
+    } else if (call->parted && !AddPart(call, parsed)) {
+        std::fprintf(stderr, "vokctl: the daemon's answer came out of order or malformed\n");
+        call->status = kExitFailed;
+        g_main_loop_quit(call->loop);
     } else {
-        if (call->json) {
+        if (call->keep) {
+            json_object_put(call->kept);
+            call->kept = json_object_get(parsed);
+        } else if (call->json && !call->parted) {
             std::printf("%s\n", payload);
-        } else {
+        } else if (!call->parted) {
             PrintHuman(*call, parsed);
         }
         std::fflush(stdout);
@@ -246,6 +312,7 @@ bool OnReply(KVHandle*, KVMessage* reply, void* data) {
     return true;
 }
 
+// Ends the loop (a signal, or the end of a wait).
 gboolean OnSignal(gpointer loop) {
     g_main_loop_quit(static_cast<GMainLoop*>(loop));
     return G_SOURCE_CONTINUE;
@@ -263,7 +330,10 @@ int CallDaemon(const std::string& daemon, const std::string& method, json_object
     }
     if (!KVRegister(nullptr, &handle, &error) || !KVGmainAttach(handle, nullptr, &error) ||
         !KVCallWithTimeout(handle, uri.c_str(), json_object_to_json_string(payload),
-                           call->subscribe ? 0 : kCallTimeoutMs, &OnReply, call, nullptr, &error)) {
+                           call->parted      ? kPartedTimeoutMs
+                           : call->subscribe ? 0
+                                             : kCallTimeoutMs,
+                           &OnReply, call, nullptr, &error)) {
         std::fprintf(stderr, "vokctl: %s: %s\n", uri.c_str(),
                      error.message != nullptr ? error.message : "call failed");
         call->status = kExitFailed;
@@ -279,7 +349,130 @@ int CallDaemon(const std::string& daemon, const std::string& method, json_object
     }
     KVErrorFree(&error);
     g_main_loop_unref(call->loop);
+    if (call->parted && call->status == kExitOk &&
+        (call->nextPart != call->parts || static_cast<int64_t>(call->text.size()) != call->bytes)) {
+        std::fprintf(stderr, "vokctl: the daemon's answer ended after %lld of %lld bytes\n",
+                     static_cast<long long>(call->text.size()),
+                     static_cast<long long>(call->bytes));
+        call->status = kExitFailed;
+    }
     return call->status;
+}
+
+// Fetches a text answer in parts from method with payload (consumed) into *text.
+int FetchText(const std::string& daemon, const std::string& method, json_object* payload,
+              std::string* text) {
+    Call call;
+    call.parted = true;
+    call.subscribe = true;
+    const int status = CallDaemon(daemon, method, payload, &call);
+    json_object_put(payload);
+    text->swap(call.text);
+    return status;
+}
+
+// Writes text to path ("-": standard output), replacing a file atomically.
+int WriteOutput(const std::string& path, const std::string& text, bool metrics) {
+    std::string error;
+    if (path == "-") {
+        return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
+                       std::fflush(stdout) == 0
+                   ? kExitOk
+                   : kExitFailed;
+    }
+    if (!(metrics ? vok::MetricsWriteTextfileContent(path, text, &error)
+                  : vok::WriteFileAtomically(path, text, &error))) {
+        std::fprintf(stderr, "vokctl: %s\n", error.c_str());
+        return kExitFailed;
+    }
+    return kExitOk;
+}
+
+// Ends when seconds have passed or on SIGINT or SIGTERM, whichever comes first.
+void WaitSeconds(double seconds) {
+    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+    const guint sources[] = {
+        g_timeout_add(static_cast<guint>(std::ceil(seconds * 1000)), &OnSignal, loop),
+        g_unix_signal_add(SIGINT, &OnSignal, loop), g_unix_signal_add(SIGTERM, &OnSignal, loop)};
+    g_main_loop_run(loop);
+    for (const guint source : sources) {
+        g_source_remove(source);
+    }
+    g_main_loop_unref(loop);
+}
+
+// trace --seconds N|--snapshot -o FILE, parsed; seconds 0 for a snapshot.
+struct TraceOptions {
+    double seconds = -1;
+    std::string output;
+};
+
+// False, with a message, when args (after "trace") are not --seconds N|--snapshot -o FILE.
+bool ParseTraceOptions(const std::vector<std::string>& args, TraceOptions* options) {
+    for (size_t i = 0; i < args.size(); ++i) {
+        const bool hasValue = i + 1 < args.size();
+        if (args[i] == "--snapshot" && options->seconds < 0) {
+            options->seconds = 0;
+        } else if (args[i] == "--seconds" && options->seconds < 0 && hasValue) {
+            char* end = nullptr;
+            const char* text = args[++i].c_str();
+            options->seconds = std::strtod(text, &end);
+            if (end == text || *end != '\0' || !(options->seconds > 0) ||
+                options->seconds > kMaxTraceSeconds) {
+                std::fprintf(stderr, "vokctl: --seconds takes a number above 0, at most %.0f\n",
+                             kMaxTraceSeconds);
+                return false;
+            }
+        } else if ((args[i] == "-o" || args[i] == "--output") && options->output.empty() &&
+                   hasValue && !args[i + 1].empty()) {
+            options->output = args[++i];
+        } else {
+            std::fprintf(stderr, "vokctl: unexpected '%s'\n", args[i].c_str());
+            return false;
+        }
+    }
+    if (options->seconds < 0 || options->output.empty()) {
+        std::fprintf(stderr, "vokctl: trace needs --seconds N or --snapshot, and -o FILE\n");
+        return false;
+    }
+    return true;
+}
+
+// Records for options.seconds (the daemon switches recording on and tells its clock; this
+// process waits, so the daemon's loop never does), then fetches what was recorded since, switching
+// recording back as it was, and writes it. A snapshot fetches what the rings hold.
+int Trace(const std::string& daemon, const TraceOptions& options) {
+    json_object* dump = json_object_new_object();
+    int64_t since = 0;
+    if (options.seconds > 0) {
+        Call start;
+        start.keep = true;
+        json_object* on = json_object_new_object();
+        json_object_object_add(on, "enabled", json_object_new_boolean(true));
+        const int status = CallDaemon(daemon, "diag/trace", on, &start);
+        json_object_put(on);
+        since = start.kept != nullptr ? IntMember(start.kept, "clockNs") : -1;
+        const bool wasEnabled = Member(start.kept, "wasEnabled") == "true";
+        json_object_put(start.kept);
+        if (status != kExitOk || since < 0) {
+            json_object_put(dump);
+            return kExitFailed;
+        }
+        std::fprintf(stderr, "vokctl: recording %s for %g s\n", daemon.c_str(), options.seconds);
+        WaitSeconds(options.seconds);
+        json_object_object_add(dump, "enabled", json_object_new_boolean(wasEnabled));
+    }
+    json_object_object_add(dump, "sinceNs", json_object_new_int64(since));
+    std::string trace;
+    const int status = FetchText(daemon, "diag/trace", dump, &trace);
+    if (status != kExitOk) {
+        return status;
+    }
+    if (options.output != "-") {
+        std::fprintf(stderr, "vokctl: %lu bytes of trace in %s (open it in ui.perfetto.dev)\n",
+                     static_cast<unsigned long>(trace.size()), options.output.c_str());
+    }
+    return WriteOutput(options.output, trace, false);
 }
 
 }  // namespace
@@ -327,12 +520,30 @@ int main(int argc, char** argv) {
                      args[0].c_str());
         return kExitNoDaemon;
     }
+    if (args[1] == "trace" && args.size() > 2 && args[2] != "on" && args[2] != "off") {
+        TraceOptions options;
+        if (!ParseTraceOptions(std::vector<std::string>(args.begin() + 2, args.end()), &options)) {
+            Usage(stderr);
+            return kExitUsage;
+        }
+        return Trace(daemon, options);
+    }
+    if (args[1] == "metrics" &&
+        (args.size() == 2 || (args.size() == 4 && args[2] == "--textfile" && !args[3].empty()))) {
+        std::string text;
+        const int status = FetchText(daemon, "diag/metrics", json_object_new_object(), &text);
+        return status != kExitOk ? status
+                                 : WriteOutput(args.size() == 4 ? args[3] : "-", text, true);
+    }
     Call call;
     call.json = json;
     call.command = args[1];
     json_object* payload = json_object_new_object();
     std::string method;
-    if ((call.command == "status" || call.command == "blades") && args.size() == 2) {
+    if (call.command == "trace" && args.size() == 3) {
+        method = "diag/trace";
+        json_object_object_add(payload, "enabled", json_object_new_boolean(args[2] == "on"));
+    } else if ((call.command == "status" || call.command == "blades") && args.size() == 2) {
         method = "diag/blades";
     } else if (call.command == "ports" && args.size() == 2) {
         method = "diag/ports";

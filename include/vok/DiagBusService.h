@@ -1,5 +1,5 @@
-// A daemon's registers, blades, ports and log levels served over the bus, for vokctl and other
-// tools.
+// A daemon's registers, blades, ports, log levels, trace and metrics served over the bus, for
+// vokctl and other tools.
 #ifndef VOK_DIAGBUSSERVICE_H
 #define VOK_DIAGBUSSERVICE_H
 
@@ -16,9 +16,12 @@ class VokShell;
 // ("4g modem" is served as "com.orvex.vok._4g_modem"). Any thread.
 std::string DiagBusServiceName(const std::string& daemonName);
 
-// Serves diag/registers, diag/blades, diag/ports, diag/loglevel and diag/watch on the bus as
-// DiagBusServiceName(shell's daemon name), from a thread and dispatcher of its own, so a
-// blade that hangs does not hide itself. Construct and destroy on one thread (RunDaemon's hooks
+// Serves diag/registers, diag/blades, diag/ports, diag/loglevel, diag/watch, diag/trace
+// (switching the flight recorder, and its events since a time) and diag/metrics (OpenMetrics
+// text) on the bus as DiagBusServiceName(shell's daemon name), from a thread and dispatcher of
+// its own, so a blade that hangs does not hide itself. Long answers come as replies of at most
+// 256 KiB each ({"part":I,"parts":N,"bytes":SIZE,"data":TEXT}), the text of more than one part to
+// a subscribing request only. Construct and destroy on one thread (RunDaemon's hooks
 // do it on the main thread); the shell must outlive the server. Construction starts the thread
 // (a bus that cannot be reached is logged, not thrown); destruction ends every subscription,
 // gives up the bus name and joins the thread.

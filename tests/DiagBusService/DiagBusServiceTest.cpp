@@ -5,13 +5,21 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <fstream>
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "KelvraTestSupport.h"
+#include "support/LogCapture.h"
 #include "support/LoopSupport.h"
+#include "support/OpenMetricsCheck.h"
+#include "support/TraceEventCheck.h"
 #include "vok/DiagBusService.h"
 #include "vok/DiagnosticRegister.h"
 #include "vok/Event.h"
@@ -19,6 +27,7 @@
 #include "vok/MessageMoverFramework.h"
 #include "vok/MessageMoverInterface.h"
 #include "vok/MmCommandPort.h"
+#include "vok/Trace.h"
 #include "vok/VokShell.h"
 
 namespace vok {
@@ -156,6 +165,9 @@ TEST_F(DiagBusServiceTest, RejectsBadRequestsAndKeepsServing) {
              {"diag/registers", "{\"prefix\":7}"},
              {"diag/loglevel", "{\"context\":\"NO.SUCH.CONTEXT\",\"level\":7}"},
              {"diag/loglevel", "{\"context\":\"VOK.DiagBus\",\"level\":8}"},
+             {"diag/trace", "{\"enabled\":1}"},
+             {"diag/trace", "{\"sinceNs\":-1}"},
+             {"diag/metrics", "[]"},
          }) {
         const std::string reply = Call(bad.first, bad.second);
         EXPECT_NE(npos, reply.find("\"returnValue\":false")) << bad.first << " " << bad.second;
@@ -227,6 +239,147 @@ TEST_F(DiagBusServiceTest, VokctlPrintsTablesAndFailsForAMissingDaemon) {
     EXPECT_NE(npos, output.find("6")) << output;
     EXPECT_TRUE(logger.IsEnabled(kLogLevelInfo));
     EXPECT_EQ(2, RunVokctl({"diagtest", "loglevel", "CTLTEST.Sub", "loud"}, &output));
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// The standard output of a shell command line.
+std::string Shell(const std::string& command) {
+    gchar* out = nullptr;
+    g_spawn_command_line_sync(command.c_str(), &out, nullptr, nullptr, nullptr);
+    const std::string text = out != nullptr ? out : "";
+    g_free(out);
+    return text;
+}
+
+// A directory of the test's own, removed with what it holds.
+struct ScratchDir {
+    const std::string made = Shell("mktemp -d");  // "/tmp/tmp.XXXXXXXXXX\n"
+    const std::string dir = made.substr(0, made.size() - 1) + "/";
+    ~ScratchDir() { Shell("rm -rf " + dir); }
+    std::string List() const { return Shell("ls -A " + dir); }  // hidden files too
+};
+
+// A trace of several MB, far above what one bus reply carries, crosses whole in parts (with
+// characters of more than one byte at the cuts), and a recording window leaves recording as it was.
+TEST_F(DiagBusServiceTest, VokctlWritesTracesInPartsAndRestoresRecording) {
+    Watchdog watchdog;
+    const ScratchDir scratch;
+    TraceSetRingEvents(1u << 15);
+    TraceSetEnabled(true);
+    const std::string kMark = "✓✓✓✓✓✓✓✓✓✓✓✓✓";  // most cuts fall inside a character
+    for (int i = 0; i < 30000; ++i) {
+        TraceMark(kMark);
+    }
+    TraceSetEnabled(false);
+    EXPECT_NE(npos, Call("diag/trace", "{\"sinceNs\":0}").find("parts: ask with"));
+    std::string output;
+    const std::string file = scratch.dir + "trace.json";
+    ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--snapshot", "-o", file}, &output)) << output;
+    const std::string json = ReadFile(file);
+    EXPECT_GT(json.size(), 2u * KV_MAX_PAYLOAD_SIZE);
+    TraceCheck check = CheckTraceEvents(json);
+    ASSERT_TRUE(check.Ok()) << check.Report();
+    auto marks = [&]() {
+        return std::count_if(check.events.begin(), check.events.end(),
+                             [&](const TraceEvent& e) { return e.ph == "i" && e.name == kMark; });
+    };
+    EXPECT_EQ(30000, marks());
+
+    // A window of its own holds nothing from before it, and recording is off again after it.
+    ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--seconds", "0.2", "-o", file}, &output));
+    check = CheckTraceEvents(ReadFile(file));
+    EXPECT_TRUE(check.Ok()) << check.Report();
+    EXPECT_EQ(0, marks());
+    EXPECT_FALSE(TraceIsEnabled());
+    EXPECT_EQ(0, RunVokctl({"diagtest", "trace", "on"}, &output));
+    EXPECT_EQ("trace recording on (was off)\n", output);
+    ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--seconds", "0.2", "-o", file}, &output));
+    EXPECT_TRUE(TraceIsEnabled());
+    TraceSetEnabled(false);
+    TraceSetRingEvents(kTraceDefaultRingEvents);
+
+    EXPECT_EQ(2, RunVokctl({"diagtest", "trace", "--seconds", "0", "-o", file}, &output));
+    EXPECT_EQ(2, RunVokctl({"diagtest", "trace", "--snapshot"}, &output));
+    EXPECT_EQ("trace.json\n", scratch.List());
+}
+
+// The exposition passes the format's checker, and --textfile replaces its target so that a
+// reader sees the old content or a whole new one, never a part, and no temporary file remains.
+TEST_F(DiagBusServiceTest, VokctlMetricsAndTextfileNeverHalfWritten) {
+    Watchdog watchdog;
+    DiagnosticRegisterCounter counter("root.metricstest.depth", 3);
+    std::string output;
+    ASSERT_EQ(0, RunVokctl({"diagtest", "metrics"}, &output));
+    const MetricsCheck check = CheckOpenMetrics(output);
+    ASSERT_TRUE(check.Ok()) << check.Report();
+    EXPECT_EQ(3, check.Value("metricstest_depth"));
+    EXPECT_GT(check.Value("process_resident_memory_bytes"), 0);
+
+    const ScratchDir scratch;
+    const std::string path = scratch.dir + "vok.prom";
+    const std::string old = "# TYPE old gauge\nold 1\n# EOF\n";
+    ASSERT_TRUE(g_file_set_contents(path.c_str(), old.c_str(), -1, nullptr));
+    std::atomic<bool> writing(true);
+    std::thread reader([&]() {
+        for (std::string seen; writing;) {
+            seen = ReadFile(path);
+            EXPECT_TRUE(seen == old || CheckOpenMetrics(seen).Ok()) << seen;
+        }
+    });
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(0, RunVokctl({"diagtest", "metrics", "--textfile", path}, &output)) << output;
+    }
+    writing = false;
+    reader.join();
+    EXPECT_TRUE(CheckOpenMetrics(ReadFile(path)).Ok());
+    EXPECT_EQ(
+        1, RunVokctl({"diagtest", "metrics", "--textfile", scratch.dir + "no/such.prom"}, &output));
+    EXPECT_EQ("vok.prom\n", scratch.List());
+}
+
+// Three seconds of vok-demo recorded through vokctl: a valid trace whose messages run as whole
+// flows between the client and echo blades' tracks, each track named after its blade (or the
+// shell, or the diagnostics service's own thread).
+TEST(DemoTraceTest, ThreeSecondsOfTheDemoShowFlowsBetweenClientAndEcho) {
+    Watchdog watchdog(std::chrono::seconds(240));
+    ChildProcess demo;
+    demo.Start({VOK_DEMO}, true, true);
+    ASSERT_TRUE(WaitForService("com.orvex.vok.vok-demo"));
+    for (std::string line = demo.ReadLine(); line.find("round trip #1 ") == std::string::npos;
+         line = demo.ReadLine()) {
+        ASSERT_FALSE(line.empty()) << "vok-demo ended before its first round trip";
+    }
+    const ScratchDir scratch;
+    const std::string path = scratch.dir + "demo.json";
+    std::string output;
+    const int status = RunVokctl({"vok-demo", "trace", "--seconds", "3", "-o", path}, &output);
+    demo.Kill(SIGTERM);
+    demo.ReadAll();
+    EXPECT_EQ(0, demo.Wait());
+    ASSERT_EQ(0, status) << output;
+    const TraceCheck check = CheckTraceEvents(ReadFile(path));
+    ASSERT_TRUE(check.Ok()) << check.Report();
+
+    // The checker has matched each flow's start with its end; here, who talks to whom.
+    const std::set<std::string> tracks{"echo", "client", "alarm", "bus", "VokShell", "diag-bus"};
+    for (const TraceEvent& event : check.events) {
+        EXPECT_TRUE(event.ph == "M" || tracks.count(check.threadNames.at(event.tid))) << event.name;
+    }
+    std::map<std::string, std::string> readers;  // flow id -> the reader's track
+    for (const TraceEvent& end : check.Phase("f")) {
+        readers[end.id] = check.threadNames.at(end.tid);
+    }
+    std::map<std::string, size_t> flows;  // "writer>reader" -> count
+    for (const TraceEvent& start : check.Phase("s")) {
+        ++flows[check.threadNames.at(start.tid) + ">" + readers.at(start.id)];
+    }
+    EXPECT_GE(flows["client>echo"], 1u);
+    EXPECT_GE(flows["echo>client"], 1u);
+    EXPECT_EQ(readers.size(), flows["client>echo"] + flows["echo>client"]);
 }
 
 // A daemon name a bus name cannot hold is still served, under a name vokctl finds from it.

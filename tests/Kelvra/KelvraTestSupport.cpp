@@ -118,17 +118,23 @@ PowerDaemon::PowerDaemon(GMainContext* wake) : wake_(wake) {
     });
     EXPECT_TRUE(WaitForLine("ready"));
     // Ready once it owns its name, as a client's status watch sees it.
+    EXPECT_TRUE(WaitForService("com.orvex.power"));
+}
+
+bool WaitForService(const std::string& serviceName) {
     GMainContext* context = g_main_context_new();
+    bool owned = false;
     {
         Handle observer(context);
         ReplyLog status;
-        EXPECT_TRUE(observer.Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
-                                  "{\"serviceName\":\"com.orvex.power\"}", &status));
-        EXPECT_TRUE(IterateUntil(context, [&]() {
-            return !status.replies.empty() && status.replies.back().Bool("connected");
-        }));
+        owned = observer.Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
+                              "{\"serviceName\":\"" + serviceName + "\"}", &status) &&
+                IterateUntil(context, [&]() {
+                    return !status.replies.empty() && status.replies.back().Bool("connected");
+                });
     }
     g_main_context_unref(context);
+    return owned;
 }
 
 void PowerDaemon::Stop(int signal) {

@@ -57,6 +57,9 @@ class Handle {
     KVHandle* handle_ = nullptr;
 };
 
+// Waits (at most 60 s) until serviceName is owned on the bus; false when it is not by then.
+bool WaitForService(const std::string& serviceName);
+
 // A service served from a dispatcher's loop: each method answers with a function of the request's
 // payload; every request is recorded.
 class FakeService {

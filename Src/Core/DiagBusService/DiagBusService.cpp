@@ -1,22 +1,27 @@
 #include "vok/DiagBusService.h"
 
 #include <json-c/json.h>
+#include <kelvra/kelvra.h>
 #include <ztlog/ztlog.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <memory>
 #include <set>
 #include <utility>
+#include <vector>
 
 #include "vok/Daemon.h"
 #include "vok/DiagnosticRegister.h"
 #include "vok/Logger.h"
 #include "vok/MessageMoverFramework.h"
+#include "vok/Metrics.h"
 #include "vok/RdKvService.h"
 #include "vok/RdTimer.h"
 #include "vok/RuntimeDispatcher.h"
 #include "vok/Thread.h"
+#include "vok/Trace.h"
 #include "vok/VokShell.h"
 
 namespace vok {
@@ -33,6 +38,14 @@ const int kErrBadPayload = 1;
 const int kErrBadContext = 2;
 const int kErrBadLevel = 3;
 const int kErrTooManyWatchers = 4;
+const int kErrTooLarge = 5;
+
+// A long text (a trace runs to megabytes) travels in parts of at most kPartBytes each. Escaping
+// in a JSON string at most doubles a part, so every reply stays within the bus's payload limit.
+const size_t kPartBytes = 256 * 1024;
+static_assert(2 * kPartBytes + 1024 <= KV_MAX_PAYLOAD_SIZE, "a part must fit in one reply");
+// Longest text sent in parts; past it the request gets an error instead of a cut text.
+const size_t kMaxPartedBytes = 64u << 20;
 
 // Owns one json-c reference.
 struct JsonDeleter {
@@ -179,6 +192,56 @@ std::string RegistersReply(const RegisterSnapshot& snapshot) {
     return ToString(reply.get());
 }
 
+// Answers request with text in parts, each cut between UTF-8 characters:
+// {"returnValue":true,"part":I,"parts":N,"bytes":SIZE,"data":"..."}, the last one closing the
+// request. A text of more than one part needs a subscription ("subscribe":true).
+void ReplyInParts(RdKvRequest& request, const std::string& text) {
+    if (text.size() > kMaxPartedBytes) {
+        request.Reply(ErrorReply(kErrTooLarge, std::to_string(text.size()) +
+                                                   " bytes are more than the " +
+                                                   std::to_string(kMaxPartedBytes >> 20) +
+                                                   " MiB a reply carries in parts"));
+        return;
+    }
+    std::vector<size_t> cuts{0};
+    do {
+        size_t cut = std::min(text.size(), cuts.back() + kPartBytes);
+        while (cut < text.size() && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) {
+            --cut;
+        }
+        cuts.push_back(cut);
+    } while (cuts.back() < text.size());
+    const size_t parts = cuts.size() - 1;
+    if (parts > 1 && !request.IsSubscription()) {
+        request.Reply(ErrorReply(kErrTooLarge, "the answer comes in " + std::to_string(parts) +
+                                                   " parts: ask with \"subscribe\":true"));
+        return;
+    }
+    RdKvSubscription subscription;
+    if (request.IsSubscription()) {
+        subscription = request.Subscribe();
+    }
+    for (size_t i = 0; i < parts; ++i) {
+        JsonPtr reply(NewReply());
+        json_object_object_add(reply.get(), "part", json_object_new_int64(static_cast<int64_t>(i)));
+        json_object_object_add(reply.get(), "parts",
+                               json_object_new_int64(static_cast<int64_t>(parts)));
+        json_object_object_add(reply.get(), "bytes",
+                               json_object_new_int64(static_cast<int64_t>(text.size())));
+        json_object_object_add(reply.get(), "data",
+                               json_object_new_string_len(text.data() + cuts[i],
+                                                          static_cast<int>(cuts[i + 1] - cuts[i])));
+        const std::string replyText = ToString(reply.get());
+        const bool last = i + 1 == parts;
+        const bool sent = !subscription.IsOpen() ? request.Reply(replyText)
+                          : last                 ? subscription.ReplyLast(replyText)
+                                                 : subscription.Reply(replyText);
+        if (!sent) {
+            return;  // the client left
+        }
+    }
+}
+
 }  // namespace
 
 std::string DiagBusServiceName(const std::string& daemonName) {
@@ -216,6 +279,7 @@ class DiagBusServiceImpl {
 
   private:
     void ThreadRun(int) {
+        TraceNameThread("diag-bus");
         const std::string name = DiagBusServiceName(shell_.GetDaemonName());
         std::unique_ptr<RdKvService> service;
         try {
@@ -225,6 +289,8 @@ class DiagBusServiceImpl {
             service->AddMethod("diag/ports", [this](RdKvRequest& r) { Ports(r); });
             service->AddMethod("diag/loglevel", &LogLevel);
             service->AddMethod("diag/watch", [this](RdKvRequest& r) { Watch(r); });
+            service->AddMethod("diag/trace", &Trace);
+            service->AddMethod("diag/metrics", [this](RdKvRequest& r) { Metrics(r); });
             logger_.Debug("serving %s", name.c_str());
         } catch (const VokException& e) {
             logger_.Error("cannot serve %s on the bus: %s", name.c_str(), e.what());
@@ -341,6 +407,52 @@ class DiagBusServiceImpl {
         JsonPtr reply(NewReply());
         AddContextLevel(reply.get(), context.c_str(),
                         __atomic_load_n(&ctx->threshold, __ATOMIC_RELAXED));
+        request.Reply(ToString(reply.get()));
+    }
+
+    // diag/metrics: the OpenMetrics exposition of the registers and process figures, in parts.
+    void Metrics(RdKvRequest& request) const {
+        if (!ParseRequest(request)) {
+            request.Reply(ErrorReply(kErrBadPayload, "expected a JSON object"));
+            return;
+        }
+        ReplyInParts(request, MetricsText(shell_.GetDaemonName()));
+    }
+
+    // diag/trace {"enabled":B} switches recording on or off and answers {"returnValue":true,
+    // "enabled":NOW,"wasEnabled":BEFORE,"clockNs":T,"ringEvents":R} (T: the recorder's clock, for
+    // a later "sinceNs"); {} only reads. {"sinceNs":T} (after switching, when "enabled" is there
+    // too) answers the events recorded at or after T as trace-event JSON, in parts.
+    static void Trace(RdKvRequest& request) {
+        JsonPtr payload = ParseRequest(request);
+        json_object* enabled = nullptr;
+        json_object* since = nullptr;
+        const bool switching =
+            payload && json_object_object_get_ex(payload.get(), "enabled", &enabled);
+        const bool dumping = payload && json_object_object_get_ex(payload.get(), "sinceNs", &since);
+        if (!payload || (switching && !json_object_is_type(enabled, json_type_boolean)) ||
+            (dumping &&
+             (!json_object_is_type(since, json_type_int) || json_object_get_int64(since) < 0))) {
+            request.Reply(ErrorReply(
+                kErrBadPayload, "expected {[\"enabled\":boolean][,\"sinceNs\":integer >= 0]}"));
+            return;
+        }
+        const bool wasEnabled = TraceIsEnabled();
+        if (switching) {
+            TraceSetEnabled(json_object_get_boolean(enabled));
+        }
+        if (dumping) {
+            ReplyInParts(request,
+                         TraceSnapshotJson(static_cast<uint64_t>(json_object_get_int64(since))));
+            return;
+        }
+        JsonPtr reply(NewReply());
+        json_object_object_add(reply.get(), "enabled", json_object_new_boolean(TraceIsEnabled()));
+        json_object_object_add(reply.get(), "wasEnabled", json_object_new_boolean(wasEnabled));
+        json_object_object_add(reply.get(), "clockNs",
+                               json_object_new_int64(static_cast<int64_t>(TraceClockNs())));
+        json_object_object_add(reply.get(), "ringEvents",
+                               json_object_new_int64(TraceGetRingEvents()));
         request.Reply(ToString(reply.get()));
     }
 
