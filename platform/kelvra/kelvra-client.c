@@ -524,9 +524,10 @@ bool KVCallCancel(KVHandle* handle, KVMessageToken token, KVError* error) {
                    (unsigned long long)token);
         return false;
     }
-    /* The call stays open when the service cannot be told: it would keep serving it. */
-    if (!TellServiceCancelled(handle, call, error)) {
-        return false;
+    /* The caller may free the reply function's data once this returns, so the call ends here
+     * even when the service cannot be told; the service learns from the connection's loss. */
+    if (!TellServiceCancelled(handle, call, NULL)) {
+        KvCoreFail(handle);
     }
     RemoveCall(handle, call);
     return true;

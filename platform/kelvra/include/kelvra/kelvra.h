@@ -78,12 +78,12 @@
  * Running out of memory
  * ---------------------
  * A function that cannot allocate what it needs on the connection fails with KV_ERROR_BUS and
- * leaves the handle as it was (a KVCall is not made, a KVCallCancel leaves the call open, a
- * subscription whose further reply is not sent stays open). When something the bus or a peer
- * waits for cannot be made or queued (the first or the last reply to a call, a filter or name
- * watch of a new connection, the cancel of an expired call), the handle closes its connection
- * and goes on as after a lost bus: the bus tells the peers, whose calls end instead of waiting
- * forever. Memory GLib allocates is not part of this: GLib aborts when it runs out.
+ * leaves the handle as it was (a KVCall is not made, a subscription whose further reply is not
+ * sent stays open). When something the bus or a peer waits for cannot be made or queued (the
+ * first or the last reply to a call, a filter or name watch of a new connection, the cancel of a
+ * call), the handle closes its connection and goes on as after a lost bus: the bus tells the
+ * peers, whose calls end instead of waiting forever. Memory GLib allocates is not part of this:
+ * GLib aborts when it runs out.
  */
 #ifndef KELVRA_KELVRA_H
 #define KELVRA_KELVRA_H
@@ -210,8 +210,8 @@ KELVRA_EXPORT bool KVCallWithTimeout(KVHandle* handle, const char* uri, const ch
                                      uint32_t timeoutMs, KVReplyFunc replyFunc, void* userData,
                                      KVMessageToken* token, KVError* error);
 /* Ends an open call: no reply is delivered after this returns, and the service learns of the
- * cancel. KV_ERROR_NO_SUCH_CALL when the call has already ended; KV_ERROR_BUS, with the call
- * still open, when the cancel cannot be sent. */
+ * cancel (from the connection's loss when the cancel cannot be sent). KV_ERROR_NO_SUCH_CALL when
+ * the call has already ended. */
 KELVRA_EXPORT bool KVCallCancel(KVHandle* handle, KVMessageToken token, KVError* error);
 
 /* The JSON text of a reply or request, owned by the message; NULL for a NULL message. */
