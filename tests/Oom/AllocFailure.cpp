@@ -1,5 +1,4 @@
-// The sweep program's allocator: counts, fails and records as AllocFailure.h says, and otherwise
-// hands every request to the C library's allocator (in sanitizer builds, the sanitizer's).
+// The sweep program's allocator (see AllocFailure.h); otherwise the C library's or sanitizer's.
 #include "AllocFailure.h"
 
 #include <dlfcn.h>
@@ -49,9 +48,7 @@ std::atomic<const void*> gFirstFailureCaller{nullptr};
 __thread bool tArmed = false;
 // Set while the C library works for GLib (g_strdup_printf's vasprintf): its requests are GLib's.
 __thread bool tForGlib = false;
-
-// Where GLib is loaded (from its first to the end of its last segment): requests made from
-// there are not counted.
+// Where GLib is loaded: requests made from there are not counted.
 uintptr_t gGlibBegin = UINTPTR_MAX, gGlibEnd = 0;
 
 int CollectGlib(struct dl_phdr_info* info, size_t, void*) {
@@ -81,8 +78,8 @@ bool Counts(const void* caller) {
     return !FromGlib(caller);
 }
 
-// Open-addressing set of the recorded blocks in memory of its own (mmap), so recording allocates
-// nothing; the slots ever used are listed for a cheap reset.
+// Open-addressing set of the recorded blocks in mmap'ed memory (recording allocates nothing);
+// the slots ever used are listed for a cheap reset.
 struct Slot {
     uintptr_t block;  // 0: never used; 1: freed.
     const void* caller;
@@ -124,7 +121,6 @@ void Record(void* block, size_t size, const void* caller) {
     ++gLive;
 }
 
-// Drops block from the set; true when it was recorded.
 bool Forget(void* block) {
     if (block == nullptr || gSlots == nullptr) {
         return false;
@@ -154,14 +150,13 @@ bool NextFails(const void* caller) {
     return true;
 }
 
-// The common path of every allocating entry: counts, fails or allocates, records.
 template <typename Allocate>
 void* Obtain(size_t size, const void* caller, Allocate allocate) {
     if (!Counts(caller)) {
         return allocate();
     }
     if (NextFails(caller)) {
-        errno = ENOMEM;  // As the C library's allocator says it.
+        errno = ENOMEM;
         return nullptr;
     }
     void* block = allocate();
@@ -262,7 +257,7 @@ std::string DescribeFirstFailure() {
 }
 
 std::string DescribeLiveBlocks(size_t limit) {
-    // Copied out first: formatting allocates, and freeing under the slot lock would deadlock.
+    // Copied out first: formatting allocates, and freeing under the lock would deadlock.
     Slot found[32];
     size_t count = 0;
     {
@@ -293,8 +288,7 @@ using namespace vok::test::oom;
 #define VOK_OOM_CALLER __builtin_return_address(0)
 
 #if VOK_OOM_REPLACES_MALLOC
-// GLib formats through the C library's vasprintf (fortified: __vasprintf_chk) and aborts when
-// that runs out of memory, as g_malloc does: its requests are not counted.
+// GLib formats through vasprintf (fortified: __vasprintf_chk) and aborts when that fails.
 template <typename... Args>
 static int FormatFor(const void* caller, const char* name, Args... args) {
     using Format = int (*)(Args...);
@@ -362,7 +356,6 @@ int posix_memalign(void** result, size_t alignment, size_t size) {
     return 0;
 }
 
-// GLib's formatting, see FormatFor.
 int vasprintf(char** result, const char* format, va_list args) {
     return FormatFor(VOK_OOM_CALLER, "vasprintf", result, format, args);
 }
@@ -374,7 +367,6 @@ int __vasprintf_chk(char** result, int flag, const char* format, va_list args) {
 }  // extern "C"
 #endif
 
-// Every form of operator new and delete, single and array.
 #define VOK_OOM_NEW(alignment, nothrow, ...)                       \
     void* operator new(__VA_ARGS__) noexcept(nothrow) {            \
         return NewBlock(size, alignment, VOK_OOM_CALLER, nothrow); \

@@ -1,11 +1,8 @@
-// Allocation-failure injection for the out-of-memory sweeps, linked into the sweep program only:
-// it replaces malloc and its relatives, free and every global operator new and delete. Armed, it
-// numbers the counted requests from 1 and fails the chosen ones (NULL, ENOMEM or std::bad_alloc),
-// and records every block a counted request obtained until it is freed.
-// Counted: the arming thread's requests (kCallingThread) or every thread's (kAllThreads); never
-// GLib's, nor what the C library formats for GLib (g_malloc and g_strdup_printf abort on failure
-// by design). A failed malloc sets errno to ENOMEM. Sanitizer builds own malloc, so there only
-// operator new and delete are counted.
+// Allocation-failure injection for the sweep program: replaces malloc and its relatives and every
+// global operator new and delete. Armed, it numbers the counted requests from 1, fails the chosen
+// ones (NULL and ENOMEM, or std::bad_alloc) and records each block obtained until it is freed.
+// Never counted: GLib's requests (which abort on failure by design). Sanitizer builds count only
+// operator new and delete.
 #ifndef VOK_TESTS_OOM_ALLOCFAILURE_H
 #define VOK_TESTS_OOM_ALLOCFAILURE_H
 
@@ -29,12 +26,11 @@ uint64_t Disarm();
 uint64_t InjectedFailures();
 // Blocks obtained by counted requests since the last Arm and not freed yet.
 size_t LiveBlocks();
-// At most limit lines, one per live block: size and the allocating caller.
+// At most limit lines: size and allocating caller of each live block.
 std::string DescribeLiveBlocks(size_t limit);
 // The caller of the first injected failure since the last Arm, or "none".
 std::string DescribeFirstFailure();
-// False in sanitizer builds, which count operator new and delete only.
-bool CountsMalloc();
+bool CountsMalloc();  // False in sanitizer builds.
 
 }  // namespace oom
 }  // namespace test

@@ -18,7 +18,6 @@ namespace test {
 namespace oom {
 namespace {
 
-// Defects reported per scenario before its sweep stops.
 constexpr int kDefectsReported = 5;
 
 char gRunInProgress[256];  // What the crash handler prints.
@@ -48,7 +47,6 @@ std::string DefaultClassify() {
     return "";
 }
 
-// The failing indices one mode sweeps.
 std::vector<uint64_t> Points(uint64_t total, uint64_t sample) {
     if (const char* only = std::getenv("VOK_OOM_ONLY")) {
         return {std::strtoull(only, nullptr, 10)};
@@ -76,9 +74,8 @@ int OpenDescriptors() {
     return dir != nullptr ? count : -1;
 }
 
-// The descriptor count once it equals expected (libraries may close descriptors on a thread of
-// their own shortly after the call), or after 2 s; with expected -1, once two readings 20 ms
-// apart agree.
+// The descriptor count once it equals expected (libraries may close descriptors late), or after
+// 2 s; with expected -1, once two readings 20 ms apart agree.
 int SettledDescriptors(int expected) {
     int count = OpenDescriptors();
     for (int i = 0; i < 400 && count != expected; ++i) {
@@ -102,7 +99,7 @@ int FailureCount() {
     return failures;
 }
 
-// One run with the given failures; false (and a gtest failure) on a defect.
+// False (and a gtest failure) on a defect.
 bool RunOnce(const Scenario& scenario, uint64_t k, uint32_t failCount, int descriptors,
              uint64_t* documentedErrors) {
     const char* mode = failCount == 1              ? "transient"
@@ -156,8 +153,7 @@ void Sweep(const Scenario& scenario) {
     for (int signal : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL}) {
         ::signal(signal, OnFatalSignal);
     }
-    // Warm-up: first-use caches of the libraries are filled before anything is counted.
-    scenario.run();
+    scenario.run();  // Warm-up: first-use caches are filled before anything is counted.
     if (scenario.check) {
         scenario.check();
     }

@@ -1,9 +1,7 @@
-// The allocation-failure sweep: runs a scenario once to count its allocation requests N, then once
-// per request k with k failing (transient), with k and every later one failing (persistent), and
-// with runs of 2, 3 and 4 failures from k. Each run must complete or end in a documented error,
-// leave no block and no descriptor behind, pass the scenario's check, and not kill the process.
-// VOK_OOM_FULL=1 (make oom) sweeps every k; otherwise larger scenarios are sampled evenly.
-// VOK_OOM_ONLY=k runs the failures from request k only (to reproduce one finding).
+// Runs a scenario once to count its allocation requests, then per request k with k failing
+// (transient), k and all later ones failing (persistent), and runs of 2, 3 and 4 from k. Each run
+// completes or ends in a documented error, leaks no block or descriptor and passes the check.
+// VOK_OOM_FULL=1 (make oom) sweeps every k, else larger scenarios are sampled; VOK_OOM_ONLY=k.
 #ifndef VOK_TESTS_OOM_OOMSWEEP_H
 #define VOK_TESTS_OOM_OOMSWEEP_H
 
@@ -26,20 +24,19 @@ struct Scenario {
     std::string name;
     // The operations under test; whatever it creates it destroys before returning or throwing.
     std::function<void()> run;
-    // Called in the catch block of the exception that ended a run: empty when it is documented,
-    // else what is wrong. Default: std::bad_alloc, VokResourceException and DocumentedError.
+    // In the catch block of a run's exception: empty when documented, else what is wrong.
+    // Default: std::bad_alloc, VokResourceException and DocumentedError.
     std::function<std::string()> classify;
     // Unarmed, after every run: framework counters and a normal operation (gtest assertions).
     std::function<void()> check;
     // Blocks a run may leave on purpose; none when empty.
     std::function<size_t()> kept;
     ArmScope scope = ArmScope::kCallingThread;
-    // Points swept per mode outside a full sweep, when the scenario has more (runs of 2-4: a
-    // quarter of it each).
+    // Points swept per mode outside a full sweep (runs of 2-4: a quarter each).
     uint64_t sampledPoints = 120;
 };
 
-// Sweeps scenario, reports every defect as a gtest failure naming the run, prints a summary.
+// Reports every defect as a gtest failure naming the run; prints a summary.
 void Sweep(const Scenario& scenario);
 
 }  // namespace oom
