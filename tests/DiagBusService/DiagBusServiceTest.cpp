@@ -63,17 +63,14 @@ class DiagBusServiceTest : public ::testing::Test {
         server_.reset(new DiagBusService(*shell_));
         shell_->StartUp();
         client_.reset(new Handle(context_));
-        // The server requests its name from its own thread's loop: wait until the bus reports
-        // it owned (a call sent before then finds no service).
-        ReplyLog status;
+        ReplyLog status;  // A call sent before the bus reports the name owned finds no service.
         ASSERT_TRUE(client_->Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
                                   "{\"serviceName\":\"com.orvex.vok.diagtest\"}", &status));
         ASSERT_TRUE(IterateUntil(context_, [&]() {
             return !status.replies.empty() && status.replies.back().Bool("connected");
         }));
         KVCallCancel(client_->get(), status.token, nullptr);
-        blade_.running.Wait();  // the blade is in Run (and stuck there) before anything is asked
-        EXPECT_NE(npos, Call("diag/blades", "{}").find("stuck"));
+        blade_.running.Wait();
     }
 
     void TearDown() override {
@@ -112,22 +109,16 @@ TEST_F(DiagBusServiceTest, AnswersWhileABladeIsStuck) {
     counter.Inc();
     counter.Set(2);
     DiagnosticRegisterString text("root.diagtest.name", "alpha");
-    DiagnosticRegisterCounter other("root.other.count", 1);
 
     const std::string registers = Call("diag/registers", "{\"prefix\":\"root.diagtest.\"}");
     EXPECT_NE(npos, registers.find("\"root.diagtest.count\":{\"value\":2,\"low\":2,\"high\":6}"))
         << registers;
     EXPECT_NE(npos, registers.find("\"root.diagtest.name\":{\"value\":\"alpha\"}")) << registers;
-    EXPECT_EQ(npos, registers.find("root.other")) << registers;
 
     const std::string blades = Call("diag/blades", "{}");
     EXPECT_NE(npos, blades.find("{\"name\":\"stuck\",\"state\":\"running\",\"busyMs\":")) << blades;
-    EXPECT_NE(npos, blades.find("\"msgsLeakedByUser\":0")) << blades;
-    const size_t tid = blades.find("\"threadId\":");
-    ASSERT_NE(npos, tid) << blades;
-    EXPECT_NE('0', blades[tid + 11]) << blades;
 
-    // A service port with one message waiting, beside the shell's control connection.
+    // A service port with one message waiting.
     MessageMoverInterface* iface = shell_->GetMmFramework().CreateInterface("diag-client");
     MmCommandPort* port = iface->CreateCommandServicePort(4242);
     MmCommandMessageHandle msg;
@@ -139,16 +130,11 @@ TEST_F(DiagBusServiceTest, AnswersWhileABladeIsStuck) {
                                std::to_string(port->GetAddress()) +
                                ",\"serviceId\":4242,\"peer\":0,\"queued\":1}"))
         << ports;
-    EXPECT_NE(npos, ports.find("{\"interface\":\"blade_stuck\"")) << ports;
     iface->DiscardCommandPort(port);
     shell_->GetMmFramework().DiscardInterface(iface);
 
     const Logger logger("DIAG.T");
     const Logger child("DIAG.T.Child");
-
-    EXPECT_NE(npos, Call("diag/loglevel", "{\"context\":\"DIAG.T\",\"level\":7}")
-                        .find("\"level\":7,\"levelName\":\"debug\""));
-    EXPECT_NE(npos, Call("diag/loglevel", "{\"context\":\"DIAG.T\"}").find("\"level\":7"));
     // A level by name, applied to the context and to those under it.
     EXPECT_NE(
         npos,
@@ -157,17 +143,12 @@ TEST_F(DiagBusServiceTest, AnswersWhileABladeIsStuck) {
     EXPECT_NE(npos, contexts.find("{\"context\":\"DIAG.T\",\"level\":3,\"levelName\":\"err\"}"))
         << contexts;
     EXPECT_NE(npos, contexts.find("{\"context\":\"DIAG.T.Child\",\"level\":3,")) << contexts;
-}
 
-TEST_F(DiagBusServiceTest, RejectsBadRequestsAndKeepsServing) {
+    // Bad requests are refused, and the service keeps serving.
     for (const auto& bad : std::vector<std::pair<std::string, std::string>>{
              {"diag/nosuch", "{}"},
-             {"diag/registers", "{\"prefix\":7}"},
-             {"diag/loglevel", "{\"context\":\"NO.SUCH.CONTEXT\",\"level\":7}"},
              {"diag/loglevel", "{\"context\":\"VOK.DiagBus\",\"level\":8}"},
-             {"diag/trace", "{\"enabled\":1}"},
              {"diag/trace", "{\"sinceNs\":-1}"},
-             {"diag/metrics", "[]"},
          }) {
         const std::string reply = Call(bad.first, bad.second);
         EXPECT_NE(npos, reply.find("\"returnValue\":false")) << bad.first << " " << bad.second;
@@ -224,23 +205,6 @@ int RunVokctl(const std::vector<std::string>& args, std::string* output) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-TEST_F(DiagBusServiceTest, VokctlPrintsTablesAndFailsForAMissingDaemon) {
-    DiagnosticRegisterCounter counter("root.ctltest.count", 42);
-    std::string output;
-    EXPECT_EQ(0, RunVokctl({"diagtest", "registers", "root.ctltest."}, &output));
-    EXPECT_NE(npos, output.find("root.ctltest.count  42     42   42")) << output;
-    EXPECT_EQ(0, RunVokctl({"list"}, &output));
-    EXPECT_EQ("diagtest\n", output);
-    EXPECT_EQ(3, RunVokctl({"nosuch", "status"}, &output));
-    EXPECT_EQ(2, RunVokctl({"diagtest", "frobnicate"}, &output));
-    // Levels by syslog name.
-    const Logger logger("CTLTEST.Sub");
-    EXPECT_EQ(0, RunVokctl({"diagtest", "loglevel", "CTLTEST.Sub", "info"}, &output)) << output;
-    EXPECT_NE(npos, output.find("6")) << output;
-    EXPECT_TRUE(logger.IsEnabled(kLogLevelInfo));
-    EXPECT_EQ(2, RunVokctl({"diagtest", "loglevel", "CTLTEST.Sub", "loud"}, &output));
-}
-
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path);
     return std::string(std::istreambuf_iterator<char>(in), {});
@@ -255,7 +219,6 @@ std::string Shell(const std::string& command) {
     return text;
 }
 
-// A directory of the test's own, removed with what it holds.
 struct ScratchDir {
     const std::string made = Shell("mktemp -d");  // "/tmp/tmp.XXXXXXXXXX\n"
     const std::string dir = made.substr(0, made.size() - 1) + "/";
@@ -263,8 +226,8 @@ struct ScratchDir {
     std::string List() const { return Shell("ls -A " + dir); }  // hidden files too
 };
 
-// A trace of several MB, far above what one bus reply carries, crosses whole in parts (with
-// characters of more than one byte at the cuts), and a recording window leaves recording as it was.
+// A trace of several MB crosses whole in parts (multi-byte characters at the cuts), and a
+// recording window leaves recording as it was.
 TEST_F(DiagBusServiceTest, VokctlWritesTracesInPartsAndRestoresRecording) {
     Watchdog watchdog;
     const ScratchDir scratch;
@@ -275,7 +238,6 @@ TEST_F(DiagBusServiceTest, VokctlWritesTracesInPartsAndRestoresRecording) {
         TraceMark(kMark);
     }
     TraceSetEnabled(false);
-    EXPECT_NE(npos, Call("diag/trace", "{\"sinceNs\":0}").find("parts: ask with"));
     std::string output;
     const std::string file = scratch.dir + "trace.json";
     ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--snapshot", "-o", file}, &output)) << output;
@@ -289,35 +251,39 @@ TEST_F(DiagBusServiceTest, VokctlWritesTracesInPartsAndRestoresRecording) {
     };
     EXPECT_EQ(30000, marks());
 
-    // A window of its own holds nothing from before it, and recording is off again after it.
+    // A window holds nothing from before it, and recording is off again after it.
     ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--seconds", "0.2", "-o", file}, &output));
     check = CheckTraceEvents(ReadFile(file));
     EXPECT_TRUE(check.Ok()) << check.Report();
     EXPECT_EQ(0, marks());
     EXPECT_FALSE(TraceIsEnabled());
     EXPECT_EQ(0, RunVokctl({"diagtest", "trace", "on"}, &output));
-    EXPECT_EQ("trace recording on (was off)\n", output);
     ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--seconds", "0.2", "-o", file}, &output));
     EXPECT_TRUE(TraceIsEnabled());
     TraceSetEnabled(false);
     TraceSetRingEvents(kTraceDefaultRingEvents);
-
-    EXPECT_EQ(2, RunVokctl({"diagtest", "trace", "--seconds", "0", "-o", file}, &output));
-    EXPECT_EQ(2, RunVokctl({"diagtest", "trace", "--snapshot"}, &output));
     EXPECT_EQ("trace.json\n", scratch.List());
 }
 
-// The exposition passes the format's checker, and --textfile replaces its target so that a
-// reader sees the old content or a whole new one, never a part, and no temporary file remains.
-TEST_F(DiagBusServiceTest, VokctlMetricsAndTextfileNeverHalfWritten) {
+// vokctl's tables and levels; --textfile replaces its target atomically (old or whole new
+// content) and leaves no temporary.
+TEST_F(DiagBusServiceTest, VokctlTablesMetricsAndTextfileNeverHalfWritten) {
     Watchdog watchdog;
     DiagnosticRegisterCounter counter("root.metricstest.depth", 3);
+    DiagnosticRegisterCounter ctl("root.ctltest.count", 42);
     std::string output;
+    EXPECT_EQ(0, RunVokctl({"diagtest", "registers", "root.ctltest."}, &output));
+    EXPECT_NE(npos, output.find("root.ctltest.count  42     42   42")) << output;
+    EXPECT_EQ(0, RunVokctl({"list"}, &output));
+    EXPECT_EQ("diagtest\n", output);
+    EXPECT_EQ(3, RunVokctl({"nosuch", "status"}, &output));
+    const Logger logger("CTLTEST.Sub");
+    EXPECT_EQ(0, RunVokctl({"diagtest", "loglevel", "CTLTEST.Sub", "info"}, &output)) << output;
+    EXPECT_TRUE(logger.IsEnabled(kLogLevelInfo));
     ASSERT_EQ(0, RunVokctl({"diagtest", "metrics"}, &output));
     const MetricsCheck check = CheckOpenMetrics(output);
     ASSERT_TRUE(check.Ok()) << check.Report();
     EXPECT_EQ(3, check.Value("metricstest_depth"));
-    EXPECT_GT(check.Value("process_resident_memory_bytes"), 0);
 
     const ScratchDir scratch;
     const std::string path = scratch.dir + "vok.prom";
@@ -336,14 +302,10 @@ TEST_F(DiagBusServiceTest, VokctlMetricsAndTextfileNeverHalfWritten) {
     writing = false;
     reader.join();
     EXPECT_TRUE(CheckOpenMetrics(ReadFile(path)).Ok());
-    EXPECT_EQ(
-        1, RunVokctl({"diagtest", "metrics", "--textfile", scratch.dir + "no/such.prom"}, &output));
     EXPECT_EQ("vok.prom\n", scratch.List());
 }
 
-// Three seconds of vok-demo recorded through vokctl: a valid trace whose messages run as whole
-// flows between the client and echo blades' tracks, each track named after its blade (or the
-// shell, or the diagnostics service's own thread).
+// Three seconds of vok-demo through vokctl: whole flows between the client and echo blades' tracks.
 TEST(DemoTraceTest, ThreeSecondsOfTheDemoShowFlowsBetweenClientAndEcho) {
     Watchdog watchdog(std::chrono::seconds(240));
     ChildProcess demo;
@@ -364,7 +326,6 @@ TEST(DemoTraceTest, ThreeSecondsOfTheDemoShowFlowsBetweenClientAndEcho) {
     const TraceCheck check = CheckTraceEvents(ReadFile(path));
     ASSERT_TRUE(check.Ok()) << check.Report();
 
-    // The checker has matched each flow's start with its end; here, who talks to whom.
     const std::set<std::string> tracks{"echo", "client", "alarm", "bus", "VokShell", "diag-bus"};
     for (const TraceEvent& event : check.events) {
         EXPECT_TRUE(event.ph == "M" || tracks.count(check.threadNames.at(event.tid))) << event.name;
