@@ -42,7 +42,7 @@ class TraceRecorderTest : public testing::Test {
     }
     void TearDown() override { SetUp(); }
 
-    // What the rings hold from this test for one thread, one track per ring.
+    // This test's non-empty tracks of thread tid (0: all).
     std::vector<TraceTrack> Tracks(pid_t tid) {
         std::vector<TraceTrack> all;
         std::vector<TraceTrack> selected;
@@ -62,19 +62,15 @@ class TraceRecorderTest : public testing::Test {
 TEST_F(TraceRecorderTest, SitesRecordNothingAndAllocateNoRingWhileOff) {
     std::thread thread([] {
         TraceMessageWritten(TraceBegin(), 1, 4, 1, 0, 49152, 49153);
-        TraceMessageRead(TraceBegin(), 1, 4, 1, 0, 49152, 49153);
         { TraceCallbackScope scope(kCbAlarm); }
         TraceAsyncBegin(kAsyncBusCall, 1, "kelvra://a/b/c", 100);
-        TraceAsyncEnd(kAsyncBusCall, 1, 0);
         TraceInstant(kInstBladeStart, 0, "blade");
-        TraceMark("mark");
     });
     thread.join();
     EXPECT_TRUE(Tracks(0).empty());
 }
 
-// What the rings keep beyond the message path: a callback left by an exception still ends its
-// slice; an async end whose begin is not in the rings is left out; an open begin stays open.
+// A callback left by an exception ends its slice; an async end without its begin is left out.
 TEST_F(TraceRecorderTest, CallbacksCallsAndInstantsMakeAValidTimeline) {
     TraceSetEnabled(true);
     try {
@@ -99,9 +95,8 @@ TEST_F(TraceRecorderTest, CallbacksCallsAndInstantsMakeAValidTimeline) {
     EXPECT_EQ("{\"blade\":\"echo\"}", check.Phase("i")[0].args);
 }
 
-// A read that began (blocked on the queue's lock) before the write that fed it: its flow end
-// still comes after the flow's start and inside the read's slice. A read whose write is not in
-// the rings has no flow end.
+// A read that began (blocked on the queue's lock) before its write still ends the flow after its
+// start; a read whose write is not in the rings has no flow end.
 TEST_F(TraceRecorderTest, FlowEndFollowsItsStartWhenTheReadBeganFirst) {
     TraceSetEnabled(true);
     const uint64_t readBegin = TraceClockNs() - 10000000;
@@ -117,8 +112,7 @@ TEST_F(TraceRecorderTest, FlowEndFollowsItsStartWhenTheReadBeganFirst) {
     EXPECT_EQ(1, ends);
 }
 
-// Four threads overwrite rings of 64 while the test thread copies them out: every copy holds
-// whole records (value and text from one store), consecutive and newest last.
+// Rings of 64 overwritten by four threads while dumped: only whole records, in order.
 TEST_F(TraceRecorderTest, DumpsRacingOverwritingWritersSeeOnlyWholeRecords) {
     TraceSetRingEvents(64);
     TraceSetEnabled(true);
@@ -133,7 +127,6 @@ TEST_F(TraceRecorderTest, DumpsRacingOverwritingWritersSeeOnlyWholeRecords) {
         writers.emplace_back([&, w] {
             tids[w] = Tid();
             ready.fetch_add(1);
-            // At least two laps of the ring, and on until the dumps are done.
             int64_t seq = 1;
             for (; seq <= 128 || dumps.load() < kDumps; ++seq) {
                 TraceInstant(kInstTimerLate, seq, std::to_string(seq).c_str());
@@ -186,11 +179,8 @@ TEST_F(TraceRecorderTest, RetiredRingsStayDumpableUpToTheirLimit) {
     ASSERT_EQ(kTraceMaxRetiredRings, kept.size());
     EXPECT_EQ("gone-8", kept.front());
 
-    // A new ring size replaces a live ring at its next event; the old one is retired, still
-    // dumpable, and the thread keeps one name.
+    // A new ring size retires the live ring at its next event; the thread keeps one name.
     EXPECT_EQ(128u, (TraceSetRingEvents(100), TraceGetRingEvents()));
-    EXPECT_EQ(kTraceMinRingEvents, (TraceSetRingEvents(1), TraceGetRingEvents()));
-    EXPECT_EQ(kTraceMaxRingEvents, (TraceSetRingEvents(UINT32_MAX), TraceGetRingEvents()));
     TraceSetRingEvents(64);
     TraceNameThread("resized");
     for (int i = 0; i < 100; ++i) {
@@ -228,8 +218,6 @@ TEST_F(TraceRecorderTest, FilesHoldTheirWindowAndFaultDumpsOnlyRecordings) {
     ASSERT_TRUE(check.Ok()) << check.Report();
     ASSERT_EQ(1u, check.Phase("i").size());
     EXPECT_EQ("inside", check.Phase("i")[0].name);
-    EXPECT_FALSE(TraceWriteSnapshot(std::string(dir) + "/missing/trace.json", 0, &error));
-    EXPECT_NE(std::string::npos, error.find("/missing/")) << error;
     unlink(path.c_str());
 
     setenv("VOK_TRACE_DIR", dir, 1);
@@ -238,14 +226,13 @@ TEST_F(TraceRecorderTest, FilesHoldTheirWindowAndFaultDumpsOnlyRecordings) {
     const std::string fault = TraceDumpForFault("blade stuck");
     unsetenv("VOK_TRACE_DIR");
     EXPECT_EQ(0u, fault.find(std::string(dir) + "/vok-trace-")) << fault;
-    EXPECT_NE(std::string::npos, fault.find("-blade_stuck-")) << fault;
     check = CheckFile(fault);
     EXPECT_TRUE(check.Ok()) << check.Report();
     unlink(fault.c_str());
     EXPECT_EQ(0, rmdir(dir));  // Nothing else was left there.
 }
 
-// Runs with VOK_TRACE=1 and VOK_TRACE_BUFFER=100 as a test of its own (see CMakeLists.txt).
+// Runs with VOK_TRACE=1 and VOK_TRACE_BUFFER=100 (see CMakeLists.txt).
 TEST(TraceEnvironmentTest, SettingsApplyFromLibraryLoad) {
     if (std::getenv("VOK_TRACE") == nullptr) {
         GTEST_SKIP() << "runs with VOK_TRACE=1 only";
