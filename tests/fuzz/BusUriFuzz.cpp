@@ -1,7 +1,5 @@
-// Bus URIs (first line): one that parses rebuilds from its parts, and its method splits into the
-// same parts. Error payloads (the rest): strict JSON carrying the text and the code unchanged. The
-// rest read as a request payload is an object for the library's reader exactly when it is one for
-// json-c's strict parser, with the same "subscribe" and "serviceName" members.
+// First line: a parsed bus URI rebuilds from its parts. The rest: error payloads are strict JSON
+// with the text and code unchanged; as a request payload, read as json-c's strict parser reads it.
 #include <gio/gio.h>
 #include <kelvra/kelvra.h>
 #include <pthread.h>
@@ -49,7 +47,6 @@ void Uri(const std::string& uri) {
 }
 
 void ErrorPayload(int code, const std::string& text) {
-    // Error texts are UTF-8, as D-Bus error messages are.
     if (!g_utf8_validate(text.c_str(), -1, nullptr)) {
         return;
     }

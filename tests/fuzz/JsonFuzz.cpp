@@ -1,8 +1,5 @@
-// JsonToken reading and writing, against json-c. The input as a document: JsonToken accepts it
-// exactly when the strict grammar check and json-c's strict tokener with UTF-8 validation both
-// do, and then writes the same text as json-c writes for json-c's value. The input as a string
-// value, and its first bytes as a double: what can be built is written as json-c writes it. All
-// that is written parses to the same value and writes back to the same text.
+// JsonToken against json-c: the input as a document (accepted exactly when the grammar check and
+// json-c's strict tokener both do, and written as json-c writes it), as a string and as a double.
 #include <glib.h>
 #include <json-c/json.h>
 
@@ -28,8 +25,7 @@ json_object* Cjson(const vok::JsonToken& token) {
     std::abort();
 }
 
-// What token writes is what json-c writes for the same value; it parses to an equal value that
-// writes back to the same text.
+// Written as json-c writes it; parses to an equal value that writes back the same.
 void CheckReadsBack(const vok::JsonToken& token) {
     const std::string written = token.GenerateJsonEncodingAndPeek();
     if (written != json_object_to_json_string(Cjson(token))) {
@@ -89,7 +85,6 @@ void String(const std::string& text) {
     try {
         CheckReadsBack(token);
     } catch (const std::invalid_argument&) {
-        // Only what is not UTF-8 may be refused.
         if (g_utf8_validate(text.c_str(), -1, nullptr)) {
             Fail("a UTF-8 string was refused", text);
         }
