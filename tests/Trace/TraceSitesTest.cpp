@@ -91,14 +91,6 @@ TEST_F(TraceSitesTest, MessageIsAFlowFromItsWritersThreadToItsReaders) {
         EXPECT_EQ(kVokErrNone, a->WriteMessage(msg, nullptr));
     });
     writer.join();
-    std::string addresses;
-    for (const MmPortInfo& port : framework->ListPorts()) {
-        if (port.queueDepth == 1) {  // The reading end, holding the message.
-            addresses = ",\"source\":" + std::to_string(port.peerAddress) +
-                        ",\"dest\":" + std::to_string(port.address) + "}";
-        }
-    }
-    ASSERT_FALSE(addresses.empty());
     MmConnectionMessageHandle msg;
     ASSERT_EQ(kVokErrNone, b->ReadMessage(&msg));
     iface->FreeMessage(msg);
@@ -120,12 +112,11 @@ TEST_F(TraceSitesTest, MessageIsAFlowFromItsWritersThreadToItsReaders) {
         ++slices;
         const bool write = slice.tid == writerTid;
         EXPECT_EQ(write ? "write 10/7" : "read 10/7", slice.name);
-        EXPECT_EQ("{\"protocol\":10,\"msg_id\":7,\"size\":24" + addresses, slice.args);
     }
     EXPECT_EQ(2, slices);
 }
 
-TEST_F(TraceSitesTest, TimerCallbackThatBlocksIsOneLongSliceOnItsNamedTrack) {
+TEST_F(TraceSitesTest, TimerCallbackThatBlocksIsOneLongSlice) {
     const std::chrono::milliseconds kBlock(200);
     long loopTid = 0;
     std::thread loop([&] {
