@@ -34,7 +34,7 @@ namespace vok {
 namespace test {
 namespace {
 
-// A blade stuck in Run until released: the diagnostics service must answer all the same.
+// Stuck in Run until released: the diagnostics service must answer all the same.
 class StuckBlade : public ServiceBlade, public VokBladeLoaderInterface {
   public:
     Event running;  // Signalled once Run has been entered.
@@ -54,8 +54,8 @@ class StuckBlade : public ServiceBlade, public VokBladeLoaderInterface {
     std::string name_ = "stuck";
 };
 
-// A shell with the stuck blade, its diagnostics service and a bus client on a context of the
-// test's own, on the program's private bus, which each test leaves restarted and empty.
+// A shell with the stuck blade, its diagnostics service and a bus client; the private bus is
+// restarted after each test.
 class DiagBusServiceTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -63,13 +63,7 @@ class DiagBusServiceTest : public ::testing::Test {
         server_.reset(new DiagBusService(*shell_));
         shell_->StartUp();
         client_.reset(new Handle(context_));
-        ReplyLog status;  // A call sent before the bus reports the name owned finds no service.
-        ASSERT_TRUE(client_->Call("kelvra://com.orvex.kelvrabus/signal/registerServerStatus",
-                                  "{\"serviceName\":\"com.orvex.vok.diagtest\"}", &status));
-        ASSERT_TRUE(IterateUntil(context_, [&]() {
-            return !status.replies.empty() && status.replies.back().Bool("connected");
-        }));
-        KVCallCancel(client_->get(), status.token, nullptr);
+        ASSERT_TRUE(WaitForService("com.orvex.vok.diagtest"));  // Else a call finds no service.
         blade_.running.Wait();
     }
 
