@@ -140,11 +140,6 @@ TEST_F(TraceSitesTest, TimerCallbackThatBlocksIsOneLongSlice) {
         }
     }
     EXPECT_EQ(1, timers);
-    int late = 0;
-    for (const test::TraceEvent& instant : check.Phase("i")) {
-        late += instant.tid == loopTid && instant.name == "timer late";
-    }
-    EXPECT_EQ(1, late);
 }
 
 // The alarm falls back to its timer (no power service on the test bus).
