@@ -54,8 +54,7 @@ class StuckBlade : public ServiceBlade, public VokBladeLoaderInterface {
     std::string name_ = "stuck";
 };
 
-// A shell with the stuck blade, its diagnostics service and a bus client; the private bus is
-// restarted after each test.
+// A shell with the stuck blade and its diagnostics service; the bus restarts after each test.
 class DiagBusServiceTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -98,7 +97,7 @@ class DiagBusServiceTest : public ::testing::Test {
     std::unique_ptr<Handle> client_;
 };
 
-TEST_F(DiagBusServiceTest, AnswersWhileABladeIsStuck) {
+TEST_F(DiagBusServiceTest, AnswersAndWatchesWhileABladeIsStuck) {
     DiagnosticRegisterCounter counter("root.diagtest.count", 5);
     counter.Inc();
     counter.Set(2);
@@ -147,9 +146,8 @@ TEST_F(DiagBusServiceTest, AnswersWhileABladeIsStuck) {
         EXPECT_NE(npos, reply.find("\"errorCode\"")) << reply;
     }
     EXPECT_NE(npos, Call("diag/blades", "{}").find("\"returnValue\":true"));
-}
 
-TEST_F(DiagBusServiceTest, WatchSendsOnlyChangedRegisters) {
+    // A watch sends only changed registers; watchers are bounded.
     DiagnosticRegisterCounter steady("root.watchtest.steady", 1);
     DiagnosticRegisterCounter moving("root.watchtest.moving", 1);
     const std::string uri = "kelvra://com.orvex.vok.diagtest/diag/watch";
@@ -169,7 +167,7 @@ TEST_F(DiagBusServiceTest, WatchSendsOnlyChangedRegisters) {
     EXPECT_EQ(npos, changed.find("steady")) << changed;
     KVCallCancel(client_->get(), log.token, nullptr);
 
-    // Watchers are bounded: of 20 more, the ones past the limit are refused.
+    // Of 20 more watchers, the ones past the limit are refused.
     std::vector<ReplyLog> more(20);
     for (ReplyLog& each : more) {
         ASSERT_TRUE(client_->Call(uri, watch, &each));
@@ -218,9 +216,8 @@ struct ScratchDir {
     std::string List() const { return Shell("ls -A " + dir); }  // hidden files too
 };
 
-// A trace of several MB crosses whole in parts (multi-byte characters at the cuts), and a
-// recording window leaves recording as it was.
-TEST_F(DiagBusServiceTest, VokctlWritesTracesInPartsAndRestoresRecording) {
+// A trace of several MB crosses whole in parts; a recording window leaves recording as it was.
+TEST_F(DiagBusServiceTest, VokctlTracesTablesAndMetrics) {
     Watchdog watchdog;
     const ScratchDir scratch;
     TraceSetRingEvents(1u << 15);
@@ -255,15 +252,10 @@ TEST_F(DiagBusServiceTest, VokctlWritesTracesInPartsAndRestoresRecording) {
     TraceSetEnabled(false);
     TraceSetRingEvents(kTraceDefaultRingEvents);
     EXPECT_EQ("trace.json\n", scratch.List());
-}
 
-// vokctl's tables and levels; --textfile replaces its target atomically (old or whole new
-// content) and leaves no temporary.
-TEST_F(DiagBusServiceTest, VokctlTablesMetricsAndTextfileNeverHalfWritten) {
-    Watchdog watchdog;
+    // Tables; --textfile replaces its target atomically and leaves no temporary.
     DiagnosticRegisterCounter counter("root.metricstest.depth", 3);
     DiagnosticRegisterCounter ctl("root.ctltest.count", 42);
-    std::string output;
     EXPECT_EQ(0, RunVokctl({"diagtest", "registers", "root.ctltest."}, &output));
     EXPECT_NE(npos, output.find("root.ctltest.count  42     42   42")) << output;
     EXPECT_EQ(0, RunVokctl({"list"}, &output));
@@ -273,12 +265,11 @@ TEST_F(DiagBusServiceTest, VokctlTablesMetricsAndTextfileNeverHalfWritten) {
     EXPECT_EQ(0, RunVokctl({"diagtest", "loglevel", "CTLTEST.Sub", "info"}, &output)) << output;
     EXPECT_TRUE(logger.IsEnabled(kLogLevelInfo));
     ASSERT_EQ(0, RunVokctl({"diagtest", "metrics"}, &output));
-    const MetricsCheck check = CheckOpenMetrics(output);
-    ASSERT_TRUE(check.Ok()) << check.Report();
-    EXPECT_EQ(3, check.Value("metricstest_depth"));
-
-    const ScratchDir scratch;
-    const std::string path = scratch.dir + "vok.prom";
+    const MetricsCheck metrics = CheckOpenMetrics(output);
+    ASSERT_TRUE(metrics.Ok()) << metrics.Report();
+    EXPECT_EQ(3, metrics.Value("metricstest_depth"));
+    const ScratchDir promDir;
+    const std::string path = promDir.dir + "vok.prom";
     const std::string old = "# TYPE old gauge\nold 1\n# EOF\n";
     ASSERT_TRUE(g_file_set_contents(path.c_str(), old.c_str(), -1, nullptr));
     std::atomic<bool> writing(true);
@@ -294,7 +285,7 @@ TEST_F(DiagBusServiceTest, VokctlTablesMetricsAndTextfileNeverHalfWritten) {
     writing = false;
     reader.join();
     EXPECT_TRUE(CheckOpenMetrics(ReadFile(path)).Ok());
-    EXPECT_EQ("vok.prom\n", scratch.List());
+    EXPECT_EQ("vok.prom\n", promDir.List());
 }
 
 // Three seconds of vok-demo through vokctl: whole flows between the client and echo blades' tracks.

@@ -44,8 +44,7 @@ TEST(JsonTokenTest, NestingStopsWhereJsonCStops) {
     EXPECT_FALSE(token.ParseJsonString(nested(32, "1").c_str()));
 }
 
-// Doubles as json-c writes them: 17 significant digits, and always with a '.' or an exponent.
-// The text stays where it is while the value does not change.
+// Doubles as json-c writes them; the text stays where it is while the value does not change.
 TEST(JsonTokenTest, DoublesAreWrittenInFullAndTheTextIsKeptWhileTheValueIs) {
     JsonToken array;
     array.MakeArray();
@@ -119,8 +118,7 @@ TEST(JsonTokenTest, StoringAndGivingUpMoveOwnership) {
     EXPECT_EQ(9.0, other.NumberGetValue());
 }
 
-// Numbers used to be doubles only: 2^53+1 came back as 2^53, and uint32_t or int64_t arguments
-// were ambiguous calls.
+// Numbers were doubles only: 2^53+1 came back as 2^53, and int64_t arguments were ambiguous.
 TEST(JsonTokenTest, IntegersAreExactOver64BitsInAndOut) {
     const char* kDocument =
         "[ 9007199254740993, -9223372036854775808, 9223372036854775807, 18446744073709551615, "

@@ -78,8 +78,7 @@ bool Counts(const void* caller) {
     return !FromGlib(caller);
 }
 
-// Open-addressing set of the recorded blocks in mmap'ed memory (recording allocates nothing);
-// the slots ever used are listed for a cheap reset.
+// Recorded blocks: an open-addressing set in mmap'ed memory, used slots listed for the reset.
 struct Slot {
     uintptr_t block;  // 0: never used; 1: freed.
     const void* caller;

@@ -1,8 +1,6 @@
-// Allocation-failure injection for the sweep program: replaces malloc and its relatives and every
-// global operator new and delete. Armed, it numbers the counted requests from 1, fails the chosen
-// ones (NULL and ENOMEM, or std::bad_alloc) and records each block obtained until it is freed.
-// Never counted: GLib's requests (which abort on failure by design). Sanitizer builds count only
-// operator new and delete.
+// Replaces malloc and operator new: armed, it numbers the counted requests from 1, fails the chosen
+// ones and records the blocks obtained until freed. GLib's requests (which abort on failure) are
+// never counted; sanitizer builds count only operator new and delete.
 #ifndef VOK_TESTS_OOM_ALLOCFAILURE_H
 #define VOK_TESTS_OOM_ALLOCFAILURE_H
 

@@ -74,8 +74,7 @@ int OpenDescriptors() {
     return dir != nullptr ? count : -1;
 }
 
-// The descriptor count once it equals expected (libraries may close descriptors late), or after
-// 2 s; with expected -1, once two readings 20 ms apart agree.
+// The descriptor count once it equals expected or after 2 s; for -1, once two readings agree.
 int SettledDescriptors(int expected) {
     int count = OpenDescriptors();
     for (int i = 0; i < 400 && count != expected; ++i) {

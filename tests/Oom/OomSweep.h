@@ -1,7 +1,6 @@
-// Runs a scenario once to count its allocation requests, then per request k with k failing
-// (transient), k and all later ones failing (persistent), and runs of 2, 3 and 4 from k. Each run
-// completes or ends in a documented error, leaks no block or descriptor and passes the check.
-// VOK_OOM_FULL=1 (make oom) sweeps every k, else larger scenarios are sampled; VOK_OOM_ONLY=k.
+// Fails each allocation request k of a scenario once, for good and in runs of 2-4: every run
+// ends well or in a documented error, leaks nothing and passes the check. VOK_OOM_FULL=1 sweeps
+// every k (else large scenarios are sampled); VOK_OOM_ONLY=k runs one.
 #ifndef VOK_TESTS_OOM_OOMSWEEP_H
 #define VOK_TESTS_OOM_OOMSWEEP_H
 

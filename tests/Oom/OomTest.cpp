@@ -107,8 +107,7 @@ void ExpectNoMessages() {
     EXPECT_EQ(Outstanding(), 0);
 }
 
-// The injector's failure patterns and malloc's failures (other threads and GLib passed through
-// are shown by the sweeps: a failure there ends the process).
+// The injector's failure patterns and malloc's failures.
 TEST_F(OomTest, InjectorFailsTheChosenRequests) {
     auto pattern = [](uint32_t failCount) {  // Requests 2.. of five fail as failCount says.
         std::string outcome;
@@ -189,8 +188,7 @@ TEST_F(OomTest, ParseRunningOutOfMemoryIsNotTheDocumentNull) {
     });
 }
 
-// json-c's parser answered a failed allocation with a string emptied, a value missing or a crash
-// on the name; a growing object table lost the name's copy.
+// json-c's parser emptied a string, lost a value or a name's copy, or crashed on a failure.
 TEST_F(OomTest, ParsedStringsAndNamesAreWholeOrBadAlloc) {
     SweepBadAlloc("json parse (objects, strings)", [] {
         JsonToken document;
@@ -355,8 +353,7 @@ TEST_F(OomTest, DispatcherTimerAndDescriptorMonitor) {
     Finally stop##framework(                                                                     \
         [framework] { MessageMoverFramework::StopMessageMoverFramework(framework); })
 
-// Ports and messages created, duplicated, written, read and freed, one left queued for the
-// discard; afterwards a new framework carries a message and none is outstanding.
+// Ports and messages, one left queued for the discard; afterwards a framework still works.
 TEST_F(OomTest, MessagePath) {
     Scenario path;
     path.name = "message path";
@@ -437,8 +434,7 @@ TEST_F(OomTest, MessagePath) {
     Sweep(path);
 }
 
-// A large message whose table of live large blocks cannot grow fails and keeps no block. (The
-// table never shrinks, so a sweep would meet its growth only once.)
+// The table of large blocks never shrinks, so a sweep would meet its failing growth only once.
 TEST_F(OomTest, LargeMessageWhoseTableCannotGrowKeepsNoBlock) {
     MessageMoverFramework* framework = MessageMoverFramework::StartMessageMoverFramework("oom");
     MessageMoverInterface* iface = framework->CreateInterface("oomLarge");
@@ -545,8 +541,7 @@ class SweepBlade : public ServiceBlade, public VokBladeLoaderInterface {
     std::string name_;
 };
 
-// The shell with two blades. Only this thread's allocations fail: an exception on the shell's
-// or a blade's thread ends the process by design.
+// Only this thread's allocations fail: an exception on a shell or blade thread ends the process.
 TEST_F(OomTest, Shell) {
     Scenario shell;
     shell.name = "shell";
@@ -568,8 +563,7 @@ TEST_F(OomTest, Shell) {
     Sweep(shell);
 }
 
-// The bus library on the private bus: a service and a client call, subscribe (two replies),
-// cancel, and follow and cancel the service's status. Only this process's requests fail.
+// A service and a client on the private bus: call, subscribe, cancel, follow the status.
 struct BusRun {
     KVHandle* service = nullptr;
     KVHandle* client = nullptr;

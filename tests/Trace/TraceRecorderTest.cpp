@@ -95,8 +95,7 @@ TEST_F(TraceRecorderTest, CallbacksCallsAndInstantsMakeAValidTimeline) {
     EXPECT_EQ("{\"blade\":\"echo\"}", check.Phase("i")[0].args);
 }
 
-// A read that began (blocked on the queue's lock) before its write still ends the flow after its
-// start; a read whose write is not in the rings has no flow end.
+// A read that began before its write still ends the flow after its start.
 TEST_F(TraceRecorderTest, FlowEndFollowsItsStartWhenTheReadBeganFirst) {
     TraceSetEnabled(true);
     const uint64_t readBegin = TraceClockNs() - 10000000;
