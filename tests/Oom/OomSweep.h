@@ -23,8 +23,7 @@ struct Scenario {
     std::string name;
     // The operations under test; whatever it creates it destroys before returning or throwing.
     std::function<void()> run;
-    // In the catch block of a run's exception: empty when documented, else what is wrong.
-    // Default: std::bad_alloc, VokResourceException and DocumentedError.
+    // Empty when a run's exception is documented (default: bad_alloc, VokResource, Documented).
     std::function<std::string()> classify;
     // Unarmed, after every run: framework counters and a normal operation (gtest assertions).
     std::function<void()> check;

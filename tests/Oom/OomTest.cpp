@@ -81,7 +81,6 @@ void SweepBadAlloc(const char* name, std::function<void()> run,
 // What a scenario's clean-up threw, kept without allocating; reported by the scenario's check.
 char gCleanupFailure[256];
 
-// Runs f when the scope ends, however it ends.
 template <typename F>
 struct Finally {
     F f;
@@ -140,7 +139,6 @@ TEST_F(OomTest, InjectorFailsTheChosenRequests) {
     std::free(block);
 }
 
-// Builds {"serviceName":"com.orvex.power","count":3,"on":true,"array":[1.5,"two",null]}.
 void BuildJson(JsonToken* built) {
     built->MakeObject();
     built->ObjectSetStringPair("serviceName", "com.orvex.power");
@@ -347,7 +345,6 @@ TEST_F(OomTest, DispatcherTimerAndDescriptorMonitor) {
     Sweep(dispatcher);
 }
 
-// A framework started for a scenario, stopped however the scenario ends.
 #define VOK_OOM_FRAMEWORK(framework)                                                             \
     MessageMoverFramework* framework = MessageMoverFramework::StartMessageMoverFramework("oom"); \
     Finally stop##framework(                                                                     \
