@@ -88,8 +88,7 @@ json_object* StrictObject(const std::string& text) {
     return object;
 }
 
-// Whether text has a number outside its strings: json-c takes numbers RFC 8259 refuses (-.25,
-// NaN, Infinity), the library's reader does not.
+// A number outside strings: json-c takes some RFC 8259 refuses (-.25, NaN), the reader does not.
 bool HasNumber(const std::string& text) {
     bool inString = false;
     for (size_t i = 0; i < text.size(); ++i) {
@@ -120,8 +119,7 @@ void RequestPayload(const std::string& text) {
     if (!read && object != nullptr && !HasNumber(text)) {
         Fail("a JSON object was refused", text);
     }
-    // json-c cuts keys at a \u0000 ("serviceName\u0000" finds "serviceName"); the reader
-    // does not.
+    // json-c cuts keys at a \u0000; the reader does not.
     if (!read || text.find("\\u0000") != std::string::npos) {
         json_object_put(object);
         return;
