@@ -449,6 +449,10 @@ int Trace(const std::string& daemon, const TraceOptions& options) {
         start.keep = true;
         json_object* on = json_object_new_object();
         json_object_object_add(on, "enabled", json_object_new_boolean(true));
+        // The daemon ends the window itself should this process die before closing it.
+        json_object_object_add(
+            on, "windowSeconds",
+            json_object_new_int64(static_cast<int64_t>(std::ceil(options.seconds))));
         const int status = CallDaemon(daemon, "diag/trace", on, &start);
         json_object_put(on);
         since = start.kept != nullptr ? IntMember(start.kept, "clockNs") : -1;

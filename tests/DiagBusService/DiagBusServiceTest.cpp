@@ -246,6 +246,13 @@ TEST_F(DiagBusServiceTest, VokctlTracesTablesAndMetrics) {
     ASSERT_EQ(0, RunVokctl({"diagtest", "trace", "--seconds", "0.2", "-o", file}, &output));
     EXPECT_TRUE(TraceIsEnabled());
     TraceSetEnabled(false);
+    // A window its caller never closes (vokctl killed) ends by itself, as recording was before.
+    const LogCapture log;
+    EXPECT_NE(
+        npos,
+        Call("diag/trace", "{\"enabled\":true,\"windowSeconds\":0}").find("\"wasEnabled\":false"));
+    EXPECT_TRUE(log.WaitFor("a trace window was not closed by its caller"));
+    EXPECT_FALSE(TraceIsEnabled());
     TraceSetRingEvents(kTraceDefaultRingEvents);
     EXPECT_EQ("trace.json\n", scratch.List());
 

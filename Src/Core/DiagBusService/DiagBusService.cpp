@@ -32,6 +32,9 @@ const char* const kServicePrefix = "com.orvex.vok.";
 const unsigned kWatchPeriodMs = 1000;
 // Each watcher costs a snapshot a second; a client that opens more gets an error reply.
 const size_t kMaxWatchers = 16;
+// A recording window's longest length, and how long after its end its closing call may come.
+const int64_t kMaxWindowSeconds = 86400;
+const unsigned kWindowGraceMs = 2000;
 
 // Error codes of the diagnostics replies.
 const int kErrBadPayload = 1;
@@ -267,7 +270,8 @@ class DiagBusServiceImpl {
         : logger_("VOK.DiagBus"),
           shell_(shell),
           thread_("diag-bus", this, &DiagBusServiceImpl::ThreadRun, 0),
-          watchTimer_(dispatcher_, [this]() { WatchTick(); }) {
+          watchTimer_(dispatcher_, [this]() { WatchTick(); }),
+          windowTimer_(dispatcher_, [this]() { EndForgottenWindow(); }) {
         thread_.Start();
     }
 
@@ -289,7 +293,7 @@ class DiagBusServiceImpl {
             service->AddMethod("diag/ports", [this](RdKvRequest& r) { Ports(r); });
             service->AddMethod("diag/loglevel", &LogLevel);
             service->AddMethod("diag/watch", [this](RdKvRequest& r) { Watch(r); });
-            service->AddMethod("diag/trace", &Trace);
+            service->AddMethod("diag/trace", [this](RdKvRequest& r) { Trace(r); });
             service->AddMethod("diag/metrics", [this](RdKvRequest& r) { Metrics(r); });
             logger_.Debug("serving %s", name.c_str());
         } catch (const VokException& e) {
@@ -297,6 +301,7 @@ class DiagBusServiceImpl {
         }
         dispatcher_.Run();
         watchTimer_.Cancel();
+        windowTimer_.Cancel();
         for (auto& watcher : watchers_) {
             watcher.second.subscription.ReplyLast("{\"returnValue\":true,\"stopped\":true}");
         }
@@ -423,22 +428,47 @@ class DiagBusServiceImpl {
     // "enabled":NOW,"wasEnabled":BEFORE,"clockNs":T,"ringEvents":R} (T: the recorder's clock, for
     // a later "sinceNs"); {} only reads. {"sinceNs":T} (after switching, when "enabled" is there
     // too) answers the events recorded at or after T as trace-event JSON, in parts.
-    static void Trace(RdKvRequest& request) {
+    // {"enabled":true,"windowSeconds":W} opens a recording window whose closing call is expected
+    // within W seconds: when none comes (its caller was killed), recording goes back to what it
+    // was shortly after, instead of staying on for good. Any other switch closes the window.
+    void Trace(RdKvRequest& request) {
         JsonPtr payload = ParseRequest(request);
         json_object* enabled = nullptr;
         json_object* since = nullptr;
+        json_object* window = nullptr;
         const bool switching =
             payload && json_object_object_get_ex(payload.get(), "enabled", &enabled);
         const bool dumping = payload && json_object_object_get_ex(payload.get(), "sinceNs", &since);
+        const bool opening =
+            payload && json_object_object_get_ex(payload.get(), "windowSeconds", &window);
         if (!payload || (switching && !json_object_is_type(enabled, json_type_boolean)) ||
             (dumping &&
-             (!json_object_is_type(since, json_type_int) || json_object_get_int64(since) < 0))) {
-            request.Reply(ErrorReply(
-                kErrBadPayload, "expected {[\"enabled\":boolean][,\"sinceNs\":integer >= 0]}"));
+             (!json_object_is_type(since, json_type_int) || json_object_get_int64(since) < 0)) ||
+            (opening &&
+             (!switching || !json_object_get_boolean(enabled) ||
+              !json_object_is_type(window, json_type_int) || json_object_get_int64(window) < 0 ||
+              json_object_get_int64(window) > kMaxWindowSeconds))) {
+            request.Reply(ErrorReply(kErrBadPayload,
+                                     "expected {[\"enabled\":boolean[,\"windowSeconds\":0.."
+                                     "86400 with true]][,\"sinceNs\":integer >= 0]}"));
             return;
         }
         const bool wasEnabled = TraceIsEnabled();
         if (switching) {
+            if (opening) {
+                // Concurrent windows end together, at the latest one's end, as they were before
+                // the first.
+                if (!windowOpen_) {
+                    windowOpen_ = true;
+                    windowRestore_ = wasEnabled;
+                }
+                windowTimer_.Schedule(static_cast<unsigned int>(json_object_get_int64(window)) *
+                                          1000 +
+                                      kWindowGraceMs);
+            } else {
+                windowOpen_ = false;
+                windowTimer_.Cancel();
+            }
             TraceSetEnabled(json_object_get_boolean(enabled));
         }
         if (dumping) {
@@ -454,6 +484,13 @@ class DiagBusServiceImpl {
         json_object_object_add(reply.get(), "ringEvents",
                                json_object_new_int64(TraceGetRingEvents()));
         request.Reply(ToString(reply.get()));
+    }
+
+    void EndForgottenWindow() {
+        windowOpen_ = false;
+        TraceSetEnabled(windowRestore_);
+        logger_.Warning("a trace window was not closed by its caller; recording switched %s",
+                        windowRestore_ ? "on" : "off");
     }
 
     // diag/watch {"prefix":P}: the registers now, then those that changed, at most once a second.
@@ -519,6 +556,10 @@ class DiagBusServiceImpl {
     // Member order: the loop objects go before the dispatcher they were made against.
     RuntimeDispatcher dispatcher_;
     RdTimerBase watchTimer_;
+    // A recording window opened by a caller that has not closed it, and the state to go back to.
+    RdTimerBase windowTimer_;
+    bool windowOpen_ = false;
+    bool windowRestore_ = false;
     std::map<uint64_t, Watcher> watchers_;  // Open diag/watch subscriptions, by id.
     uint64_t lastWatcherId_ = 0;
 };
