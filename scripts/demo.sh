@@ -10,14 +10,7 @@ set -euo pipefail
 build=$1
 seconds=${DEMO_SECONDS:-10}
 read -r -a wrapper <<<"${DEMO_WRAPPER:-}"
-work=$(mktemp -d)
-pids=()
-
-cleanup() {
-    stop_processes "${pids[@]}"
-    rm -rf "$work"
-}
-trap cleanup EXIT
+open_workspace
 trap 'exit 130' INT TERM
 
 say() { printf '\n=== %s\n' "$*"; }

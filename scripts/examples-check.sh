@@ -11,13 +11,7 @@ build=$(realpath "$1")
 source_dir=$(realpath "${2:-$(dirname "$0")/..}")
 # shellcheck source=scripts/private-bus.sh
 . "$source_dir/scripts/private-bus.sh"
-work=$(mktemp -d)
-pids=()
-cleanup() {
-    stop_processes "${pids[@]}"
-    rm -rf "$work"
-}
-trap cleanup EXIT
+open_workspace
 prefix="$work/prefix"
 cmake --install "$build" --prefix "$prefix" >/dev/null
 

@@ -42,3 +42,11 @@ stop_processes() {
         wait "$pid" 2>/dev/null || true
     done
 }
+
+# open_workspace sets work (a scratch directory) and pids (children for stop_processes); when the
+# script exits, the children are stopped and the directory removed.
+open_workspace() {
+    work=$(mktemp -d)
+    pids=()
+    trap 'stop_processes "${pids[@]}"; rm -rf "$work"' EXIT
+}

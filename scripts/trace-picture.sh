@@ -10,13 +10,7 @@ set -euo pipefail
 build=$1
 png=$2
 vokctl=$build/apps/vokctl/vokctl
-work=$(mktemp -d)
-pids=()
-cleanup() {
-    stop_processes "${pids[@]}"
-    rm -rf "$work"
-}
-trap cleanup EXIT
+open_workspace
 
 start_private_bus "$work"
 pids+=("$PRIVATE_BUS_PID")

@@ -24,7 +24,6 @@
 
 #include "Src/Utils/Linux/AtomicFile.h"
 #include "vok/DiagBusService.h"
-#include "vok/Metrics.h"
 #include "vok/Version.h"
 
 namespace {
@@ -372,7 +371,7 @@ int FetchText(const std::string& daemon, const std::string& method, json_object*
 }
 
 // Writes text to path ("-": standard output), replacing a file atomically.
-int WriteOutput(const std::string& path, const std::string& text, bool metrics) {
+int WriteOutput(const std::string& path, const std::string& text) {
     std::string error;
     if (path == "-") {
         return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
@@ -380,8 +379,7 @@ int WriteOutput(const std::string& path, const std::string& text, bool metrics) 
                    ? kExitOk
                    : kExitFailed;
     }
-    if (!(metrics ? vok::MetricsWriteTextfileContent(path, text, &error)
-                  : vok::WriteFileAtomically(path, text, &error))) {
+    if (!vok::WriteFileAtomically(path, text, &error)) {
         std::fprintf(stderr, "vokctl: %s\n", error.c_str());
         return kExitFailed;
     }
@@ -476,7 +474,7 @@ int Trace(const std::string& daemon, const TraceOptions& options) {
         std::fprintf(stderr, "vokctl: %lu bytes of trace in %s (open it in ui.perfetto.dev)\n",
                      static_cast<unsigned long>(trace.size()), options.output.c_str());
     }
-    return WriteOutput(options.output, trace, false);
+    return WriteOutput(options.output, trace);
 }
 
 }  // namespace
@@ -536,8 +534,7 @@ int main(int argc, char** argv) {
         (args.size() == 2 || (args.size() == 4 && args[2] == "--textfile" && !args[3].empty()))) {
         std::string text;
         const int status = FetchText(daemon, "diag/metrics", json_object_new_object(), &text);
-        return status != kExitOk ? status
-                                 : WriteOutput(args.size() == 4 ? args[3] : "-", text, true);
+        return status != kExitOk ? status : WriteOutput(args.size() == 4 ? args[3] : "-", text);
     }
     Call call;
     call.json = json;

@@ -219,7 +219,9 @@ bool RdKvRequestImpl::Send(const char* text, bool last) {
     // A reply closes a plain request, a last reply a subscription; a refusal as closed means the
     // client or the bus ended it first.
     if (!subscribed_ || last || code == KV_ERROR_CLOSED) {
-        EndTrace(error.result ? KvReplyErrorCode(text) : code);
+        if (traceId_ != 0) {  // the reply is scanned for its code only while it is recorded
+            EndTrace(error.result ? KvReplyErrorCode(text) : code);
+        }
         open_ = false;
         if (subscribed_) {
             service_->ForgetSubscription(message_);
